@@ -1,0 +1,40 @@
+# SPDX-License-Identifier: MIT
+# Flags of our own code, kept off the consumers: everything hangs on core_manage_flags (private).
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+option(CORE_MANAGE_WERROR "Turn compiler warnings into errors" OFF)
+set(CORE_MANAGE_SANITIZE "" CACHE STRING "Value for -fsanitize, for instance address,undefined or thread")
+option(CORE_MANAGE_COVERAGE "Measure test coverage" OFF)
+
+add_library(core_manage_flags INTERFACE)
+target_compile_options(core_manage_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<BOOL:${CORE_MANAGE_WERROR}>:-Werror>)
+target_compile_definitions(core_manage_flags INTERFACE QT_NO_KEYWORDS QT_NO_FOREACH)
+
+if(CORE_MANAGE_SANITIZE)
+    target_compile_options(core_manage_flags INTERFACE
+        -fsanitize=${CORE_MANAGE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(core_manage_flags INTERFACE -fsanitize=${CORE_MANAGE_SANITIZE})
+else()
+    target_compile_options(core_manage_flags INTERFACE
+        -fstack-protector-strong -fstack-clash-protection
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+    target_link_options(core_manage_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+    include(CheckCXXCompilerFlag)
+    check_cxx_compiler_flag(-fcf-protection CORE_MANAGE_HAS_CF_PROTECTION)
+    if(CORE_MANAGE_HAS_CF_PROTECTION)
+        target_compile_options(core_manage_flags INTERFACE -fcf-protection)
+    endif()
+endif()
+if(CORE_MANAGE_COVERAGE)
+    target_compile_options(core_manage_flags INTERFACE --coverage)
+    target_link_options(core_manage_flags INTERFACE --coverage)
+endif()

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "model_protocoldata.h"
+
+#include <QByteArray>
+#include <QString>
+
+/// The device's frames, both directions. Pure functions: no state, no I/O, any thread.
+///
+/// Text frame, host to device; the reply has 'F' for 'T' and no block of its own:
+///
+/// | offset | size | content                                                                 |
+/// |--------|------|-------------------------------------------------------------------------|
+/// | 0      | 1    | '<'                                                                     |
+/// | 1      | 1    | 'T' (command) or 'F' (reply)                                            |
+/// | 2      | 16   | HEAD ADDR CMD DAT1 DAT2 DAT3 DAT4 CHKSUM, two hexadecimal digits each   |
+/// | 18     | 1    | '>'                                                                     |
+/// | 19     | n    | the block, raw                                                          |
+///
+/// Binary frame, both directions, high byte first:
+///
+/// | offset | size | content                                                                 |
+/// |--------|------|-------------------------------------------------------------------------|
+/// | 0      | 2    | aux1 when encoding, decoded into aux2                                   |
+/// | 2      | 1    | ADDR                                                                    |
+/// | 3      | 1    | aux3                                                                    |
+/// | 4      | 2    | aux4                                                                    |
+/// | 6      | 2    | aux5                                                                    |
+/// | 8      | 2    | block length modulo 65536, decoded into aux6                            |
+/// | 10     | 5    | CMD DAT1 DAT2 DAT3 DAT4                                                 |
+/// | 15     | 1    | CHKSUM                                                                  |
+/// | 16     | n    | the block, raw, if the length at offset 8 is not 0                      |
+///
+/// CHKSUM is the sum of the bytes before it in the body or head, modulo 256; the block is not
+/// covered.
+namespace commandframe
+{
+
+constexpr int textLength = 19;   ///< a text frame without block
+constexpr int binaryLength = 16; ///< a binary frame without block
+constexpr int bodyLength = 8;
+constexpr int digitsOffset = 2; ///< where the body's digits begin
+constexpr int digitsLength = 2 * bodyLength;
+constexpr char startMark = '<';
+constexpr char commandMark = 'T';
+constexpr char replyMark = 'F';
+constexpr char endMark = '>';
+
+/// The text frame of a record, its checksum computed.
+QByteArray encodeText(const model_Protocoldata& record);
+
+/// '<', 'T', two lower-case hexadecimal digits for each byte, '>'.
+QByteArray toText(const QByteArray& bytes);
+
+/// The binary frame of a record, its checksum and block length computed.
+QByteArray encodeBinary(const model_Protocoldata& record);
+
+/// Decodes the digits of a text reply into a record that is default-constructed but for the body.
+/// Neither length nor marks are looked at; what is missing reads as the text functions of Qt read
+/// it: the digits are 8-bit local text up to the first zero byte, each two characters are parsed as
+/// QString::toInt(base 16) parses them, and what does not parse is 0. Returns false, with \a record
+/// holding what was decoded, if the last pair is not the checksum of the seven before it.
+bool decodeText(const QByteArray& frame, model_Protocoldata& record);
+
+/// The digits of a text reply as text, for messages.
+QString digitsOf(const QByteArray& frame);
+
+/// Decodes the head of a binary reply into a record that is default-constructed but for the head's
+/// fields; bytes beyond the end read as 0. Returns false, with \a record holding what was decoded,
+/// if the checksum is wrong.
+bool decodeBinary(const QByteArray& head, model_Protocoldata& record);
+
+} // namespace commandframe

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+#include "corefactory.h"
+
+#include "core_udp.h"
+#include "icoreosdbase.h"
+
+ICoreBase* CoreFactory::iCORE = nullptr;
+ICoreOsdBase* CoreFactory::iOsdCore = nullptr;
+
+ICoreBase* CoreFactory::creatCoreObj(ConnType type)
+{
+    // iCORE keeps the destroyed object's address until the new one is made: hosts compare it.
+    delete iCORE;
+    iCORE = creatCoreObjInstance(type);
+    return iCORE;
+}
+
+ICoreOsdBase* CoreFactory::createOsdCoreObj(ConnOsdType type)
+{
+    delete iOsdCore;
+    iOsdCore = nullptr;
+    iOsdCore = creatCoreObjInstance(type);
+    return iOsdCore;
+}
+
+ICoreBase* CoreFactory::creatCoreObjInstance(ConnType type)
+{
+    switch (type) {
+    case ConnUsb:
+    case ConnSerial:
+    case ConnVelaSerial:
+        return nullptr;
+    case ConnUdp:
+        break;
+    }
+    return new core_UDP;
+}
+
+ICoreOsdBase* CoreFactory::creatCoreObjInstance(ConnOsdType /*type*/)
+{
+    return nullptr;
+}

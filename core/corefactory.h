@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "core_manage_export.h"
+
+#include <cstdint>
+
+class ICoreBase;
+class ICoreOsdBase;
+
+/// The kind of device link. Any other value makes a UDP link.
+enum ConnType : std::int32_t {
+    ConnUsb = 0,
+    ConnSerial = 1,
+    ConnUdp = 2,
+    ConnVelaSerial = 3,
+};
+
+/// The kind of on-screen-display link. Every value makes TCP clients.
+enum ConnOsdType : std::int32_t {
+    ConnOsdTcp = 0,
+};
+
+/// Makes links and keeps the two shared ones. To be called from one thread, the application's main
+/// thread; it takes no lock and deletes nothing when the library is unloaded. An operation whose
+/// kind of link this version does not carry returns null.
+class CORE_MANAGE_EXPORT CoreFactory
+{
+public:
+    /// The shared device link, made anew: the one before, if any, is destroyed first. While the new
+    /// one is being made iCORE keeps its old value, so if that throws iCORE designates a destroyed
+    /// object.
+    static ICoreBase* creatCoreObj(ConnType type);
+
+    /// The shared endpoint manager, made anew: the one before, if any, is destroyed first and
+    /// iOsdCore is null meanwhile.
+    static ICoreOsdBase* createOsdCoreObj(ConnOsdType type);
+
+    /// A new link of its own; the caller owns it. The shared ones are not touched.
+    static ICoreBase* creatCoreObjInstance(ConnType type);
+
+    /// A new endpoint manager of its own; the caller owns it. Its endpoints take records only from
+    /// the shared manager.
+    static ICoreOsdBase* creatCoreObjInstance(ConnOsdType type);
+
+    static ICoreBase* iCORE;       ///< the shared device link; null until asked for
+    static ICoreOsdBase* iOsdCore; ///< the shared endpoint manager; null until asked for
+};

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <system_error>
+#include <thread>
+#include <utility>
+
+/// Starts a thread that nobody joins. The function must own, or share ownership of, everything it
+/// touches. Returns false, with the function not run, when the system refuses the thread.
+template <class Function>
+[[nodiscard]] bool startDetached(Function&& function) noexcept
+{
+    try {
+        std::thread(std::forward<Function>(function)).detach();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "detachedthread.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+/// A queue that empties itself on one detached thread: the thread starts when something is put in,
+/// hands on everything in order and ends. However much is put in, there is at most one thread.
+///
+/// The thread shares ownership of the queue's state, so the DrainQueue itself may go at any time;
+/// what is pending is still handed on. Any thread may put.
+template <class Item>
+class DrainQueue
+{
+public:
+    /// What to do with a batch of items, oldest first. It must own everything it touches, and must
+    /// not throw.
+    using Handler = std::function<void(std::deque<Item>&)>;
+
+    explicit DrainQueue(Handler handler) : state(std::make_shared<State>(std::move(handler))) {}
+
+    /// Puts one item at the end. False means that the item is kept but no thread could be started
+    /// for it: call drainElsewhere or drainHere later.
+    [[nodiscard]] bool put(Item item)
+    {
+        {
+            const std::lock_guard lock(state->lock);
+            state->pending.push_back(std::move(item));
+            if (state->draining) {
+                return true;
+            }
+            state->draining = true;
+        }
+        return start();
+    }
+
+    /// True if nothing is pending and nothing is being handed on: an item handed on directly now
+    /// overtakes none that the same thread put before.
+    bool idle() const
+    {
+        const std::lock_guard lock(state->lock);
+        return !state->draining && state->pending.empty();
+    }
+
+    /// Tries again to start a thread for what is pending. True if there is nothing left to do.
+    [[nodiscard]] bool drainElsewhere() { return !claim() || start(); }
+
+    /// Hands on what is pending on the calling thread, unless a thread is already at it.
+    void drainHere()
+    {
+        if (claim()) {
+            drain(*state);
+        }
+    }
+
+private:
+    struct State {
+        explicit State(Handler h) : handler(std::move(h)) {}
+        const Handler handler;
+        mutable std::mutex lock; // a leaf: nothing is called while it is held
+        std::deque<Item> pending;
+        bool draining = false;
+    };
+
+    bool claim()
+    {
+        const std::lock_guard lock(state->lock);
+        if (state->draining || state->pending.empty()) {
+            return false;
+        }
+        state->draining = true;
+        return true;
+    }
+
+    bool start()
+    {
+        if (startDetached([shared = state] { drain(*shared); })) {
+            return true;
+        }
+        const std::lock_guard lock(state->lock);
+        state->draining = false;
+        return false;
+    }
+
+    static void drain(State& state)
+    {
+        std::deque<Item> batch;
+        for (;;) {
+            {
+                const std::lock_guard lock(state.lock);
+                if (state.pending.empty()) {
+                    state.draining = false;
+                    return;
+                }
+                batch.swap(state.pending);
+            }
+            state.handler(batch);
+            batch.clear();
+        }
+    }
+
+    std::shared_ptr<State> state;
+};

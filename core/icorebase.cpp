@@ -1,0 +1,5 @@
+// SPDX-License-Identifier: MIT
+#include "icorebase.h"
+
+ICoreBase::ICoreBase() = default;
+ICoreBase::~ICoreBase() = default;

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "core_manage_export.h"
+#include "model_globalenum.h"
+
+#include <QObject>
+#include <QSerialPort>
+#include <QString>
+
+/// One device link, whatever the medium. The host sends command records through it; decoded replies
+/// come back through biz_CMDSWork::receivequeueHexCmd and biz_CMDSWork::bRetFlag.
+///
+/// An object belongs to the thread that made it, which must run a Qt event loop. An operation that
+/// does not apply to a link does nothing; an opener of another link returns false at once. Nothing
+/// is thrown and no send reports failure: what happened is in Qt's "default" log category and,
+/// where it matters later, in Utility_Manage::writeLog.
+class CORE_MANAGE_EXPORT ICoreBase : public QObject
+{
+    Q_OBJECT
+
+public:
+    ICoreBase();
+    ~ICoreBase() override;
+
+    /// UDP: the device's address as text. Not checked; a text that is no address makes every later
+    /// unicast send fail. Any thread; does not block.
+    virtual void setDeviceIP(QString ip) = 0;
+
+    /// UDP: the device's port, 1 to 65535 (used modulo 65536). The local port does not change. Any
+    /// thread; does not block.
+    virtual void setPort(int port) = 0;
+
+    /// Runs biz_CMDSWork::clearQueue on a thread of its own and returns at once. Any thread.
+    virtual void clearQueue() = 0;
+
+    /// Serial links: configures and opens the port, false if it cannot be opened. Owner's thread.
+    /// A port that is open is closed first, which waits for its parser (at most 600 ms).
+    virtual bool openSerialPort(QString portName, QSerialPort::BaudRate baudRate,
+                                QSerialPort::StopBits stopBits, QSerialPort::Parity parity,
+                                QSerialPort::FlowControl flowControl,
+                                QSerialPort::DataBits dataBits) = 0;
+
+    /// Serial links: stops the parser (at most 600 ms) and closes the port. Owner's thread.
+    virtual void closeSerialPort() = 0;
+
+    /// USB: opens the first HID device with these ids, false if there is none or it cannot be
+    /// opened. Takes 100 ms.
+    virtual bool openUSB(unsigned short vendorId, unsigned short productId) = 0;
+
+    /// USB: closes the device and stops its workers. Takes 100 ms.
+    virtual void closeUSB() = 0;
+
+    /// The device model that every received record is stamped with (featureCode). Any thread.
+    virtual void setDeviceType(model_GlobalEnum::DeviceType type) = 0;
+
+public Q_SLOTS:
+    /// Sends one command. \a parameters points to a model_Protocoldata that is copied before the
+    /// call returns. Never waits for a reply.
+    virtual void sendDatatoDevice(void* parameters) = 0;
+
+    /// As sendDatatoDevice, but only if the record's featureCode suits the link; else drops it.
+    virtual void sendDatatoDeviceByFeatures(void* parameters) = 0;
+
+    /// UDP: sends one command of the system plan, if it is addressed to this link's device.
+    virtual void sendDatatoDeviceForSysPlan(void* parameters) = 0;
+
+protected:
+    bool bBaseFlag = true; ///< serial links: buffer what is received
+};

@@ -1,0 +1,5 @@
+// SPDX-License-Identifier: MIT
+#include "icoreosdbase.h"
+
+ICoreOsdBase::ICoreOsdBase() = default;
+ICoreOsdBase::~ICoreOsdBase() = default;

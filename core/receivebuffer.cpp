@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+#include "receivebuffer.h"
+
+#include <QMutexLocker>
+
+namespace
+{
+
+constexpr int keptCapacity = 16 * 1024; // an emptied buffer keeps no more than this
+
+} // namespace
+
+void ReceiveBuffer::append(const QByteArray& data)
+{
+    append(data.constData(), data.size());
+}
+
+void ReceiveBuffer::append(const char* data, int size)
+{
+    const QMutexLocker locker(&lock);
+    bytes.append(data, size);
+}
+
+QByteArray ReceiveBuffer::peek(int count) const
+{
+    const QMutexLocker locker(&lock);
+    return QByteArray(bytes.constData() + head, qBound(0, count, sizeLocked()));
+}
+
+QByteArray ReceiveBuffer::take(int count)
+{
+    const QMutexLocker locker(&lock);
+    const QByteArray taken(bytes.constData() + head, qBound(0, count, sizeLocked()));
+    discardLocked(taken.size());
+    return taken;
+}
+
+void ReceiveBuffer::discard(int count)
+{
+    const QMutexLocker locker(&lock);
+    discardLocked(qBound(0, count, sizeLocked()));
+}
+
+int ReceiveBuffer::size() const
+{
+    const QMutexLocker locker(&lock);
+    return sizeLocked();
+}
+
+void ReceiveBuffer::clear()
+{
+    const QMutexLocker locker(&lock);
+    bytes = QByteArray();
+    head = 0;
+}
+
+void ReceiveBuffer::discardLocked(int count)
+{
+    head += count;
+    if (head == bytes.size()) {
+        head = 0;
+        if (bytes.capacity() > keptCapacity) {
+            bytes = QByteArray();
+        } else {
+            bytes.resize(0);
+        }
+    } else if (head > keptCapacity && head > bytes.size() / 2) {
+        // Each byte is moved once for every byte that has been consumed before it, at most.
+        bytes.remove(0, head);
+        head = 0;
+    }
+}

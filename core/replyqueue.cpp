@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: MIT
+#include "replyqueue.h"
+
+#include "biz_cmdswork.h"
+#include "debugline.h"
+#include "drainqueue.h"
+#include "utility_manage.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace
+{
+
+constexpr int retryPauseMs = 10;
+constexpr int exitGraceMs = 200;
+
+struct Handover {
+    model_Protocoldata record;
+    const char* failure = nullptr; // set: no record, a failure to report
+};
+
+void appendRecords(std::deque<Handover>& batch, std::size_t& next)
+{
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    for (; next < batch.size() && batch[next].failure == nullptr; ++next) {
+        biz_CMDSWork::receivequeueHexCmd.push_back(std::move(batch[next].record));
+    }
+    replyqueue::setRetFlag(true);
+}
+
+void handOver(std::deque<Handover>& batch)
+{
+    std::size_t next = 0;
+    while (next < batch.size()) {
+        if (batch[next].failure != nullptr) {
+            replyqueue::reportFailure(batch[next++].failure);
+        } else {
+            appendRecords(batch, next);
+        }
+    }
+}
+
+// Never destroyed: a detached thread may still drain it while the process ends.
+DrainQueue<Handover>& backlog()
+{
+    static auto* const instance = new DrainQueue<Handover>(handOver);
+    return *instance;
+}
+
+// At exit the host's queue goes after this object: what is pending gets a moment to arrive there.
+struct ExitGrace {
+    ~ExitGrace()
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(exitGraceMs);
+        while (!backlog().idle() && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+};
+const ExitGrace exitGrace;
+
+std::atomic<bool> retryPending{false};
+
+void retryLater()
+{
+    if (QCoreApplication::instance() == nullptr || retryPending.exchange(true)) {
+        return;
+    }
+    QTimer::singleShot(retryPauseMs, QCoreApplication::instance(), [] {
+        retryPending = false;
+        if (!backlog().drainElsewhere()) {
+            retryLater();
+        }
+    });
+}
+
+void putInBacklog(Handover handover)
+{
+    if (!backlog().put(std::move(handover))) {
+        retryLater();
+    }
+}
+
+bool appendedAtOnce(model_Protocoldata& record)
+{
+    if (!backlog().idle()) {
+        return false;
+    }
+    const std::unique_lock queueLock(biz_CMDSWork::receiveHexCmdlock, std::try_to_lock);
+    if (!queueLock) {
+        return false;
+    }
+    const std::unique_lock flagLock(biz_CMDSWork::HexCmdlock, std::try_to_lock);
+    if (!flagLock) {
+        return false;
+    }
+    biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
+    biz_CMDSWork::bRetFlag = true;
+    return true;
+}
+
+} // namespace
+
+void replyqueue::append(const model_Protocoldata& record)
+{
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    biz_CMDSWork::receivequeueHexCmd.push_back(record);
+    setRetFlag(true);
+}
+
+void replyqueue::post(model_Protocoldata record)
+{
+    if (!appendedAtOnce(record)) {
+        putInBacklog({std::move(record), nullptr});
+    }
+}
+
+void replyqueue::reportFailure(const char* text)
+{
+    setRetFlag(true);
+    qCDebug(debugLine) << text;
+    Utility_Manage::writeLog(QLatin1String(text));
+}
+
+void replyqueue::postFailure(const char* text)
+{
+    putInBacklog({model_Protocoldata{}, text});
+}
+
+void replyqueue::setRetFlag(bool on)
+{
+    const std::lock_guard lock(biz_CMDSWork::HexCmdlock);
+    biz_CMDSWork::bRetFlag = on;
+}

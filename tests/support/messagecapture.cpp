@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+#include "messagecapture.h"
+
+#include <QLoggingCategory>
+
+#include <mutex>
+
+namespace
+{
+
+std::mutex captureLock;
+QStringList captured;
+QtMessageHandler before = nullptr;
+
+void capture(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    if (qstrcmp(context.category, "default") == 0 && type == QtDebugMsg) {
+        const std::lock_guard lock(captureLock);
+        captured << text;
+    } else if (before != nullptr) {
+        before(type, context, text);
+    }
+}
+
+} // namespace
+
+MessageCapture::MessageCapture()
+{
+    clear();
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+    before = qInstallMessageHandler(capture);
+}
+
+MessageCapture::~MessageCapture()
+{
+    qInstallMessageHandler(nullptr);
+}
+
+QStringList MessageCapture::lines() const
+{
+    const std::lock_guard lock(captureLock);
+    return captured;
+}
+
+int MessageCapture::count(const QString& line) const
+{
+    return lines().count(line);
+}
+
+void MessageCapture::clear()
+{
+    const std::lock_guard lock(captureLock);
+    captured.clear();
+}

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+/// Network namespaces of the test's own.
+namespace netns
+{
+
+/// Moves the process, which must have one thread yet, into a new network namespace with its
+/// loopback interface up. False, with nothing changed, where the system does not allow it.
+bool isolate();
+
+/// Whether isolate has succeeded.
+bool isolated();
+
+/// Runs a program from iproute2 or the like with these arguments; false if it fails.
+bool run(const char* command);
+
+} // namespace netns

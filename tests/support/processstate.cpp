@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+#include "processstate.h"
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <sys/resource.h>
+
+namespace
+{
+
+long statusField(const std::string& name)
+{
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word) {
+        if (word == name) {
+            long value = 0;
+            status >> value;
+            return value;
+        }
+    }
+    return -1;
+}
+
+double seconds(const timeval& time)
+{
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+}
+
+} // namespace
+
+int processstate::threads()
+{
+    return static_cast<int>(statusField("Threads:"));
+}
+
+int processstate::descriptors()
+{
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/fd")) {
+        ++count;
+    }
+    return count - 1; // the iterator's own
+}
+
+long processstate::residentKiB()
+{
+    return statusField("VmRSS:");
+}
+
+double processstate::cpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}

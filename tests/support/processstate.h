@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+/// What this process holds right now, from /proc.
+namespace processstate
+{
+
+int threads();       ///< number of threads
+int descriptors();   ///< number of open file descriptors
+long residentKiB();  ///< resident memory, KiB
+double cpuSeconds(); ///< processor time used so far by all threads, s
+
+} // namespace processstate

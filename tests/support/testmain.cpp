@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+#include "netns.h"
+#include "utility_manage.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QTemporaryDir>
+
+#include <cstdio>
+
+int main(int argc, char** argv)
+{
+    // Fixed local ports are this process's own, and nothing leaves the machine.
+    if (!netns::isolate()) {
+        std::fprintf(stderr, "no network namespace of its own: tests share the machine's ports\n");
+    }
+    QCoreApplication application(argc, argv);
+    const QTemporaryDir logDirectory;
+    Utility_Manage::setLogFile(logDirectory.filePath(QStringLiteral("test.log")), 64 * 1024 * 1024);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+/// While it exists, the system refuses every new thread of this process, as it does at a limit.
+class ThreadRefusal
+{
+public:
+    ThreadRefusal();
+    ~ThreadRefusal();
+    ThreadRefusal(const ThreadRefusal&) = delete;
+    ThreadRefusal& operator=(const ThreadRefusal&) = delete;
+
+    static int refused(); ///< how many threads have been refused so far in this process
+};

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "biz_cmdswork.h"
+#include "icorebase.h"
+
+#include <QByteArray>
+#include <QHostAddress>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+struct sockaddr_storage;
+class QUdpSocket;
+class UdpLink;
+
+/// The device over UDP. Commands go out as text frames in datagrams of at most 540 bytes; a reply
+/// is one datagram of 19 bytes, and a reply that carries a block is followed by the block in a
+/// datagram of its own.
+///
+/// | | |
+/// |-|-|
+/// | local port  | 3005 for the device types 0x353100 and 0x353101, else one fixed port (5104) |
+/// | device port | the same 3005, else 1000, until setPort                                    |
+/// | device      | 100.100.100.100 until setDeviceIP; broadcasts go to 255.255.255.255        |
+///
+/// The object lives in the thread that made it, which must run a Qt event loop: datagrams are read
+/// there. The send operations, setDeviceIP, setPort, setDeviceType, clearQueue, setRetFlagStatus
+/// and addToReceivedQueue may be called from any thread; sends from several threads are not
+/// serialised. Sending never blocks on the network. A transport may be destroyed with replies and
+/// frames of the system plan still pending: those replies reach the queue, those frames fail. Its
+/// destructor waits for no host code.
+class CORE_MANAGE_EXPORT core_UDP : public ICoreBase
+{
+    Q_OBJECT
+
+public:
+    /// Guards the writes of the device address and port and the stored reply, of all transports.
+    static std::mutex stdCMDlock;
+
+    /// Binds the socket. A port that is taken is not reported: nothing is received then.
+    core_UDP();
+    ~core_UDP() override;
+
+    void setDeviceIP(QString ip) override;
+    void setPort(int port) override;
+    void clearQueue() override;
+    bool openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
+                        QSerialPort::FlowControl, QSerialPort::DataBits) override;
+    void closeSerialPort() override;
+    bool openUSB(unsigned short vendorId, unsigned short productId) override;
+    void closeUSB() override;
+    void setDeviceType(model_GlobalEnum::DeviceType type) override;
+
+    /// Makes and binds a new socket; the one before must have been closed. Sets the device port
+    /// back to its default. Owner's thread.
+    void initUdp();
+
+    /// Sends a frame to the device in datagrams of at most 540 bytes. An outcome that is neither
+    /// success nor plain failure emits signalReInitUdp.
+    void sendUdpData(QByteArray data);
+
+    /// Sends a frame as one datagram to 255.255.255.255.
+    void sendUdpDataBroadcast(QByteArray data);
+
+    /// Sets biz_CMDSWork::bRetFlag. Waits for its lock.
+    void setRetFlagStatus(bool on);
+
+    /// Appends a record to biz_CMDSWork::receivequeueHexCmd and raises the flag. Waits for the
+    /// host's locks.
+    void addToReceivedQueue(model_Protocoldata record);
+
+    /// second * 256 + first, as a signed 16-bit value.
+    qint16 combineTwoByte(unsigned char first, unsigned char second);
+
+    /// \a text padded on the left with "0" to two characters.
+    QString autoRec(QString text);
+
+    void senToUipro(void* parameters); ///< does nothing
+
+    /// The text frame of a record.
+    QByteArray produceCmds(model_Protocoldata record);
+
+    /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'.
+    QByteArray changeData(QByteArray bytes);
+
+    /// The record of a standard reply. A datagram that is none gives one whose body is all zero.
+    model_Protocoldata getArrayData(QByteArray datagram);
+
+    /// Joins a standard reply with its block and queues the record, which carries no origin. A
+    /// failure raises the flag and is logged. Waits for the host's locks.
+    void combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray stdCMDIn);
+
+Q_SIGNALS:
+    void signalReInitUdp();                      ///< a send went wrong in an unknown way
+    void signalSendReceiveMessageToUiPro(void*); ///< never emitted
+
+public Q_SLOTS:
+    /// Rebuilds the socket and forgets the device address and port. Every run adds one more
+    /// connection of signalReInitUdp to this slot: the number of runs doubles with each emission.
+    void reInitUdp();
+
+    /// As reInitUdp, but keeps the device address and does not drain the socket first.
+    void reInitUdpZarn();
+
+    /// Reads every datagram that is there.
+    void readPendingDatagrams();
+
+    void sendDatatoDevice(void* parameters) override;
+    void sendDatatoDeviceByFeatures(void* parameters) override;
+    void sendDatatoDeviceForSysPlan(void* parameters) override;
+    void processInfoDisplayonUI(void* parameters); ///< does nothing
+
+private:
+    void readOne(int size, const QString& sender);
+    void route(const model_Protocoldata& record);
+    void join(const model_Protocoldata& stamps);
+    const char* joined(const QByteArray& received, const QByteArray& reply,
+                       model_Protocoldata& record);
+    QString senderText(const sockaddr_storage& sender);
+    void closeSocket();
+
+    QByteArray lastDatagram;
+    QUdpSocket* udpSocket = nullptr;
+    std::shared_ptr<UdpLink> link;          // holds strDeviceIP and nPort
+    std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
+    QByteArray stdCMD;                      // standard reply that waits for its block
+    QByteArray blockCMD;                    // cleared with stdCMD, used nowhere
+    std::atomic<model_GlobalEnum::DeviceType> deviceType{model_GlobalEnum::DeviceUnknown};
+
+    std::vector<char> readBuffer; // room for the largest datagram
+    QHostAddress lastSender;      // what lastSenderText was made from
+    QString lastSenderText;
+};
