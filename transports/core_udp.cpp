@@ -100,7 +100,6 @@ core_UDP::~core_UDP()
     disconnect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp);
     link->abandon();
     udpSocket->disconnect(this);
-    udpSocket->readAll();
     closeSocket();
 }
 
@@ -166,8 +165,8 @@ void core_UDP::reInitUdp()
 {
     qCDebug(debugLine) << QStringLiteral("reInitUdp()");
     udpSocket->disconnect(this);
-    udpSocket->readAll();
     link->setDeviceIP(QString()); // the host must set the address anew
+    link->detach();
     closeSocket();
     initUdp();
 }
@@ -177,14 +176,14 @@ void core_UDP::reInitUdpZarn()
     qCDebug(debugLine) << "========================================="
                        << QStringLiteral("reInitUdp()");
     udpSocket->disconnect(this);
+    link->detach();
     closeSocket();
     initUdp();
 }
 
 void core_UDP::closeSocket()
 {
-    link->detach();
-    udpSocket->close();
+    udpSocket->close(); // what is pending goes with it
     lastDatagram.clear();
     stdCMD.clear();
     blockCMD.clear();

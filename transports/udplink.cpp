@@ -18,6 +18,8 @@ namespace
 {
 
 constexpr std::chrono::milliseconds retirePause{1};
+constexpr std::chrono::milliseconds rebuildPause{1};
+constexpr int rebuildLooks = 1000; // a rebuild takes a millisecond or two
 
 // The result of an operation that is still in progress, as the device's first driver returned it.
 constexpr qint64 inProgress = -115;
@@ -130,28 +132,31 @@ void UdpEndpoint::retire()
 
 UdpLink::UdpLink(core_UDP* owner) : transport(owner) {}
 
+std::shared_ptr<UdpEndpoint> UdpLink::exchange(std::shared_ptr<UdpEndpoint> next, bool rebuild)
+{
+    const std::lock_guard lock(endpointLock);
+    rebuilding = rebuild;
+    endpoint.swap(next);
+    return next;
+}
+
 void UdpLink::attach(std::shared_ptr<UdpEndpoint> next)
 {
-    detach();
-    const std::lock_guard lock(endpointLock);
-    endpoint = std::move(next);
+    exchange(std::move(next), false);
 }
 
 void UdpLink::detach()
 {
-    std::shared_ptr<UdpEndpoint> last;
-    {
-        const std::lock_guard lock(endpointLock);
-        last.swap(endpoint);
-    }
-    if (last) {
+    if (const auto last = exchange(nullptr, true)) {
         last->retire();
     }
 }
 
 void UdpLink::abandon()
 {
-    detach();
+    if (const auto last = exchange(nullptr, false)) {
+        last->retire();
+    }
     const std::lock_guard lock(transportLock);
     transport = nullptr;
 }
@@ -172,8 +177,15 @@ QString UdpLink::deviceIP() const
 
 std::shared_ptr<UdpEndpoint> UdpLink::endpointNow() const
 {
-    const std::lock_guard lock(endpointLock);
-    return endpoint;
+    for (int look = 0;; ++look) {
+        {
+            const std::lock_guard lock(endpointLock);
+            if (!rebuilding || look == rebuildLooks) {
+                return endpoint;
+            }
+        }
+        std::this_thread::sleep_for(rebuildPause);
+    }
 }
 
 SendOutcome UdpLink::sendUnicast(const QByteArray& frame)

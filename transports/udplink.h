@@ -47,10 +47,11 @@ class UdpLink : public std::enable_shared_from_this<UdpLink>
 public:
     explicit UdpLink(core_UDP* transport);
 
-    /// From now on datagrams go through this endpoint. The one before is retired first.
+    /// From now on datagrams go through this endpoint.
     void attach(std::shared_ptr<UdpEndpoint> endpoint);
 
-    /// No datagram goes anywhere until the next attach; the socket may be closed.
+    /// The socket may be closed when this returns. Until the next attach, which must follow at
+    /// once, sends wait: they are not to fail because the socket is being rebuilt.
     void detach();
 
     /// The transport is being destroyed; frames that are pending fail.
@@ -73,20 +74,22 @@ public:
 
 private:
     std::shared_ptr<UdpEndpoint> endpointNow() const;
+    std::shared_ptr<UdpEndpoint> exchange(std::shared_ptr<UdpEndpoint> next, bool rebuild);
     void requestReInit();
     struct Pending;
     static void sendPending(std::deque<Pending>& batch);
 
     // Each a leaf.
     mutable std::mutex destinationLock; // strDeviceIP, deviceAddress
-    mutable std::mutex endpointLock;    // endpoint
+    mutable std::mutex endpointLock;    // endpoint, rebuilding
     std::mutex transportLock;           // transport
 
     QString strDeviceIP;
     QHostAddress deviceAddress; // strDeviceIP parsed
     std::atomic<int> nPort{0};
     std::shared_ptr<UdpEndpoint> endpoint;
-    core_UDP* transport; // null once the transport is being destroyed
+    bool rebuilding = false; // an attach follows at once
+    core_UDP* transport;     // null once the transport is being destroyed
 
     struct Pending {
         std::shared_ptr<UdpLink> link; // keeps it until the frame is out

@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: MIT
+#include "core_udp.h"
+#include "hostqueue.h"
+#include "messagecapture.h"
+#include "processstate.h"
+#include "threadrefusal.h"
+#include "udppeer.h"
+#include "utility_manage.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+namespace
+{
+
+const QString reInitLine = QStringLiteral("\"reInitUdp()\"");
+
+model_Protocoldata command(int number = 0)
+{
+    model_Protocoldata record;
+    record.CMD = static_cast<quint8>(number);
+    return record;
+}
+
+quint16 localPortSeenBy(UdpPeer& peer, core_UDP& transport)
+{
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    transport.setPort(peer.port());
+    model_Protocoldata record = command();
+    transport.sendDatatoDevice(&record);
+    return peer.receive().port;
+}
+
+} // namespace
+
+class CoreUdpLifecycle : public ::testing::Test
+{
+protected:
+    void SetUp() override { hostqueue::clear(); }
+    void TearDown() override { Utility_Manage::setDeviceType(model_GlobalEnum::DeviceUnknown); }
+};
+
+TEST_F(CoreUdpLifecycle, LocalPortIsTheSameOnEveryRun)
+{
+    UdpPeer peer;
+    for (int run = 0; run < 2; ++run) {
+        core_UDP transport;
+        EXPECT_EQ(localPortSeenBy(peer, transport), 5104);
+    }
+}
+
+TEST_F(CoreUdpLifecycle, TwoDeviceTypesUsePort3005)
+{
+    for (const auto type : {model_GlobalEnum::Device353100, model_GlobalEnum::Device353101}) {
+        Utility_Manage::setDeviceType(type);
+        UdpPeer peer;
+        core_UDP transport;
+        EXPECT_EQ(localPortSeenBy(peer, transport), 3005);
+        transport.reInitUdp();
+        EXPECT_EQ(localPortSeenBy(peer, transport), 3005);
+    }
+}
+
+TEST_F(CoreUdpLifecycle, DefaultDevicePortIs1000)
+{
+    UdpPeer peer(QStringLiteral("127.0.0.1"), 1000);
+    ASSERT_TRUE(peer.bound());
+    core_UDP transport;
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    model_Protocoldata record = command(1);
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(peer.receive().bytes.size(), 19);
+    transport.setPort(9);
+    transport.reInitUdpZarn();
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(peer.receive().bytes.size(), 19);
+}
+
+TEST_F(CoreUdpLifecycle, PortAbove65535IsUsedModulo65536)
+{
+    UdpPeer peer;
+    core_UDP transport;
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    transport.setPort(65536 + peer.port());
+    model_Protocoldata record = command(1);
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(peer.receive().bytes.size(), 19);
+}
+
+TEST_F(CoreUdpLifecycle, ReInitForgetsTheDevice)
+{
+    UdpPeer peer(QStringLiteral("127.0.0.1"), 1000);
+    core_UDP transport;
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    const MessageCapture capture;
+    transport.reInitUdp();
+    EXPECT_EQ(capture.lines(), QStringList(reInitLine));
+    model_Protocoldata record = command(1);
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(capture.count(QStringLiteral("Send Broadcast failed")), 1);
+    EXPECT_FALSE(peer.hasDatagram());
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    transport.sendDatatoDevice(&record);
+    const auto datagram = peer.receive();
+    EXPECT_EQ(datagram.bytes.size(), 19);
+    EXPECT_EQ(datagram.port, UdpPeer::linkPort);
+}
+
+TEST_F(CoreUdpLifecycle, ReInitZarnKeepsTheDeviceAndSaysSo)
+{
+    UdpPeer peer(QStringLiteral("127.0.0.1"), 1000);
+    core_UDP transport;
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    const MessageCapture capture;
+    EXPECT_TRUE(QMetaObject::invokeMethod(&transport, "reInitUdpZarn"));
+    EXPECT_EQ(capture.lines(),
+              QStringList(QString(41, QLatin1Char('=')) + QLatin1Char(' ') + reInitLine));
+    model_Protocoldata record = command(1);
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(peer.receive().port, UdpPeer::linkPort);
+}
+
+TEST_F(CoreUdpLifecycle, ReInitDropsTheStoredReplyAndReceivesAgain)
+{
+    for (const char* slot : {"reInitUdp", "reInitUdpZarn"}) {
+        hostqueue::clear();
+        UdpPeer peer;
+        core_UDP transport;
+        const MessageCapture capture;
+        peer.send(replyText(0x8b, 0x05));
+        ASSERT_TRUE(eventually([&] { return capture.lines().size() == 2; }));
+        ASSERT_TRUE(QMetaObject::invokeMethod(&transport, slot));
+        peer.send("block bytes");
+        const QString orphan = QStringLiteral("arrayreceived.isEmpty()||stdCMDIn.isEmpty()");
+        ASSERT_TRUE(eventually([&] { return capture.count(orphan) == 1; }));
+        EXPECT_EQ(hostqueue::size(), 0U);
+    }
+}
+
+TEST_F(CoreUdpLifecycle, EveryReInitAddsAConnection)
+{
+    core_UDP transport;
+    const MessageCapture capture;
+    transport.reInitUdp();
+    transport.reInitUdpZarn();
+    EXPECT_EQ(capture.lines().size(), 2);
+    Q_EMIT transport.signalReInitUdp();
+    ASSERT_TRUE(eventually([&] { return capture.count(reInitLine) == 1 + 3; }));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(capture.count(reInitLine), 1 + 3);
+}
+
+TEST_F(CoreUdpLifecycle, EachRecoveryDoublesTheRunsAndKeepsThePort)
+{
+    UdpPeer peer;
+    core_UDP transport;
+    const MessageCapture capture;
+    const int descriptors = processstate::descriptors();
+    int expected = 0;
+    for (const int runs : {1, 2, 4, 8}) {
+        model_Protocoldata record = command();
+        record.arryDatablock = QByteArray(1000, 'x');
+        transport.setDeviceIP(QStringLiteral("no address"));
+        transport.sendDatatoDevice(&record); // both pieces fail: an unknown sum
+        expected += runs;
+        ASSERT_TRUE(eventually([&] { return capture.count(reInitLine) == expected; })) << runs;
+        QCoreApplication::processEvents();
+        EXPECT_EQ(capture.count(reInitLine), expected);
+        EXPECT_EQ(processstate::descriptors(), descriptors);
+        EXPECT_EQ(localPortSeenBy(peer, transport), UdpPeer::linkPort);
+    }
+}
+
+TEST_F(CoreUdpLifecycle, OperationsOfOtherLinksDoNothing)
+{
+    core_UDP transport;
+    EXPECT_FALSE(transport.openSerialPort(QStringLiteral("/dev/null"), QSerialPort::Baud9600,
+                                          QSerialPort::OneStop, QSerialPort::NoParity,
+                                          QSerialPort::NoFlowControl, QSerialPort::Data8));
+    EXPECT_FALSE(transport.openUSB(0x04b4, 0x1008));
+    transport.closeSerialPort();
+    transport.closeUSB();
+    transport.senToUipro(nullptr);
+    transport.processInfoDisplayonUI(nullptr);
+}
+
+TEST_F(CoreUdpLifecycle, AutoRecPadsToTwoCharacters)
+{
+    core_UDP transport;
+    EXPECT_EQ(transport.autoRec(QString()), QStringLiteral("00"));
+    EXPECT_EQ(transport.autoRec(QStringLiteral("7")), QStringLiteral("07"));
+    EXPECT_EQ(transport.autoRec(QStringLiteral("ab")), QStringLiteral("ab"));
+    EXPECT_EQ(transport.autoRec(QStringLiteral("abc")), QStringLiteral("abc"));
+}
+
+TEST_F(CoreUdpLifecycle, TakenPortIsSilentAndSendingStillWorks)
+{
+    UdpPeer occupant(QStringLiteral("0.0.0.0"), UdpPeer::linkPort);
+    ASSERT_TRUE(occupant.bound());
+    UdpPeer peer;
+    const MessageCapture capture;
+    core_UDP transport;
+    EXPECT_TRUE(capture.lines().isEmpty());
+    const quint16 port = localPortSeenBy(peer, transport);
+    EXPECT_NE(port, 0);
+    EXPECT_NE(port, UdpPeer::linkPort);
+    transport.reInitUdp();
+}
+
+TEST_F(CoreUdpLifecycle, ClearQueueEmptiesTheHostsQueueAndMayOutliveTheTransport)
+{
+    const int threads = processstate::threads();
+    {
+        auto transport = std::make_unique<core_UDP>();
+        transport->addToReceivedQueue(command());
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        transport->clearQueue(); // waits for the lock on a thread of its own
+        transport.reset();
+    }
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 0; }));
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() == threads; }));
+}
+
+TEST_F(CoreUdpLifecycle, ClearQueueWithoutAThreadStillClears)
+{
+    core_UDP transport;
+    transport.addToReceivedQueue(command());
+    const ThreadRefusal refusal;
+    transport.clearQueue();
+    EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST_F(CoreUdpLifecycle, DestroyedWithThousandsOfRepliesPending)
+{
+    constexpr std::size_t replies = 3000;
+    UdpPeer peer;
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        core_UDP transport;
+        const MessageCapture capture;
+        for (std::size_t i = 0; i < replies; ++i) {
+            peer.send(replyText(0x8b, 0x09));
+            peer.send(QByteArray(129, 'b'));
+        }
+        ASSERT_TRUE(eventually([&] {
+            return capture.lines().filter(QStringLiteral("host ip:")).size() == 2 * replies;
+        }));
+    }
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == replies; }));
+    EXPECT_EQ(hostqueue::records().back().arryDatablock, QByteArray(129, 'b'));
+}
+
+TEST_F(CoreUdpLifecycle, SystemPlanReInitAndDestructionMeet)
+{
+    UdpPeer peer;
+    for (int round = 0; round < 30; ++round) {
+        auto transport = std::make_unique<core_UDP>();
+        std::atomic<bool> stop{false};
+        std::vector<std::thread> senders;
+        for (int sender = 0; sender < 3; ++sender) {
+            senders.emplace_back([&, sender] {
+                model_Protocoldata record = command(sender);
+                record.strKey = QStringLiteral("127.0.0.1");
+                record.arryDatablock = QByteArray(round % 2 == 0 ? 0 : 1200, 'x');
+                while (!stop) {
+                    transport->sendDatatoDeviceForSysPlan(&record);
+                    transport->sendDatatoDevice(&record);
+                    transport->setDeviceIP(QStringLiteral("127.0.0.1"));
+                    transport->setPort(peer.port());
+                }
+            });
+        }
+        for (int i = 0; i < 5; ++i) {
+            transport->reInitUdpZarn();
+            QCoreApplication::processEvents();
+        }
+        stop = true;
+        for (std::thread& sender : senders) {
+            sender.join();
+        }
+        transport.reset(); // frames of the system plan may still be pending
+    }
+    SUCCEED();
+}
+
+TEST_F(CoreUdpLifecycle, PendingReInitRequestDiesWithTheTransport)
+{
+    const int threads = processstate::threads();
+    for (int round = 0; round < 200; ++round) {
+        core_UDP transport;
+        transport.setDeviceIP(QStringLiteral("no address"));
+        model_Protocoldata record = command();
+        record.strKey = QStringLiteral("no address");
+        record.arryDatablock = QByteArray(1000, 'x');
+        transport.sendDatatoDeviceForSysPlan(&record);
+    }
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() == threads; }));
+}

@@ -1,0 +1,415 @@
+// SPDX-License-Identifier: MIT
+#include "biz_cmdswork.h"
+#include "core_udp.h"
+#include "hostqueue.h"
+#include "messagecapture.h"
+#include "processstate.h"
+#include "recordequality.h"
+#include "threadrefusal.h"
+#include "udppeer.h"
+
+#include <gtest/gtest.h>
+
+#include <QThread>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+namespace
+{
+
+const QString orphanBlock = QStringLiteral("arrayreceived.isEmpty()||stdCMDIn.isEmpty()");
+const QString zeroLength = QStringLiteral("arraylen=!arrayreceived.size() return");
+const QString lengthMismatch = QStringLiteral("combineTwoByte(parameters.DAT3, parameters.DAT4) != "
+                                              "parameters.arryDatablock.size() return");
+
+bool queued(std::size_t count)
+{
+    return eventually([count] { return hostqueue::size() == count; });
+}
+
+bool logged(const QString& line)
+{
+    return eventually([&line] { return hostqueue::countLog(line) > 0; });
+}
+
+} // namespace
+
+class CoreUdpReceive : public ::testing::Test
+{
+protected:
+    CoreUdpReceive()
+    {
+        hostqueue::clear();
+        transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(0x4711));
+    }
+
+    // After this datagram everything sent before has been read: loopback keeps the order.
+    void readAll()
+    {
+        const std::size_t before = hostqueue::size();
+        peer.send(replyText(0x79, 0x0c));
+        ASSERT_TRUE(eventually([before] { return hostqueue::size() > before; }));
+    }
+
+    UdpPeer peer{QStringLiteral("127.0.0.3")};
+    std::unique_ptr<core_UDP> transport = std::make_unique<core_UDP>();
+    MessageCapture capture;
+};
+
+TEST_F(CoreUdpReceive, ReplyIsDecodedStampedAndFlagged)
+{
+    const QByteArray reply = replyText(0x10, 0x20, 0x30, 0x40);
+    peer.send(reply);
+    ASSERT_TRUE(queued(1));
+    model_Protocoldata expected;
+    expected.HEAD = 0x5a;
+    expected.ADDR = 1;
+    expected.CMD = 0x10;
+    expected.DAT1 = 0x20;
+    expected.DAT2 = 7;
+    expected.DAT3 = 0x30;
+    expected.DAT4 = 0x40;
+    expected.CHKSUM = (0x5a + 1 + 0x10 + 0x20 + 7 + 0x30 + 0x40) & 0xff;
+    expected.strKey = expected.strKey2 = QStringLiteral("127.0.0.3");
+    expected.featureCode = 0x4711;
+    EXPECT_TRUE(sameRecord(hostqueue::records().front(), expected));
+    EXPECT_TRUE(hostqueue::flag());
+    EXPECT_EQ(capture.lines(),
+              QStringList({QStringLiteral("\"Recv data:%1\"").arg(QString::fromLatin1(reply)),
+                           QStringLiteral("\"host ip:127.0.0.3\"")}));
+}
+
+TEST_F(CoreUdpReceive, CompleteKindsAreQueuedStoreKindsWait)
+{
+    for (int command : {0x79, 0xf1, 0x77, 0x8b, 0x8e, 0x69, 0x10, 0xff}) {
+        for (int subCode = 0; subCode < 256; ++subCode) {
+            hostqueue::clear();
+            const bool stores = (command == 0x79 && subCode != 0x09 && subCode != 0x0c) ||
+                                command == 0xf1 || (command == 0x77 && subCode == 0x23) ||
+                                (command == 0x8b && (subCode == 5 || subCode == 9)) ||
+                                (command == 0x8e && subCode == 0x27) ||
+                                (command == 0x69 && subCode == 9);
+            peer.send(replyText(command, subCode, 4, 0));
+            peer.send(replyText(0x79, 0x0c)); // queued now, after the other has been routed
+            ASSERT_TRUE(queued(stores ? 1 : 2)) << std::hex << command << ' ' << subCode;
+            peer.send("tail"); // joins with what is stored
+            if (stores) {
+                ASSERT_TRUE(eventually([this, command] {
+                    const int known = hostqueue::size() == 2 ? 1 : 0;
+                    return known == 1 || command == 0;
+                })) << std::hex
+                    << command << ' ' << subCode;
+                const auto joined = hostqueue::records().back();
+                ASSERT_EQ(joined.CMD, command);
+                ASSERT_EQ(joined.DAT1, subCode);
+                ASSERT_EQ(joined.arryDatablock, QByteArray("tail"));
+            }
+        }
+    }
+}
+
+TEST_F(CoreUdpReceive, AtSignReplyWithoutLengthIsComplete)
+{
+    peer.send(replyText(0xf1, 0x40, 0, 0));
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().CMD, 0xf1);
+    peer.send(replyText(0xf1, 0x40, 0, 1)); // announces 256 bytes
+    readAll();
+    EXPECT_EQ(hostqueue::size(), 2U);
+    EXPECT_EQ(hostqueue::records().back().CMD, 0x79);
+    peer.send(QByteArray(256, 'b'));
+    ASSERT_TRUE(queued(3));
+    EXPECT_EQ(hostqueue::records().back().arryDatablock, QByteArray(256, 'b'));
+}
+
+TEST_F(CoreUdpReceive, ImmediateReplyIsQueuedBeforeTheNextIsRead)
+{
+    // With the queue's lock held the receiving thread waits here, so the receiver gets its own.
+    hostqueue::clear();
+    transport.reset();
+    std::atomic<bool> ready{false};
+    std::atomic<bool> stop{false};
+    const std::unique_ptr<QThread> owner(QThread::create([&] {
+        core_UDP own;
+        ready = true;
+        while (!stop) {
+            QCoreApplication::processEvents();
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    }));
+    owner->start();
+    ASSERT_TRUE(eventually([&] { return ready.load(); }));
+    capture.clear();
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        peer.send(replyText(0x79, 0x0c, 1));
+        peer.send(replyText(0x10, 0x01));
+        ASSERT_TRUE(eventually([this] { return capture.lines().size() == 2; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(capture.lines().size(), 2); // the second datagram has not been read
+    }
+    ASSERT_TRUE(queued(2));
+    EXPECT_EQ(hostqueue::records().front().CMD, 0x79);
+    stop = true;
+    owner->wait();
+}
+
+TEST_F(CoreUdpReceive, OtherRepliesNeverMakeTheReceiverWait)
+{
+    for (std::mutex* held : {&biz_CMDSWork::receiveHexCmdlock, &biz_CMDSWork::HexCmdlock}) {
+        hostqueue::clear();
+        capture.clear();
+        {
+            const std::lock_guard lock(*held); // by this thread, which also receives
+            for (int i = 0; i < 100; ++i) {
+                peer.send(replyText(0x10, i));
+                peer.send(replyText(0x8b, 5));
+                peer.send(QByteArray(150, 'b'));
+                peer.send("orphan");
+            }
+            ASSERT_TRUE(eventually([this] {
+                return capture.lines().filter(QStringLiteral("host ip:")).size() == 400;
+            }));
+        }
+        ASSERT_TRUE(queued(200));
+        const auto records = hostqueue::records();
+        for (std::size_t i = 0; i < 100; ++i) {
+            EXPECT_EQ(records[2 * i].DAT1, i); // and they come in order
+            EXPECT_EQ(records[2 * i + 1].arryDatablock, QByteArray(145, 'b'));
+        }
+    }
+    ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 200; }));
+}
+
+TEST_F(CoreUdpReceive, BlockIsJoinedAndCarriesTheStampsOfItsDatagram)
+{
+    peer.send(replyText(0x8b, 0x05));
+    UdpPeer other(QStringLiteral("127.0.0.4"));
+    QByteArray block;
+    for (int i = 0; i < 200; ++i) {
+        block.append(static_cast<char>(i));
+    }
+    other.send(block);
+    ASSERT_TRUE(queued(1));
+    const auto record = hostqueue::records().front();
+    EXPECT_EQ(record.arryDatablock, block.left(145));
+    EXPECT_EQ(record.CMD, 0x8b);
+    EXPECT_EQ(record.strKey, QStringLiteral("127.0.0.4"));
+    EXPECT_EQ(record.strKey2, QStringLiteral("127.0.0.4"));
+    EXPECT_EQ(record.bKeyFlag, 0);
+    EXPECT_EQ(record.featureCode, 0x4711);
+    EXPECT_TRUE(hostqueue::flag());
+}
+
+TEST_F(CoreUdpReceive, SecondStoredReplyReplacesTheFirst)
+{
+    peer.send(replyText(0x8b, 0x05));
+    peer.send(replyText(0x77, 0x23));
+    peer.send(QByteArray(129, 'x'));
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().CMD, 0x77);
+    peer.send(QByteArray(129, 'y'));
+    ASSERT_TRUE(logged(orphanBlock));
+    EXPECT_EQ(hostqueue::size(), 1U);
+}
+
+TEST_F(CoreUdpReceive, CompleteReplyLeavesTheStoredOneAlone)
+{
+    peer.send(replyText(0x8e, 0x27, 3, 0));
+    peer.send(replyText(0x10, 0x00));
+    peer.send(replyText(0x79, 0x09));
+    peer.send("abc");
+    ASSERT_TRUE(queued(3));
+    EXPECT_EQ(hostqueue::records().back().CMD, 0x8e);
+    EXPECT_EQ(hostqueue::records().back().arryDatablock, QByteArray("abc"));
+}
+
+TEST_F(CoreUdpReceive, OrphanBlockRaisesTheFlagAndIsLogged)
+{
+    peer.send("no reply before this");
+    ASSERT_TRUE(logged(orphanBlock));
+    EXPECT_TRUE(hostqueue::flag());
+    EXPECT_EQ(hostqueue::size(), 0U);
+    ASSERT_TRUE(eventually([this] { return capture.lines().size() == 4; }));
+    EXPECT_EQ(capture.lines().mid(2),
+              QStringList({QStringLiteral("datagram.size()!=19 return"), orphanBlock}));
+}
+
+TEST_F(CoreUdpReceive, WrongLengthIsLogged)
+{
+    peer.send(replyText(0xf1, 0x10, 16, 0));
+    peer.send(QByteArray(15, 'x'));
+    ASSERT_TRUE(logged(lengthMismatch));
+    EXPECT_EQ(hostqueue::size(), 0U);
+    EXPECT_TRUE(hostqueue::flag());
+    EXPECT_EQ(capture.count(QStringLiteral("dataLeng =  16 15")), 1);
+    hostqueue::clear();
+    peer.send(replyText(0xf1, 0x10, 0, 0));
+    peer.send("x");
+    ASSERT_TRUE(logged(zeroLength));
+    EXPECT_TRUE(hostqueue::flag());
+    EXPECT_EQ(capture.count(QStringLiteral("arraylen=!arrayreceived.length()")), 1);
+}
+
+TEST_F(CoreUdpReceive, NegativeLengthNeverMatches)
+{
+    peer.send(replyText(0xf1, 0x10, 0, 0x80));
+    peer.send(QByteArray(32768, 'x'));
+    ASSERT_TRUE(logged(lengthMismatch));
+    EXPECT_EQ(capture.count(QStringLiteral("dataLeng =  -32768 32768")), 1);
+    EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST_F(CoreUdpReceive, ZeroLengthDatagramTakesTheJoinRoute)
+{
+    peer.send(replyText(0x8b, 0x05));
+    peer.send(QByteArray());
+    ASSERT_TRUE(logged(orphanBlock)); // the stored reply goes with it
+    peer.send(QByteArray(145, 'x'));
+    ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST_F(CoreUdpReceive, LargestDatagram)
+{
+    const QByteArray largest(65507, 'z');
+    peer.send(replyText(0xf1, 0x10, 0xff, 0x7f));
+    peer.send(largest);
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().arryDatablock, largest.left(32767));
+}
+
+TEST_F(CoreUdpReceive, WrongChecksumTakesTheJoinRoute)
+{
+    QByteArray wrong = replyText(0x10, 0x20);
+    wrong[17] = wrong.at(17) == '0' ? '1' : '0';
+    peer.send(wrong);
+    ASSERT_TRUE(logged(orphanBlock));
+    EXPECT_EQ(hostqueue::countLog(QStringLiteral("CHKSUM Wrong return")), 1);
+    EXPECT_EQ(capture.count(QStringLiteral("CHKSUM Wrong return")), 1);
+    peer.send(replyText(0x77, 0x23));
+    peer.send(wrong); // 19 bytes of block
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().arryDatablock, wrong);
+}
+
+TEST_F(CoreUdpReceive, NineteenBytesWithoutMarks)
+{
+    peer.send("<T5a011020073040xx>");
+    ASSERT_TRUE(logged(orphanBlock));
+    EXPECT_EQ(capture.count(QStringLiteral("no '<' 'F' ")), 1);
+}
+
+TEST_F(CoreUdpReceive, StoringWaitsForTheClassWideLock)
+{
+    // Read by the object's own thread, so hold the lock in another.
+    std::atomic<int> phase{0};
+    std::thread holder([&] {
+        const std::lock_guard lock(core_UDP::stdCMDlock);
+        phase = 1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        phase = 2;
+    });
+    while (phase == 0) {
+        std::this_thread::yield();
+    }
+    peer.send(replyText(0x8b, 0x05));
+    readAll();
+    EXPECT_EQ(phase, 2);
+    holder.join();
+}
+
+TEST_F(CoreUdpReceive, JoinCalledByHostKnowsNoSender)
+{
+    transport->combineSTDCMDandBloackCMD("0123456789abcdef!", replyText(0xf1, 0x10, 0x10, 0));
+    ASSERT_EQ(hostqueue::size(), 1U); // on the calling thread
+    const auto record = hostqueue::records().front();
+    EXPECT_EQ(record.arryDatablock, QByteArray("0123456789abcdef"));
+    EXPECT_TRUE(record.strKey.isNull());
+    EXPECT_EQ(record.featureCode, 0);
+    EXPECT_TRUE(hostqueue::flag());
+
+    hostqueue::clear();
+    capture.clear();
+    transport->combineSTDCMDandBloackCMD(QByteArray(), replyText(0x8b, 5));
+    transport->combineSTDCMDandBloackCMD("block", QByteArray());
+    EXPECT_EQ(capture.lines(), QStringList({orphanBlock, orphanBlock}));
+    EXPECT_EQ(hostqueue::countLog(orphanBlock), 2);
+    EXPECT_TRUE(hostqueue::flag());
+
+    capture.clear();
+    QByteArray wrong = replyText(0x8b, 5);
+    wrong[16] = 'x';
+    transport->combineSTDCMDandBloackCMD("block", wrong);
+    EXPECT_EQ(capture.lines(),
+              QStringList({QStringLiteral("CHKSUM Wrong return"),
+                           QStringLiteral("arraylen=!arrayreceived.length()"), zeroLength}));
+    EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST_F(CoreUdpReceive, DecoderResetsWhatItRefuses)
+{
+    model_Protocoldata refused;
+    refused.strReply = QLatin1String("");
+    for (const char* datagram : {"", "<F", "<F010203040506071c", "<F010203040506071c>>",
+                                 "<T010203040506071c>", "xF010203040506071c>"}) {
+        EXPECT_TRUE(sameRecord(transport->getArrayData(datagram), refused)) << datagram;
+    }
+    EXPECT_TRUE(sameRecord(transport->getArrayData("<F010203040506071d>"), model_Protocoldata()));
+    EXPECT_EQ(transport->getArrayData("<F010203040506071C*").CHKSUM, 0x1c);
+}
+
+TEST_F(CoreUdpReceive, RefusedThreadLosesNoReply)
+{
+    {
+        const ThreadRefusal refusal;
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        peer.send(replyText(0x10, 0x01));
+        peer.send("orphan");
+        ASSERT_TRUE(eventually(
+            [this] { return capture.lines().filter(QStringLiteral("host ip:")).size() == 2; }));
+    }
+    ASSERT_TRUE(queued(1));
+    ASSERT_TRUE(logged(orphanBlock));
+}
+
+TEST_F(CoreUdpReceive, FloodNeedsFewThreadsAndEveryDatagramIsAccountedFor)
+{
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    const int before = processstate::threads();
+    int most = 0;
+    constexpr std::size_t rounds = 50;
+    constexpr std::size_t burst = 200;
+    for (std::size_t round = 1; round <= rounds; ++round) {
+        for (std::size_t i = 0; i < burst; ++i) {
+            peer.send(replyText(0x10, static_cast<int>(i % 256)));
+            peer.send("orphan");
+        }
+        most = qMax(most, processstate::threads());
+        ASSERT_TRUE(queued(round * burst));
+        most = qMax(most, processstate::threads());
+    }
+    EXPECT_LE(most, before + 4); // one at work, others that have ended and not yet gone
+    ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == rounds * burst; }));
+}
+
+TEST_F(CoreUdpReceive, KernelHoldsABurstOf2000Replies)
+{
+    // Nothing is read meanwhile: this thread does not run its event loop.
+    for (int i = 0; i < 2000; ++i) {
+        peer.send(replyText(0x10, i % 256));
+    }
+    ASSERT_TRUE(queued(2000)) << hostqueue::size();
+}
+
+TEST_F(CoreUdpReceive, SlotMayBeCalledWithNothingThere)
+{
+    transport->readPendingDatagrams();
+    peer.send(replyText(0x10, 1));
+    transport->readPendingDatagrams();
+    EXPECT_EQ(hostqueue::size(), 1U);
+    peer.send(replyText(0x10, 2));
+    ASSERT_TRUE(queued(2));
+}

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+#include "udplink.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace
+{
+
+QByteArray numbered(int size)
+{
+    QByteArray frame;
+    for (int i = 0; i < size; ++i) {
+        frame.append(static_cast<char>(i * 31 + i / 256));
+    }
+    return frame;
+}
+
+struct Sent {
+    qint32 sum = 0;
+    std::vector<QByteArray> pieces;
+};
+
+// A socket that answers as told, then with each piece's size.
+Sent sendWith(const QByteArray& frame, std::vector<qint64> results)
+{
+    Sent sent;
+    std::size_t next = 0;
+    sent.sum = sendInPieces(frame, [&](const char* data, int size) -> qint64 {
+        EXPECT_GE(data, frame.constData());
+        EXPECT_LE(data + size, frame.constData() + frame.size());
+        sent.pieces.emplace_back(data, size);
+        return next < results.size() ? results[next++] : size;
+    });
+    return sent;
+}
+
+} // namespace
+
+TEST(SendInPieces, SizesOfThePieces)
+{
+    const struct {
+        int size;
+        std::vector<int> pieces;
+    } cases[] = {{0, {}},
+                 {1, {1}},
+                 {539, {539}},
+                 {540, {540}},
+                 {541, {540, 1}},
+                 {1079, {540, 539}},
+                 {1080, {540, 540}},
+                 {1081, {540, 540, 1}},
+                 {1620, {540, 540, 540}}};
+    for (const auto& expected : cases) {
+        const QByteArray frame = numbered(expected.size);
+        const Sent sent = sendWith(frame, {});
+        EXPECT_EQ(sent.sum, expected.size);
+        ASSERT_EQ(sent.pieces.size(), expected.pieces.size()) << expected.size;
+        QByteArray whole;
+        for (std::size_t i = 0; i < sent.pieces.size(); ++i) {
+            EXPECT_EQ(sent.pieces[i].size(), expected.pieces[i]);
+            whole += sent.pieces[i];
+        }
+        EXPECT_EQ(whole, frame);
+    }
+}
+
+TEST(SendInPieces, AFailedOrShortPieceIsFollowedByOneLastWriteFromTheSum)
+{
+    const QByteArray frame = numbered(1300);
+    const Sent first = sendWith(frame, {-1, -1});
+    EXPECT_EQ(first.sum, -2);
+    ASSERT_EQ(first.pieces.size(), 2U);
+    EXPECT_EQ(first.pieces[1], frame.mid(-1, 1300));
+    EXPECT_EQ(first.pieces[1].size(), 1299);
+
+    const Sent recovered = sendWith(frame, {-1});
+    EXPECT_EQ(recovered.sum, 1298);
+
+    const Sent second = sendWith(frame, {540, -1});
+    ASSERT_EQ(second.pieces.size(), 3U);
+    EXPECT_EQ(second.pieces[2], frame.mid(539, 760));
+    EXPECT_EQ(second.sum, 540 - 1 + 760);
+
+    const Sent shorter = sendWith(frame, {100});
+    ASSERT_EQ(shorter.pieces.size(), 2U);
+    EXPECT_EQ(shorter.pieces[1], frame.mid(100, 1300));
+    EXPECT_EQ(shorter.sum, 1300);
+
+    const Sent negative = sendWith(frame, {-1299, 0});
+    EXPECT_EQ(negative.pieces[1], frame.mid(-1299, 1300));
+    const Sent beyond = sendWith(frame, {-5000, 0});
+    EXPECT_EQ(beyond.pieces[1].size(), frame.mid(-5000, 1300).size());
+}
+
+TEST(ClassifySent, InTheOrderOfTheTable)
+{
+    EXPECT_EQ(classifySent(0, 0), SendOutcome::Successful);
+    EXPECT_EQ(classifySent(19, 19), SendOutcome::Successful);
+    EXPECT_EQ(classifySent(-115, 19), SendOutcome::Failed);
+    EXPECT_EQ(classifySent(-1, 19), SendOutcome::BroadcastFailed);
+    EXPECT_EQ(classifySent(-2, 19), SendOutcome::Unknown);
+    EXPECT_EQ(classifySent(18, 19), SendOutcome::Unknown);
+    EXPECT_EQ(classifySent(0, 19), SendOutcome::Unknown);
+    EXPECT_EQ(classifySent(20, 19), SendOutcome::Unknown);
+}
+
+TEST(UdpEndpoint, NullAddressOrNoSocketFailsEveryWrite)
+{
+    UdpEndpoint none(-1);
+    EXPECT_EQ(none.write("x", 1, QHostAddress(QHostAddress::LocalHost), 9), -1);
+    none.retire();
+}
