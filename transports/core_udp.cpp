@@ -6,6 +6,7 @@
 #include "commandframe.h"
 #include "debugline.h"
 #include "detachedthread.h"
+#include "devicetypes.h"
 #include "replykinds.h"
 #include "replyqueue.h"
 #include "udplink.h"
@@ -50,7 +51,7 @@ QHostAddress firstLocalAddress()
 
 bool usesFixedPort(model_GlobalEnum::DeviceType type)
 {
-    return type == model_GlobalEnum::Device353100 || type == model_GlobalEnum::Device353101;
+    return type == devicetypes::fixedPortA || type == devicetypes::fixedPortB;
 }
 
 quint16 seededLocalPort()

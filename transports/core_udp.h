@@ -128,7 +128,7 @@ private:
     std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
     QByteArray stdCMD;                      // standard reply that waits for its block
     QByteArray blockCMD;                    // cleared with stdCMD, used nowhere
-    std::atomic<model_GlobalEnum::DeviceType> deviceType{model_GlobalEnum::DeviceUnknown};
+    std::atomic<model_GlobalEnum::DeviceType> deviceType{model_GlobalEnum::DeviceType{}};
 
     std::vector<char> readBuffer; // room for the largest datagram
     QHostAddress lastSender;      // what lastSenderText was made from
