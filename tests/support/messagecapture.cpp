@@ -9,7 +9,8 @@ namespace
 {
 
 std::mutex captureLock;
-QStringList captured;
+// Never destroyed: a detached thread may still write a line while the process ends.
+QStringList& captured = *new QStringList;
 QtMessageHandler before = nullptr;
 
 void capture(QtMsgType type, const QMessageLogContext& context, const QString& text)

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: MIT
+// A host program: sends one command to a device on loopback and waits for the reply in its queue.
+#include "biz_cmdswork.h"
+#include "corefactory.h"
+#include "icorebase.h"
+#include "utility_manage.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QUdpSocket>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace
+{
+
+constexpr int patienceMs = 20000;
+
+int failed(const char* what)
+{
+    std::fprintf(stderr, "consumer: %s\n", what);
+    return 1;
+}
+
+// The link's local port is fixed: a network of the program's own keeps it free.
+void isolate()
+{
+    if (unshare(CLONE_NEWNET) != 0) {
+        return;
+    }
+    ifreq request{};
+    request.ifr_name[0] = 'l';
+    request.ifr_name[1] = 'o';
+    request.ifr_flags = IFF_UP | IFF_RUNNING;
+    ioctl(socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFFLAGS, &request);
+}
+
+bool replyQueued()
+{
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    return biz_CMDSWork::receivequeueHexCmd.size() == 1 &&
+           biz_CMDSWork::receivequeueHexCmd.front().CMD == 0x10;
+}
+
+bool referenceHostLoaded()
+{
+    QFile maps(QStringLiteral("/proc/self/maps"));
+    return maps.open(QIODevice::ReadOnly) && maps.readAll().contains("libCore_ManageHost");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    isolate();
+    QCoreApplication application(argc, argv);
+    const bool wantsReferenceHost = argc > 1 && std::string(argv[1]) == "reference";
+    if (referenceHostLoaded() != wantsReferenceHost) {
+        return failed(wantsReferenceHost ? "the reference host is not loaded"
+                                         : "the reference host is loaded beside the own one");
+    }
+
+    QUdpSocket device;
+    if (!device.bind(QHostAddress(QHostAddress::LocalHost), quint16{0})) {
+        return failed("no port for the device");
+    }
+    const std::unique_ptr<ICoreBase> transport(CoreFactory::creatCoreObjInstance(ConnUdp));
+    transport->setDeviceIP(QStringLiteral("127.0.0.1"));
+    transport->setPort(device.localPort());
+    model_Protocoldata record;
+    record.CMD = 0x10;
+    transport->sendDatatoDevice(&record);
+
+    QElapsedTimer patience;
+    patience.start();
+    while (!replyQueued()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        if (device.hasPendingDatagrams()) {
+            QHostAddress from;
+            quint16 port = 0;
+            char bytes[64];
+            device.readDatagram(bytes, sizeof bytes, &from, &port);
+            device.writeDatagram("<F0000100000000010>", 19, from, port);
+        }
+        if (patience.elapsed() > patienceMs) {
+            return failed("no reply in the host's queue");
+        }
+    }
+    if (!biz_CMDSWork::bRetFlag) {
+        return failed("the flag was not raised");
+    }
+#ifdef OWN_HOST_API
+    if (Utility_Manage::linesWritten != 1) {
+        return failed("the own log did not get its line");
+    }
+#endif
+    std::puts("consumer: reply received");
+    return 0;
+}
