@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: MIT
+// Round trips and a flood over loopback, against a bare QUdpSocket that does the same by hand.
+#include "biz_cmdswork.h"
+#include "core_udp.h"
+#include "ratio.h"
+#include "tests/support/netns.h"
+#include "tests/support/processstate.h"
+#include "utility_manage.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+#include <QUdpSocket>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr char reply[] = "<F010203040506071c>";
+constexpr quint16 linkPort = 5104;
+
+sockaddr_in loopback(quint16 port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+// Answers every datagram with the same reply, on a thread of its own.
+class Echo
+{
+public:
+    Echo() : descriptor(socket(AF_INET, SOCK_DGRAM, 0))
+    {
+        sockaddr_in address = loopback(0);
+        socklen_t length = sizeof address;
+        bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+        const timeval pause{0, 100000};
+        setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
+        thread = std::thread([this] { run(); });
+    }
+    ~Echo()
+    {
+        stop = true;
+        thread.join();
+        close(descriptor);
+    }
+    Echo(const Echo&) = delete;
+    Echo& operator=(const Echo&) = delete;
+
+    quint16 port = 0;
+
+private:
+    void run() const
+    {
+        while (!stop) {
+            char buffer[2048];
+            sockaddr_in from{};
+            socklen_t length = sizeof from;
+            if (recvfrom(descriptor, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from),
+                         &length) > 0) {
+                sendto(descriptor, reply, sizeof reply - 1, 0, reinterpret_cast<sockaddr*>(&from),
+                       length);
+            }
+        }
+    }
+
+    int descriptor;
+    std::atomic<bool> stop{false};
+    std::thread thread;
+};
+
+std::size_t queued()
+{
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    return biz_CMDSWork::receivequeueHexCmd.size();
+}
+
+void emptyQueue()
+{
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    biz_CMDSWork::receivequeueHexCmd.clear();
+}
+
+double elapsed(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void roundTrips()
+{
+    constexpr int rounds = 20000;
+    const Echo echo;
+    std::vector<double> library;
+    std::vector<double> bare;
+    {
+        core_UDP transport;
+        transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+        transport.setPort(echo.port);
+        QUdpSocket socket;
+        socket.bind(QHostAddress(QHostAddress::LocalHost), quint16{0});
+        const QHostAddress device(QHostAddress::LocalHost);
+        bool answered = false;
+        QObject::connect(&socket, &QUdpSocket::readyRead, &socket, [&] {
+            while (socket.hasPendingDatagrams()) {
+                QByteArray datagram(static_cast<int>(socket.pendingDatagramSize()), '\0');
+                QHostAddress sender;
+                socket.readDatagram(datagram.data(), datagram.size(), &sender);
+                answered = true;
+            }
+        });
+        model_Protocoldata record;
+        const QByteArray frame = transport.produceCmds(record);
+        for (int i = 0; i < rounds; ++i) { // in turns
+            auto start = std::chrono::steady_clock::now();
+            transport.sendDatatoDevice(&record);
+            while (queued() == 0) {
+                QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+            }
+            library.push_back(elapsed(start));
+            emptyQueue();
+
+            answered = false;
+            start = std::chrono::steady_clock::now();
+            socket.writeDatagram(frame, device, echo.port);
+            while (!answered) {
+                QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+            }
+            bare.push_back(elapsed(start));
+        }
+    }
+    ratio::printTimes("round trip, median, to a bare QUdpSocket", ratio::percentile(bare, 0.5),
+                      ratio::percentile(library, 0.5), 1.5);
+    ratio::printTimes("round trip, 99th percentile", ratio::percentile(bare, 0.99),
+                      ratio::percentile(library, 0.99), 2.0);
+}
+
+long droppedByKernel()
+{
+    QFile table(QStringLiteral("/proc/net/udp6"));
+    if (!table.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    const QByteArray port = ":" + QByteArray::number(linkPort, 16).toUpper() + " ";
+    for (const QByteArray& line : table.readAll().split('\n')) {
+        if (line.contains(port)) {
+            return line.simplified().split(' ').last().toLong();
+        }
+    }
+    return -1;
+}
+
+void flood(const QByteArray& datagram)
+{
+    constexpr long total = 1000000;
+    emptyQueue();
+    core_UDP transport;
+    const int threadsBefore = processstate::threads();
+    std::atomic<bool> sent{false};
+    std::thread sender([&] {
+        const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
+        const sockaddr_in to = loopback(linkPort);
+        for (long i = 0; i < total; ++i) {
+            sendto(descriptor, datagram.constData(), static_cast<std::size_t>(datagram.size()), 0,
+                   reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        }
+        close(descriptor);
+        sent = true;
+    });
+    int mostThreads = 0;
+    const auto start = std::chrono::steady_clock::now();
+    std::thread watcher([&] {
+        while (!sent) {
+            mostThreads = std::max(mostThreads, processstate::threads());
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    while (!sent) {
+        QCoreApplication::processEvents();
+    }
+    sender.join();
+    watcher.join();
+    QCoreApplication::processEvents();
+    const double seconds = elapsed(start);
+    const long dropped = droppedByKernel();
+    const long expected = total - dropped;
+    for (int i = 0; i < 1000 && static_cast<long>(queued()) < expected; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::printf("flood: %ld sent, %ld dropped by the kernel, %ld delivered, %zu in the queue, "
+                "%.2f us each, %d threads more than at rest (goal: 4 or fewer)\n",
+                total, dropped, expected, queued(), seconds / static_cast<double>(total) * 1e6,
+                mostThreads - threadsBefore - 2);
+    emptyQueue();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (!netns::isolate()) {
+        std::fprintf(stderr, "no network namespace of its own: port %d must be free\n", linkPort);
+    }
+    const QCoreApplication application(argc, argv);
+    const QTemporaryDir directory;
+    Utility_Manage::setLogFile(directory.filePath(QStringLiteral("bench.log")));
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    roundTrips();
+    flood(QByteArray(reply));
+    return 0;
+}
