@@ -45,7 +45,7 @@ constexpr std::array<quint8, 256> hexValues = makeValues();
 
 char* putPair(char* out, quint8 byte)
 {
-    std::memcpy(out, &hexPairs[2U * byte], 2);
+    std::memcpy(out, &hexPairs[std::size_t{2} * byte], 2);
     return out + 2;
 }
 

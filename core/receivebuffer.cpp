@@ -30,7 +30,7 @@ QByteArray ReceiveBuffer::peek(int count) const
 QByteArray ReceiveBuffer::take(int count)
 {
     const QMutexLocker locker(&lock);
-    const QByteArray taken(bytes.constData() + head, qBound(0, count, sizeLocked()));
+    QByteArray taken(bytes.constData() + head, qBound(0, count, sizeLocked()));
     discardLocked(taken.size());
     return taken;
 }

@@ -69,7 +69,8 @@ std::shared_ptr<spdlog::logger> currentLogger()
             QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) +
             QStringLiteral("/core_manage.log");
         try {
-            target.logger = openLogger(path, 8 * 1024 * 1024, 3);
+            target.logger =
+                openLogger(path, Utility_Manage::defaultMaxBytes, Utility_Manage::defaultMaxFiles);
             target.path = path;
         } catch (const std::exception& error) {
             reportOnce(target, error.what());
@@ -95,9 +96,7 @@ QString escaped(const QString& text)
     for (int i = 0; i < text.size(); ++i) {
         const QChar c = text.at(i);
         const ushort code = c.unicode();
-        if (isPlain(c)) {
-            line += c;
-        } else if (code == '\\') {
+        if (code == '\\') {
             line += QLatin1String("\\\\");
         } else if (code == '\n') {
             line += QLatin1String("\\n");

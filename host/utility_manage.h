@@ -13,6 +13,9 @@
 class CORE_MANAGE_HOST_EXPORT Utility_Manage
 {
 public:
+    static constexpr qint64 defaultMaxBytes = 8'388'608; ///< of one log file
+    static constexpr int defaultMaxFiles = 3;            ///< older ones that are kept
+
     /// Appends one line, with a time stamp, to the log file and hands it to the kernel before
     /// returning. Control characters, line and paragraph separators, and lone surrogates are
     /// written as escapes (\n, \x1b, \u2028), a backslash as two, so one call is one line whatever
@@ -26,8 +29,8 @@ public:
     /// it was, when the file cannot be opened or a bound is out of range; the reason goes to
     /// standard error. Until it is called, lines go to core_manage.log in the application's local
     /// data directory.
-    static bool setLogFile(const QString& path, qint64 maxBytes = 8 * 1024 * 1024,
-                           int maxFiles = 3);
+    static bool setLogFile(const QString& path, qint64 maxBytes = defaultMaxBytes,
+                           int maxFiles = defaultMaxFiles);
 
     /// The file that lines go to now; empty before the first line when none was chosen.
     static QString logFile();

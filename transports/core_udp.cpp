@@ -16,6 +16,7 @@
 #include <QUdpSocket>
 
 #include <cerrno>
+#include <cstring>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -70,6 +71,21 @@ void askForReceiveBuffer(QUdpSocket& socket)
                    sizeof receiveBufferBytes) != 0) { // needs a privilege
         socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, receiveBufferBytes);
     }
+}
+
+// A socket for both protocols reports an IPv4 sender as ::ffff:a.b.c.d; hosts compare a.b.c.d.
+QString plainText(const QHostAddress& address)
+{
+    bool isIpv4 = false;
+    const quint32 ipv4 = address.toIPv4Address(&isIpv4);
+    return (isIpv4 ? QHostAddress(ipv4) : address).toString();
+}
+
+unsigned scopeOf(const sockaddr_storage& address)
+{
+    sockaddr_in6 in6{};
+    std::memcpy(&in6, &address, sizeof in6);
+    return in6.sin6_family == AF_INET6 ? in6.sin6_scope_id : 0;
 }
 
 void clearBody(model_Protocoldata& record)
@@ -270,22 +286,20 @@ void core_UDP::readPendingDatagrams()
         if (last < 0) {
             return;
         }
-        bool isIpv4 = false;
-        const quint32 ipv4 = sender.toIPv4Address(&isIpv4);
-        readOne(static_cast<int>(last), (isIpv4 ? QHostAddress(ipv4) : sender).toString());
+        readOne(static_cast<int>(last), plainText(sender));
     }
 }
 
 QString core_UDP::senderText(const sockaddr_storage& sender)
 {
     QHostAddress address(reinterpret_cast<const sockaddr*>(&sender));
-    if (address == lastSender && !lastSenderText.isEmpty()) {
-        return lastSenderText;
+    if (const unsigned scope = scopeOf(sender)) {
+        address.setScopeId(QNetworkInterface::interfaceNameFromIndex(static_cast<int>(scope)));
     }
-    lastSender = address;
-    bool isIpv4 = false; // a socket for both protocols reports ::ffff:a.b.c.d
-    const quint32 ipv4 = address.toIPv4Address(&isIpv4);
-    lastSenderText = (isIpv4 ? QHostAddress(ipv4) : address).toString();
+    if (address != lastSender || address.scopeId() != lastSender.scopeId()) {
+        lastSender = address;
+        lastSenderText = plainText(address);
+    }
     return lastSenderText;
 }
 

@@ -404,6 +404,26 @@ TEST_F(CoreUdpReceive, KernelHoldsABurstOf2000Replies)
     ASSERT_TRUE(queued(2000)) << hostqueue::size();
 }
 
+TEST_F(CoreUdpReceive, SendersAreToldApart)
+{
+    UdpPeer second(QStringLiteral("127.0.0.9"));
+    QUdpSocket third;
+    ASSERT_TRUE(third.bind(QHostAddress(QHostAddress::LocalHostIPv6), quint16{0}));
+    for (int round = 0; round < 2; ++round) {
+        peer.send(replyText(0x10, 1));
+        second.send(replyText(0x10, 2));
+        third.writeDatagram(replyText(0x10, 3), QHostAddress(QHostAddress::LocalHostIPv6),
+                            UdpPeer::linkPort);
+    }
+    ASSERT_TRUE(queued(6));
+    const auto records = hostqueue::records();
+    const char* senders[] = {"127.0.0.3", "127.0.0.9", "::1"};
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(records[i].strKey, QString::fromLatin1(senders[i % 3]));
+        EXPECT_EQ(records[i].strKey2, records[i].strKey);
+    }
+}
+
 TEST_F(CoreUdpReceive, SlotMayBeCalledWithNothingThere)
 {
     transport->readPendingDatagrams();

@@ -109,6 +109,16 @@ TEST_F(CoreUdpSend, ByFeaturesTakesOnlyItsCode)
     EXPECT_EQ(peer.receive().bytes, commandText);
 }
 
+TEST_F(CoreUdpSend, DeviceWithAnIpv6Address)
+{
+    UdpPeer device(QStringLiteral("::1"));
+    transport.setDeviceIP(QStringLiteral("::1"));
+    transport.setPort(device.port());
+    model_Protocoldata record = command();
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(device.receive().bytes, commandText);
+}
+
 TEST_F(CoreUdpSend, SlotsWorkByName)
 {
     model_Protocoldata record = command();
