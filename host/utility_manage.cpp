@@ -104,7 +104,7 @@ QString escaped(const QString& text)
             line += QLatin1String("\\r");
         } else if (code == '\t') {
             line += QLatin1String("\\t");
-        } else if (code < 0xa0) { // the remaining C0 controls, DEL and the C1 controls
+        } else if (code < 0x20 || (code >= 0x7f && code < 0xa0)) { // C0, DEL and C1 controls
             line += QStringLiteral("\\x%1").arg(code, 2, 16, QLatin1Char('0'));
         } else if (c.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate()) {
             line += c;
