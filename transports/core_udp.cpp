@@ -163,6 +163,10 @@ void core_UDP::setDeviceType(model_GlobalEnum::DeviceType type)
 void core_UDP::initUdp()
 {
     [[maybe_unused]] const QHostAddress local = firstLocalAddress();
+    if (udpSocket != nullptr) { // called by the host itself
+        link->detach();
+        closeSocket();
+    }
     udpSocket = new QUdpSocket;
     if (usesFixedPort(Utility_Manage::getDeviceType())) {
         link->setPort(fixedDevicePort);

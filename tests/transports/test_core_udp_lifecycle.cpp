@@ -174,6 +174,18 @@ TEST_F(CoreUdpLifecycle, EachRecoveryDoublesTheRunsAndKeepsThePort)
     }
 }
 
+TEST_F(CoreUdpLifecycle, InitCalledByTheHostReplacesTheSocket)
+{
+    UdpPeer peer;
+    core_UDP transport;
+    const int descriptors = processstate::descriptors();
+    for (int i = 0; i < 3; ++i) {
+        transport.initUdp();
+        EXPECT_EQ(localPortSeenBy(peer, transport), UdpPeer::linkPort);
+    }
+    EXPECT_EQ(processstate::descriptors(), descriptors);
+}
+
 TEST_F(CoreUdpLifecycle, OperationsOfOtherLinksDoNothing)
 {
     core_UDP transport;
