@@ -163,25 +163,46 @@ long droppedByKernel()
     return -1;
 }
 
-void flood(const QByteArray& datagram)
+long linesLogged()
+{
+    QFile file(Utility_Manage::logFile());
+    long lines = 0;
+    if (file.open(QIODevice::ReadOnly)) {
+        while (!file.atEnd()) {
+            lines += file.read(1 << 20).count('\n');
+        }
+    }
+    return lines;
+}
+
+void sendMany(const QByteArray& datagram, long count)
+{
+    const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in to = loopback(linkPort);
+    for (long i = 0; i < count; ++i) {
+        sendto(descriptor, datagram.constData(), static_cast<std::size_t>(datagram.size()), 0,
+               reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    }
+    close(descriptor);
+}
+
+// Replies end in the queue, everything else in the log: one entry for each datagram.
+void flood(const char* what, const QByteArray& datagram)
 {
     constexpr long total = 1000000;
+    constexpr int helpers = 2;
     emptyQueue();
     core_UDP transport;
     const int threadsBefore = processstate::threads();
+    const long residentBefore = processstate::residentKiB();
+    const long loggedBefore = linesLogged();
     std::atomic<bool> sent{false};
-    std::thread sender([&] {
-        const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
-        const sockaddr_in to = loopback(linkPort);
-        for (long i = 0; i < total; ++i) {
-            sendto(descriptor, datagram.constData(), static_cast<std::size_t>(datagram.size()), 0,
-                   reinterpret_cast<const sockaddr*>(&to), sizeof to);
-        }
-        close(descriptor);
-        sent = true;
-    });
     int mostThreads = 0;
     const auto start = std::chrono::steady_clock::now();
+    std::thread sender([&] {
+        sendMany(datagram, total);
+        sent = true;
+    });
     std::thread watcher([&] {
         while (!sent) {
             mostThreads = std::max(mostThreads, processstate::threads());
@@ -195,15 +216,18 @@ void flood(const QByteArray& datagram)
     watcher.join();
     QCoreApplication::processEvents();
     const double seconds = elapsed(start);
-    const long dropped = droppedByKernel();
-    const long expected = total - dropped;
-    for (int i = 0; i < 1000 && static_cast<long>(queued()) < expected; ++i) {
+    const long delivered = total - droppedByKernel();
+    const long resident = processstate::residentKiB() - residentBefore;
+    const auto entries = [&] { return static_cast<long>(queued()) + linesLogged() - loggedBefore; };
+    for (int i = 0; i < 1000 && entries() < delivered; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::printf("flood: %ld sent, %ld dropped by the kernel, %ld delivered, %zu in the queue, "
-                "%.2f us each, %d threads more than at rest (goal: 4 or fewer)\n",
-                total, dropped, expected, queued(), seconds / static_cast<double>(total) * 1e6,
-                mostThreads - threadsBefore - 2);
+    std::printf("flood of %s: %ld sent, %ld delivered by the kernel, %ld in the queue or the log, "
+                "%.2f us each,\n    %d threads more than at rest (goal: 4 or fewer), %ld KiB more "
+                "memory, the queue's records being %ld KiB\n",
+                what, total, delivered, entries(), seconds / static_cast<double>(total) * 1e6,
+                mostThreads - threadsBefore - helpers, resident,
+                static_cast<long>(queued() * sizeof(model_Protocoldata) / 1024));
     emptyQueue();
 }
 
@@ -216,9 +240,10 @@ int main(int argc, char** argv)
     }
     const QCoreApplication application(argc, argv);
     const QTemporaryDir directory;
-    Utility_Manage::setLogFile(directory.filePath(QStringLiteral("bench.log")));
+    Utility_Manage::setLogFile(directory.filePath(QStringLiteral("bench.log")), 1 << 30);
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     roundTrips();
-    flood(QByteArray(reply));
+    flood("replies", QByteArray(reply));
+    flood("orphan blocks", "no reply before this block");
     return 0;
 }
