@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 namespace
 {
 
@@ -141,6 +143,26 @@ TEST(ReplyQueue, FailureRaisesTheFlagThenReports)
     EXPECT_EQ(capture.count(QStringLiteral("no block came")), 1);
     EXPECT_TRUE(hostqueue::flag());
     EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+// The process ends with replies pending: freely, and with the host's lock never let go.
+TEST(ReplyQueueDeathTest, ExitWithRepliesPending)
+{
+    for (const bool forever : {false, true}) {
+        EXPECT_EXIT(
+            {
+                biz_CMDSWork::receiveHexCmdlock.lock();
+                for (int i = 0; i < 1000; ++i) {
+                    replyqueue::post(numbered(i));
+                    replyqueue::postFailure("late");
+                }
+                if (!forever) {
+                    biz_CMDSWork::receiveHexCmdlock.unlock();
+                }
+                std::exit(0);
+            },
+            ::testing::ExitedWithCode(0), "");
+    }
 }
 
 TEST(ReplyQueue, LaterOfTwoFlagCallsWins)
