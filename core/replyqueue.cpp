@@ -17,16 +17,23 @@ namespace
 {
 
 constexpr int retryPauseMs = 10;
-constexpr int exitGraceMs = 200;
+constexpr std::chrono::milliseconds exitPause{1};
+constexpr int exitLooks = 200;
 
 struct Handover {
     model_Protocoldata record;
     const char* failure = nullptr; // set: no record, a failure to report
 };
 
+// Set when the process ends: from then on nothing of the host or of Qt may be touched.
+std::atomic<bool> closing{false};
+
 void appendRecords(std::deque<Handover>& batch, std::size_t& next)
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    if (closing) {
+        return;
+    }
     for (; next < batch.size() && batch[next].failure == nullptr; ++next) {
         biz_CMDSWork::receivequeueHexCmd.push_back(std::move(batch[next].record));
     }
@@ -36,7 +43,7 @@ void appendRecords(std::deque<Handover>& batch, std::size_t& next)
 void handOver(std::deque<Handover>& batch)
 {
     std::size_t next = 0;
-    while (next < batch.size()) {
+    while (next < batch.size() && !closing) {
         if (batch[next].failure != nullptr) {
             replyqueue::reportFailure(batch[next++].failure);
         } else {
@@ -52,17 +59,36 @@ DrainQueue<Handover>& backlog()
     return *instance;
 }
 
-// At exit the host's queue goes after this object: what is pending gets a moment to arrive there.
-struct ExitGrace {
-    ~ExitGrace()
+// Lets what is pending arrive when the process ends, and stops the thread that brings it before the
+// host's and Qt's static objects go. They go in the reverse order of their making, so this one is
+// made when it is first needed, after those of Qt that a debug line uses.
+class ExitGuard
+{
+public:
+    ExitGuard()
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(exitGraceMs);
-        while (!backlog().idle() && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (debugLine().isDebugEnabled()) {
+            const QString line = qFormatLogMessage(QtDebugMsg, QMessageLogContext(), QString());
+            [[maybe_unused]] const QByteArray encoded = line.toLocal8Bit();
+        }
+    }
+    ~ExitGuard()
+    {
+        waitUntilIdle();
+        closing = true;
+        waitUntilIdle();
+    }
+    ExitGuard(const ExitGuard&) = delete;
+    ExitGuard& operator=(const ExitGuard&) = delete;
+
+private:
+    static void waitUntilIdle()
+    {
+        for (int look = 0; look < exitLooks && !backlog().idle(); ++look) {
+            std::this_thread::sleep_for(exitPause);
         }
     }
 };
-const ExitGrace exitGrace;
 
 std::atomic<bool> retryPending{false};
 
@@ -81,7 +107,8 @@ void retryLater()
 
 void putInBacklog(Handover handover)
 {
-    if (!backlog().put(std::move(handover))) {
+    static const ExitGuard guard;
+    if (!closing && !backlog().put(std::move(handover))) {
         retryLater();
     }
 }

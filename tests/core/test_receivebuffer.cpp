@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "processstate.h"
 #include "receivebuffer.h"
 
 #include <gtest/gtest.h>
@@ -76,6 +77,20 @@ TEST(ReceiveBuffer, TakingDoesNotMoveTheBacklog)
 {
     // A buffer that shifts its tail needs thousands of times as long here.
     EXPECT_LT(secondsPerTake(64 * 1024 * 1024), 20 * secondsPerTake(4 * 1024) + 2e-5);
+}
+
+TEST(ReceiveBuffer, ConsumedBytesGiveTheirMemoryBack)
+{
+    ReceiveBuffer buffer;
+    buffer.append("x"); // never empty from here on
+    const QByteArray chunk(64 * 1024, 'y');
+    const long before = processstate::residentKiB();
+    for (int i = 0; i < 2000; ++i) {
+        buffer.append(chunk);
+        buffer.discard(chunk.size());
+    }
+    EXPECT_LT(processstate::residentKiB() - before, 16 * 1024);
+    EXPECT_EQ(buffer.peek(10), QByteArray("y"));
 }
 
 TEST(ReceiveBuffer, WriterAndConsumerSeeEveryByteInOrder)
