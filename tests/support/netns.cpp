@@ -1,37 +1,20 @@
 // SPDX-License-Identifier: MIT
 #include "netns.h"
 
-#include <cstdlib>
-#include <cstring>
+#include "tools/networknamespace.h"
 
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <cstdlib>
 
 namespace
 {
 
 bool done = false;
 
-bool raiseLoopback()
-{
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq request{};
-    std::strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP | IFF_RUNNING;
-    const bool up = descriptor >= 0 && ioctl(descriptor, SIOCSIFFLAGS, &request) == 0;
-    close(descriptor);
-    return up;
-}
-
 } // namespace
 
 bool netns::isolate()
 {
-    done = (unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) &&
-           raiseLoopback();
+    done = networknamespace::enter();
     return done;
 }
 

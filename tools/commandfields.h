@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "devicelink.h"
+
+#include <map>
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+/// The options that describe a command, and the command they describe.
+class CommandFields
+{
+public:
+    /// Adds --cmd, --dat1 and the others to a subcommand. Must outlive its parsing.
+    void addTo(CLI::App& app);
+
+    /// The command. DAT3 and DAT4 not given are the block's length where there is a block. Throws
+    /// BadInput if a value is out of range, a field is not one of \a fields, --cmd is missing or
+    /// the block cannot be read.
+    Command read(FieldSet fields) const;
+
+private:
+    bool given(const std::string& name) const { return values.count(name) != 0; }
+    int number(const std::string& name, int most, int otherwise) const;
+
+    std::map<std::string, std::string> values; // what was given, by option name
+};
+
+/// Numbers and bytes as a person types them.
+namespace typed
+{
+
+/// A decimal number, or a hexadecimal one after 0x, from \a least to \a most. Throws BadInput,
+/// which names the option.
+qint64 number(const QString& option, const std::string& text, qint64 least, qint64 most);
+
+/// The bytes of "@FILE", as they are, or of hexadecimal digits with or without blanks. Throws
+/// BadInput, which names the option.
+QByteArray bytes(const QString& option, const std::string& text);
+
+/// The bytes of a file; "-" is standard input. Throws BadInput.
+QByteArray file(const QString& option, const QString& path);
+
+} // namespace typed

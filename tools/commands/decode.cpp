@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+
+#include "commandfields.h"
+#include "commandframe.h"
+#include "output.h"
+#include "recordtext.h"
+#include "toolerror.h"
+
+#include <CLI/CLI.hpp>
+
+#include <QRegularExpression>
+
+namespace
+{
+
+// One frame, read and judged.
+struct Verdict {
+    QString form; // what it is
+    model_Protocoldata record;
+    FieldSet fields = FieldSet::TextBody;
+    QString wrong; // empty: it is valid
+};
+
+QString wrongChecksum(int sent, int right)
+{
+    return QStringLiteral("its checksum is %1, and %2 would be right")
+        .arg(sent, 2, 16, QLatin1Char('0'))
+        .arg(right, 2, 16, QLatin1Char('0'));
+}
+
+Verdict judgeText(const QByteArray& frame)
+{
+    Verdict verdict;
+    if (frame.size() < commandframe::textLength) {
+        verdict.wrong = QStringLiteral("a text frame has at least %1 bytes, this has %2")
+                            .arg(commandframe::textLength)
+                            .arg(frame.size());
+        return verdict;
+    }
+    const bool isReply = frame.at(1) == commandframe::replyMark;
+    if (frame.at(0) != commandframe::startMark ||
+        (!isReply && frame.at(1) != commandframe::commandMark)) {
+        verdict.wrong = QStringLiteral("a text frame begins with <T or <F (binary: --binary)");
+        return verdict;
+    }
+    verdict.form = isReply ? QStringLiteral("reply") : QStringLiteral("command");
+    const bool valid = commandframe::decodeText(frame, verdict.record);
+    verdict.record.arryDatablock = frame.mid(commandframe::textLength);
+    static const QRegularExpression hexadecimal(QStringLiteral("^[0-9a-fA-F]{16}$"));
+    const QString digits = commandframe::digitsOf(frame);
+    constexpr int checksumAt = 14;
+    if (!hexadecimal.match(digits).hasMatch()) {
+        verdict.wrong = QStringLiteral("its digits are not all hexadecimal");
+    } else if (!valid) {
+        verdict.wrong =
+            wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), verdict.record.CHKSUM);
+    } else if (frame.at(commandframe::textLength - 1) != commandframe::endMark) {
+        verdict.wrong = QStringLiteral("it does not end with >");
+    }
+    return verdict;
+}
+
+Verdict judgeBinary(const QByteArray& frame)
+{
+    Verdict verdict;
+    verdict.fields = FieldSet::BinaryHead;
+    if (frame.size() < commandframe::binaryLength) {
+        verdict.wrong = QStringLiteral("a binary frame has at least %1 bytes, this has %2")
+                            .arg(commandframe::binaryLength)
+                            .arg(frame.size());
+        return verdict;
+    }
+    verdict.form = QStringLiteral("binary");
+    const bool valid = commandframe::decodeBinary(frame, verdict.record);
+    verdict.record.arryDatablock = frame.mid(commandframe::binaryLength);
+    if (!valid) {
+        int sum = 0;
+        for (const char byte : frame.left(commandframe::binaryLength - 1)) {
+            sum += static_cast<quint8>(byte);
+        }
+        verdict.wrong = wrongChecksum(verdict.record.CHKSUM, sum & 0xff);
+    } else if (verdict.record.aux6 != verdict.record.arryDatablock.size()) {
+        verdict.wrong = QStringLiteral("it announces %1 block bytes and has %2")
+                            .arg(verdict.record.aux6)
+                            .arg(verdict.record.arryDatablock.size());
+    }
+    return verdict;
+}
+
+class Decode
+{
+public:
+    explicit Decode(CLI::App& application);
+
+    CLI::App* parser;
+    int run();
+
+private:
+    QByteArray frame() const;
+
+    std::string input;
+    bool binary = false;
+    bool raw = false;
+    bool json = false;
+};
+
+Decode::Decode(CLI::App& application)
+    : parser(application.add_subcommand("decode", "Read a frame, without a device"))
+{
+    parser->add_option("frame", input, "<T... or <F..., hexadecimal digits, @FILE, or -")
+        ->type_name("FRAME")
+        ->required();
+    parser->add_flag("--binary", binary, "a binary frame of vela:// instead of a text frame");
+    parser->add_flag("--raw", raw,
+                     "take a file as it is, even if it looks like hexadecimal digits");
+    parser->add_flag("--json", json, "print one JSON object");
+    parser->footer(
+        "@FILE is a file, - is standard input: the frame's bytes, or hexadecimal digits.\n"
+        "\nExamples:\n"
+        "  coremanage decode '<F010203040506071c>'\n"
+        "  coremanage decode 3c46303130323033303430353036303731633e\n"
+        "  coremanage decode --binary @captured.bin --json\n"
+        "\nExit codes: 0 a valid frame, 1 no valid frame, 2 wrong input.");
+}
+
+QByteArray Decode::frame() const
+{
+    const QString option = QStringLiteral("frame");
+    const QByteArray text = QByteArray::fromStdString(input);
+    if (!binary && text.startsWith(commandframe::startMark)) {
+        return text;
+    }
+    if (text != "-" && !text.startsWith('@')) {
+        return typed::bytes(option, input);
+    }
+    const QByteArray content =
+        typed::file(option, QString::fromStdString(text == "-" ? input : input.substr(1)));
+    static const QRegularExpression digits(QStringLiteral("^[0-9a-fA-F\\s]+$"));
+    const bool looksLikeDigits = digits.match(QString::fromLatin1(content)).hasMatch();
+    return raw || !looksLikeDigits ? content : typed::bytes(option, content.toStdString());
+}
+
+int Decode::run()
+{
+    const QByteArray bytes = frame();
+    const Verdict verdict = binary ? judgeBinary(bytes) : judgeText(bytes);
+    if (!verdict.form.isEmpty() && json) {
+        QJsonObject object = recordtext::json(verdict.record, verdict.fields);
+        object.insert(QStringLiteral("form"), verdict.form);
+        object.insert(QStringLiteral("valid"), verdict.wrong.isEmpty());
+        output::line(recordtext::oneLine(object));
+    } else if (!verdict.form.isEmpty()) {
+        output::line(verdict.form + QLatin1Char(' ') +
+                     recordtext::line(verdict.record, verdict.fields));
+        output::raw(recordtext::dump(verdict.record.arryDatablock).toUtf8());
+    }
+    if (!verdict.wrong.isEmpty()) {
+        throw ToolError(exitcode::failed, QStringLiteral("no valid frame: ") + verdict.wrong);
+    }
+    return exitcode::success;
+}
+
+} // namespace
+
+commands::Subcommand commands::addDecode(CLI::App& application)
+{
+    const auto decode = std::make_shared<Decode>(application);
+    return {decode->parser, [decode] { return decode->run(); }};
+}

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+
+#include "commandfields.h"
+#include "duration.h"
+#include "linknotes.h"
+#include "linkoptions.h"
+#include "output.h"
+#include "recordtext.h"
+#include "toolerror.h"
+#include "waiting.h"
+
+#include <CLI/CLI.hpp>
+
+namespace
+{
+
+class Listen
+{
+public:
+    explicit Listen(CLI::App& application);
+
+    CLI::App* parser;
+    int run();
+
+private:
+    bool look(DeviceLink& link);
+    void show(const Reply& reply) const;
+
+    LinkOptions options;
+    Duration duration;
+    bool json = false;
+    qint64 shown = 0;
+    QElapsedTimer clock;
+};
+
+Listen::Listen(CLI::App& application)
+    : parser(application.add_subcommand("listen", "Show replies as they come, one line each"))
+{
+    options.addTo(*parser);
+    duration.addTo(*parser, "replies");
+    parser->add_flag("--json", json, "print one JSON object a line");
+    parser->footer("Links:\n" + linkregistry::help().toStdString() +
+                   "\nCtrl-C ends it. On udp:// every sender is listened to.\n"
+                   "\nExamples:\n"
+                   "  coremanage listen udp://192.168.1.20:1000\n"
+                   "  coremanage listen udp://192.168.1.20 --json --for 60 > replies.jsonl\n"
+                   "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
+                   "the link was lost, 2 wrong input, 3 the link could not be opened.");
+}
+
+void Listen::show(const Reply& reply) const
+{
+    output::line(json ? recordtext::oneLine(reply.json)
+                      : recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
+}
+
+bool Listen::look(DeviceLink& link)
+{
+    for (const Reply& reply : link.takeReplies()) {
+        if (!duration.reached(shown)) {
+            ++shown;
+            show(reply);
+        }
+    }
+    for (const QString& refusal : linknotes::takeRefusals()) {
+        output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") + refusal);
+    }
+    output::progress(
+        QStringLiteral("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
+    return duration.reached(shown) || !link.problem().isEmpty();
+}
+
+int Listen::run()
+{
+    duration.read();
+    const auto endpoint = options.endpoint();
+    options.startLog();
+    const Interrupt interrupt;
+    const auto link = endpoint->open(false);
+    clock.start();
+    output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(options.link()));
+    waitFor([&] { return look(*link); }, duration.limit(), interrupt);
+    output::endProgress();
+    output::error(QStringLiteral("%1 replies in %2 s")
+                      .arg(shown)
+                      .arg(static_cast<double>(clock.elapsed()) / 1000.0));
+    if (!link->problem().isEmpty()) {
+        throw ToolError(exitcode::failed, options.link() + QStringLiteral(": ") + link->problem());
+    }
+    return duration.fellShort(shown, interrupt.happened()) ? exitcode::failed : exitcode::success;
+}
+
+} // namespace
+
+commands::Subcommand commands::addListen(CLI::App& application)
+{
+    const auto listen = std::make_shared<Listen>(application);
+    return {listen->parser, [listen] { return listen->run(); }};
+}

@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+
+#include "commandfields.h"
+#include "duration.h"
+#include "linkoptions.h"
+#include "output.h"
+#include "recordtext.h"
+#include "toolerror.h"
+#include "waiting.h"
+
+#include <CLI/CLI.hpp>
+
+#include <QJsonArray>
+
+#include <limits>
+
+namespace
+{
+
+constexpr qint64 mostAnnounced = 32767;
+
+QStringList faultNames(const Exchange& exchange)
+{
+    QStringList names;
+    for (const Fault fault : exchange.faults) {
+        names << Faults::name(fault);
+    }
+    return names;
+}
+
+class Simulate
+{
+public:
+    explicit Simulate(CLI::App& application);
+
+    CLI::App* parser;
+    int run();
+
+private:
+    SimulatedDevice::Settings settings() const;
+    void show(const Exchange& exchange) const;
+    void showJson(const Exchange& exchange) const;
+    void summarise(SimulatedLink& simulator, qint64 elapsed) const;
+
+    std::string link;
+    std::string seed = "1";
+    std::string announced = "64";
+    std::vector<std::string> faults;
+    Duration duration;
+    bool shortBlock = false;
+    bool json = false;
+    bool quiet = false;
+    qint64 commands = 0;
+    qint64 spoiled = 0;
+};
+
+Simulate::Simulate(CLI::App& application)
+    : parser(application.add_subcommand("simulate", "Be a device, with faults on demand"))
+{
+    parser->add_option("link", link, "where to be found; port 0: a free one")
+        ->type_name("LINK")
+        ->required();
+    parser->add_option("--fault", faults, "NAME=10% or NAME=3, see below; may come several times")
+        ->type_name("FAULT")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    parser->add_option("--seed", seed, "the same seed and commands give the same answers (1)")
+        ->type_name("N");
+    parser
+        ->add_option("--announced", announced,
+                     "length of an announced block, if the command asks for none (64)")
+        ->type_name("N");
+    parser->add_flag("--short-block", shortBlock, "33 bytes instead of 129 for 0x69 0x09");
+    duration.addTo(*parser, "commands");
+    parser->add_flag("--json", json, "print one JSON object a line");
+    parser->add_flag("-q,--quiet", quiet, "show no commands, only where it is and the summary");
+    parser->footer(
+        "Links:\n" + linkregistry::help().toStdString() + "\nFaults, with their amounts:\n" +
+        Faults::help().toStdString() +
+        "NAME=10% strikes with that chance, NAME=3 the first three times it can,\n"
+        "NAME=10%:250 and NAME=3:250 set the amount.\n"
+        "\nExamples:\n"
+        "  coremanage simulate udp://127.0.0.1:3005\n"
+        "  coremanage simulate udp://0.0.0.0:3005 --fault drop=10% --fault delay=50%:300\n"
+        "  coremanage simulate udp://127.0.0.1:0 --fault flood=1:100000 --count 1\n"
+        "\nCtrl-C ends it. Exit codes: 0 ended as asked, 1 fewer commands came than --count or\n"
+        "the medium was lost, 2 wrong input, 3 the link could not be opened.");
+}
+
+SimulatedDevice::Settings Simulate::settings() const
+{
+    SimulatedDevice::Settings chosen;
+    chosen.seed = static_cast<quint64>(
+        typed::number(QStringLiteral("--seed"), seed, 0, std::numeric_limits<qint64>::max()));
+    chosen.announcedLength =
+        static_cast<int>(typed::number(QStringLiteral("--announced"), announced, 1, mostAnnounced));
+    chosen.shortBlock = shortBlock;
+    for (const std::string& fault : faults) {
+        const QString wrong = chosen.faults.parse(QString::fromStdString(fault));
+        if (!wrong.isEmpty()) {
+            throw BadInput(QStringLiteral("--fault: ") + wrong);
+        }
+    }
+    return chosen;
+}
+
+void Simulate::show(const Exchange& exchange) const
+{
+    const devicecodec::Head& head = exchange.command.head;
+    QStringList sizes;
+    for (const Emission& emission : exchange.answer) {
+        sizes << QString::number(emission.bytes.size());
+    }
+    QString answer = sizes.isEmpty() ? QStringLiteral("nothing")
+                                     : sizes.join(QStringLiteral("+")) + QStringLiteral(" bytes");
+    if (exchange.times > 1) {
+        answer += QStringLiteral(" x%1").arg(exchange.times);
+    }
+    const QStringList struck = faultNames(exchange);
+    if (!struck.isEmpty()) {
+        answer += QStringLiteral(" [%1]").arg(struck.join(QStringLiteral(", ")));
+    }
+    const auto hex = [](quint8 byte) {
+        return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
+    };
+    QString body =
+        QStringLiteral("CMD %1 DAT %2 %3 %4 %5")
+            .arg(hex(head.cmd), hex(head.dat1), hex(head.dat2), hex(head.dat3), hex(head.dat4));
+    if (!exchange.command.block.isEmpty()) {
+        body += QLatin1Char(' ') + recordtext::blockSummary(exchange.command.block);
+    }
+    output::line(QStringLiteral("%1 %2 -> %3").arg(recordtext::timeOfDay(), body, answer));
+}
+
+void Simulate::showJson(const Exchange& exchange) const
+{
+    const devicecodec::Head& head = exchange.command.head;
+    QJsonArray answer;
+    for (const Emission& emission : exchange.answer) {
+        answer.append(QString::fromLatin1(emission.bytes.toHex()));
+    }
+    output::line(recordtext::oneLine(
+        {{QStringLiteral("head"), head.head},
+         {QStringLiteral("addr"), head.addr},
+         {QStringLiteral("cmd"), head.cmd},
+         {QStringLiteral("dat1"), head.dat1},
+         {QStringLiteral("dat2"), head.dat2},
+         {QStringLiteral("dat3"), head.dat3},
+         {QStringLiteral("dat4"), head.dat4},
+         {QStringLiteral("block"), QString::fromLatin1(exchange.command.block.toHex())},
+         {QStringLiteral("answer"), answer},
+         {QStringLiteral("times"), exchange.times},
+         {QStringLiteral("faults"), QJsonArray::fromStringList(faultNames(exchange))}}));
+}
+
+void Simulate::summarise(SimulatedLink& simulator, qint64 elapsed) const
+{
+    output::error(QStringLiteral("%1 commands in %2 s, %3 answers with faults, %4 bytes sent, %5 "
+                                 "bytes that were no command")
+                      .arg(commands)
+                      .arg(static_cast<double>(elapsed) / 1000.0)
+                      .arg(spoiled)
+                      .arg(simulator.bytesSent())
+                      .arg(simulator.device().noise()));
+}
+
+int Simulate::run()
+{
+    duration.read();
+    const auto chosen = settings();
+    const auto simulator = linkregistry::endpoint(QString::fromStdString(link))->simulate(chosen);
+    const Interrupt interrupt;
+    if (!simulator->open()) {
+        throw LinkDown(
+            QStringLiteral("%1: %2").arg(QString::fromStdString(link), simulator->error()));
+    }
+    QString lostBecause;
+    QObject::connect(simulator.get(), &SimulatedLink::lost, simulator.get(),
+                     [&lostBecause](const QString& reason) { lostBecause = reason; });
+    QObject::connect(simulator.get(), &SimulatedLink::exchanged, simulator.get(),
+                     [this](const Exchange& exchange) {
+                         ++commands;
+                         spoiled += exchange.faults.empty() ? 0 : 1;
+                         if (!quiet) {
+                             json ? showJson(exchange) : show(exchange);
+                         }
+                     });
+    output::line(json ? recordtext::oneLine({{QStringLiteral("simulating"), simulator->address()}})
+                      : QStringLiteral("a simulated device at ") + simulator->address());
+    QElapsedTimer clock;
+    clock.start();
+    const auto over = [&] {
+        output::progress(QStringLiteral("%1 commands").arg(commands));
+        return !lostBecause.isEmpty() || (duration.reached(commands) && simulator->isIdle());
+    };
+    waitFor(over, duration.limit(), interrupt);
+    output::endProgress();
+    summarise(*simulator, clock.elapsed());
+    if (!lostBecause.isEmpty()) {
+        throw ToolError(exitcode::failed, lostBecause);
+    }
+    return duration.fellShort(commands, interrupt.happened()) ? exitcode::failed
+                                                              : exitcode::success;
+}
+
+} // namespace
+
+commands::Subcommand commands::addSimulate(CLI::App& application)
+{
+    const auto simulate = std::make_shared<Simulate>(application);
+    return {simulate->parser, [simulate] { return simulate->run(); }};
+}

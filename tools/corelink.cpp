@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#include "corelink.h"
+
+#include "biz_cmdswork.h"
+#include "icorebase.h"
+#include "recordtext.h"
+
+CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device)
+    : core(std::move(transport)), fieldSet(fields), deviceName(std::move(device))
+{
+    biz_CMDSWork().clearQueue();
+}
+
+CoreLink::~CoreLink() = default;
+
+void CoreLink::send(const Command& command)
+{
+    model_Protocoldata record = command.record;
+    core->sendDatatoDevice(&record);
+}
+
+QByteArray CoreLink::frameOf(const Command& command) const
+{
+    return recordtext::frame(command.record, fieldSet);
+}
+
+QJsonObject CoreLink::jsonOf(const Command& command) const
+{
+    return recordtext::json(command.record, fieldSet);
+}
+
+std::vector<Reply> CoreLink::takeReplies()
+{
+    std::deque<model_Protocoldata> records;
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        records.swap(biz_CMDSWork::receivequeueHexCmd);
+    }
+    std::vector<Reply> replies;
+    replies.reserve(records.size());
+    for (const model_Protocoldata& record : records) {
+        replies.push_back(recordtext::reply(record, fieldSet));
+    }
+    return replies;
+}
+
+bool CoreLink::isFromDevice(const Reply& reply) const
+{
+    return deviceName.isEmpty() || reply.from == deviceName;
+}

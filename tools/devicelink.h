@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "model_protocoldata.h"
+
+#include <QJsonObject>
+#include <QString>
+
+#include <vector>
+
+/// Which fields the commands of a link have.
+enum class FieldSet {
+    TextBody,   ///< HEAD ADDR CMD DAT1 DAT2 DAT3 DAT4 and a block
+    BinaryHead, ///< aux1 ADDR aux3 aux4 aux5 CMD DAT1 DAT2 DAT3 DAT4 and a block
+};
+
+/// One command as the person gave it.
+struct Command {
+    model_Protocoldata record;
+};
+
+/// One thing that came back from a device, ready to be shown.
+struct Reply {
+    QString from;     ///< who sent it
+    QString line;     ///< for a person, without line feeds
+    QByteArray block; ///< the block that came with it, if any
+    QJsonObject json; ///< for a program
+};
+
+/// An open link to a device, whatever the medium and the kind of record.
+///
+/// Belongs to one thread, whose event loop must run for replies to come. Nothing blocks.
+class DeviceLink
+{
+public:
+    virtual ~DeviceLink() = default;
+
+    /// Sends one command. What the link can tell of a failure is in linknotes afterwards.
+    virtual void send(const Command& command) = 0;
+
+    /// The frame that send writes, to be shown.
+    virtual QByteArray frameOf(const Command& command) const = 0;
+
+    /// The command as a program reads it.
+    virtual QJsonObject jsonOf(const Command& command) const = 0;
+
+    /// What has come since the last call, oldest first.
+    virtual std::vector<Reply> takeReplies() = 0;
+
+    /// Whether a reply is from the device that this link talks to.
+    virtual bool isFromDevice(const Reply& reply) const = 0;
+
+    /// Why the link does not work any more; empty if it does.
+    virtual QString problem() const { return {}; }
+};

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#include "interrupt.h"
+
+#include <csignal>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace
+{
+
+sigset_t watched()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+} // namespace
+
+Interrupt::Interrupt()
+{
+    const sigset_t signals = watched();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+    QObject::connect(notifier.get(), &QSocketNotifier::activated, notifier.get(), [this] {
+        signalfd_siginfo info{};
+        pressed = read(descriptor, &info, sizeof info) == sizeof info || pressed;
+    });
+}
+
+Interrupt::~Interrupt()
+{
+    notifier.reset();
+    close(descriptor);
+    const sigset_t signals = watched();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}

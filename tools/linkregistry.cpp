@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#include "linkregistry.h"
+
+#include "links/udpendpoint.h"
+#include "toolerror.h"
+
+const std::vector<LinkKind>& linkregistry::kinds()
+{
+    static const std::vector<LinkKind> table{
+        {"udp", "udp://192.168.1.20:1000", "a device on the network", udpendpoint::parse,
+         udpendpoint::demonstrate},
+        {"serial", "serial:///dev/ttyUSB0?baud=115200", "a device on a serial port", nullptr,
+         nullptr},
+        {"vela", "vela:///dev/ttyS1", "a device of the second serial line", nullptr, nullptr},
+        {"usb", "usb://04b4:1008", "a USB HID device", nullptr, nullptr},
+        {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint", nullptr, nullptr},
+    };
+    return table;
+}
+
+std::unique_ptr<Endpoint> linkregistry::endpoint(const QString& text)
+{
+    const LinkAddress address = LinkAddress::parse(text);
+    QStringList built;
+    for (const LinkKind& kind : kinds()) {
+        if (address.scheme == QLatin1String(kind.scheme) && kind.parse != nullptr) {
+            return kind.parse(address);
+        }
+        if (address.scheme == QLatin1String(kind.scheme)) {
+            address.refuse(
+                QStringLiteral("%1:// is not built into this version").arg(address.scheme));
+        }
+        if (kind.parse != nullptr) {
+            built << QLatin1String(kind.form);
+        }
+    }
+    address.refuse(QStringLiteral("there is no link \"%1\": write %2")
+                       .arg(address.scheme, built.join(QStringLiteral(" or "))));
+}
+
+QString linkregistry::help()
+{
+    QString text;
+    for (const LinkKind& kind : kinds()) {
+        text +=
+            QStringLiteral("  %1 %2%3\n")
+                .arg(QLatin1String(kind.form), -36)
+                .arg(QLatin1String(kind.describes),
+                     kind.parse == nullptr ? QStringLiteral(" (not in this version)") : QString());
+    }
+    return text;
+}

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "devicelink.h"
+#include "linkaddress.h"
+#include "simulator/simulatedlink.h"
+
+#include <memory>
+
+class Narrator;
+
+/// What an address designates, checked; nothing is open yet.
+class Endpoint
+{
+public:
+    virtual ~Endpoint() = default;
+
+    /// Which fields its commands have.
+    virtual FieldSet fields() const = 0;
+
+    /// Throws BadInput if this command cannot go over this link. Nothing is opened.
+    virtual void check(const Command& command) const = 0;
+
+    /// Opens the link to a device, or to all of them. Throws LinkDown, or BadInput if this very
+    /// address cannot be opened.
+    virtual std::unique_ptr<DeviceLink> open(bool broadcast) const = 0;
+
+    /// Puts a simulated device there; it does not serve yet. Throws BadInput if that cannot be.
+    virtual std::unique_ptr<SimulatedLink>
+    simulate(const SimulatedDevice::Settings& settings) const = 0;
+};
+
+/// One scheme of link addresses. Every link adds one row to the table and one file.
+struct LinkKind {
+    const char* scheme;
+    const char* form;      ///< what a right address looks like
+    const char* describes; ///< what is behind it
+    /// The endpoint of an address with this scheme; throws BadInput. Null: not in this version.
+    std::unique_ptr<Endpoint> (*parse)(const LinkAddress& address);
+    /// Shows the link at work with a simulated device. Null: there is nothing to show.
+    bool (*demonstrate)(Narrator& narrator);
+};
+
+namespace linkregistry
+{
+
+/// The endpoint that a text designates. Throws BadInput.
+std::unique_ptr<Endpoint> endpoint(const QString& text);
+
+/// Every kind of link.
+const std::vector<LinkKind>& kinds();
+
+/// One line for each kind of link, for a help text.
+QString help();
+
+} // namespace linkregistry

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+#include "udpendpoint.h"
+
+#include "commandframe.h"
+#include "corefactory.h"
+#include "corelink.h"
+#include "demo/devicedemo.h"
+#include "icorebase.h"
+#include "simulator/udpsimulator.h"
+#include "toolerror.h"
+#include "udpports.h"
+#include "utility_manage.h"
+
+#include <QRegularExpression>
+
+#include <cerrno>
+#include <cstring>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr quint16 fixedPort = 3005; // of the device types that have one, at both ends
+constexpr quint16 devicePort = 1000;
+constexpr quint16 usualLocalPort = 5104;
+constexpr int mostPort = 65535;
+constexpr int largestDatagram = 65507;
+constexpr quint8 broadcastMode = 1;
+
+bool hasFixedPort()
+{
+    const auto type = Utility_Manage::getDeviceType();
+    return type == model_GlobalEnum::Device353100 || type == model_GlobalEnum::Device353101;
+}
+
+// Why datagrams cannot go there now; empty if they can. Sends nothing.
+QString obstacle(const QHostAddress& host, quint16 port)
+{
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(host.toIPv4Address());
+    const bool reachable =
+        connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const QString reason = reachable ? QString() : QString::fromLocal8Bit(std::strerror(errno));
+    close(descriptor);
+    return reason;
+}
+
+class UdpEndpointAddress : public Endpoint
+{
+public:
+    UdpEndpointAddress(LinkAddress written, const QHostAddress& address, quint16 number)
+        : text(std::move(written)), host(address), port(number)
+    {
+    }
+
+    FieldSet fields() const override { return FieldSet::TextBody; }
+
+    void check(const Command& command) const override
+    {
+        const int most = largestDatagram - commandframe::textLength;
+        if (command.record.sendMode == broadcastMode &&
+            command.record.arryDatablock.size() > most) {
+            throw BadInput(QStringLiteral("--block: %1 bytes do not fit into one broadcast: give "
+                                          "at most %2")
+                               .arg(command.record.arryDatablock.size())
+                               .arg(most));
+        }
+    }
+
+    std::unique_ptr<DeviceLink> open(bool broadcast) const override
+    {
+        if (port == 0) {
+            text.refuse(QStringLiteral("a device's port is a number from 1 to 65535"));
+        }
+        if (host == QHostAddress(QHostAddress::AnyIPv4)) {
+            text.refuse(QStringLiteral("0.0.0.0 is no device: give the device's own address"));
+        }
+        const QHostAddress target = broadcast ? QHostAddress(QHostAddress::Broadcast) : host;
+        const QString reason = obstacle(target, port);
+        if (!reason.isEmpty()) {
+            throw LinkDown(QStringLiteral("%1: no way to %2: %3; is the network up?")
+                               .arg(text.text, target.toString(), reason));
+        }
+        std::unique_ptr<ICoreBase> core(CoreFactory::creatCoreObjInstance(ConnUdp));
+        const quint16 local = udpendpoint::localPort();
+        if (!udpports::isOurs(local)) {
+            throw LinkDown(QStringLiteral("%1: replies come to local port %2, which %3 has; end it "
+                                          "first, or run: unshare -rn")
+                               .arg(text.text)
+                               .arg(local)
+                               .arg(udpports::holder(local)));
+        }
+        core->setDeviceIP(host.toString());
+        core->setPort(port);
+        core->setDeviceType(Utility_Manage::getDeviceType());
+        return std::make_unique<CoreLink>(std::move(core), fields(),
+                                          broadcast ? QString() : host.toString());
+    }
+
+    std::unique_ptr<SimulatedLink>
+    simulate(const SimulatedDevice::Settings& settings) const override
+    {
+        return std::make_unique<UdpSimulator>(host, port, settings);
+    }
+
+private:
+    LinkAddress text;
+    QHostAddress host;
+    quint16 port;
+};
+
+QHostAddress hostOf(const LinkAddress& address, const QString& text)
+{
+    static const QRegularExpression dotted(
+        QStringLiteral("^(0|[1-9][0-9]{0,2})(\\.(0|[1-9][0-9]{0,2})){3}$"));
+    const QHostAddress host(text);
+    if (!dotted.match(text).hasMatch() || host.protocol() != QAbstractSocket::IPv4Protocol) {
+        address.refuse(QStringLiteral("\"%1\" is no IPv4 address: write udp://192.168.1.20:1000 "
+                                      "(names are not looked up)")
+                           .arg(text));
+    }
+    return host;
+}
+
+quint16 portOf(const LinkAddress& address, const QString& text)
+{
+    bool isNumber = false;
+    const int port = text.toInt(&isNumber);
+    if (!isNumber || port < 0 || port > mostPort) {
+        address.refuse(
+            QStringLiteral("\"%1\" is no port: give a number from 1 to 65535").arg(text));
+    }
+    return static_cast<quint16>(port);
+}
+
+} // namespace
+
+std::unique_ptr<Endpoint> udpendpoint::parse(const LinkAddress& address)
+{
+    address.allowOptions({});
+    const int colon = address.target.indexOf(QLatin1Char(':'));
+    const QHostAddress host = hostOf(address, address.target.left(colon));
+    const quint16 port = colon >= 0       ? portOf(address, address.target.mid(colon + 1))
+                         : hasFixedPort() ? fixedPort
+                                          : devicePort;
+    return std::make_unique<UdpEndpointAddress>(address, host, port);
+}
+
+bool udpendpoint::demonstrate(Narrator& narrator)
+{
+    return devicedemo::run(narrator, QStringLiteral("udp://127.0.0.1:0"));
+}
+
+quint16 udpendpoint::localPort()
+{
+    return hasFixedPort() ? fixedPort : usualLocalPort;
+}

@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+/// A network of the process's own: every port is free there and nothing reaches the machine.
+namespace networknamespace
+{
+
+/// Moves the process, which must have one thread yet, into a new network namespace with its
+/// loopback interface up. False, with nothing changed, where the system does not allow it.
+bool enter();
+
+} // namespace networknamespace

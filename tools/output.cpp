@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+#include "output.h"
+
+#include <cstdio>
+#include <mutex>
+
+#include <unistd.h>
+
+namespace
+{
+
+std::mutex lock; // a leaf; guards the streams and progressShown
+bool progressShown = false;
+
+void clearProgress()
+{
+    if (progressShown) {
+        progressShown = false;
+        std::fputs("\r\x1b[K", stderr);
+        std::fflush(stderr);
+    }
+}
+
+void write(std::FILE* stream, const QByteArray& bytes)
+{
+    const std::lock_guard guard(lock);
+    clearProgress();
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stream);
+    std::fflush(stream);
+}
+
+} // namespace
+
+void output::line(const QString& text)
+{
+    write(stdout, text.toUtf8() + '\n');
+}
+
+void output::raw(const QByteArray& bytes)
+{
+    write(stdout, bytes);
+}
+
+void output::error(const QString& text)
+{
+    write(stderr, text.toUtf8() + '\n');
+}
+
+void output::progress(const QString& text)
+{
+    static const bool onTerminal = isatty(STDERR_FILENO) == 1;
+    if (!onTerminal) {
+        return;
+    }
+    const std::lock_guard guard(lock);
+    std::fprintf(stderr, "\r%s\x1b[K", text.toUtf8().constData());
+    std::fflush(stderr);
+    progressShown = true;
+}
+
+void output::endProgress()
+{
+    const std::lock_guard guard(lock);
+    clearProgress();
+}

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+/// The tool's output. Every line is written at once and whole. Any thread.
+namespace output
+{
+
+void line(const QString& text);    ///< to standard output
+void raw(const QByteArray& bytes); ///< to standard output, as they are
+void error(const QString& text);   ///< one line to standard error
+
+/// Shows how long work is going on, on one line of standard error that is written over; nothing
+/// where that is no terminal. The next line of any kind clears it.
+void progress(const QString& text);
+void endProgress();
+
+} // namespace output

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "devicelink.h"
+
+/// Records as people and programs read them. Pure functions.
+namespace recordtext
+{
+
+/// The command frame of a record, checksum and (binary) block length computed.
+QByteArray frame(const model_Protocoldata& record, FieldSet fields);
+
+/// The fields in frame order, in hexadecimal: "HEAD 01 ADDR 02 CMD 8b ...".
+QString line(const model_Protocoldata& record, FieldSet fields);
+
+/// The same for a program: numbers by lower-case names, "block_length", and "block" in hexadecimal
+/// if there is one.
+QJsonObject json(const model_Protocoldata& record, FieldSet fields);
+
+/// A received record, its origin included.
+Reply reply(const model_Protocoldata& record, FieldSet fields);
+
+/// "block 145 bytes: 00 01 02 ...", the first few bytes of it; empty for no block.
+QString blockSummary(const QByteArray& block);
+
+/// All bytes, sixteen a line, with offset and text.
+QString dump(const QByteArray& bytes);
+
+/// A frame for a person: its text if it is printable, else hexadecimal; long ones are cut.
+QString frameText(const QByteArray& frame);
+
+/// A JSON object as one line.
+QString oneLine(const QJsonObject& object);
+
+/// The local time of day with milliseconds.
+QString timeOfDay();
+
+} // namespace recordtext

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+
+#include <optional>
+
+/// The frames as the device sees them: command heads are read, replies are written. Shares nothing
+/// with the library, so that the two check each other. Pure: no state, no I/O.
+///
+/// | text, 19 bytes                   | binary, 16 bytes, high byte first                        |
+/// |----------------------------------|----------------------------------------------------------|
+/// | `<` `T` (command) or `F` (reply) | 2 lead (command: any; reply: F1 1F), ADDR, aux3, 2 aux4, |
+/// | 16 digits: 7 body bytes, their   | 2 aux5, 2 block length, CMD DAT1 DAT2 DAT3 DAT4,         |
+/// | sum modulo 256; `>`              | the sum of these 15 modulo 256                           |
+namespace devicecodec
+{
+
+enum class Framing { Text, Binary };
+
+constexpr int textHeadSize = 19;
+constexpr int binaryHeadSize = 16;
+
+/// What a head says.
+struct Head {
+    quint8 head = 0; ///< text only
+    quint8 addr = 0;
+    quint8 cmd = 0;
+    quint8 dat1 = 0;
+    quint8 dat2 = 0;
+    quint8 dat3 = 0;
+    quint8 dat4 = 0;
+    quint16 lead = 0;        ///< binary only: the first two bytes
+    quint8 aux3 = 0;         ///< binary only
+    quint16 aux4 = 0;        ///< binary only
+    quint16 aux5 = 0;        ///< binary only
+    quint16 blockLength = 0; ///< binary: from its own place; text: DAT4 * 256 + DAT3
+};
+
+int headSize(Framing framing);
+
+/// The command head that \a bytes begin with: marks, digits of either case and checksum all right.
+std::optional<Head> decodeCommand(const QByteArray& bytes, Framing framing);
+
+/// The reply head. In binary framing the lead is F1 1F whatever \a reply holds.
+QByteArray encodeReply(const Head& reply, Framing framing);
+
+/// The sum of the bytes, modulo 256.
+quint8 checksum(const QByteArray& bytes);
+
+} // namespace devicecodec

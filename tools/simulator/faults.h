@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <array>
+#include <optional>
+#include <random>
+
+/// Random numbers that are the same on every machine for the same seed.
+class SeededRandom
+{
+public:
+    explicit SeededRandom(quint64 seed) : engine(seed) {}
+
+    bool chance(double probability); ///< true with this probability, 0 to 1
+    int below(int limit);            ///< 0 to limit - 1; limit at least 1
+
+private:
+    std::mt19937_64 engine;
+};
+
+/// What may go wrong with an answer.
+enum class Fault {
+    Drop,          ///< nothing is sent
+    Duplicate,     ///< each piece is sent twice
+    Delay,         ///< the answer comes later, by the amount in milliseconds
+    WrongChecksum, ///< the reply's checksum is off by one
+    Truncate,      ///< the reply ends early
+    Oversize,      ///< the reply has bytes behind its end
+    BlockFirst,    ///< the block comes before the reply
+    ShortBlock,    ///< the block lacks bytes, by the amount
+    LongBlock,     ///< the block has bytes too many, by the amount
+    BlockChecksum, ///< the block's checksum byte is off by one (streams only)
+    Garbage,       ///< random bytes come first, as many as the amount
+    Flood,         ///< the answer comes as many times as the amount
+};
+
+constexpr int faultCount = static_cast<int>(Fault::Flood) + 1;
+
+/// Which faults a device shows, and when. A fault strikes with a probability, or each of the first
+/// so many answers that it can apply to.
+class Faults
+{
+public:
+    struct Setting {
+        double probability = 0; ///< 0 to 1
+        int count = 0;          ///< strikes left, tried before the probability
+        int amount = 0;         ///< see Fault
+    };
+
+    void set(Fault fault, const Setting& setting);
+    int amount(Fault fault) const;
+
+    /// Whether the fault strikes now. Uses up a count, or draws one number if there is a
+    /// probability.
+    bool strikes(Fault fault, SeededRandom& random);
+
+    /// Reads "name=25%", "name=3" (the first three answers) or either with ":amount" behind it.
+    /// Returns what is wrong with the text, empty if nothing is.
+    QString parse(const QString& text);
+
+    static QString name(Fault fault);
+    static QString help(); ///< one line for each fault
+
+private:
+    std::array<Setting, faultCount> settings;
+};

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "commandreader.h"
+#include "devicecodec.h"
+#include "faults.h"
+
+#include <QByteArray>
+
+#include <chrono>
+#include <optional>
+#include <vector>
+
+/// One write of the device's answer.
+struct Emission {
+    QByteArray bytes;
+    std::chrono::milliseconds after{0}; ///< pause before it, counted from the write before
+};
+
+/// One command and what the device does about it.
+struct Exchange {
+    DeviceCommand command;
+    std::vector<Emission> answer; ///< in order; empty if nothing is sent
+    int times = 1;                ///< how often the whole answer is sent
+    std::vector<Fault> faults;    ///< those that struck
+};
+
+/// A device without its wire: commands go in as bytes, answers come out as writes to be made.
+///
+/// Every command is answered with a standard reply that echoes it. Where the reply's kind has a
+/// block, that follows: on datagrams as a write of its own, raw; on a stream its last byte is the
+/// checksum of the others.
+///
+/// | CMD, DAT1                                  | block                                          |
+/// |--------------------------------------------|------------------------------------------------|
+/// | 0x8B 0x05                                  | 145 bytes                                      |
+/// | 0x8B 0x09, 0x77 0x23, 0x69 0x09            | 129 bytes (0x69: 33 with shortBlock)           |
+/// | 0x79 (not 0x0C, on datagrams not 0x09),    | as many as the command's DAT3 and DAT4 ask     |
+/// | 0x8E 0x27, 0xF1                            | for; where they ask for none, announcedLength, |
+/// |                                            | but none for 0xF1 0x40                         |
+/// | any, in binary framing                     | as many as DAT3 and DAT4 ask for               |
+///
+/// The bytes of a block count upwards from a random start. The same settings, seed and commands
+/// give the same answers. One thread; no I/O, no clock.
+class SimulatedDevice
+{
+public:
+    struct Settings {
+        devicecodec::Framing framing = devicecodec::Framing::Text;
+        Medium medium = Medium::Datagrams;
+        Faults faults;
+        quint64 seed = 1;
+        int announcedLength = 64; ///< 1 to 32767
+        bool shortBlock = false;
+    };
+
+    explicit SimulatedDevice(const Settings& settings);
+
+    /// Takes what has arrived and returns the exchanges that are due.
+    std::vector<Exchange> receive(const QByteArray& bytes);
+
+    /// To be called when nothing has arrived for a while: answers a command whose block has not
+    /// come whole.
+    std::vector<Exchange> settle();
+
+    bool isWaiting() const { return reader.isOpen(); } ///< settle would answer a command
+    qint64 noise() const { return reader.noise(); }    ///< bytes that were no command
+
+    Faults& faults() { return settings.faults; } ///< to be changed between commands
+
+private:
+    Exchange answer(DeviceCommand command);
+    std::optional<int> blockLength(const devicecodec::Head& command) const;
+    QByteArray makeBlock(int length);
+    bool strikes(Fault fault, Exchange& exchange);
+    void spoilReply(QByteArray& reply, Exchange& exchange);
+    void spoilBlock(QByteArray& block, Exchange& exchange);
+    void spoilOrder(Exchange& exchange, bool hasBlock);
+
+    Settings settings;
+    CommandReader reader;
+    SeededRandom random;
+};

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+#include <stdexcept>
+
+/// How the tool ends.
+namespace exitcode
+{
+
+constexpr int success = 0;
+constexpr int failed = 1;   ///< the operation failed: no reply, an invalid frame, a lost link
+constexpr int badInput = 2; ///< an address, number, file or option is wrong; nothing was sent
+constexpr int linkDown = 3; ///< the link could not be opened; nothing was sent
+
+} // namespace exitcode
+
+/// Ends the tool with one line on standard error, what() in UTF-8, and an exit code.
+class ToolError : public std::runtime_error
+{
+public:
+    ToolError(int code, const QString& text)
+        : std::runtime_error(text.toUtf8().toStdString()), exitCode(code)
+    {
+    }
+
+    int code() const { return exitCode; }
+
+private:
+    int exitCode;
+};
+
+/// What the person typed is wrong: the text says what, and what would be right.
+class BadInput : public ToolError
+{
+public:
+    explicit BadInput(const QString& text) : ToolError(exitcode::badInput, text) {}
+};
+
+/// The link could not be opened: the text says which, why, and what would help.
+class LinkDown : public ToolError
+{
+public:
+    explicit LinkDown(const QString& text) : ToolError(exitcode::linkDown, text) {}
+};
