@@ -3,6 +3,8 @@
 
 #include <QMutexLocker>
 
+#include <cstring>
+
 namespace
 {
 
@@ -27,6 +29,14 @@ QByteArray ReceiveBuffer::peek(int count) const
     return QByteArray(bytes.constData() + head, qBound(0, count, sizeLocked()));
 }
 
+int ReceiveBuffer::peek(char* out, int count) const
+{
+    const QMutexLocker locker(&lock);
+    const int copied = qBound(0, count, sizeLocked());
+    std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(copied));
+    return copied;
+}
+
 QByteArray ReceiveBuffer::take(int count)
 {
     const QMutexLocker locker(&lock);
@@ -39,6 +49,18 @@ void ReceiveBuffer::discard(int count)
 {
     const QMutexLocker locker(&lock);
     discardLocked(qBound(0, count, sizeLocked()));
+}
+
+bool ReceiveBuffer::seek(int minimum, int window, int (*find)(const char* data, int size))
+{
+    const QMutexLocker locker(&lock);
+    if (sizeLocked() < minimum) {
+        return false;
+    }
+    const int inspected = qMin(window, sizeLocked());
+    const int found = find(bytes.constData() + head, inspected);
+    discardLocked(found < 0 ? inspected : found);
+    return found >= 0;
 }
 
 int ReceiveBuffer::size() const

@@ -17,11 +17,19 @@ public:
     /// A copy of the first \a count bytes, or of all if there are fewer. Consumes nothing.
     QByteArray peek(int count) const;
 
+    /// Copies the first \a count bytes, or all if there are fewer, and returns how many.
+    int peek(char* out, int count) const;
+
     /// Removes the first \a count bytes, or all if there are fewer, and returns them.
     QByteArray take(int count);
 
     /// As take, without the copy.
     void discard(int count);
+
+    /// Drops what \a find leaves out at the head. With \a minimum bytes or more, find is given the
+    /// first \a window of them, or all if there are fewer: what is before the index that it returns
+    /// is dropped, everything that it was given if that is negative. True if find found something.
+    bool seek(int minimum, int window, int (*find)(const char* data, int size));
 
     int size() const;
     void clear(); ///< empties it and gives its memory back

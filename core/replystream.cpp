@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: MIT
+#include "replystream.h"
+
+#include "detachedthread.h"
+
+#include <QMutexLocker>
+
+#include <thread>
+
+namespace
+{
+
+constexpr int peekSize = 1024;
+constexpr int blockLooks = 150;
+constexpr std::chrono::milliseconds blockPause{4};
+
+} // namespace
+
+ReplyStream::~ReplyStream() = default;
+
+std::shared_ptr<ReplyStream> ReplyStream::successor() const
+{
+    auto next = emptyStream();
+    next->setDeviceType(deviceType());
+    next->setOriginName(originName());
+    return next;
+}
+
+bool ReplyStream::startParser(const std::shared_ptr<ReplyStream>& stream)
+{
+    // Before the thread starts: a stop that comes before its first instruction must wait for it.
+    stream->bDealExit.store(false, std::memory_order_relaxed);
+    stream->setDealFlag(true);
+    if (startDetached([stream] { stream->parse(); })) {
+        return true;
+    }
+    stream->setDealFlag(false);
+    stream->bDealExit.store(true, std::memory_order_release);
+    return false;
+}
+
+void ReplyStream::parse()
+{
+    bDealExit.store(false, std::memory_order_relaxed);
+    while (bDealRun.load(std::memory_order_relaxed)) {
+        std::this_thread::sleep_for(interval);
+        pass();
+    }
+    bDealExit.store(true, std::memory_order_release);
+}
+
+void ReplyStream::pass()
+{
+    if (buffer.seek(search.minimum, peekSize, search.firstMark)) {
+        takeReply();
+    }
+}
+
+bool ReplyStream::skipTo(const QByteArray& data)
+{
+    const int garbage = search.firstMark(data.constData(), data.size());
+    buffer.discard(static_cast<quint16>(garbage < 0 ? data.size() : garbage));
+    return garbage >= 0;
+}
+
+bool ReplyStream::awaitBlock(quint16 length, QByteArray& block)
+{
+    for (int look = 0; look < blockLooks; ++look) {
+        if (buffer.size() >= length) {
+            block = buffer.take(length);
+            return true;
+        }
+        std::this_thread::sleep_for(blockPause);
+    }
+    return false;
+}
+
+bool ReplyStream::isBlockIntact(const QByteArray& block)
+{
+    if (block.isEmpty()) {
+        return true;
+    }
+    quint8 sum = 0;
+    for (int i = 0; i + 1 < block.size(); ++i) {
+        sum = static_cast<quint8>(sum + static_cast<quint8>(block.at(i)));
+    }
+    return sum == static_cast<quint8>(block.back());
+}
+
+void ReplyStream::setDeviceType(model_GlobalEnum::DeviceType newType)
+{
+    type.store(newType, std::memory_order_relaxed);
+}
+
+model_GlobalEnum::DeviceType ReplyStream::deviceType() const
+{
+    return type.load(std::memory_order_relaxed);
+}
+
+void ReplyStream::setOriginName(const QString& newName)
+{
+    const QMutexLocker locker(&nameLock);
+    name = newName;
+}
+
+QString ReplyStream::originName() const
+{
+    const QMutexLocker locker(&nameLock);
+    return name;
+}
