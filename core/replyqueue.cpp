@@ -3,6 +3,7 @@
 
 #include "biz_cmdswork.h"
 #include "debugline.h"
+#include "detachedthread.h"
 #include "drainqueue.h"
 #include "utility_manage.h"
 
@@ -163,4 +164,11 @@ void replyqueue::setRetFlag(bool on)
 {
     const std::lock_guard lock(biz_CMDSWork::HexCmdlock);
     biz_CMDSWork::bRetFlag = on;
+}
+
+void replyqueue::clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work)
+{
+    if (!startDetached([work] { work->clearQueue(); })) {
+        work->clearQueue();
+    }
 }

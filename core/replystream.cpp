@@ -5,6 +5,7 @@
 
 #include <QMutexLocker>
 
+#include <numeric>
 #include <thread>
 
 namespace
@@ -43,7 +44,7 @@ void ReplyStream::parse()
 {
     bDealExit.store(false, std::memory_order_relaxed);
     while (bDealRun.load(std::memory_order_relaxed)) {
-        std::this_thread::sleep_for(interval);
+        pause(interval);
         pass();
     }
     bDealExit.store(true, std::memory_order_release);
@@ -54,6 +55,11 @@ void ReplyStream::pass()
     if (buffer.seek(search.minimum, peekSize, search.firstMark)) {
         takeReply();
     }
+}
+
+void ReplyStream::pause(std::chrono::milliseconds duration)
+{
+    std::this_thread::sleep_for(duration);
 }
 
 bool ReplyStream::skipTo(const QByteArray& data)
@@ -70,7 +76,7 @@ bool ReplyStream::awaitBlock(quint16 length, QByteArray& block)
             block = buffer.take(length);
             return true;
         }
-        std::this_thread::sleep_for(blockPause);
+        pause(blockPause);
     }
     return false;
 }
@@ -80,11 +86,10 @@ bool ReplyStream::isBlockIntact(const QByteArray& block)
     if (block.isEmpty()) {
         return true;
     }
-    quint8 sum = 0;
-    for (int i = 0; i + 1 < block.size(); ++i) {
-        sum = static_cast<quint8>(sum + static_cast<quint8>(block.at(i)));
-    }
-    return sum == static_cast<quint8>(block.back());
+    const unsigned sum = std::accumulate(
+        block.cbegin(), block.cend() - 1, 0U,
+        [](unsigned before, char byte) { return before + static_cast<quint8>(byte); });
+    return static_cast<quint8>(sum) == static_cast<quint8>(block.back());
 }
 
 void ReplyStream::setDeviceType(model_GlobalEnum::DeviceType newType)

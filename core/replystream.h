@@ -87,6 +87,9 @@ protected:
 
     virtual std::shared_ptr<ReplyStream> emptyStream() const = 0;
 
+    /// Lets time pass: the only thing that the loop and the wait for a block do between their looks.
+    virtual void pause(std::chrono::milliseconds duration);
+
     /// The rest of a pass, once the buffer begins with what the search found.
     virtual void takeReply() = 0;
 

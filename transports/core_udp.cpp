@@ -5,7 +5,6 @@
 #include "callerrecord.h"
 #include "commandframe.h"
 #include "debugline.h"
-#include "detachedthread.h"
 #include "devicetypes.h"
 #include "replykinds.h"
 #include "replyqueue.h"
@@ -134,10 +133,7 @@ void core_UDP::setPort(int port)
 
 void core_UDP::clearQueue()
 {
-    auto clear = [work = cmdsWork] { work->clearQueue(); };
-    if (!startDetached(clear)) {
-        clear();
-    }
+    replyqueue::clearElsewhere(cmdsWork);
 }
 
 bool core_UDP::openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits,
