@@ -9,12 +9,20 @@
 #include "replystream.h"
 #include "utility_manage.h"
 
+#include <poll.h>
+
 namespace
 {
 
 // Longer than any wait for a block: a parser that takes more waits for the host, which may be
 // waiting for the close.
 constexpr std::chrono::milliseconds stopPatience{1000};
+
+bool hasHungUp(int descriptor)
+{
+    pollfd line{descriptor, 0, 0};
+    return poll(&line, 1, 0) > 0 && (line.revents & POLLHUP) != 0;
+}
 
 } // namespace
 
@@ -118,9 +126,15 @@ void SerialLine::reportWritten(qint64 written, const QByteArray& frame)
 
 void SerialLine::closeLost(QSerialPort::SerialPortError error)
 {
-    // The parser runs on: the next open stops it.
-    if (error == QSerialPort::ResourceError && serialPort->isOpen()) {
-        serialPort->close();
+    if (!serialPort->isOpen()) {
+        return;
+    }
+    // Reading a line that has hung up gives an end of file, which the port reports as this or that
+    // error, by what an earlier system call has left in errno.
+    const bool isLost = error == QSerialPort::ResourceError ||
+                        (error == QSerialPort::ReadError && hasHungUp(serialPort->handle()));
+    if (isLost) {
+        serialPort->close(); // the parser runs on: the next open stops it
     }
 }
 

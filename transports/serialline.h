@@ -70,7 +70,10 @@ protected:
     explicit SerialLine(std::shared_ptr<ReplyStream> stream);
 
     void sendRecord(void* parameters); ///< encodes the record behind the pointer and writes it
-    void closeLost(QSerialPort::SerialPortError error); ///< closes the port on a resource error
+
+    /// Closes the port on a resource error, and on the read error that a line gives which has hung
+    /// up.
+    void closeLost(QSerialPort::SerialPortError error);
 
     /// Moves everything that the port has received to the receive buffer; drops it while bBaseFlag
     /// is false. \a seen, if any, is called with each chunk first.

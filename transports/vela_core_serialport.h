@@ -24,6 +24,7 @@ public Q_SLOTS:
     void sendDatatoDeviceByFeatures(void* parameters) override; ///< sends every record
     void sendDatatoDeviceForSysPlan(void* parameters) override; ///< does nothing
 
-    /// Closes the port on a resource error. For the host to connect to the port's errors.
+    /// Closes the port when the device is gone: on a resource error, and on a read error of a line
+    /// that has hung up. For the host to connect to the port's errors.
     void handleError(QSerialPort::SerialPortError error);
 };

@@ -12,6 +12,11 @@
 namespace
 {
 
+int indexOfThree(const char* data, int size)
+{
+    return QByteArray::fromRawData(data, size).indexOf('\3');
+}
+
 double secondsPerTake(int backlog)
 {
     ReceiveBuffer buffer;
@@ -34,7 +39,7 @@ RC_GTEST_PROP(ReceiveBuffer, BehavesAsAPlainByteArray, ())
     char next = 0;
     for (int step = 0; step < steps; ++step) {
         const int count = *rc::gen::inRange(-3, 20000);
-        switch (*rc::gen::inRange(0, 5)) {
+        switch (*rc::gen::inRange(0, 7)) {
         case 0:
         case 1: {
             const QByteArray data(qMax(count, 0), next++);
@@ -49,6 +54,24 @@ RC_GTEST_PROP(ReceiveBuffer, BehavesAsAPlainByteArray, ())
             RC_ASSERT(buffer.take(count) == model.left(qMax(count, 0)));
             model.remove(0, qMax(count, 0));
             break;
+        case 4: {
+            QByteArray copy(qMax(count, 0), '\xff');
+            const int copied = buffer.peek(copy.data(), count);
+            RC_ASSERT(copy.left(copied) == model.left(copy.size()));
+            RC_ASSERT(copied == qMin(copy.size(), model.size()));
+            break;
+        }
+        case 5: {
+            const int minimum = *rc::gen::inRange(0, 200);
+            const int window = *rc::gen::inRange(1, 2000);
+            const int found = model.left(window).indexOf('\3');
+            const bool enough = model.size() >= minimum;
+            RC_ASSERT(buffer.seek(minimum, window, indexOfThree) == (enough && found >= 0));
+            if (enough) {
+                model.remove(0, found < 0 ? window : found);
+            }
+            break;
+        }
         default:
             buffer.discard(count);
             model.remove(0, qMax(count, 0));
