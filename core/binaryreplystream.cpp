@@ -25,7 +25,7 @@ int firstStartMark(const char* window, int size)
 } // namespace
 
 BinaryReplyStream::BinaryReplyStream()
-    : ReplyStream(parseInterval, {commandframe::binaryLength, firstStartMark})
+    : ReplyStream(parseInterval, {commandframe::binaryLength, firstStartMark, find})
 {
 }
 
@@ -39,37 +39,35 @@ bool BinaryReplyStream::isFindStdCmdPreFlag(const QByteArray& data)
     return skipTo(data);
 }
 
-void BinaryReplyStream::takeReply()
+ReceiveBuffer::Found BinaryReplyStream::find(const char* data, int size)
 {
-    const QByteArray head = buffer.peek(commandframe::binaryLength);
-    if (head.size() == commandframe::binaryLength) {
-        cut(head);
+    if (size < commandframe::binaryLength) {
+        return {0, false};
     }
+    const int window = qMin(size, peekSize);
+    const int mark = firstStartMark(data, window);
+    if (mark < 0) {
+        return {window, false};
+    }
+    return {mark, size - mark >= commandframe::binaryLength};
 }
 
-bool BinaryReplyStream::checkCMD(const QByteArray& data)
-{
-    if (data.size() < commandframe::binaryLength) {
-        return false;
-    }
-    return cut(data.left(commandframe::binaryLength));
-}
-
-bool BinaryReplyStream::cut(const QByteArray& head)
+bool BinaryReplyStream::cut(const char* head)
 {
     model_Protocoldata record;
-    if (!getArrayData(head, record)) {
+    if (!commandframe::decodeBinary(QByteArray::fromRawData(head, commandframe::binaryLength),
+                                    record)) {
         buffer.discard(1);
         return false;
     }
     buffer.discard(commandframe::binaryLength);
     QByteArray block;
     if (!awaitBlock(record.aux6, block) || !isBlockIntact(block)) {
-        replyqueue::append(record);
+        replyqueue::append(std::move(record));
         return false;
     }
     block.chop(1);
-    handOn(record, block);
+    handOn(record, std::move(block));
     return true;
 }
 
@@ -82,13 +80,13 @@ bool BinaryReplyStream::checkBlock(model_Protocoldata& record, quint16 length)
     return true;
 }
 
-void BinaryReplyStream::handOn(model_Protocoldata& record, const QByteArray& block) const
+void BinaryReplyStream::handOn(model_Protocoldata& record, QByteArray block) const
 {
     record.strKey2 = originName();
     record.bKeyFlag = originMark;
     record.featureCode = deviceType();
-    record.arryDatablock = block;
-    replyqueue::append(record);
+    record.arryDatablock = std::move(block);
+    replyqueue::append(std::move(record));
 }
 
 bool BinaryReplyStream::getArrayData(const QByteArray& head, model_Protocoldata& record) const

@@ -18,7 +18,6 @@ public:
     BinaryReplyStream();
 
     bool isFindStdCmdPreFlag(const QByteArray& data) override;
-    bool checkCMD(const QByteArray& data) override;
 
     /// The parser has no use for it: hands on a record without block if \a length is 0, else does
     /// nothing and returns false.
@@ -28,7 +27,7 @@ public:
 
 private:
     std::shared_ptr<ReplyStream> emptyStream() const override;
-    void takeReply() override;
-    bool cut(const QByteArray& head);
-    void handOn(model_Protocoldata& record, const QByteArray& block) const;
+    static ReceiveBuffer::Found find(const char* data, int size);
+    bool cut(const char* head) override;
+    void handOn(model_Protocoldata& record, QByteArray block) const;
 };

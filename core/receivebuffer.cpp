@@ -20,6 +20,10 @@ void ReceiveBuffer::append(const QByteArray& data)
 void ReceiveBuffer::append(const char* data, int size)
 {
     const QMutexLocker locker(&lock);
+    if (bytes.size() + size > bytes.capacity() && head >= sizeLocked()) {
+        bytes.remove(0, head);
+        head = 0;
+    }
     bytes.append(data, size);
 }
 
@@ -45,22 +49,33 @@ QByteArray ReceiveBuffer::take(int count)
     return taken;
 }
 
+bool ReceiveBuffer::takeWhole(int count, QByteArray& out)
+{
+    const QMutexLocker locker(&lock);
+    if (count > sizeLocked()) {
+        return false;
+    }
+    out = QByteArray(bytes.constData() + head, count);
+    discardLocked(count);
+    return true;
+}
+
 void ReceiveBuffer::discard(int count)
 {
     const QMutexLocker locker(&lock);
     discardLocked(qBound(0, count, sizeLocked()));
 }
 
-bool ReceiveBuffer::seek(int minimum, int window, int (*find)(const char* data, int size))
+bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, int size)
 {
     const QMutexLocker locker(&lock);
-    if (sizeLocked() < minimum) {
+    const Found found = find(bytes.constData() + head, sizeLocked());
+    discardLocked(qBound(0, found.garbage, sizeLocked()));
+    if (!found.isHead || size > sizeLocked()) {
         return false;
     }
-    const int inspected = qMin(window, sizeLocked());
-    const int found = find(bytes.constData() + head, inspected);
-    discardLocked(found < 0 ? inspected : found);
-    return found >= 0;
+    std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(size));
+    return true;
 }
 
 int ReceiveBuffer::size() const
@@ -86,9 +101,5 @@ void ReceiveBuffer::discardLocked(int count)
         } else {
             bytes.resize(0);
         }
-    } else if (head > keptCapacity && head > bytes.size() / 2) {
-        // Each byte is moved once for every byte that has been consumed before it, at most.
-        bytes.remove(0, head);
-        head = 0;
     }
 }

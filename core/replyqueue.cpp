@@ -134,10 +134,10 @@ bool appendedAtOnce(model_Protocoldata& record)
 
 } // namespace
 
-void replyqueue::append(const model_Protocoldata& record)
+void replyqueue::append(model_Protocoldata record)
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    biz_CMDSWork::receivequeueHexCmd.push_back(record);
+    biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
     setRetFlag(true);
 }
 

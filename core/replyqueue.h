@@ -14,7 +14,7 @@ namespace replyqueue
 {
 
 /// Appends one record and raises the flag, on the calling thread. Waits for the host's locks.
-void append(const model_Protocoldata& record);
+void append(model_Protocoldata record);
 
 /// Appends one record and raises the flag without ever waiting: at once if both locks are free,
 /// else, in order, on a detached thread. Nothing is lost when the thread is refused: the record

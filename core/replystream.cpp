@@ -5,15 +5,34 @@
 
 #include <QMutexLocker>
 
+#include <array>
 #include <numeric>
 #include <thread>
 
 namespace
 {
 
-constexpr int peekSize = 1024;
 constexpr int blockLooks = 150;
 constexpr std::chrono::milliseconds blockPause{4};
+
+// Modulo 256, in lanes that the compiler adds at once.
+quint8 sumOf(const char* bytes, int size)
+{
+    constexpr int lanes = 16;
+    std::array<quint8, lanes> sums{};
+    int done = 0;
+    for (; done + lanes <= size; done += lanes) {
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            sums[lane] = static_cast<quint8>(sums[lane] + static_cast<quint8>(bytes[lane]));
+        }
+        bytes += lanes;
+    }
+    unsigned sum = std::accumulate(sums.begin(), sums.end(), 0U);
+    for (; done < size; ++done) {
+        sum += static_cast<quint8>(*bytes++);
+    }
+    return static_cast<quint8>(sum);
+}
 
 } // namespace
 
@@ -52,9 +71,15 @@ void ReplyStream::parse()
 
 void ReplyStream::pass()
 {
-    if (buffer.seek(search.minimum, peekSize, search.firstMark)) {
-        takeReply();
+    std::array<char, longestHead> head{};
+    if (buffer.seek(search.find, head.data(), search.headLength)) {
+        cut(head.data());
     }
+}
+
+bool ReplyStream::checkCMD(const QByteArray& data)
+{
+    return data.size() >= search.headLength && cut(data.constData());
 }
 
 void ReplyStream::pause(std::chrono::milliseconds duration)
@@ -72,8 +97,7 @@ bool ReplyStream::skipTo(const QByteArray& data)
 bool ReplyStream::awaitBlock(quint16 length, QByteArray& block)
 {
     for (int look = 0; look < blockLooks; ++look) {
-        if (buffer.size() >= length) {
-            block = buffer.take(length);
+        if (buffer.takeWhole(length, block)) {
             return true;
         }
         pause(blockPause);
@@ -86,10 +110,7 @@ bool ReplyStream::isBlockIntact(const QByteArray& block)
     if (block.isEmpty()) {
         return true;
     }
-    const unsigned sum = std::accumulate(
-        block.cbegin(), block.cend() - 1, 0U,
-        [](unsigned before, char byte) { return before + static_cast<quint8>(byte); });
-    return static_cast<quint8>(sum) == static_cast<quint8>(block.back());
+    return sumOf(block.constData(), block.size() - 1) == static_cast<quint8>(block.back());
 }
 
 void ReplyStream::setDeviceType(model_GlobalEnum::DeviceType newType)

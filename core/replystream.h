@@ -64,7 +64,7 @@ public:
 
     /// Takes one reply off the buffer, decodes it and hands it on with its block, for which it
     /// waits up to 600 ms; \a data is a copy of the buffer's head. False if there was none.
-    virtual bool checkCMD(const QByteArray& data) = 0;
+    bool checkCMD(const QByteArray& data);
 
     /// Takes the block of a reply off the buffer, for which it waits up to 600 ms, checks it and
     /// hands the record on. False if the block did not come or is corrupt.
@@ -74,24 +74,29 @@ public:
     virtual bool getArrayData(const QByteArray& frame, model_Protocoldata& record) const = 0;
 
 protected:
-    /// How the loop finds a reply: a pure search of a window, and the fewest bytes worth one.
+    /// How replies are found: pure functions.
     struct Search {
-        int minimum;
-        int (*firstMark)(const char* window, int size); ///< index of the first start mark, or -1
+        int headLength; ///< bytes of a standard reply, or of a binary head
+        int (*firstMark)(const char* data, int size); ///< index of the first start mark, or -1
+        ReceiveBuffer::Found (*find)(const char* data, int size); ///< what one pass looks for
     };
 
-    ReplyStream(std::chrono::milliseconds pause, Search howToSearch)
-        : interval(pause), search(howToSearch)
+    static constexpr int peekSize = 1024; ///< bytes that a pass looks at for a start mark
+    static constexpr int longestHead = 19;
+
+    ReplyStream(std::chrono::milliseconds pauseBetweenPasses, Search howToSearch)
+        : interval(pauseBetweenPasses), search(howToSearch)
     {
     }
 
     virtual std::shared_ptr<ReplyStream> emptyStream() const = 0;
 
-    /// Lets time pass: the only thing that the loop and the wait for a block do between their looks.
+    /// Lets time pass: the only thing that the loop and the wait for a block do between their
+    /// looks.
     virtual void pause(std::chrono::milliseconds duration);
 
-    /// The rest of a pass, once the buffer begins with what the search found.
-    virtual void takeReply() = 0;
+    /// checkCMD of a head, which has the right length.
+    virtual bool cut(const char* head) = 0;
 
     /// Drops what is before the first mark of \a data, or as much as \a data holds if there is
     /// none, in which case it returns false.

@@ -108,7 +108,7 @@ bool ReplyStreamParser::getArrayData(QByteArray frame, model_Protocoldata* recor
 
 void ReplyStreamParser::addToReceivedQueue(model_Protocoldata record)
 {
-    replyqueue::append(record);
+    replyqueue::append(std::move(record));
 }
 
 void ReplyStreamParser::setRetFlagStatus(bool on)

@@ -23,10 +23,15 @@ int firstStartMark(const char* window, int size)
     return found == nullptr ? -1 : static_cast<int>(static_cast<const char*>(found) - window);
 }
 
+QString frameText(const char* frame)
+{
+    return textWithBytes("Recv data:", QByteArray(frame, commandframe::textLength));
+}
+
 } // namespace
 
 TextReplyStream::TextReplyStream(const TextReplyValues& v)
-    : ReplyStream(v.interval, {commandframe::textLength, firstStartMark}), values(v)
+    : ReplyStream(v.interval, {commandframe::textLength, firstStartMark, find}), values(v)
 {
 }
 
@@ -51,35 +56,35 @@ bool TextReplyStream::isFindStdCmdPreFlag(const QByteArray& data)
     return false;
 }
 
-// As isFindStdCmdPreFlag from its second look on, and the look at the end mark, in one.
-void TextReplyStream::takeReply()
+// As isFindStdCmdPreFlag, and the look at the end mark.
+ReceiveBuffer::Found TextReplyStream::find(const char* data, int size)
 {
-    std::array<char, commandframe::textLength> head{};
-    const int size = buffer.peek(head.data(), head.size());
-    if (size >= 2 && head[1] != commandframe::replyMark) {
-        buffer.discard(1);
-    } else if (size < commandframe::textLength) {
-        return; // the rest may still arrive
-    } else if (head[0] != commandframe::startMark || head[endMarkOffset] != commandframe::endMark) {
-        buffer.discard(1);
-    } else {
-        cut(QByteArray(head.data(), head.size()));
+    if (size < commandframe::textLength) {
+        return {0, false};
     }
+    const int window = qMin(size, peekSize);
+    const int mark = firstStartMark(data, window);
+    if (mark < 0) {
+        return {window, false};
+    }
+    const int rest = size - mark;
+    if (rest >= 2 && data[mark + 1] != commandframe::replyMark) {
+        return {mark + 1, false};
+    }
+    if (rest < commandframe::textLength) {
+        return {mark, false}; // what is missing may still arrive
+    }
+    if (data[mark + endMarkOffset] != commandframe::endMark) {
+        return {mark + 1, false};
+    }
+    return {mark, true};
 }
 
-bool TextReplyStream::checkCMD(const QByteArray& data)
-{
-    if (data.size() < commandframe::textLength) {
-        return false;
-    }
-    return cut(data.left(commandframe::textLength));
-}
-
-bool TextReplyStream::cut(const QByteArray& frame)
+bool TextReplyStream::cut(const char* frame)
 {
     using replykinds::Block;
     model_Protocoldata record;
-    if (!getArrayData(frame, record)) {
+    if (!decode(frame, commandframe::textLength, record)) {
         buffer.discard(1);
         return false;
     }
@@ -87,7 +92,7 @@ bool TextReplyStream::cut(const QByteArray& frame)
     const replykinds::Kind kind = replykinds::kindOf(record);
     switch (kind.onStream) {
     case Block::None:
-        qCDebug(debugLine) << textWithBytes("Recv data:", frame);
+        qCDebug(debugLine) << frameText(frame);
         stamp(record, values.mark);
         record.strKey2 = origin();
         replyqueue::post(std::move(record));
@@ -95,7 +100,7 @@ bool TextReplyStream::cut(const QByteArray& frame)
     case Block::Immediate:
         stamp(record, values.immediateMark);
         record.strKey2 = origin();
-        replyqueue::append(record);
+        replyqueue::append(std::move(record));
         return true;
     case Block::FixedA: {
         const bool isShort = kind.mayBeShort && values.shortBlockA &&
@@ -115,14 +120,14 @@ bool TextReplyStream::cut(const QByteArray& frame)
     return takeBlock(record, frame, replykinds::announcedLength(record), values.announcedFailure);
 }
 
-bool TextReplyStream::takeBlock(model_Protocoldata& record, const QByteArray& frame, int length,
+bool TextReplyStream::takeBlock(model_Protocoldata& record, const char* frame, int length,
                                 const char* failure)
 {
     const bool taken = checkBlock(record, static_cast<quint16>(length));
     if (taken) {
-        qCDebug(debugLine) << textWithBytes("Recv data:", frame);
+        qCDebug(debugLine) << frameText(frame);
     } else {
-        qCDebug(debugLine) << textWithBytes("Recv data:", frame) << QLatin1String(failure);
+        qCDebug(debugLine) << frameText(frame) << QLatin1String(failure);
     }
     return taken;
 }
@@ -137,21 +142,29 @@ bool TextReplyStream::checkBlock(model_Protocoldata& record, quint16 length)
     if (values.namesBlockReplies) {
         record.strKey2 = origin();
     }
-    record.arryDatablock = block;
-    replyqueue::append(record);
+    record.arryDatablock = std::move(block);
+    replyqueue::append(std::move(record));
     return true;
 }
 
 bool TextReplyStream::getArrayData(const QByteArray& frame, model_Protocoldata& record) const
 {
     model_Protocoldata decoded;
-    if (!commandframe::decodeText(frame, decoded)) {
-        qCDebug(debugLine) << QString(QLatin1String(values.decodeFailure) +
-                                      commandframe::digitsOf(frame));
+    if (!decode(frame.constData(), frame.size(), decoded)) {
         return false;
     }
     record = std::move(decoded);
     return true;
+}
+
+bool TextReplyStream::decode(const char* frame, int size, model_Protocoldata& record) const
+{
+    if (commandframe::decodeText(frame, size, record)) {
+        return true;
+    }
+    qCDebug(debugLine) << QString(QLatin1String(values.decodeFailure) +
+                                  commandframe::digitsOf(QByteArray(frame, size)));
+    return false;
 }
 
 void TextReplyStream::stamp(model_Protocoldata& record, quint8 mark) const

@@ -34,16 +34,15 @@ public:
     explicit TextReplyStream(const TextReplyValues& values);
 
     bool isFindStdCmdPreFlag(const QByteArray& data) override;
-    bool checkCMD(const QByteArray& data) override;
     bool checkBlock(model_Protocoldata& record, quint16 length) override;
     bool getArrayData(const QByteArray& frame, model_Protocoldata& record) const override;
 
 private:
     std::shared_ptr<ReplyStream> emptyStream() const override;
-    void takeReply() override;
-    bool cut(const QByteArray& frame);
-    bool takeBlock(model_Protocoldata& record, const QByteArray& frame, int length,
-                   const char* failure);
+    static ReceiveBuffer::Found find(const char* data, int size);
+    bool cut(const char* frame) override;
+    bool takeBlock(model_Protocoldata& record, const char* frame, int length, const char* failure);
+    bool decode(const char* frame, int size, model_Protocoldata& record) const;
     void stamp(model_Protocoldata& record, quint8 mark) const;
     QString origin() const;
 

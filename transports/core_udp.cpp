@@ -383,7 +383,7 @@ void core_UDP::combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray st
 
 void core_UDP::addToReceivedQueue(model_Protocoldata record)
 {
-    replyqueue::append(record);
+    replyqueue::append(std::move(record));
 }
 
 void core_UDP::setRetFlagStatus(bool on)
