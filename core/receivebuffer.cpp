@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "receivebuffer.h"
 
-#include <QMutexLocker>
-
 #include <cstring>
 
 namespace
@@ -19,7 +17,7 @@ void ReceiveBuffer::append(const QByteArray& data)
 
 void ReceiveBuffer::append(const char* data, int size)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     if (bytes.size() + size > bytes.capacity() && head >= sizeLocked()) {
         bytes.remove(0, head);
         head = 0;
@@ -29,13 +27,13 @@ void ReceiveBuffer::append(const char* data, int size)
 
 QByteArray ReceiveBuffer::peek(int count) const
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     return QByteArray(bytes.constData() + head, qBound(0, count, sizeLocked()));
 }
 
 int ReceiveBuffer::peek(char* out, int count) const
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     const int copied = qBound(0, count, sizeLocked());
     std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(copied));
     return copied;
@@ -43,7 +41,7 @@ int ReceiveBuffer::peek(char* out, int count) const
 
 QByteArray ReceiveBuffer::take(int count)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     QByteArray taken(bytes.constData() + head, qBound(0, count, sizeLocked()));
     discardLocked(taken.size());
     return taken;
@@ -51,7 +49,7 @@ QByteArray ReceiveBuffer::take(int count)
 
 bool ReceiveBuffer::takeWhole(int count, QByteArray& out)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     if (count > sizeLocked()) {
         return false;
     }
@@ -62,13 +60,13 @@ bool ReceiveBuffer::takeWhole(int count, QByteArray& out)
 
 void ReceiveBuffer::discard(int count)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     discardLocked(qBound(0, count, sizeLocked()));
 }
 
 bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, int size)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     const Found found = find(bytes.constData() + head, sizeLocked());
     discardLocked(qBound(0, found.garbage, sizeLocked()));
     if (!found.isHead || size > sizeLocked()) {
@@ -80,13 +78,13 @@ bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, i
 
 int ReceiveBuffer::size() const
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     return sizeLocked();
 }
 
 void ReceiveBuffer::clear()
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     bytes = QByteArray();
     head = 0;
 }

@@ -2,7 +2,8 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMutex>
+
+#include <mutex>
 
 /// Bytes received and not yet consumed, oldest first: a byte queue with a moving head, so that
 /// taking a few bytes off a long backlog costs what it costs off a short one.
@@ -50,7 +51,7 @@ private:
     int sizeLocked() const { return bytes.size() - head; }
     void discardLocked(int count);
 
-    mutable QMutex lock;
+    mutable std::mutex lock;
     QByteArray bytes; // what is before head is consumed
     int head = 0;
 };

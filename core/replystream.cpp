@@ -3,8 +3,6 @@
 
 #include "detachedthread.h"
 
-#include <QMutexLocker>
-
 #include <array>
 #include <numeric>
 #include <thread>
@@ -125,12 +123,12 @@ model_GlobalEnum::DeviceType ReplyStream::deviceType() const
 
 void ReplyStream::setOriginName(const QString& newName)
 {
-    const QMutexLocker locker(&nameLock);
+    const std::lock_guard lock(nameLock);
     name = newName;
 }
 
 QString ReplyStream::originName() const
 {
-    const QMutexLocker locker(&nameLock);
+    const std::lock_guard lock(nameLock);
     return name;
 }

@@ -6,12 +6,12 @@
 #include "receivebuffer.h"
 
 #include <QByteArray>
-#include <QMutex>
 #include <QString>
 
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
 
 /// One stream of received bytes and the parser that cuts replies out of it: the receive buffer, the
 /// parsing loop with its flags, and what replies are stamped with. The bytes come in any pieces and
@@ -121,6 +121,6 @@ private:
     std::atomic<bool> bDealRun{false};
     std::atomic<bool> bDealExit{true};
     std::atomic<model_GlobalEnum::DeviceType> type{model_GlobalEnum::DeviceUnknown};
-    mutable QMutex nameLock; // a leaf: name
+    mutable std::mutex nameLock; // a leaf: name
     QString name;
 };
