@@ -167,15 +167,19 @@ QByteArray commandframe::encodeBinary(const model_Protocoldata& record)
 
 bool commandframe::decodeText(const QByteArray& frame, model_Protocoldata& record)
 {
+    return decodeText(frame.constData(), frame.size(), record);
+}
+
+bool commandframe::decodeText(const char* frame, int size, model_Protocoldata& record)
+{
     Body body{};
-    if (frame.size() >= digitsOffset + digitsLength &&
-        decodePlainDigits(frame.constData() + digitsOffset, body)) {
+    if (size >= digitsOffset + digitsLength && decodePlainDigits(frame + digitsOffset, body)) {
         const quint8 sent = body.back();
         body.back() = checksum(body, body.size() - 1);
         setBody(record, body);
         return sent == body.back();
     }
-    return decodeAnyText(digitsOf(frame), record);
+    return decodeAnyText(digitsOf(QByteArray(frame, size)), record);
 }
 
 QString commandframe::digitsOf(const QByteArray& frame)

@@ -61,6 +61,7 @@ QByteArray encodeBinary(const model_Protocoldata& record);
 /// it: the digits are 8-bit local text up to the first zero byte, each two characters are parsed as
 /// QString::toInt(base 16) parses them, and what does not parse is 0. Returns false, with \a record
 /// holding what was decoded, if the last pair is not the checksum of the seven before it.
+bool decodeText(const char* frame, int size, model_Protocoldata& record);
 bool decodeText(const QByteArray& frame, model_Protocoldata& record);
 
 /// The digits of a text reply as text, for messages.

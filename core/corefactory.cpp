@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "corefactory.h"
 
+#include "core_serialport.h"
 #include "core_udp.h"
 #include "icoreosdbase.h"
+#include "vela_core_serialport.h"
 
 ICoreBase* CoreFactory::iCORE = nullptr;
 ICoreOsdBase* CoreFactory::iOsdCore = nullptr;
@@ -27,9 +29,11 @@ ICoreBase* CoreFactory::creatCoreObjInstance(ConnType type)
 {
     switch (type) {
     case ConnUsb:
-    case ConnSerial:
-    case ConnVelaSerial:
         return nullptr;
+    case ConnSerial:
+        return new Core_SerialPort;
+    case ConnVelaSerial:
+        return new Vela_Core_SerialPort;
     case ConnUdp:
         break;
     }

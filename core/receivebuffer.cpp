@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "receivebuffer.h"
 
-#include <QMutexLocker>
+#include <cstring>
 
 namespace
 {
@@ -17,39 +17,74 @@ void ReceiveBuffer::append(const QByteArray& data)
 
 void ReceiveBuffer::append(const char* data, int size)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
+    if (bytes.size() + size > bytes.capacity() && head >= sizeLocked()) {
+        bytes.remove(0, head);
+        head = 0;
+    }
     bytes.append(data, size);
 }
 
 QByteArray ReceiveBuffer::peek(int count) const
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     return QByteArray(bytes.constData() + head, qBound(0, count, sizeLocked()));
+}
+
+int ReceiveBuffer::peek(char* out, int count) const
+{
+    const std::lock_guard locker(lock);
+    const int copied = qBound(0, count, sizeLocked());
+    std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(copied));
+    return copied;
 }
 
 QByteArray ReceiveBuffer::take(int count)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     QByteArray taken(bytes.constData() + head, qBound(0, count, sizeLocked()));
     discardLocked(taken.size());
     return taken;
 }
 
+bool ReceiveBuffer::takeWhole(int count, QByteArray& out)
+{
+    const std::lock_guard locker(lock);
+    if (count > sizeLocked()) {
+        return false;
+    }
+    out = QByteArray(bytes.constData() + head, count);
+    discardLocked(count);
+    return true;
+}
+
 void ReceiveBuffer::discard(int count)
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     discardLocked(qBound(0, count, sizeLocked()));
+}
+
+bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, int size)
+{
+    const std::lock_guard locker(lock);
+    const Found found = find(bytes.constData() + head, sizeLocked());
+    discardLocked(qBound(0, found.garbage, sizeLocked()));
+    if (!found.isHead || size > sizeLocked()) {
+        return false;
+    }
+    std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(size));
+    return true;
 }
 
 int ReceiveBuffer::size() const
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     return sizeLocked();
 }
 
 void ReceiveBuffer::clear()
 {
-    const QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     bytes = QByteArray();
     head = 0;
 }
@@ -64,9 +99,5 @@ void ReceiveBuffer::discardLocked(int count)
         } else {
             bytes.resize(0);
         }
-    } else if (head > keptCapacity && head > bytes.size() / 2) {
-        // Each byte is moved once for every byte that has been consumed before it, at most.
-        bytes.remove(0, head);
-        head = 0;
     }
 }

@@ -2,12 +2,17 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMutex>
+
+#include <mutex>
 
 /// Bytes received and not yet consumed, oldest first: a byte queue with a moving head, so that
 /// taking a few bytes off a long backlog costs what it costs off a short one.
 ///
 /// Any thread; each operation is atomic and its lock a leaf.
+///
+/// Consumed bytes lie before the head until room is needed: then what is left moves to the front,
+/// if it is no more than what was consumed, and else the memory grows. So each byte is moved once
+/// for every byte that was consumed before it, at most.
 class ReceiveBuffer
 {
 public:
@@ -17,11 +22,27 @@ public:
     /// A copy of the first \a count bytes, or of all if there are fewer. Consumes nothing.
     QByteArray peek(int count) const;
 
+    /// Copies the first \a count bytes, or all if there are fewer, and returns how many.
+    int peek(char* out, int count) const;
+
+    /// As take, but false, and nothing taken, if there are fewer bytes.
+    bool takeWhole(int count, QByteArray& out);
+
     /// Removes the first \a count bytes, or all if there are fewer, and returns them.
     QByteArray take(int count);
 
     /// As take, without the copy.
     void discard(int count);
+
+    /// What a search of the buffered bytes has found.
+    struct Found {
+        int garbage; ///< bytes at the head that are to be dropped
+        bool isHead; ///< whether behind them begins what was looked for, whole
+    };
+
+    /// Lets \a find search all buffered bytes where they lie, and drops the garbage that it
+    /// reports. Returns what it has found; of a head, the first \a size bytes are copied to \a out.
+    bool seek(Found (*find)(const char* data, int size), char* out, int size);
 
     int size() const;
     void clear(); ///< empties it and gives its memory back
@@ -30,7 +51,7 @@ private:
     int sizeLocked() const { return bytes.size() - head; }
     void discardLocked(int count);
 
-    mutable QMutex lock;
+    mutable std::mutex lock;
     QByteArray bytes; // what is before head is consumed
     int head = 0;
 };

@@ -3,6 +3,7 @@
 
 #include "biz_cmdswork.h"
 #include "debugline.h"
+#include "detachedthread.h"
 #include "drainqueue.h"
 #include "utility_manage.h"
 
@@ -133,10 +134,10 @@ bool appendedAtOnce(model_Protocoldata& record)
 
 } // namespace
 
-void replyqueue::append(const model_Protocoldata& record)
+void replyqueue::append(model_Protocoldata record)
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    biz_CMDSWork::receivequeueHexCmd.push_back(record);
+    biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
     setRetFlag(true);
 }
 
@@ -163,4 +164,11 @@ void replyqueue::setRetFlag(bool on)
 {
     const std::lock_guard lock(biz_CMDSWork::HexCmdlock);
     biz_CMDSWork::bRetFlag = on;
+}
+
+void replyqueue::clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work)
+{
+    if (!startDetached([work] { work->clearQueue(); })) {
+        work->clearQueue();
+    }
 }

@@ -3,6 +3,10 @@
 
 #include "model_protocoldata.h"
 
+#include <memory>
+
+class biz_CMDSWork;
+
 /// The one way from the links to the business layer: its reply queue and its reply flag.
 ///
 /// Lock order everywhere: biz_CMDSWork::receiveHexCmdlock, then biz_CMDSWork::HexCmdlock.
@@ -10,7 +14,7 @@ namespace replyqueue
 {
 
 /// Appends one record and raises the flag, on the calling thread. Waits for the host's locks.
-void append(const model_Protocoldata& record);
+void append(model_Protocoldata record);
 
 /// Appends one record and raises the flag without ever waiting: at once if both locks are free,
 /// else, in order, on a detached thread. Nothing is lost when the thread is refused: the record
@@ -27,5 +31,9 @@ void postFailure(const char* text);
 
 /// Sets the flag on the calling thread. Waits for its lock.
 void setRetFlag(bool on);
+
+/// Runs biz_CMDSWork::clearQueue on a detached thread that shares ownership of \a work; on the
+/// calling thread if the system refuses another.
+void clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work);
 
 } // namespace replyqueue

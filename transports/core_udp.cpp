@@ -5,7 +5,6 @@
 #include "callerrecord.h"
 #include "commandframe.h"
 #include "debugline.h"
-#include "detachedthread.h"
 #include "devicetypes.h"
 #include "replykinds.h"
 #include "replyqueue.h"
@@ -134,10 +133,7 @@ void core_UDP::setPort(int port)
 
 void core_UDP::clearQueue()
 {
-    auto clear = [work = cmdsWork] { work->clearQueue(); };
-    if (!startDetached(clear)) {
-        clear();
-    }
+    replyqueue::clearElsewhere(cmdsWork);
 }
 
 bool core_UDP::openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits,
@@ -387,7 +383,7 @@ void core_UDP::combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray st
 
 void core_UDP::addToReceivedQueue(model_Protocoldata record)
 {
-    replyqueue::append(record);
+    replyqueue::append(std::move(record));
 }
 
 void core_UDP::setRetFlagStatus(bool on)

@@ -1,32 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "core_manage.h"
+#include "core_serialport.h"
 #include "core_udp.h"
 #include "corefactory.h"
 #include "icoreosdbase.h"
+#include "metamethods.h"
+#include "vela_core_serialport.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <type_traits>
 
-#include <QMetaMethod>
 #include <QPointer>
-
-namespace
-{
-
-QStringList ownMethods(const QMetaObject& metaObject)
-{
-    QStringList methods;
-    for (int i = metaObject.methodOffset(); i < metaObject.methodCount(); ++i) {
-        const QMetaMethod method = metaObject.method(i);
-        methods << QString::fromLatin1(method.methodSignature()) + QLatin1Char(' ') +
-                       QString::fromLatin1(method.parameterNames().join(','));
-    }
-    return methods;
-}
-
-} // namespace
 
 TEST(CoreFactory, UdpForItsKindAndForUnknownKinds)
 {
@@ -35,6 +21,17 @@ TEST(CoreFactory, UdpForItsKindAndForUnknownKinds)
         EXPECT_NE(qobject_cast<core_UDP*>(made), nullptr) << kind;
         EXPECT_EQ(made, CoreFactory::iCORE);
     }
+}
+
+TEST(CoreFactory, SerialLinesForTheirKinds)
+{
+    EXPECT_NE(qobject_cast<Core_SerialPort*>(CoreFactory::creatCoreObj(ConnSerial)), nullptr);
+    const QPointer<ICoreBase> first = CoreFactory::iCORE;
+    const ICoreBase* second = CoreFactory::creatCoreObj(ConnSerial);
+    EXPECT_TRUE(first.isNull());
+    EXPECT_EQ(CoreFactory::iCORE, second);
+    EXPECT_NE(qobject_cast<Vela_Core_SerialPort*>(CoreFactory::creatCoreObj(ConnVelaSerial)),
+              nullptr);
 }
 
 TEST(CoreFactory, AskingAgainDestroysTheOneBefore)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "eventually.h"
+#include "replybytes.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -53,17 +54,7 @@ private:
     QUdpSocket socket;
 };
 
-/// A standard reply with a right checksum, written without the library's codec.
 inline QByteArray replyText(int command, int subCode, int low = 0, int high = 0, int address = 1)
 {
-    QByteArray body;
-    for (const int byte : {0x5a, address, command, subCode, 0x07, low, high}) {
-        body.append(static_cast<char>(byte));
-    }
-    int sum = 0;
-    for (const char byte : body) {
-        sum += static_cast<quint8>(byte);
-    }
-    body.append(static_cast<char>(sum));
-    return "<F" + body.toHex() + ">";
+    return replybytes::text(command, subCode, low, high, address);
 }

@@ -1,0 +1,339 @@
+// SPDX-License-Identifier: MIT
+// The reply stream's work without its pauses, against the literal version; then a whole serial line
+// on a pseudo-terminal, against a bare port and against doing nothing.
+#include "binaryreplystream.h"
+#include "biz_cmdswork.h"
+#include "core_serialport.h"
+#include "literalreplystream.h"
+#include "ratio.h"
+#include "tests/support/processstate.h"
+#include "tests/support/replybytes.h"
+#include "textreplystream.h"
+#include "utility_manage.h"
+
+#include <QCoreApplication>
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int window = 1024;
+constexpr int shortBacklog = 4 * 1024;
+constexpr int longBacklog = 16 * 1024 * 1024;
+constexpr TextReplyValues values{
+    std::chrono::milliseconds(3), nullptr, true, 1, 1, true, "", "", "", ""};
+
+double elapsed(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+std::size_t queued()
+{
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    return biz_CMDSWork::receivequeueHexCmd.size();
+}
+
+void waitAndEmptyQueue(std::size_t expected)
+{
+    while (queued() < expected) {
+        std::this_thread::yield();
+    }
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    biz_CMDSWork::receivequeueHexCmd.clear();
+}
+
+int sizeOf(ReplyStream& stream)
+{
+    return stream.buffData().size();
+}
+
+void append(ReplyStream& stream, const QByteArray& bytes)
+{
+    stream.buffData().append(bytes);
+}
+
+void append(LiteralReplyStream& stream, const QByteArray& bytes)
+{
+    stream.appendBuffData(bytes);
+}
+
+// Seconds per reply, for each batch while a backlog of these replies is worked off; the host
+// empties its queue after each, which is not counted.
+template <class Stream>
+void workOff(Stream& stream, const QByteArray& reply, int backlog, std::vector<double>& results)
+{
+    constexpr int batch = 25;
+    const int replies = backlog / reply.size();
+    append(stream, reply.repeated(replies));
+    for (int done = 0; done < replies; done += batch) {
+        const int passes = std::min(batch, replies - done);
+        const auto start = Clock::now();
+        for (int i = 0; i < passes; ++i) {
+            stream.pass();
+        }
+        results.push_back(elapsed(start) / passes);
+        waitAndEmptyQueue(static_cast<std::size_t>(passes));
+    }
+}
+
+template <class Stream>
+double medianPerReply(Stream& stream, const QByteArray& reply, int backlog, int rounds)
+{
+    std::vector<double> results;
+    for (int i = 0; i < rounds; ++i) {
+        workOff(stream, reply, backlog, results);
+    }
+    return ratio::percentile(results, 0.5);
+}
+
+template <class Library, class Literal>
+void replies(const char* what, const QByteArray& reply, Library&& library, Literal&& literal,
+             double goal)
+{
+    constexpr int rounds = 31;
+    char text[80];
+    const double slow = medianPerReply(literal, reply, shortBacklog, rounds);
+    const double fast = medianPerReply(library, reply, shortBacklog, 20 * rounds);
+    std::snprintf(text, sizeof text, "%s, 4 KiB backlog", what);
+    ratio::printFaster(text, slow, fast, goal);
+    const double onLong = medianPerReply(library, reply, longBacklog, 3);
+    std::snprintf(text, sizeof text, "%s, 16 MiB backlog to 4 KiB", what);
+    ratio::printTimes(text, fast, onLong, 1.2);
+}
+
+// Up to a reply that is just arriving, so that giving the memory back is not counted.
+double secondsToSkip(ReplyStream& stream, const QByteArray& noise)
+{
+    append(stream, noise + "<F");
+    const auto start = Clock::now();
+    for (int before = -1; sizeOf(stream) != before;) {
+        before = sizeOf(stream);
+        stream.pass();
+    }
+    const double seconds = elapsed(start);
+    stream.buffData().clear();
+    return seconds;
+}
+
+// One memchr for each window that a pass inspects, over bytes that were written just before, too.
+double secondsToSearch(const QByteArray& original)
+{
+    const QByteArray noise = original + "<F";
+    const auto start = Clock::now();
+    std::size_t found = 0;
+    for (int position = 0; position < noise.size();) {
+        const int size = std::min(window, noise.size() - position);
+        const auto* from = noise.constData() + position;
+        const void* mark = std::memchr(from, '<', static_cast<std::size_t>(size));
+        found += mark != nullptr;
+        position +=
+            mark == nullptr ? size : static_cast<int>(static_cast<const char*>(mark) - from) + 1;
+    }
+    const double seconds = elapsed(start);
+    if (found > static_cast<std::size_t>(noise.size())) {
+        std::abort(); // uses the result
+    }
+    return seconds;
+}
+
+void resynchronise(const char* what, const QByteArray& noise)
+{
+    TextReplyStream stream(values);
+    std::vector<double> skips;
+    std::vector<double> searches;
+    std::vector<double> skipsOfOne;
+    const QByteArray part = noise.left(noise.size() / 16);
+    for (int i = 0; i < 9; ++i) {
+        searches.push_back(secondsToSearch(noise));
+        skips.push_back(secondsToSkip(stream, noise));
+        skipsOfOne.push_back(secondsToSkip(stream, part));
+    }
+    const double skip = ratio::percentile(skips, 0.5);
+    ratio::printTimes(what, ratio::percentile(searches, 0.5), skip, 3);
+    // Linear, but for the caches.
+    ratio::printTimes("    16 MiB to 16 times 1 MiB", 16 * ratio::percentile(skipsOfOne, 0.5), skip,
+                      2);
+}
+
+// The device's side of a pseudo-terminal: answers every frame with the same reply.
+class Echo
+{
+public:
+    Echo() : master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
+    {
+        grantpt(master);
+        unlockpt(master);
+        termios raw{};
+        tcgetattr(master, &raw);
+        cfmakeraw(&raw);
+        tcsetattr(master, TCSANOW, &raw);
+        name = QString::fromLocal8Bit(ptsname(master));
+    }
+    ~Echo()
+    {
+        stop = true;
+        if (thread.joinable()) {
+            thread.join();
+        }
+        close(master);
+    }
+    Echo(const Echo&) = delete;
+    Echo& operator=(const Echo&) = delete;
+
+    void start()
+    {
+        thread = std::thread([this] { run(); });
+    }
+
+    QString name;
+
+private:
+    void run() const
+    {
+        const QByteArray reply = replybytes::text(0x79, 0x0C);
+        char buffer[256];
+        while (!stop) {
+            pollfd ready{master, POLLIN, 0};
+            if (poll(&ready, 1, 100) > 0 && read(master, buffer, sizeof buffer) > 0) {
+                [[maybe_unused]] const ssize_t written =
+                    write(master, reply.constData(), static_cast<std::size_t>(reply.size()));
+            }
+        }
+    }
+
+    int master;
+    std::atomic<bool> stop{false};
+    std::thread thread;
+};
+
+bool open(Core_SerialPort& line, const Echo& echo)
+{
+    return line.openSerialPort(echo.name, QSerialPort::Baud115200, QSerialPort::OneStop,
+                               QSerialPort::NoParity, QSerialPort::NoFlowControl,
+                               QSerialPort::Data8);
+}
+
+double bareRoundTrip(QSerialPort& port, const QByteArray& frame)
+{
+    const auto start = Clock::now();
+    port.write(frame);
+    while (port.bytesAvailable() < frame.size()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
+    }
+    const double seconds = elapsed(start);
+    port.readAll();
+    return seconds;
+}
+
+double lineRoundTrip(Core_SerialPort& line, model_Protocoldata& record)
+{
+    const auto start = Clock::now();
+    line.sendDatatoDevice(&record);
+    while (queued() == 0) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
+    }
+    const double seconds = elapsed(start);
+    waitAndEmptyQueue(0);
+    return seconds;
+}
+
+void roundTrips()
+{
+    constexpr int rounds = 1000;
+    std::minstd_rand random(1);
+    std::uniform_int_distribution<int> phase(0, 3000);
+    std::vector<double> bare;
+    std::vector<double> whole;
+    Echo bareEcho;
+    Echo lineEcho;
+    QSerialPort port(bareEcho.name);
+    Core_SerialPort line;
+    if (!port.open(QIODevice::ReadWrite) || !open(line, lineEcho)) {
+        std::printf("round trip: no pseudo-terminal\n");
+        return;
+    }
+    bareEcho.start();
+    lineEcho.start();
+    model_Protocoldata record;
+    const QByteArray frame = line.produceCmds(record);
+    for (int i = 0; i < rounds; ++i) {
+        // Anywhere between two passes of the parser.
+        std::this_thread::sleep_for(std::chrono::microseconds(phase(random)));
+        whole.push_back(lineRoundTrip(line, record));
+        bare.push_back(bareRoundTrip(port, frame));
+    }
+    const double raw = ratio::percentile(bare, 0.5);
+    const double median = ratio::percentile(whole, 0.5);
+    const double explained = std::chrono::duration<double>(values.interval).count() / 2 + raw;
+    std::printf("round trip, median: %.3f ms; half the interval and the bare port's %.3f ms make "
+                "%.3f ms: %+.3f ms (goal: 0.3 or less)\n",
+                median * 1e3, raw * 1e3, explained * 1e3, (median - explained) * 1e3);
+}
+
+void silentLine()
+{
+    constexpr std::chrono::seconds duration(5);
+    const Echo echo;
+    const auto heapBefore = mallinfo2().uordblks;
+    Core_SerialPort line;
+    if (!open(line, echo)) {
+        std::printf("silent line: no pseudo-terminal\n");
+        return;
+    }
+    QCoreApplication::processEvents();
+    const double before = processstate::cpuSeconds();
+    std::this_thread::sleep_for(duration);
+    const double used = processstate::cpuSeconds() - before;
+    std::printf(
+        "open, silent line: %.2f %% of one core (goal: 1 or less), %zu bytes of heap (goal: "
+        "65536 or less)\n",
+        100 * used / std::chrono::duration<double>(duration).count(),
+        mallinfo2().uordblks - heapBefore);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QTemporaryDir directory;
+    Utility_Manage::setLogFile(directory.filePath(QStringLiteral("bench.log")), 1 << 30);
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+
+    silentLine();
+    replies("standard reply", replybytes::text(0x10, 0x20), TextReplyStream(values),
+            LiteralReplyStream(), 10);
+    replies("immediate reply", replybytes::text(0x79, 0x0C), TextReplyStream(values),
+            LiteralReplyStream(), 10);
+    replies("reply with 129 bytes", replybytes::text(0x77, 0x23) + replybytes::block(129),
+            TextReplyStream(values), LiteralReplyStream(), 10);
+    // Nothing of it is text: most of what is left is the hand-over.
+    replies("second line, 129 bytes", replybytes::head(129) + replybytes::block(129),
+            BinaryReplyStream(), LiteralBinaryReplyStream(), 3);
+
+    resynchronise("16 MiB of noise without a mark, to memchr", QByteArray(longBacklog, 'x'));
+    QByteArray random(longBacklog, '\0');
+    std::minstd_rand generator(1);
+    for (char& byte : random) {
+        byte = static_cast<char>(generator() >> 16);
+    }
+    resynchronise("16 MiB of random noise, to memchr", random);
+    roundTrips();
+    return 0;
+}

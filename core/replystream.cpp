@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+#include "replystream.h"
+
+#include "detachedthread.h"
+
+#include <array>
+#include <numeric>
+#include <thread>
+
+namespace
+{
+
+constexpr int blockLooks = 150;
+constexpr std::chrono::milliseconds blockPause{4};
+
+// Modulo 256, in lanes that the compiler adds at once.
+quint8 sumOf(const char* bytes, int size)
+{
+    constexpr int lanes = 16;
+    std::array<quint8, lanes> sums{};
+    int done = 0;
+    for (; done + lanes <= size; done += lanes) {
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            sums[lane] = static_cast<quint8>(sums[lane] + static_cast<quint8>(bytes[lane]));
+        }
+        bytes += lanes;
+    }
+    unsigned sum = std::accumulate(sums.begin(), sums.end(), 0U);
+    for (; done < size; ++done) {
+        sum += static_cast<quint8>(*bytes++);
+    }
+    return static_cast<quint8>(sum);
+}
+
+} // namespace
+
+ReplyStream::~ReplyStream() = default;
+
+std::shared_ptr<ReplyStream> ReplyStream::successor() const
+{
+    auto next = emptyStream();
+    next->setDeviceType(deviceType());
+    next->setOriginName(originName());
+    return next;
+}
+
+bool ReplyStream::startParser(const std::shared_ptr<ReplyStream>& stream)
+{
+    // Before the thread starts: a stop that comes before its first instruction must wait for it.
+    stream->bDealExit.store(false, std::memory_order_relaxed);
+    stream->setDealFlag(true);
+    if (startDetached([stream] { stream->parse(); })) {
+        return true;
+    }
+    stream->setDealFlag(false);
+    stream->bDealExit.store(true, std::memory_order_release);
+    return false;
+}
+
+void ReplyStream::parse()
+{
+    bDealExit.store(false, std::memory_order_relaxed);
+    while (bDealRun.load(std::memory_order_relaxed)) {
+        pause(interval);
+        pass();
+    }
+    bDealExit.store(true, std::memory_order_release);
+}
+
+void ReplyStream::pass()
+{
+    std::array<char, longestHead> head{};
+    if (buffer.seek(search.find, head.data(), search.headLength)) {
+        cut(head.data());
+    }
+}
+
+bool ReplyStream::checkCMD(const QByteArray& data)
+{
+    return data.size() >= search.headLength && cut(data.constData());
+}
+
+void ReplyStream::pause(std::chrono::milliseconds duration)
+{
+    std::this_thread::sleep_for(duration);
+}
+
+bool ReplyStream::skipTo(const QByteArray& data)
+{
+    const int garbage = search.firstMark(data.constData(), data.size());
+    buffer.discard(static_cast<quint16>(garbage < 0 ? data.size() : garbage));
+    return garbage >= 0;
+}
+
+bool ReplyStream::awaitBlock(quint16 length, QByteArray& block)
+{
+    for (int look = 0; look < blockLooks; ++look) {
+        if (buffer.takeWhole(length, block)) {
+            return true;
+        }
+        pause(blockPause);
+    }
+    return false;
+}
+
+bool ReplyStream::isBlockIntact(const QByteArray& block)
+{
+    if (block.isEmpty()) {
+        return true;
+    }
+    return sumOf(block.constData(), block.size() - 1) == static_cast<quint8>(block.back());
+}
+
+void ReplyStream::setDeviceType(model_GlobalEnum::DeviceType newType)
+{
+    type.store(newType, std::memory_order_relaxed);
+}
+
+model_GlobalEnum::DeviceType ReplyStream::deviceType() const
+{
+    return type.load(std::memory_order_relaxed);
+}
+
+void ReplyStream::setOriginName(const QString& newName)
+{
+    const std::lock_guard lock(nameLock);
+    name = newName;
+}
+
+QString ReplyStream::originName() const
+{
+    const std::lock_guard lock(nameLock);
+    return name;
+}

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: MIT
+#include "biz_cmdswork.h"
+#include "eventually.h"
+#include "hostqueue.h"
+#include "processstate.h"
+#include "replybytes.h"
+#include "replystreamparser.h"
+#include "textreplystream.h"
+#include "threadrefusal.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+constexpr TextReplyValues values{milliseconds(3), nullptr, true,     1,        1,
+                                 false,           "",      "failed", "failed", "failed"};
+constexpr milliseconds patience{1000};
+
+// What a transport does with the protected half.
+class Transport : public ReplyStreamParser
+{
+public:
+    Transport() : ReplyStreamParser(std::make_shared<TextReplyStream>(values)) {}
+    using ReplyStreamParser::isParsing;
+    using ReplyStreamParser::setOriginName;
+    using ReplyStreamParser::setOriginType;
+    using ReplyStreamParser::startParsing;
+    using ReplyStreamParser::stopParsing;
+    using ReplyStreamParser::stream;
+};
+
+bool queued(std::size_t count)
+{
+    return eventually([count] { return hostqueue::size() == count; });
+}
+
+} // namespace
+
+class ReplyStreamParserStop : public ::testing::Test
+{
+protected:
+    ReplyStreamParserStop() { hostqueue::clear(); }
+
+    const int threadsBefore = processstate::threads();
+    bool threadsAreGone() const
+    {
+        return eventually([this] { return processstate::threads() <= threadsBefore; });
+    }
+
+    std::unique_ptr<Transport> transport = std::make_unique<Transport>();
+};
+
+TEST_F(ReplyStreamParserStop, StopBeforeTheThreadHasRunNeitherHangsNorReturnsEarly)
+{
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(transport->startParsing());
+        EXPECT_TRUE(transport->isParsing());
+        const auto stream = transport->stream();
+        transport->stopParsing(patience);
+        EXPECT_FALSE(stream->hasParser());
+        EXPECT_EQ(transport->stream(), stream); // a parser that ended leaves its stream
+    }
+    EXPECT_TRUE(threadsAreGone());
+}
+
+TEST_F(ReplyStreamParserStop, StoppingEmptiesTheBuffer)
+{
+    ASSERT_TRUE(transport->startParsing());
+    transport->appendBuffData("<F");
+    transport->stopParsing(patience);
+    EXPECT_TRUE(transport->getBuffData(10).isEmpty());
+    transport->appendBuffData("<F");
+    transport->stopParsing(patience); // no parser: at once
+    EXPECT_TRUE(transport->getBuffData(10).isEmpty());
+}
+
+TEST_F(ReplyStreamParserStop, RefusedThreadLeavesNoParser)
+{
+    {
+        const ThreadRefusal refusal;
+        EXPECT_FALSE(transport->startParsing());
+    }
+    EXPECT_FALSE(transport->isParsing());
+    transport->stopParsing(patience);
+    ASSERT_TRUE(transport->startParsing());
+    transport->appendBuffData(replybytes::text(0x79, 0x0C));
+    EXPECT_TRUE(queued(1));
+    transport->stopParsing(patience);
+}
+
+TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsLeftItsOwnStream)
+{
+    transport->setOriginName(QStringLiteral("name"));
+    transport->setOriginType(static_cast<model_GlobalEnum::DeviceType>(7));
+    ASSERT_TRUE(transport->startParsing());
+    const auto old = transport->stream();
+    transport->appendBuffData(replybytes::text(0x8B, 0x05));
+    ASSERT_TRUE(eventually([this] { return transport->getBuffData(100).isEmpty(); }));
+    transport->stopParsing(milliseconds::zero());
+    EXPECT_NE(transport->stream(), old);
+    ASSERT_TRUE(transport->startParsing());
+
+    // The new session's bytes would complete the old one's block.
+    transport->appendBuffData(replybytes::block(145) + replybytes::text(0x79, 0x0C));
+    EXPECT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().CMD, 0x79);
+    EXPECT_EQ(hostqueue::records().front().strKey2, QStringLiteral("name"));
+    EXPECT_EQ(hostqueue::records().front().featureCode, 7);
+    EXPECT_TRUE(eventually([&old] { return !old->hasParser(); })); // though the new flag is set
+    EXPECT_TRUE(transport->isParsing());
+    EXPECT_EQ(hostqueue::size(), 1U);
+    transport->stopParsing(patience);
+}
+
+TEST_F(ReplyStreamParserStop, AParserThatTheHostKeepsWaitingOutlivesTheTransport)
+{
+    {
+        const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
+        ASSERT_TRUE(transport->startParsing());
+        transport->appendBuffData(replybytes::text(0x79, 0x0C));
+        ASSERT_TRUE(eventually([this] { return transport->getBuffData(100).isEmpty(); }));
+        transport->stopParsing(milliseconds(20));
+        EXPECT_FALSE(transport->isParsing());
+        transport.reset();
+    }
+    EXPECT_TRUE(queued(1)); // it was received
+    EXPECT_TRUE(threadsAreGone());
+}
+
+TEST_F(ReplyStreamParserStop, StopsAndStartsUnderLoadMixNoSessions)
+{
+    std::atomic<bool> done{false};
+    std::thread device([&] {
+        for (int i = 0; !done; ++i) {
+            transport->appendBuffData(i % 3 == 0 ? replybytes::text(0x8B, 0x05)
+                                                 : replybytes::text(0x10, 0x20));
+            transport->setOriginType(static_cast<model_GlobalEnum::DeviceType>(i));
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_TRUE(transport->startParsing());
+        std::this_thread::sleep_for(milliseconds(i % 7));
+        transport->stopParsing(i % 5 == 0 ? patience : milliseconds(i % 4));
+    }
+    done = true;
+    device.join();
+    transport.reset();
+    EXPECT_TRUE(threadsAreGone());
+}
+
+TEST_F(ReplyStreamParserStop, DestructionEndsTheParser)
+{
+    ASSERT_TRUE(transport->startParsing());
+    transport.reset();
+    EXPECT_TRUE(threadsAreGone());
+}

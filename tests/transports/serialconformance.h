@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "conformance.h"
+#include "replybytes.h"
+#include "serialline.h"
+#include "serialpeer.h"
+
+#include <memory>
+
+/// A serial transport with a scripted device on a pseudo-terminal, for StreamLinkConformance.
+template <class Transport>
+class SerialLinkUnderTest
+{
+public:
+    bool open(QSerialPort::BaudRate baudRate = QSerialPort::Baud115200)
+    {
+        return line.openSerialPort(peer.portName(), baudRate, QSerialPort::OneStop,
+                                   QSerialPort::NoParity, QSerialPort::NoFlowControl,
+                                   QSerialPort::Data8);
+    }
+    void close() { line.closeSerialPort(); }
+    ICoreBase& transport() { return line; }
+    void deliver(const QByteArray& bytes) { ASSERT_TRUE(peer.send(bytes)); }
+    QByteArray atDevice() { return peer.received(); }
+
+    static constexpr int floodSize = 300;
+
+    SerialPeer peer;
+    Transport line;
+};

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "eventually.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+/// The device's side of a serial line, played by the test: the master of a pseudo-terminal.
+class SerialPeer
+{
+public:
+    SerialPeer() : master(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
+    {
+        grantpt(master);
+        unlockpt(master);
+        char name[64] = {};
+        ptsname_r(master, name, sizeof name);
+        slaveName = QString::fromLatin1(name);
+        setRaw(name);
+    }
+    ~SerialPeer() { hangUp(); }
+    SerialPeer(const SerialPeer&) = delete;
+    SerialPeer& operator=(const SerialPeer&) = delete;
+
+    /// What a transport opens.
+    const QString& portName() const { return slaveName; }
+
+    /// Sends everything, running the event loop while the line is full.
+    bool send(const QByteArray& bytes)
+    {
+        int sent = 0;
+        return eventually([&] {
+            const ssize_t size = write(master, bytes.constData() + sent,
+                                       static_cast<std::size_t>(bytes.size() - sent));
+            sent += size > 0 ? static_cast<int>(size) : 0;
+            return sent == bytes.size();
+        });
+    }
+
+    /// Everything received so far.
+    const QByteArray& received()
+    {
+        char chunk[4096];
+        for (ssize_t size = 0; (size = read(master, chunk, sizeof chunk)) > 0;) {
+            input.append(chunk, static_cast<int>(size));
+        }
+        return input;
+    }
+
+    /// The settings that the line has now.
+    termios settings() const
+    {
+        termios now{};
+        tcgetattr(master, &now); // a pseudo-terminal's two ends share them
+        return now;
+    }
+
+    /// As pulling the cable.
+    void hangUp()
+    {
+        if (master >= 0) {
+            ::close(master);
+            master = -1;
+        }
+    }
+
+private:
+    // Nothing is to be echoed while no transport has opened the line.
+    static void setRaw(const char* name)
+    {
+        const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+        termios raw{};
+        tcgetattr(slave, &raw);
+        cfmakeraw(&raw);
+        tcsetattr(slave, TCSANOW, &raw);
+        ::close(slave);
+    }
+
+    int master;
+    QString slaveName;
+    QByteArray input;
+};

@@ -1,0 +1,442 @@
+// SPDX-License-Identifier: MIT
+#include "core_serialport.h"
+
+#include "biz_cmdswork.h"
+#include "messagecapture.h"
+#include "metamethods.h"
+#include "processstate.h"
+#include "serialconformance.h"
+#include "threadrefusal.h"
+
+#include <thread>
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+class TextSerialLink : public SerialLinkUnderTest<Core_SerialPort>
+{
+public:
+    static QByteArray command(const model_Protocoldata& record)
+    {
+        QByteArray body;
+        for (const quint8 byte : {record.HEAD, record.ADDR, record.CMD, record.DAT1, record.DAT2,
+                                  record.DAT3, record.DAT4}) {
+            body.append(static_cast<char>(byte));
+        }
+        body.append(replybytes::sumOf(body));
+        return "<T" + body.toHex() + ">" + record.arryDatablock;
+    }
+    static QByteArray reply(int tag) { return replybytes::text(0x10, 0x20, 0, 0, tag); }
+    static QByteArray head(int tag, int length)
+    {
+        return replybytes::text(0xF1, 0x12, length & 0xff, length >> 8, tag);
+    }
+    static QByteArray block(int length) { return replybytes::block(length); }
+    static int tagOf(const model_Protocoldata& record) { return record.ADDR; }
+    static QByteArray handedOn(const QByteArray& block) { return block; }
+    static constexpr bool showsLostBlocks = false;
+};
+
+} // namespace
+
+INSTANTIATE_TYPED_TEST_SUITE_P(Serial, StreamLinkConformance, TextSerialLink);
+
+class CoreSerialPortTest : public ::testing::Test
+{
+protected:
+    CoreSerialPortTest() { hostqueue::clear(); }
+
+    bool threadsAreGone(int atMost)
+    {
+        return eventually([atMost] { return processstate::threads() <= atMost; });
+    }
+
+    // The parser has taken everything, and waits for a block if a head came last.
+    bool parserTookAll()
+    {
+        return eventually([this] { return link.line.getBuffData(1).isEmpty(); });
+    }
+
+    void startBlockWait()
+    {
+        const std::size_t before = hostqueue::size();
+        link.deliver(TextSerialLink::reply(1) + TextSerialLink::head(2, 50));
+        ASSERT_TRUE(eventually([before] { return hostqueue::size() > before; }));
+        ASSERT_TRUE(parserTookAll());
+    }
+
+    TextSerialLink link;
+    const int threads = processstate::threads();
+    MessageCapture capture;
+};
+
+TEST_F(CoreSerialPortTest, SlotsInTheirOrder)
+{
+    EXPECT_EQ(ownMethods(Core_SerialPort::staticMetaObject),
+              QStringList({QStringLiteral("readPendingDatagrams() "),
+                           QStringLiteral("sendDatatoDevice(void*) parameters"),
+                           QStringLiteral("sendDatatoDeviceByFeatures(void*) parameters"),
+                           QStringLiteral("sendDatatoDeviceForSysPlan(void*) parameters"),
+                           QStringLiteral("handleError(QSerialPort::SerialPortError) error")}));
+    EXPECT_EQ(Core_SerialPort::staticMetaObject.superClass(), &ICoreBase::staticMetaObject);
+}
+
+TEST_F(CoreSerialPortTest, RepliesCarryThePortsNameAndTheMarks)
+{
+    link.line.setDeviceType(static_cast<model_GlobalEnum::DeviceType>(0x4711));
+    ASSERT_TRUE(link.open());
+    link.deliver(TextSerialLink::reply(1) + TextSerialLink::head(2, 5) + TextSerialLink::block(5) +
+                 replybytes::text(0x79, 0x0C));
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 3; }));
+    for (const auto& record : hostqueue::records()) {
+        EXPECT_EQ(record.strKey2, link.line.port().portName());
+        EXPECT_TRUE(record.strKey2.startsWith(QLatin1String("pts/")));
+        EXPECT_EQ(record.bKeyFlag, 1);
+        EXPECT_EQ(record.featureCode, 0x4711);
+    }
+}
+
+TEST_F(CoreSerialPortTest, SettingsReachTheLine)
+{
+    ASSERT_TRUE(link.line.openSerialPort(link.peer.portName(), QSerialPort::Baud9600,
+                                         QSerialPort::TwoStop, QSerialPort::EvenParity,
+                                         QSerialPort::SoftwareControl, QSerialPort::Data7));
+    const termios set = link.peer.settings();
+    EXPECT_EQ(cfgetispeed(&set), speed_t(B9600));
+    EXPECT_EQ(cfgetospeed(&set), speed_t(B9600));
+    EXPECT_TRUE(set.c_cflag & CSTOPB);
+    EXPECT_TRUE(set.c_iflag & IXON);
+    const QSerialPort& port = link.line.port();
+    EXPECT_EQ(port.stopBits(), QSerialPort::TwoStop);
+    EXPECT_EQ(port.parity(), QSerialPort::EvenParity);
+    EXPECT_EQ(port.flowControl(), QSerialPort::SoftwareControl);
+    EXPECT_EQ(port.dataBits(), QSerialPort::Data7);
+}
+
+TEST_F(CoreSerialPortTest, SendingLogsTheFrame)
+{
+    ASSERT_TRUE(link.open());
+    model_Protocoldata record;
+    record.CMD = 0x10;
+    record.arryDatablock = "block";
+    record.featureCode = 0x3200;
+    link.line.sendDatatoDeviceByFeatures(&record);
+    const QString frame = QString::fromLatin1(TextSerialLink::command(record));
+    EXPECT_EQ(capture.lines(),
+              QStringList({QStringLiteral("Send successful"),
+                           QStringLiteral("\"Send data:%1\"").arg(frame.left(19))}));
+    EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:") + frame));
+    EXPECT_TRUE(eventually([&] { return link.atDevice() == frame.toLatin1(); }));
+    EXPECT_EQ(record.CHKSUM, 0); // the caller's record is its own
+}
+
+TEST_F(CoreSerialPortTest, OtherOperationsSendNothing)
+{
+    ASSERT_TRUE(link.open());
+    model_Protocoldata record;
+    link.line.sendDatatoDeviceForSysPlan(&record);
+    link.line.sendDatatoDevice(nullptr);
+    link.line.sendDatatoDeviceByFeatures(nullptr);
+    link.line.setDeviceIP(QStringLiteral("127.0.0.1"));
+    link.line.setPort(1);
+    link.line.closeUSB();
+    EXPECT_FALSE(link.line.openUSB(0x04b4, 0x1008));
+    EXPECT_TRUE(capture.lines().isEmpty());
+    link.line.sendDatatoDevice(&record); // nothing came before it
+    EXPECT_TRUE(eventually([&] { return link.atDevice().size() >= 19; }));
+    EXPECT_EQ(link.atDevice(), TextSerialLink::command(record));
+}
+
+TEST_F(CoreSerialPortTest, AClosedPortTakesNoFrame)
+{
+    model_Protocoldata record;
+    link.line.sendDatatoDevice(&record);
+    EXPECT_EQ(capture.lines(),
+              QStringList(QStringLiteral("\"Send data:%1\"")
+                              .arg(QString::fromLatin1(TextSerialLink::command(record)))));
+    EXPECT_TRUE(hostqueue::logLines().isEmpty());
+}
+
+namespace
+{
+
+class Outcomes : public Core_SerialPort
+{
+public:
+    using SerialLine::reportWritten;
+    void drop(bool on) { bBaseFlag = !on; }
+};
+
+} // namespace
+
+TEST_F(CoreSerialPortTest, OnlyWholeAndFailedWritesAreReported)
+{
+    Outcomes::reportWritten(3, "abcd");
+    Outcomes::reportWritten(0, "abcd");
+    EXPECT_TRUE(capture.lines().isEmpty());
+    Outcomes::reportWritten(-1, "abcd");
+    EXPECT_EQ(capture.lines(), QStringList(QStringLiteral("Send failed")));
+    EXPECT_TRUE(hostqueue::logLines().isEmpty());
+    Outcomes::reportWritten(4, "abcd");
+    EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:abcd")));
+}
+
+TEST_F(CoreSerialPortTest, BytesAreDroppedWhileTheBaseFlagIsClear)
+{
+    SerialLinkUnderTest<Outcomes> dropping;
+    ASSERT_TRUE(dropping.open());
+    dropping.line.drop(true);
+    dropping.deliver(TextSerialLink::reply(1));
+    EXPECT_TRUE(eventually([&] {
+        dropping.line.readPendingDatagrams();
+        return dropping.line.port().bytesAvailable() == 0;
+    }));
+    eventually([] { return false; }, milliseconds(20)); // whatever is still on its way
+    dropping.line.drop(false);
+    dropping.deliver(TextSerialLink::reply(2));
+    ASSERT_TRUE(eventually([] { return hostqueue::size() > 0; }));
+    EXPECT_EQ(hostqueue::records().front().ADDR, 2);
+
+    // Reopened with the flag clear: the open does not wait, and still there is one parser only.
+    dropping.deliver(TextSerialLink::head(3, 50));
+    ASSERT_TRUE(eventually([&] { return dropping.line.getBuffData(1).isEmpty(); }));
+    dropping.line.drop(true);
+    const auto start = Clock::now();
+    ASSERT_TRUE(dropping.open());
+    EXPECT_LT(Clock::now() - start, milliseconds(300));
+    dropping.line.drop(false);
+    dropping.deliver(TextSerialLink::block(50) + TextSerialLink::reply(4));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+    EXPECT_EQ(hostqueue::records().back().ADDR, 4);
+}
+
+TEST_F(CoreSerialPortTest, ClearQueueEmptiesTheHostsQueue)
+{
+    link.line.addToReceivedQueue(model_Protocoldata());
+    {
+        const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
+        link.line.clearQueue(); // does not wait
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 0; }));
+}
+
+TEST_F(CoreSerialPortTest, APortThatDoesNotExistFails)
+{
+    EXPECT_FALSE(link.line.openSerialPort(QStringLiteral("/dev/pts/99999"), QSerialPort::Baud9600,
+                                          QSerialPort::OneStop, QSerialPort::NoParity,
+                                          QSerialPort::NoFlowControl, QSerialPort::Data8));
+    EXPECT_FALSE(link.line.port().isOpen());
+    EXPECT_EQ(processstate::threads(), threads);
+    EXPECT_TRUE(capture.lines().isEmpty());
+    link.line.closeSerialPort();
+}
+
+TEST_F(CoreSerialPortTest, AFailedReopenLeavesNothingOpen)
+{
+    ASSERT_TRUE(link.open());
+    link.line.appendBuffData("<F");
+    EXPECT_FALSE(link.line.openSerialPort(QStringLiteral("/dev/pts/99999"), QSerialPort::Baud9600,
+                                          QSerialPort::OneStop, QSerialPort::NoParity,
+                                          QSerialPort::NoFlowControl, QSerialPort::Data8));
+    EXPECT_FALSE(link.line.port().isOpen());
+    EXPECT_TRUE(threadsAreGone(threads));
+    EXPECT_TRUE(link.line.getBuffData(10).isEmpty());
+}
+
+TEST_F(CoreSerialPortTest, ARefusedParserIsAFailedOpen)
+{
+    {
+        const ThreadRefusal refusal;
+        EXPECT_FALSE(link.open());
+    }
+    EXPECT_FALSE(link.line.port().isOpen());
+    link.line.closeSerialPort();
+    ASSERT_TRUE(link.open());
+    link.deliver(TextSerialLink::reply(1));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+}
+
+TEST_F(CoreSerialPortTest, OpenTwiceReopensWithTheNewSettings)
+{
+    ASSERT_TRUE(link.open());
+    ASSERT_TRUE(link.open(QSerialPort::Baud9600));
+    const termios set = link.peer.settings();
+    EXPECT_EQ(cfgetospeed(&set), speed_t(B9600));
+    EXPECT_TRUE(threadsAreGone(threads + 1)); // one parser
+    link.deliver(TextSerialLink::reply(1));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+}
+
+TEST_F(CoreSerialPortTest, OpenAndCloseInAnyRhythm)
+{
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_TRUE(link.open());
+        if (i % 3 == 0) {
+            ASSERT_TRUE(link.open());
+        }
+        link.line.closeSerialPort();
+        EXPECT_FALSE(link.line.port().isOpen());
+    }
+    EXPECT_TRUE(threadsAreGone(threads));
+}
+
+TEST_F(CoreSerialPortTest, ClosingTakesABlockWaitAtMost)
+{
+    ASSERT_TRUE(link.open());
+    startBlockWait();
+    const auto start = Clock::now();
+    link.line.closeSerialPort();
+    EXPECT_LT(Clock::now() - start, milliseconds(1500)); // 600 and a busy machine
+    EXPECT_TRUE(threadsAreGone(threads));
+    EXPECT_EQ(hostqueue::size(), 1U);
+}
+
+TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedReturns)
+{
+    ASSERT_TRUE(link.open());
+    {
+        const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
+        link.deliver(replybytes::text(0x79, 0x0C));
+        ASSERT_TRUE(eventually([this] { return link.line.port().bytesAvailable() == 0; }));
+        eventually([] { return false; }, milliseconds(50)); // the parser reaches the lock
+        link.line.closeSerialPort();
+        ASSERT_TRUE(link.open());
+    }
+    link.deliver(TextSerialLink::reply(2));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+}
+
+TEST_F(CoreSerialPortTest, AHangUpClosesThePortAndTheProcessIsIdle)
+{
+    QObject::connect(&link.line.port(), &QSerialPort::errorOccurred, &link.line,
+                     &Core_SerialPort::handleError);
+    ASSERT_TRUE(link.open());
+    startBlockWait();
+    link.peer.hangUp();
+    ASSERT_TRUE(eventually([this] { return !link.line.port().isOpen(); }));
+    const double before = processstate::cpuSeconds();
+    eventually([] { return false; }, milliseconds(1000));
+    EXPECT_LT(processstate::cpuSeconds() - before, 0.5);
+}
+
+TEST_F(CoreSerialPortTest, AHangUpThatNobodyWatchesCostsTheLibraryNothing)
+{
+    int errors = 0;
+    QObject::connect(&link.line.port(), &QSerialPort::errorOccurred, &link.line,
+                     [&errors] { ++errors; });
+    ASSERT_TRUE(link.open());
+    link.peer.hangUp();
+    ASSERT_TRUE(eventually([&errors] { return errors > 1000; }));
+    EXPECT_TRUE(link.line.port().isOpen());
+    EXPECT_TRUE(link.line.getBuffData(1).isEmpty());
+    EXPECT_TRUE(capture.lines().isEmpty());
+    EXPECT_TRUE(hostqueue::logLines().isEmpty());
+    link.line.closeSerialPort();
+    EXPECT_TRUE(threadsAreGone(threads));
+}
+
+TEST_F(CoreSerialPortTest, OnlyAResourceErrorClosesThePort)
+{
+    link.line.handleError(QSerialPort::ResourceError); // closed: nothing to do
+    ASSERT_TRUE(link.open());
+    for (int error = QSerialPort::NoError; error <= QSerialPort::NotOpenError; ++error) {
+        if (error != QSerialPort::ResourceError) {
+            link.line.handleError(static_cast<QSerialPort::SerialPortError>(error));
+        }
+    }
+    EXPECT_TRUE(link.line.port().isOpen());
+    link.line.handleError(QSerialPort::ResourceError);
+    EXPECT_FALSE(link.line.port().isOpen());
+}
+
+TEST_F(CoreSerialPortTest, ALostPortLeavesTheParserToTheNextOpen)
+{
+    ASSERT_TRUE(link.open());
+    link.line.handleError(QSerialPort::ResourceError);
+    link.line.closeSerialPort(); // the port is closed already: nothing happens
+    EXPECT_EQ(processstate::threads(), threads + 1);
+    link.line.appendBuffData(replybytes::text(0x79, 0x0C));
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+
+    link.line.appendBuffData(TextSerialLink::head(2, 50));
+    ASSERT_TRUE(parserTookAll());
+    link.line.appendBuffData(TextSerialLink::block(50).left(20));
+    ASSERT_TRUE(link.open());
+    EXPECT_TRUE(threadsAreGone(threads + 1));
+    link.deliver(TextSerialLink::block(50).mid(20) + TextSerialLink::reply(3));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+    EXPECT_EQ(hostqueue::records().back().ADDR, 3);
+}
+
+TEST_F(CoreSerialPortTest, ALostPortThatStaysAwayLeavesNoParser)
+{
+    ASSERT_TRUE(link.open());
+    link.line.handleError(QSerialPort::ResourceError);
+    link.line.appendBuffData("<F");
+    link.peer.hangUp();
+    EXPECT_FALSE(link.open());
+    EXPECT_TRUE(threadsAreGone(threads));
+    EXPECT_TRUE(link.line.getBuffData(10).isEmpty());
+}
+
+TEST_F(CoreSerialPortTest, DestructionInEveryState)
+{
+    for (int state = 0; state < 6; ++state) {
+        SerialPeer peer;
+        auto line = std::make_unique<Core_SerialPort>();
+        const auto open = [&] {
+            return line->openSerialPort(peer.portName(), QSerialPort::Baud115200,
+                                        QSerialPort::OneStop, QSerialPort::NoParity,
+                                        QSerialPort::NoFlowControl, QSerialPort::Data8);
+        };
+        if (state > 0) {
+            ASSERT_TRUE(open());
+        }
+        switch (state) {
+        case 2:
+            line->handleError(QSerialPort::ResourceError);
+            break;
+        case 3:
+            line->closeSerialPort();
+            break;
+        case 4:
+            line->appendBuffData(TextSerialLink::head(2, 50));
+            ASSERT_TRUE(eventually([&] { return line->getBuffData(1).isEmpty(); }));
+            break;
+        case 5:
+            ASSERT_TRUE(peer.send(QByteArray(2000, '<')));
+            line->clearQueue();
+            break;
+        default:
+            break;
+        }
+        line.reset();
+        EXPECT_TRUE(threadsAreGone(threads)) << state;
+    }
+}
+
+TEST_F(CoreSerialPortTest, DestructionUnderLoad)
+{
+    for (int i = 0; i < 10; ++i) {
+        auto own = std::make_unique<TextSerialLink>();
+        ASSERT_TRUE(own->open());
+        own->deliver(TextSerialLink::reply(1) + TextSerialLink::head(2, 9) +
+                     TextSerialLink::block(9) + TextSerialLink::reply(3));
+        eventually([] { return false; }, milliseconds(i));
+    }
+    EXPECT_TRUE(threadsAreGone(threads));
+}
+
+TEST_F(CoreSerialPortTest, ASilentLineIsIdle)
+{
+    ASSERT_TRUE(link.open());
+    eventually([] { return false; }, milliseconds(100));
+    const double before = processstate::cpuSeconds();
+    const long memory = processstate::residentKiB();
+    std::this_thread::sleep_for(milliseconds(1000));
+    EXPECT_LT(processstate::cpuSeconds() - before, 0.1); // measured exactly by the benchmark
+    EXPECT_LE(processstate::residentKiB() - memory, 64);
+}
