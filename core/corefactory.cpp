@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "corefactory.h"
 
+#include "core_osd_manage.h"
 #include "core_udp.h"
-#include "icoreosdbase.h"
+#include "osdrecordsource.h"
 
 ICoreBase* CoreFactory::iCORE = nullptr;
 ICoreOsdBase* CoreFactory::iOsdCore = nullptr;
@@ -20,6 +21,7 @@ ICoreOsdBase* CoreFactory::createOsdCoreObj(ConnOsdType type)
     delete iOsdCore;
     iOsdCore = nullptr;
     iOsdCore = creatCoreObjInstance(type);
+    osdrecordsource::set(iOsdCore);
     return iOsdCore;
 }
 
@@ -38,5 +40,5 @@ ICoreBase* CoreFactory::creatCoreObjInstance(ConnType type)
 
 ICoreOsdBase* CoreFactory::creatCoreObjInstance(ConnOsdType /*type*/)
 {
-    return nullptr;
+    return new core_Osd_Manage;
 }
