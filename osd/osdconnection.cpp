@@ -61,7 +61,7 @@ void OsdConnection::connectSignals()
     if (tcpSocket) {
         QTcpSocket* const socket = tcpSocket.get();
         connect(socket, &QTcpSocket::connected, this, &OsdConnection::onConnected);
-        connect(socket, &QTcpSocket::errorOccurred, this, &OsdConnection::onLost);
+        connect(socket, &QTcpSocket::errorOccurred, this, &OsdConnection::onError);
         connect(socket, &QTcpSocket::disconnected, this, &OsdConnection::onLost);
         connect(socket, &QTcpSocket::readyRead, this, &OsdConnection::onReadyRead);
     }
@@ -99,6 +99,14 @@ void OsdConnection::startParser()
 void OsdConnection::onConnected()
 {
     bConnected = true;
+}
+
+// A write that has not been taken within its wait is reported as an error by Qt; here it is none.
+void OsdConnection::onError(QAbstractSocket::SocketError error)
+{
+    if (!writing || error != QAbstractSocket::SocketTimeoutError) {
+        onLost();
+    }
 }
 
 void OsdConnection::onLost()
@@ -144,6 +152,7 @@ void OsdConnection::send(const QByteArray& bytes)
     if (!tcpSocket || !bConnected) {
         return;
     }
+    writing = true;
     tcpSocket->write(bytes);
     tcpSocket->flush();
     QElapsedTimer waited;
@@ -153,6 +162,7 @@ void OsdConnection::send(const QByteArray& bytes)
            run->deals() && waited.elapsed() < writeWaitMs) {
         tcpSocket->waitForBytesWritten(writeWaitSliceMs);
     }
+    writing = false;
 }
 
 void OsdConnection::closeSocket()

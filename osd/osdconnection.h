@@ -48,6 +48,7 @@ public:
     void closeSocket();
 
 private:
+    void onError(QAbstractSocket::SocketError error);
     void listenForRecords();
     void startParser();
     void takeAvailable();
@@ -59,4 +60,5 @@ private:
     bool bConnected = false;
     bool parserStarted = false;
     bool readingPaused = false;
+    bool writing = false;
 };

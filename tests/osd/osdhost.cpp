@@ -2,6 +2,10 @@
 #include "osdhost.h"
 
 #include "biz_osd_cmdswork.h"
+#include "corefactory.h"
+#include "eventually.h"
+#include "icoreosdbase.h"
+#include "osdsimulator.h"
 
 #include <algorithm>
 
@@ -44,4 +48,32 @@ model_OsdParam osdhost::command(const QString& ip, char ch2, const QByteArray& d
     record.strIP = ip;
     record.arryData = data;
     return record;
+}
+
+bool osdhost::settle(const QString& ip, const OsdSimulator& endpoint, char ch2)
+{
+    constexpr char last = 0x7f;
+    const auto send = [&ip](char ch) {
+        model_OsdParam record = command(ip, ch);
+        CoreFactory::iOsdCore->sendDatatoDevice(&record);
+    };
+    const auto answers = [&ip](char ch) {
+        const auto all = records();
+        return std::count_if(all.begin(), all.end(), [&](const model_OsdParam& record) {
+            return record.strIP == ip && record.arryData.at(2) == ch;
+        });
+    };
+    const auto before = answers(ch2);
+    const auto lastBefore = answers(last);
+    const bool answered = eventually([&] {
+        send(ch2);
+        return eventually([&] { return answers(ch2) > before; }, std::chrono::milliseconds(20));
+    });
+    send(last);
+    return answered && eventually([&] { return answers(last) > lastBefore; }) && eventually([&] {
+               const auto all = records();
+               return std::count_if(all.begin(), all.end(), [&ip](const model_OsdParam& record) {
+                          return record.strIP == ip;
+                      }) == endpoint.answers();
+           });
 }

@@ -352,7 +352,7 @@ void OsdSimulator::Server::answer(Client& client, const QByteArray& command)
 
 void OsdSimulator::Server::write(Client& client)
 {
-    while (!client.over && !client.output.empty() && client.output.front().due <= Clock::now()) {
+    while (!client.reset && !client.output.empty() && client.output.front().due <= Clock::now()) {
         QByteArray& bytes = client.output.front().bytes;
         const auto size = ::send(client.descriptor, bytes.constData(),
                                  static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL);
@@ -509,6 +509,12 @@ QByteArray OsdSimulator::received() const
 {
     const std::lock_guard locked(server->lock);
     return server->received;
+}
+
+qint64 OsdSimulator::receivedBytes() const
+{
+    const std::lock_guard locked(server->lock);
+    return server->received.size();
 }
 
 std::vector<QByteArray> OsdSimulator::commands() const

@@ -77,7 +77,7 @@ public:
     quint16 port() const; ///< the one it got
     void setFaults(const OsdFaults& faults);
 
-    /// Hangs up on everyone: with a reset, or properly.
+    /// Hangs up on everyone: with a reset, or properly, once what is due has been sent.
     void hangUp(bool reset);
 
     /// Sends bytes as they are to everyone who is connected.
@@ -89,6 +89,7 @@ public:
     int bad() const;                          ///< other commands so far
     qint64 answers() const;                   ///< acknowledgements given so far
     QByteArray received() const;              ///< every byte so far, in order of arrival
+    qint64 receivedBytes() const;             ///< how many those are
     std::vector<QByteArray> commands() const; ///< the good commands
     std::vector<quint16> peerPorts() const;   ///< the port at the other end of each connection
 
