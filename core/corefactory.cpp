@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "corefactory.h"
 
+#include "core_osd_manage.h"
 #include "core_serialport.h"
 #include "core_udp.h"
-#include "icoreosdbase.h"
+#include "osdrecordsource.h"
 #include "vela_core_serialport.h"
 
 ICoreBase* CoreFactory::iCORE = nullptr;
@@ -22,6 +23,7 @@ ICoreOsdBase* CoreFactory::createOsdCoreObj(ConnOsdType type)
     delete iOsdCore;
     iOsdCore = nullptr;
     iOsdCore = creatCoreObjInstance(type);
+    osdrecordsource::set(iOsdCore);
     return iOsdCore;
 }
 
@@ -42,5 +44,5 @@ ICoreBase* CoreFactory::creatCoreObjInstance(ConnType type)
 
 ICoreOsdBase* CoreFactory::creatCoreObjInstance(ConnOsdType /*type*/)
 {
-    return nullptr;
+    return new core_Osd_Manage;
 }

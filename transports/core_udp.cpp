@@ -6,6 +6,7 @@
 #include "commandframe.h"
 #include "debugline.h"
 #include "devicetypes.h"
+#include "fixedlocalport.h"
 #include "replykinds.h"
 #include "replyqueue.h"
 #include "udplink.h"
@@ -27,8 +28,6 @@ namespace
 
 constexpr int fixedDevicePort = 3005;
 constexpr int defaultDevicePort = 1000;
-constexpr uint localPortSeed = 888; // a constant: the same local port on every run
-constexpr int localPortBase = 1000;
 constexpr qint32 featureHandledByUsb = 0x400000;
 constexpr qint32 featureForUdp = 0x3200;
 constexpr quint8 unicastMode = 0;
@@ -52,15 +51,6 @@ QHostAddress firstLocalAddress()
 bool usesFixedPort(model_GlobalEnum::DeviceType type)
 {
     return type == devicetypes::fixedPortA || type == devicetypes::fixedPortB;
-}
-
-quint16 seededLocalPort()
-{
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    qsrand(localPortSeed);
-    return static_cast<quint16>(localPortBase + qrand());
-    QT_WARNING_POP
 }
 
 void askForReceiveBuffer(QUdpSocket& socket)
@@ -169,7 +159,7 @@ void core_UDP::initUdp()
         udpSocket->bind(fixedDevicePort);
     } else {
         link->setPort(defaultDevicePort);
-        udpSocket->bind(seededLocalPort());
+        udpSocket->bind(fixedLocalPort());
     }
     askForReceiveBuffer(*udpSocket);
     link->attach(std::make_shared<UdpEndpoint>(udpSocket->socketDescriptor()));

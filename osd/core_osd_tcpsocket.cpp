@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+#include "core_osd_tcpsocket.h"
+
+#include "biz_osd_cmdswork.h"
+#include "osdconnection.h"
+#include "osdendpoint.h"
+#include "osdframe.h"
+#include "osdworkthread.h"
+
+#include <chrono>
+#include <thread>
+
+namespace
+{
+
+constexpr std::chrono::milliseconds stopPause{100}; // for the parser to come to its end
+
+} // namespace
+
+Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
+    : QObject(parent), endpoint(std::make_shared<OsdEndpoint>()),
+      workThread(new OsdWorkThread(endpoint))
+{
+    qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
+    // onCloseSocket itself waits for the worker: as a blocking queued connection, this would wait
+    // for ever for a worker that has ended.
+    connect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket,
+            Qt::DirectConnection);
+    if (parent == nullptr) { // an object with a parent cannot change its thread
+        moveToThread(workThread);
+    }
+}
+
+Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
+{
+    close();
+    OsdWorkThread::release(workThread);
+}
+
+void Core_Osd_TcpSocket::connectSever(QString ip, int port)
+{
+    endpoint->setAddress(ip, port);
+    if (!endpoint->run()->deals()) {
+        workThread->waitForEnd();
+    }
+    if (!workThread->isRunning()) {
+        endpoint->beginRun();
+        workThread->start();
+    }
+}
+
+void Core_Osd_TcpSocket::close()
+{
+    endpoint->run()->stop();
+    std::this_thread::sleep_for(stopPause);
+    Q_EMIT closeSocket();
+    workThread->quit();
+    workThread->waitForEnd();
+}
+
+QByteArray Core_Osd_TcpSocket::produceCmds(model_OsdParam record)
+{
+    return osdframe::encode(record);
+}
+
+void Core_Osd_TcpSocket::sendData(QByteArray data)
+{
+    workThread->call([data](OsdConnection& connection) { connection.send(data); });
+}
+
+void Core_Osd_TcpSocket::addToReceivedQueue(model_OsdParam record)
+{
+    biz_Osd_CMDSWork::addToReceiveQueue(record);
+}
+
+void Core_Osd_TcpSocket::appendBuffData(QByteArray data)
+{
+    endpoint->received().append(data);
+}
+
+QByteArray Core_Osd_TcpSocket::getBuffData(unsigned short count)
+{
+    return endpoint->received().peek(count);
+}
+
+QByteArray Core_Osd_TcpSocket::takeBuffData(unsigned short count)
+{
+    return endpoint->received().take(count);
+}
+
+bool Core_Osd_TcpSocket::isFindStdCmdPreFlag(QByteArray peeked)
+{
+    return endpoint->findAcknowledgement(peeked);
+}
+
+void Core_Osd_TcpSocket::td_dealDataFunc()
+{
+    const auto shared = endpoint;
+    const auto run = shared->run();
+    shared->deal(*run);
+}
+
+void Core_Osd_TcpSocket::sigConnect()
+{
+    workThread->call([](OsdConnection& connection) { connection.connectSignals(); });
+}
+
+void Core_Osd_TcpSocket::sigDisConnect()
+{
+    workThread->call([](OsdConnection& connection) { connection.disconnectSignals(); });
+}
+
+void Core_Osd_TcpSocket::onStarted()
+{
+    workThread->call([](OsdConnection& connection) { connection.start(); });
+}
+
+void Core_Osd_TcpSocket::onConnected()
+{
+    workThread->call([](OsdConnection& connection) { connection.onConnected(); });
+}
+
+void Core_Osd_TcpSocket::onError(QAbstractSocket::SocketError /*error*/)
+{
+    sigDisConnect();
+    close();
+}
+
+void Core_Osd_TcpSocket::onDisConnected()
+{
+    sigDisConnect();
+    close();
+}
+
+void Core_Osd_TcpSocket::onReadyRead()
+{
+    workThread->call([](OsdConnection& connection) { connection.onReadyRead(); });
+}
+
+void Core_Osd_TcpSocket::onSendDatatoDevice(model_OsdParam parameters)
+{
+    workThread->call(
+        [parameters](OsdConnection& connection) { connection.onSendDatatoDevice(parameters); });
+}
+
+void Core_Osd_TcpSocket::onCloseSocket()
+{
+    workThread->call([](OsdConnection& connection) { connection.closeSocket(); });
+}

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: MIT
+#include "osdconnection.h"
+
+#include "core_osd_manage.h"
+#include "detachedthread.h"
+#include "fixedlocalport.h"
+#include "osdframe.h"
+#include "osdrecordsource.h"
+
+#include <QElapsedTimer>
+#include <QHostAddress>
+#include <QThread>
+#include <QTimer>
+
+namespace
+{
+
+constexpr int writeWaitMs = 2000;
+constexpr int writeWaitSliceMs = 10; // how soon a write notices that the run has been stopped
+constexpr int disconnectWaitMs = 3000;
+constexpr int parserRetryMs = 10;
+
+// An endpoint that sends faster than its acknowledgements can be taken is held back by TCP instead
+// of filling the memory.
+constexpr int mostUnparsed = 1024 * 1024;
+constexpr int socketReadBuffer = 64 * 1024;
+constexpr int heldBackMs = 20;
+
+} // namespace
+
+OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> of,
+                             std::shared_ptr<OsdEndpoint::Run> during, QThread& on)
+    : endpoint(std::move(of)), run(std::move(during)), workThread(on)
+{
+}
+
+OsdConnection::~OsdConnection()
+{
+    disconnectSignals();
+}
+
+void OsdConnection::start()
+{
+    closeSocket();
+    if (!run->deals()) {
+        return;
+    }
+    tcpSocket = std::make_unique<QTcpSocket>();
+    tcpSocket->setReadBufferSize(socketReadBuffer);
+    // Before the signals are connected: a port that is taken is no error, any other one will do.
+    tcpSocket->bind(fixedLocalPort());
+    connectSignals();
+    startParser();
+    tcpSocket->connectToHost(QHostAddress(endpoint->ip()), static_cast<quint16>(endpoint->port()));
+}
+
+void OsdConnection::connectSignals()
+{
+    disconnectSignals();
+    listenForRecords();
+    if (tcpSocket) {
+        QTcpSocket* const socket = tcpSocket.get();
+        connect(socket, &QTcpSocket::connected, this, &OsdConnection::onConnected);
+        connect(socket, &QTcpSocket::errorOccurred, this, &OsdConnection::onError);
+        connect(socket, &QTcpSocket::disconnected, this, &OsdConnection::onLost);
+        connect(socket, &QTcpSocket::readyRead, this, &OsdConnection::onReadyRead);
+    }
+}
+
+void OsdConnection::listenForRecords()
+{
+    osdrecordsource::use([this](ICoreOsdBase& shared) {
+        if (const auto* manager = qobject_cast<core_Osd_Manage*>(&shared)) {
+            connect(manager, &core_Osd_Manage::sigSendDatatoDevice, this,
+                    &OsdConnection::onSendDatatoDevice, Qt::QueuedConnection);
+        }
+    });
+}
+
+void OsdConnection::disconnectSignals()
+{
+    osdrecordsource::use([this](ICoreOsdBase& shared) { shared.disconnect(this); });
+    if (tcpSocket) {
+        tcpSocket->disconnect(this);
+    }
+}
+
+void OsdConnection::startParser()
+{
+    if (parserStarted || !run->deals()) {
+        return;
+    }
+    parserStarted = startDetached([shared = endpoint, during = run] { shared->deal(*during); });
+    if (!parserStarted) {
+        QTimer::singleShot(parserRetryMs, this, &OsdConnection::startParser);
+    }
+}
+
+void OsdConnection::onConnected()
+{
+    bConnected = true;
+}
+
+// A write that has not been taken within its wait is reported as an error by Qt; here it is none.
+void OsdConnection::onError(QAbstractSocket::SocketError error)
+{
+    if (!writing || error != QAbstractSocket::SocketTimeoutError) {
+        onLost();
+    }
+}
+
+void OsdConnection::onLost()
+{
+    disconnectSignals();
+    takeAvailable();
+    run->stop();
+    workThread.quit();
+}
+
+void OsdConnection::onReadyRead()
+{
+    if (readingPaused || !tcpSocket || !bConnected) {
+        return;
+    }
+    if (endpoint->received().size() < mostUnparsed) {
+        takeAvailable();
+        return;
+    }
+    readingPaused = true;
+    QTimer::singleShot(heldBackMs, this, [this] {
+        readingPaused = false;
+        onReadyRead();
+    });
+}
+
+void OsdConnection::takeAvailable()
+{
+    while (tcpSocket && bConnected && tcpSocket->bytesAvailable() > 0) {
+        endpoint->received().append(tcpSocket->readAll());
+    }
+}
+
+void OsdConnection::onSendDatatoDevice(const model_OsdParam& record)
+{
+    if (endpoint->isAddressedBy(record.strIP)) {
+        send(osdframe::encode(record));
+    }
+}
+
+void OsdConnection::send(const QByteArray& bytes)
+{
+    if (!tcpSocket || !bConnected) {
+        return;
+    }
+    writing = true;
+    tcpSocket->write(bytes);
+    tcpSocket->flush();
+    QElapsedTimer waited;
+    waited.start();
+    // A stop takes what is left along: closing sends it.
+    while (tcpSocket->bytesToWrite() > 0 && tcpSocket->state() == QAbstractSocket::ConnectedState &&
+           run->deals() && waited.elapsed() < writeWaitMs) {
+        tcpSocket->waitForBytesWritten(writeWaitSliceMs);
+    }
+    writing = false;
+}
+
+void OsdConnection::closeSocket()
+{
+    if (!tcpSocket) {
+        return;
+    }
+    // Hanging up is no loss: neither of these may end the thread under this function's feet.
+    disconnect(tcpSocket.get(), &QTcpSocket::errorOccurred, this, nullptr);
+    disconnect(tcpSocket.get(), &QTcpSocket::disconnected, this, nullptr);
+    if (bConnected) {
+        tcpSocket->disconnectFromHost();
+        if (tcpSocket->state() != QAbstractSocket::UnconnectedState) {
+            tcpSocket->waitForDisconnected(disconnectWaitMs);
+        }
+        takeAvailable();
+        tcpSocket->close();
+        bConnected = false;
+    }
+    tcpSocket.reset();
+}

@@ -1,0 +1,374 @@
+// SPDX-License-Identifier: MIT
+#include "biz_osd_cmdswork.h"
+#include "core_osd_manage.h"
+#include "core_osd_tcpsocket.h"
+#include "corefactory.h"
+#include "eventually.h"
+#include "osdhost.h"
+#include "osdsimulator.h"
+#include "processstate.h"
+#include "threadrefusal.h"
+#include "warningcapture.h"
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace
+{
+
+constexpr quint16 fixedPort = 5104;
+constexpr OsdFault always{1.0, -1};
+
+const QString first = QStringLiteral("127.0.0.1");
+const QString second = QStringLiteral("127.0.0.2");
+
+OsdSimulatorOptions at(const QString& address, const OsdFaults& faults = {})
+{
+    OsdSimulatorOptions options;
+    options.address = address;
+    options.port = 0;
+    options.dataLength = 0;
+    options.faults = faults;
+    return options;
+}
+
+// The shared manager and two endpoints of it.
+class OsdWall : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        manager = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+        ASSERT_TRUE(near.start());
+        ASSERT_TRUE(far.start());
+    }
+
+    void TearDown() override
+    {
+        delete CoreFactory::iOsdCore;
+        CoreFactory::iOsdCore = nullptr;
+    }
+
+    void open(const QString& ip, const OsdSimulator& endpoint)
+    {
+        const int before = endpoint.accepted();
+        manager->openClient(ip, endpoint.port());
+        ASSERT_TRUE(eventually([&] { return endpoint.accepted() > before; }));
+    }
+
+    void send(const QString& ip, char ch2, const QByteArray& data = {})
+    {
+        model_OsdParam record = osdhost::command(ip, ch2, data);
+        manager->sendDatatoDevice(&record);
+    }
+
+    WarningCapture messages;
+    ICoreOsdBase* manager = nullptr;
+    OsdSimulator near{at(first)};
+    OsdSimulator far{at(second)};
+};
+
+// The descriptor of this process's socket that has this local and that remote port; -1 if none.
+int socketOn(quint16 local, quint16 remote)
+{
+    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+        sockaddr_in6 own{};
+        sockaddr_in6 peer{};
+        socklen_t ownLength = sizeof own;
+        socklen_t peerLength = sizeof peer;
+        if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+            getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+            ntohs(own.sin6_port) == local && ntohs(peer.sin6_port) == remote) {
+            return descriptor;
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+TEST_F(OsdWall, CarriesCommandsAndAcknowledgements)
+{
+    open(first, near);
+    open(second, far);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    EXPECT_EQ(far.received(), QByteArray());
+    const std::size_t before = osdhost::size();
+    send(first, 'b');
+    send(second, 'c');
+    send(first, 'd');
+    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 3; }));
+    EXPECT_TRUE(near.received().endsWith(QByteArray::fromHex("62030504070809 0a"
+                                                             "64030504070809 0a")));
+    EXPECT_EQ(far.received(), QByteArray::fromHex("630305040708090a"));
+    for (const model_OsdParam& record : osdhost::records()) {
+        EXPECT_EQ(record.strIP, record.arryData == "OKc" ? second : first);
+        EXPECT_EQ(record.ch4, static_cast<char>(0xff));
+    }
+    EXPECT_EQ(messages.lines(), QStringList());
+}
+
+TEST_F(OsdWall, AsksForTheFixedPortAndDoesWithoutIt)
+{
+    open(first, near);
+    ASSERT_EQ(near.peerPorts().front(), fixedPort);
+    const int descriptor = socketOn(fixedPort, near.port());
+    ASSERT_GE(descriptor, 0);
+    int reuse = -1;
+    socklen_t length = sizeof reuse;
+    ASSERT_EQ(getsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &reuse, &length), 0);
+    EXPECT_EQ(reuse, 0);
+    ASSERT_EQ(getsockopt(descriptor, SOL_SOCKET, SO_REUSEPORT, &reuse, &length), 0);
+    EXPECT_EQ(reuse, 0);
+
+    open(second, far);
+    EXPECT_NE(far.peerPorts().front(), fixedPort);
+    ASSERT_TRUE(osdhost::settle(second, far, 'x'));
+
+    // This side hangs up first, so the port stays taken for a minute.
+    manager->closeClient(first);
+    ASSERT_TRUE(eventually([&] { return near.connected() == 0; }));
+    open(first, near);
+    EXPECT_NE(near.peerPorts().back(), fixedPort);
+    const std::size_t before = osdhost::size();
+    ASSERT_TRUE(eventually([&] {
+        send(first, 'y');
+        return osdhost::size() > before;
+    }));
+}
+
+TEST_F(OsdWall, ComparesTheAddressExactly)
+{
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    const QByteArray before = near.received();
+    for (const char* const other : {"127.0.0.1 ", " 127.0.0.1", "127.0.0.01", "127.0.0.2", ""}) {
+        send(QString::fromLatin1(other), 'n');
+    }
+    send(first, 'z');
+    ASSERT_TRUE(eventually([&] { return near.received().size() >= before.size() + 8; }));
+    EXPECT_EQ(near.received(), before + QByteArray::fromHex("7a0305040708090a"));
+}
+
+TEST_F(OsdWall, TakesAnAnswerThatIsSplit)
+{
+    OsdFaults faults;
+    faults.split = always;
+    faults.lateBy = std::chrono::milliseconds(30);
+    near.setFaults(faults);
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 's'));
+    EXPECT_EQ(osdhost::records().front().arryData, "OKs");
+}
+
+TEST_F(OsdWall, TakesAnswersInAnyPieces)
+{
+    struct Step {
+        QByteArray sent;
+        QByteArray buffered;
+        QByteArray taken; // third bytes of the acknowledgements so far
+    };
+    const Step steps[] = {
+        {"OK", "OK", ""},   {"1", "", "1"},    {"O", "O", "1"},   {"K2", "", "12"},
+        {"xO", "xO", "12"}, {"K3", "", "123"}, {"O", "O", "123"}, {"KOK", "K", "123O"},
+    };
+    Core_Osd_TcpSocket socket(nullptr);
+    socket.connectSever(first, near.port());
+    ASSERT_TRUE(eventually([&] { return near.connected() == 1; }));
+    for (const Step& step : steps) {
+        near.send(step.sent);
+        EXPECT_TRUE(eventually([&] {
+            return osdhost::bytes() == step.taken && socket.getBuffData(100) == step.buffered;
+        })) << step.sent.constData();
+    }
+}
+
+TEST_F(OsdWall, DropsNoiseAndFindsTheAcknowledgementBehindIt)
+{
+    OsdFaults faults;
+    faults.garbage = always;
+    faults.garbageBytes = 10'000;
+    near.setFaults(faults);
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'g'));
+    EXPECT_EQ(osdhost::records().front().arryData, "OKg");
+}
+
+TEST_F(OsdWall, OneBlockedHandOverDelaysNothingElse)
+{
+    open(first, near);
+    open(second, far);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    ASSERT_TRUE(osdhost::settle(second, far, 'b'));
+    const int threads = processstate::threads();
+    const std::size_t before = osdhost::size();
+    {
+        const std::lock_guard blocked(biz_Osd_CMDSWork::receiveOsdlock);
+        near.send("OK1OK2OK3");
+        far.send("OK4OK5");
+        // Each of them waits on a thread of its own; none keeps the next one from being taken.
+        ASSERT_TRUE(eventually([&] { return processstate::threads() >= threads + 5; }));
+        const qint64 answered = near.good();
+        send(first, 'c');
+        ASSERT_TRUE(eventually([&] { return near.good() == answered + 1; }));
+        ASSERT_TRUE(eventually([&] { return processstate::threads() >= threads + 6; }));
+    }
+    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 6; }));
+    ASSERT_TRUE(eventually([&] { return processstate::threads() <= threads; }));
+}
+
+TEST_F(OsdWall, RefusedThreadsLoseNoAcknowledgement)
+{
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    const std::size_t before = osdhost::size();
+    {
+        const ThreadRefusal refusal;
+        const int refused = ThreadRefusal::refused();
+        near.send("OK1OK2OK3");
+        ASSERT_TRUE(eventually([&] { return ThreadRefusal::refused() >= refused + 3; }));
+        EXPECT_EQ(osdhost::size(), before);
+    }
+    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 3; }));
+    EXPECT_EQ(osdhost::bytes().left(3), "123");
+}
+
+TEST_F(OsdWall, RefusedThreadsLoseNoAcknowledgementAtAStopEither)
+{
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    const std::size_t before = osdhost::size();
+    const ThreadRefusal refusal;
+    const int refused = ThreadRefusal::refused();
+    near.send("..OK1.OK2OK");
+    ASSERT_TRUE(eventually([&] { return ThreadRefusal::refused() >= refused + 3; }));
+    manager->closeClient(first);
+    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 2; }));
+    EXPECT_EQ(osdhost::bytes().left(2), "12");
+}
+
+TEST_F(OsdWall, AWorkerThatIsRefusedStaysStopped)
+{
+    {
+        const ThreadRefusal refusal;
+        manager->openClient(first, near.port());
+        send(first, 'a');
+        manager->closeClient(first);
+        manager->openClient(first, near.port());
+    }
+    EXPECT_EQ(near.accepted(), 0);
+    manager->closeClient(first);
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'b'));
+}
+
+TEST_F(OsdWall, AFloodStallsNobody)
+{
+    open(first, near);
+    open(second, far);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    ASSERT_TRUE(osdhost::settle(second, far, 'b'));
+    const long memory = processstate::residentKiB();
+    near.send(QByteArray(64 * 1024 * 1024, 'f'));
+    const std::size_t before = osdhost::size();
+    for (int i = 0; i < 20; ++i) {
+        QElapsedTimer answered;
+        answered.start();
+        send(second, 'c');
+        ASSERT_TRUE(eventually(
+            [&] { return osdhost::size() == before + static_cast<std::size_t>(i) + 1; }));
+        EXPECT_LT(answered.elapsed(), 2000);
+    }
+    // The simulated endpoint holds the flood in this very process; the client takes its share only.
+    EXPECT_LT(processstate::residentKiB() - memory, (64 + 16) * 1024);
+    send(first, 'd');
+    EXPECT_TRUE(eventually([&] { return near.received().endsWith(char(10)) && near.good() > 1; }));
+    QElapsedTimer closing;
+    closing.start();
+    manager->closeClient(first);
+    EXPECT_LT(closing.elapsed(), 3700);
+}
+
+TEST_F(OsdWall, AFloodOfAcknowledgementsArrivesWhole)
+{
+    OsdFaults faults;
+    faults.flood = {1.0, 1};
+    faults.floodAnswers = 1000;
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    near.setFaults(faults);
+    const std::size_t before = osdhost::size();
+    send(first, 'b');
+    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 1000; }));
+    EXPECT_EQ(osdhost::bytes().count('b'), 1000);
+}
+
+TEST_F(OsdWall, AnEndpointThatNeverReadsCostsItselfOnly)
+{
+    OsdFaults faults;
+    faults.neverRead = true;
+    near.setFaults(faults);
+    open(first, near);
+    open(second, far);
+    ASSERT_TRUE(osdhost::settle(second, far, 'b'));
+    const QByteArray much(16 * 1024 * 1024, 'm');
+    QElapsedTimer calls;
+    calls.start();
+    for (int i = 0; i < 50; ++i) {
+        send(first, 'a', much);
+    }
+    EXPECT_LT(calls.elapsed(), 1000);
+    const std::size_t before = osdhost::size();
+    QElapsedTimer answered;
+    answered.start();
+    send(second, 'c');
+    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 1; }));
+    EXPECT_LT(answered.elapsed(), 2000);
+    // The backlog is 50 writes of up to 2 s each: closing doesn't sit it out.
+    QElapsedTimer closing;
+    closing.start();
+    manager->closeClient(first);
+    EXPECT_GE(closing.elapsed(), 3000);
+    EXPECT_LT(closing.elapsed(), 100 + 3000 + 500 + 1000);
+    near.setFaults({});
+    ASSERT_TRUE(eventually([&] { return near.connected() == 0; }));
+    QByteArray sent;
+    for (int i = 0; i < 5; ++i) {
+        sent += QByteArray::fromHex("610305040708") + much + QByteArray::fromHex("090a");
+    }
+    EXPECT_TRUE(sent.startsWith(near.received()));
+    open(first, near);
+    const int good = near.good();
+    ASSERT_TRUE(eventually([&] {
+        send(first, 'r');
+        return near.good() > good;
+    }));
+}
+
+TEST_F(OsdWall, ASlowEndpointGetsEverythingInOrder)
+{
+    OsdFaults faults;
+    faults.neverRead = true;
+    open(first, near);
+    ASSERT_TRUE(osdhost::settle(first, near, 'a'));
+    near.setFaults(faults);
+    faults = {};
+    faults.silent = always;
+    QByteArray expected = near.received();
+    for (char i = 0; i < 3; ++i) {
+        const QByteArray data(16 * 1024 * 1024, static_cast<char>('0' + i));
+        send(first, i, data);
+        expected += QByteArray(1, i) + QByteArray::fromHex("0305040708") + data +
+                    QByteArray::fromHex("090a");
+    }
+    ASSERT_FALSE(eventually([&] { return near.receivedBytes() == expected.size(); },
+                            std::chrono::milliseconds(100)));
+    near.setFaults(faults);
+    ASSERT_TRUE(eventually([&] { return near.receivedBytes() == expected.size(); }));
+    EXPECT_TRUE(near.received() == expected);
+}

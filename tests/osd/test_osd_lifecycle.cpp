@@ -1,0 +1,477 @@
+// SPDX-License-Identifier: MIT
+#include "biz_osd_cmdswork.h"
+#include "core_osd_tcpsocket.h"
+#include "corefactory.h"
+#include "eventually.h"
+#include "icoreosdbase.h"
+#include "osdhost.h"
+#include "osdsimulator.h"
+#include "processstate.h"
+#include "warningcapture.h"
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <memory>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+const QString address = QStringLiteral("127.0.0.1");
+constexpr OsdFault always{1.0, -1};
+
+constexpr qint64 stopPauseMs = 100;
+constexpr qint64 writeMs = 2000;
+constexpr qint64 hangUpMs = 3000;
+constexpr qint64 threadEndMs = 500;
+constexpr qint64 loadedMachineMs = 1500;
+
+OsdSimulatorOptions endpointOptions()
+{
+    OsdSimulatorOptions options;
+    options.port = 0;
+    options.dataLength = 0;
+    return options;
+}
+
+// A server that lets connections hang: its queue is full and nobody takes them.
+class FullServer
+{
+public:
+    FullServer()
+    {
+        sockaddr_in own{};
+        own.sin_family = AF_INET;
+        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof own;
+        listener = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
+        EXPECT_EQ(listen(listener, 0), 0);
+        getsockname(listener, reinterpret_cast<sockaddr*>(&own), &length);
+        nPort = ntohs(own.sin_port);
+        filler = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
+    }
+    ~FullServer()
+    {
+        close(filler);
+        close(listener);
+    }
+    FullServer(const FullServer&) = delete;
+    FullServer& operator=(const FullServer&) = delete;
+
+    int port() const { return nPort; }
+
+private:
+    int listener = -1;
+    int filler = -1;
+    int nPort = 0;
+};
+
+class OsdLife : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CoreFactory::createOsdCoreObj(ConnOsdTcp);
+        ASSERT_TRUE(endpoint.start());
+        descriptors = processstate::descriptors();
+        threads = processstate::threads();
+    }
+
+    void TearDown() override
+    {
+        EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
+        EXPECT_EQ(processstate::descriptors(), descriptors);
+        EXPECT_EQ(messages.lines(), QStringList());
+        delete CoreFactory::iOsdCore;
+        CoreFactory::iOsdCore = nullptr;
+    }
+
+    void connectAndAnswer(Core_Osd_TcpSocket& socket, char ch2)
+    {
+        socket.connectSever(address, endpoint.port());
+        answer(ch2);
+    }
+
+    void answer(char ch2) { ASSERT_TRUE(osdhost::settle(address, endpoint, ch2)); }
+
+    static void send(char ch2, const QByteArray& data = {})
+    {
+        model_OsdParam record = osdhost::command(address, ch2, data);
+        CoreFactory::iOsdCore->sendDatatoDevice(&record);
+    }
+
+    bool ended() const { return processstate::threads() == threads; }
+
+    WarningCapture messages;
+    OsdSimulator endpoint{endpointOptions()};
+    int threads = 0;
+    int descriptors = 0;
+};
+
+qint64 elapsed(const std::function<void()>& function)
+{
+    QElapsedTimer timer;
+    timer.start();
+    function();
+    return timer.elapsed();
+}
+
+} // namespace
+
+TEST_F(OsdLife, ConstructedStartsNothing)
+{
+    auto socket = std::make_unique<Core_Osd_TcpSocket>(nullptr);
+    EXPECT_TRUE(ended());
+    EXPECT_NE(socket->thread(), QThread::currentThread());
+    socket->close();
+    socket->sendData("nobody");
+    socket->sigConnect();
+    socket->sigDisConnect();
+    socket->onStarted();
+    socket->onConnected();
+    socket->onReadyRead();
+    socket->onSendDatatoDevice(osdhost::command(address));
+    socket->onCloseSocket();
+    Q_EMIT socket->closeSocket();
+    EXPECT_TRUE(ended());
+    const qint64 time = elapsed([&] { socket.reset(); });
+    EXPECT_GE(time, stopPauseMs);
+    EXPECT_LT(time, stopPauseMs + loadedMachineMs);
+}
+
+TEST_F(OsdLife, AParentIsAllowed)
+{
+    QObject parent;
+    auto* const socket = new Core_Osd_TcpSocket(&parent);
+    EXPECT_EQ(socket->thread(), QThread::currentThread());
+    connectAndAnswer(*socket, 'p');
+    socket->close();
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+}
+
+TEST_F(OsdLife, StopsFromConnected)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    qint64 shortest = std::numeric_limits<qint64>::max();
+    for (char i = 0; i < 5; ++i) {
+        connectAndAnswer(socket, static_cast<char>('a' + i));
+        const qint64 time = elapsed([&] { socket.close(); });
+        EXPECT_GE(time, stopPauseMs);
+        shortest = std::min(shortest, time);
+        EXPECT_TRUE(eventually([&] { return ended() && endpoint.connected() == 0; }));
+        EXPECT_EQ(processstate::descriptors(), descriptors);
+    }
+    EXPECT_LT(shortest, 2 * stopPauseMs - 10); // one pause, not a nested second one
+}
+
+TEST_F(OsdLife, StopsTwice)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    socket.close();
+    EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + loadedMachineMs);
+    Q_EMIT socket.closeSocket();
+    socket.onCloseSocket();
+}
+
+TEST_F(OsdLife, StopsWhileConnecting)
+{
+    const FullServer full;
+    {
+        Core_Osd_TcpSocket socket(nullptr);
+        for (int i = 0; i < 2; ++i) {
+            socket.connectSever(address, full.port());
+            ASSERT_TRUE(eventually([&] { return processstate::threads() == threads + 2; }));
+            EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + loadedMachineMs);
+            EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + loadedMachineMs);
+            EXPECT_TRUE(eventually([&] { return ended(); }));
+            EXPECT_EQ(processstate::descriptors(), descriptors + 2);
+        }
+        // Nothing of the two attempts is left: one record is one frame.
+        connectAndAnswer(socket, 'b');
+        const QByteArray before = endpoint.received();
+        send('c');
+        ASSERT_TRUE(eventually([&] { return osdhost::bytes().contains('c'); }));
+        send('d');
+        ASSERT_TRUE(eventually([&] { return osdhost::bytes().contains('d'); }));
+        EXPECT_EQ(endpoint.received(), before + QByteArray::fromHex("630305040708090a") +
+                                           QByteArray::fromHex("640305040708090a"));
+        socket.connectSever(address, full.port());
+    }
+}
+
+TEST_F(OsdLife, ARecordDoesNotGoOutWhileConnecting)
+{
+    const FullServer full;
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    endpoint.hangUp(false);
+    ASSERT_TRUE(eventually([&] { return ended(); }));
+    // Being connected ended with the connection, however it ended.
+    socket.connectSever(address, full.port());
+    ASSERT_TRUE(eventually([&] { return processstate::threads() == threads + 2; }));
+    EXPECT_LT(elapsed([&] { socket.sendData("not now"); }), 1000);
+    send('n');
+    socket.close();
+    connectAndAnswer(socket, 'b');
+    EXPECT_FALSE(endpoint.received().contains('n'));
+}
+
+TEST_F(OsdLife, ARefusedConnectionLeavesNothing)
+{
+    OsdFaults faults;
+    faults.refuse = true;
+    endpoint.setFaults(faults);
+    Core_Osd_TcpSocket socket(nullptr);
+    for (int i = 0; i < 5; ++i) {
+        socket.connectSever(address, endpoint.port());
+        ASSERT_TRUE(eventually([&] { return ended(); }));
+        EXPECT_EQ(processstate::descriptors(), descriptors);
+    }
+    EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + loadedMachineMs);
+    endpoint.setFaults({});
+    connectAndAnswer(socket, 'a');
+}
+
+TEST_F(OsdLife, AnAddressThatIsNoneIsRefused)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    for (const char* const text : {"", "no address", "127.0.0.1 x", "300.1.1.1"}) {
+        socket.connectSever(QString::fromLatin1(text), endpoint.port());
+        ASSERT_TRUE(eventually([&] { return ended(); })) << text;
+    }
+    EXPECT_EQ(endpoint.accepted(), 0);
+}
+
+TEST_F(OsdLife, GoesAwayRightAfterTheStart)
+{
+    for (int i = 0; i < 10; ++i) {
+        Core_Osd_TcpSocket socket(nullptr);
+        socket.connectSever(address, endpoint.port());
+        if (i % 2 == 0) {
+            socket.close();
+            socket.appendBuffData("OK1");
+        }
+    }
+    EXPECT_TRUE(eventually([&] { return ended() && endpoint.connected() == 0; }));
+    EXPECT_EQ(osdhost::size(), 0U); // no parser came to life behind the stop
+}
+
+TEST_F(OsdLife, GoesAwayAtTheMomentOfARemoteClose)
+{
+    for (int i = 0; i < 12; ++i) {
+        auto socket = std::make_unique<Core_Osd_TcpSocket>(nullptr);
+        const int accepted = endpoint.accepted();
+        socket->connectSever(address, endpoint.port());
+        ASSERT_TRUE(eventually([&] { return endpoint.accepted() == accepted + 1; }));
+        // The pause of the stop is 100 ms: hang up at its beginning, in it, and at its end.
+        std::thread peer([this, i] {
+            std::this_thread::sleep_for(
+                std::chrono::microseconds(i < 4 ? i * 100 : 99'000 + i * 200));
+            endpoint.hangUp(i % 2 == 0);
+        });
+        EXPECT_LT(elapsed([&] { socket.reset(); }), stopPauseMs + loadedMachineMs);
+        peer.join();
+    }
+}
+
+TEST_F(OsdLife, GoesAwayDuringAWrite)
+{
+    OsdFaults faults;
+    faults.neverRead = true;
+    auto socket = std::make_unique<Core_Osd_TcpSocket>(nullptr);
+    connectAndAnswer(*socket, 'a');
+    endpoint.setFaults(faults);
+    const QByteArray much(64 * 1024 * 1024, 'm'); // more than the system buffers
+    const qint64 write = elapsed([&] { socket->sendData(much); });
+    EXPECT_GE(write, writeMs);
+    EXPECT_LT(write, writeMs + loadedMachineMs);
+    send('b', much);
+    send('c', much);
+    const qint64 time = elapsed([&] { socket.reset(); });
+    EXPECT_GE(time, stopPauseMs + hangUpMs);
+    EXPECT_LT(time, stopPauseMs + hangUpMs + threadEndMs + loadedMachineMs);
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+    endpoint.setFaults({});
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+}
+
+TEST_F(OsdLife, WhatIsPendingIsStillSentByAStop)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    OsdFaults faults;
+    faults.neverRead = true;
+    endpoint.setFaults(faults);
+    const QByteArray before = endpoint.received();
+    const QByteArray much(32 * 1024 * 1024, 'm'); // twice that is more than the system buffers
+    send('b', much);
+    send('c', much);
+    // It begins to read when the stop's pause is over and the worker waits for it.
+    std::thread peer([this, &faults] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        faults.neverRead = false;
+        faults.silent = always;
+        endpoint.setFaults(faults);
+    });
+    EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + hangUpMs);
+    peer.join();
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+    EXPECT_TRUE(endpoint.received() == before + QByteArray::fromHex("620305040708") + much +
+                                           QByteArray::fromHex("090a630305040708") + much +
+                                           QByteArray::fromHex("090a"));
+}
+
+TEST_F(OsdLife, RecordsBeforeAStopAreStillSent)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    const QByteArray before = endpoint.received();
+    QByteArray expected = before;
+    for (int i = 0; i < 500; ++i) {
+        send(static_cast<char>(i));
+        expected += QByteArray(1, static_cast<char>(i)) + QByteArray::fromHex("0305040708090a");
+    }
+    socket.close();
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+    EXPECT_EQ(endpoint.received(), expected);
+}
+
+TEST_F(OsdLife, ReceivedBytesOutliveAStop)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    endpoint.send("OK");
+    ASSERT_TRUE(eventually([&] { return socket.getBuffData(10) == "OK"; }));
+    socket.close();
+    EXPECT_EQ(socket.getBuffData(10), "OK");
+    socket.connectSever(address, endpoint.port());
+    ASSERT_TRUE(eventually([&] { return endpoint.connected() == 1; }));
+    endpoint.send("z");
+    EXPECT_TRUE(eventually([] { return osdhost::bytes().contains('z'); }));
+}
+
+TEST_F(OsdLife, AnAcknowledgementRightBeforeAHangUpCounts)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    for (char i = 0; i < 10; ++i) {
+        socket.connectSever(address, endpoint.port());
+        ASSERT_TRUE(eventually([&] { return endpoint.connected() == 1; }));
+        endpoint.send(QByteArray("OK") + static_cast<char>('A' + i));
+        endpoint.hangUp(false);
+        ASSERT_TRUE(eventually([&] { return ended(); }));
+        // Taken by the parser's last pass, or else by the next connection's first one.
+        socket.connectSever(address, endpoint.port());
+        EXPECT_TRUE(
+            eventually([&] { return osdhost::bytes().contains(static_cast<char>('A' + i)); }));
+        socket.close();
+        ASSERT_TRUE(eventually([&] { return ended() && endpoint.connected() == 0; }));
+    }
+}
+
+TEST_F(OsdLife, ConnectsAgainRightAfterALoss)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    for (char i = 0; i < 10; ++i) {
+        connectAndAnswer(socket, static_cast<char>('a' + i));
+        const int accepted = endpoint.accepted();
+        endpoint.hangUp(i % 2 == 0);
+        ASSERT_TRUE(eventually([&] {
+            socket.connectSever(address, endpoint.port());
+            return endpoint.accepted() == accepted + 1;
+        }));
+    }
+    const QByteArray before = endpoint.received();
+    answer('z');
+    EXPECT_TRUE(endpoint.received().mid(before.size()).startsWith("z"));
+}
+
+TEST_F(OsdLife, StartingTwiceConnectsOnceAndTakesTheNewAddress)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    socket.connectSever(QStringLiteral("127.0.0.7"), 1);
+    const QByteArray before = endpoint.received();
+    send('n');
+    model_OsdParam record = osdhost::command(QStringLiteral("127.0.0.7"), 'y');
+    CoreFactory::iOsdCore->sendDatatoDevice(&record);
+    ASSERT_TRUE(eventually([] { return osdhost::bytes().contains('y'); }));
+    EXPECT_EQ(endpoint.received(), before + QByteArray::fromHex("790305040708090a"));
+    EXPECT_EQ(osdhost::records().back().strIP, QStringLiteral("127.0.0.7"));
+    EXPECT_EQ(endpoint.accepted(), 1);
+}
+
+TEST_F(OsdLife, EmittingCloseSocketHangsUpAndReturns)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    Q_EMIT socket.closeSocket();
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+    EXPECT_EQ(processstate::descriptors(), descriptors + 1); // the thread's event loop goes on
+    socket.sendData("nobody");
+    socket.onStarted();
+    answer('b');
+}
+
+TEST_F(OsdLife, ALossSlotStopsFromAnyThread)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    socket.onError(QAbstractSocket::NetworkError);
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+    connectAndAnswer(socket, 'b');
+    QMetaObject::invokeMethod(&socket, "onDisConnected", Qt::QueuedConnection); // on the worker
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+    connectAndAnswer(socket, 'c');
+    QMetaObject::invokeMethod(
+        &socket, [&socket] { socket.close(); }, Qt::QueuedConnection);
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+}
+
+TEST_F(OsdLife, SignalsCanBeBrokenAndMadeAgain)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    socket.sigDisConnect();
+    send('n');
+    socket.sigConnect();
+    socket.sigConnect();
+    const QByteArray before = endpoint.received();
+    send('b');
+    answer('c');
+    EXPECT_TRUE(endpoint.received().startsWith(before + 'b'));
+    EXPECT_EQ(endpoint.received().count('b'), 1);
+    EXPECT_FALSE(endpoint.received().contains('n'));
+}
+
+TEST_F(OsdLife, AThreadThatDoesNotEndIsNeitherWaitedForNorDestroyed)
+{
+    auto socket = std::make_unique<Core_Osd_TcpSocket>(nullptr);
+    connectAndAnswer(*socket, 'a');
+    auto release = std::make_shared<std::atomic<bool>>(false);
+    QMetaObject::invokeMethod(
+        socket.get(),
+        [release] {
+            while (!*release) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        },
+        Qt::QueuedConnection);
+    const qint64 time = elapsed([&] { socket.reset(); });
+    EXPECT_LT(time, stopPauseMs + hangUpMs + 3 * threadEndMs + loadedMachineMs);
+    EXPECT_FALSE(ended());
+    *release = true;
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+}

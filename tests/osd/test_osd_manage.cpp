@@ -1,0 +1,344 @@
+// SPDX-License-Identifier: MIT
+#include "core_osd_manage.h"
+#include "core_osd_tcpsocket.h"
+#include "corefactory.h"
+#include "eventually.h"
+#include "osdhost.h"
+#include "osdsimulator.h"
+#include "processstate.h"
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+#include <QMetaMethod>
+
+#include <algorithm>
+#include <memory>
+
+namespace
+{
+
+QStringList ownMethods(const QMetaObject& meta)
+{
+    QStringList names;
+    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
+        const QMetaMethod method = meta.method(i);
+        names << QString::fromLatin1(method.methodType() == QMetaMethod::Signal ? "signal "
+                                     : method.methodType() == QMetaMethod::Slot ? "slot "
+                                                                                : "method ") +
+                     QString::fromLatin1(method.methodSignature());
+    }
+    return names;
+}
+
+OsdSimulatorOptions at(const QString& address)
+{
+    OsdSimulatorOptions options;
+    options.address = address;
+    options.port = 0;
+    options.dataLength = 0;
+    return options;
+}
+
+const QString first = QStringLiteral("127.0.0.1");
+const QString second = QStringLiteral("127.0.0.2");
+
+void send(ICoreOsdBase& manager, const QString& ip, char ch2)
+{
+    model_OsdParam record = osdhost::command(ip, ch2);
+    manager.sendDatatoDevice(&record);
+}
+
+bool answered(ICoreOsdBase& manager, const QString& ip, char ch2)
+{
+    return eventually([&] {
+        send(manager, ip, ch2);
+        return osdhost::bytes().contains(ch2);
+    });
+}
+
+} // namespace
+
+TEST(OsdMeta, DeclaresItsMethodsInOrder)
+{
+    EXPECT_EQ(ownMethods(ICoreOsdBase::staticMetaObject),
+              QStringList({QStringLiteral("slot sendDatatoDevice(void*)")}));
+    EXPECT_EQ(ownMethods(core_Osd_Manage::staticMetaObject),
+              QStringList({QStringLiteral("signal sigSendDatatoDevice(model_OsdParam)"),
+                           QStringLiteral("slot sendDatatoDevice(void*)")}));
+    EXPECT_EQ(
+        ownMethods(Core_Osd_TcpSocket::staticMetaObject),
+        QStringList({QStringLiteral("signal closeSocket()"), QStringLiteral("slot onStarted()"),
+                     QStringLiteral("slot onConnected()"),
+                     QStringLiteral("slot onError(QAbstractSocket::SocketError)"),
+                     QStringLiteral("slot onDisConnected()"), QStringLiteral("slot onReadyRead()"),
+                     QStringLiteral("slot onSendDatatoDevice(model_OsdParam)"),
+                     QStringLiteral("slot onCloseSocket()")}));
+    const QMetaObject& meta = core_Osd_Manage::staticMetaObject;
+    EXPECT_EQ(meta.method(meta.methodOffset() + 1).parameterNames(),
+              QList<QByteArray>({"parameters"}));
+    EXPECT_EQ(meta.method(meta.methodOffset()).parameterNames(), QList<QByteArray>({"parameters"}));
+}
+
+TEST(OsdMeta, RegistersItsTypes)
+{
+    core_Osd_Manage manager;
+    EXPECT_NE(QMetaType::type("model_OsdParam"), static_cast<int>(QMetaType::UnknownType));
+    Core_Osd_TcpSocket socket(nullptr);
+    EXPECT_NE(QMetaType::type("QAbstractSocket::SocketError"),
+              static_cast<int>(QMetaType::UnknownType));
+}
+
+TEST(OsdMeta, TakesARecordByName)
+{
+    core_Osd_Manage manager;
+    model_OsdParam emitted;
+    QObject::connect(&manager, &core_Osd_Manage::sigSendDatatoDevice,
+                     [&emitted](const model_OsdParam& record) { emitted = record; });
+    model_OsdParam record = osdhost::command(first, 'm', "data");
+    record.nParam1 = 11;
+    record.nParam2 = 12;
+    record.nParam3 = 13;
+    record.strParam = QStringLiteral("text");
+    ASSERT_TRUE(QMetaObject::invokeMethod(&manager, "sendDatatoDevice", Qt::DirectConnection,
+                                          Q_ARG(void*, &record)));
+    EXPECT_EQ(emitted.ch0, 0);
+    EXPECT_EQ(emitted.ch1, 1);
+    EXPECT_EQ(emitted.ch2, 'm');
+    EXPECT_EQ(emitted.ch6, 6);
+    EXPECT_EQ(emitted.strIP, first);
+    EXPECT_EQ(emitted.nParam1, 11);
+    EXPECT_EQ(emitted.nParam2, 12);
+    EXPECT_EQ(emitted.nParam3, 13);
+    EXPECT_EQ(emitted.strParam, QStringLiteral("text"));
+    EXPECT_EQ(emitted.arryData, "data");
+}
+
+TEST(OsdFactory, KeepsOneSharedManager)
+{
+    EXPECT_EQ(CoreFactory::iOsdCore, nullptr);
+    ICoreOsdBase* const one = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    ASSERT_NE(one, nullptr);
+    EXPECT_EQ(CoreFactory::iOsdCore, one);
+    EXPECT_NE(qobject_cast<core_Osd_Manage*>(one), nullptr);
+    bool destroyed = false;
+    QObject::connect(one, &QObject::destroyed, [&destroyed] {
+        destroyed = true;
+        EXPECT_NE(CoreFactory::iOsdCore, nullptr); // cleared behind it
+    });
+    ICoreOsdBase* const two = CoreFactory::createOsdCoreObj(static_cast<ConnOsdType>(99));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(CoreFactory::iOsdCore, two);
+    EXPECT_NE(qobject_cast<core_Osd_Manage*>(two), nullptr);
+    const std::unique_ptr<ICoreOsdBase> own(
+        CoreFactory::creatCoreObjInstance(static_cast<ConnOsdType>(-1)));
+    EXPECT_NE(qobject_cast<core_Osd_Manage*>(own.get()), nullptr);
+    EXPECT_NE(own.get(), two);
+    EXPECT_EQ(CoreFactory::iOsdCore, two);
+    delete two;
+    CoreFactory::iOsdCore = nullptr;
+}
+
+TEST(OsdManage, DoesNothingWithoutClients)
+{
+    core_Osd_Manage manager;
+    model_OsdParam record = osdhost::command(first);
+    manager.sendDatatoDevice(&record);
+    manager.sendDatatoDevice(nullptr);
+    manager.closeClient(first);
+    EXPECT_EQ(osdhost::size(), 0U);
+}
+
+TEST(OsdManage, KeepsTheFirstClientOfAnAddress)
+{
+    OsdSimulator near(at(first));
+    OsdSimulator other(at(first));
+    ASSERT_TRUE(near.start());
+    ASSERT_TRUE(other.start());
+    const int threads = processstate::threads();
+    core_Osd_Manage manager;
+    manager.openClient(first, near.port());
+    manager.openClient(first, other.port());
+    manager.openClient(first, near.port());
+    ASSERT_TRUE(eventually([&] { return near.accepted() == 1; }));
+    ASSERT_TRUE(eventually([&] { return processstate::threads() == threads + 2; }));
+    EXPECT_EQ(other.accepted(), 0);
+    manager.closeClient(QStringLiteral("127.0.0.1 "));
+    EXPECT_EQ(near.connected(), 1);
+    manager.closeClient(first);
+    ASSERT_TRUE(eventually([&] { return near.connected() == 0; }));
+    manager.openClient(first, other.port());
+    EXPECT_TRUE(eventually([&] { return other.accepted() == 1; }));
+    EXPECT_EQ(near.accepted(), 1);
+}
+
+TEST(OsdManage, ALostConnectionKeepsItsEntry)
+{
+    OsdSimulator near(at(first));
+    ASSERT_TRUE(near.start());
+    const int threads = processstate::threads();
+    const int descriptors = processstate::descriptors();
+    auto* const manager = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    for (const bool reset : {false, true}) {
+        const int accepted = near.accepted();
+        manager->openClient(first, near.port());
+        ASSERT_TRUE(eventually([&] { return near.accepted() == accepted + 1; }));
+        ASSERT_TRUE(answered(*manager, first, reset ? 'r' : 'c'));
+        near.hangUp(reset);
+        ASSERT_TRUE(eventually([&] { return processstate::threads() == threads; }));
+        EXPECT_EQ(processstate::descriptors(), descriptors);
+        manager->openClient(first, near.port());
+        send(*manager, first, 'n');
+        EXPECT_EQ(processstate::threads(), threads);
+        EXPECT_EQ(near.accepted(), accepted + 1);
+        manager->closeClient(first);
+    }
+    EXPECT_FALSE(osdhost::bytes().contains('n'));
+    manager->openClient(first, near.port());
+    EXPECT_TRUE(answered(*manager, first, 'd'));
+    delete manager;
+    CoreFactory::iOsdCore = nullptr;
+}
+
+TEST(OsdManage, ClosesItsClientsInKeyOrder)
+{
+    const QStringList keys = {QStringLiteral("127.0.0.3"), QStringLiteral("127.0.0.1"),
+                              QStringLiteral("127.0.0.2")};
+    std::vector<std::unique_ptr<OsdSimulator>> endpoints;
+    auto manager = std::make_unique<core_Osd_Manage>();
+    for (const QString& key : keys) {
+        endpoints.push_back(std::make_unique<OsdSimulator>(at(key)));
+        ASSERT_TRUE(endpoints.back()->start());
+        manager->openClient(key, endpoints.back()->port());
+        ASSERT_TRUE(eventually([&] { return endpoints.back()->connected() == 1; }));
+    }
+    QString order;
+    std::thread destruction([&manager] { manager.reset(); });
+    std::vector<bool> gone(3);
+    EXPECT_TRUE(eventually([&] {
+        for (std::size_t i = 0; i < 3; ++i) {
+            if (!gone[i] && endpoints[i]->connected() == 0) {
+                gone[i] = true;
+                order += keys[static_cast<int>(i)].right(1);
+            }
+        }
+        return order.size() == 3;
+    }));
+    destruction.join();
+    EXPECT_EQ(order, QStringLiteral("123"));
+}
+
+TEST(OsdManage, OnlyTheSharedManagersRecordsArrive)
+{
+    OsdSimulator near(at(first));
+    OsdSimulator far(at(second));
+    ASSERT_TRUE(near.start());
+    ASSERT_TRUE(far.start());
+    const std::unique_ptr<ICoreOsdBase> own(CoreFactory::creatCoreObjInstance(ConnOsdTcp));
+    // Begun while there is no shared manager: no records, not even when there is one.
+    own->openClient(first, near.port());
+    ASSERT_TRUE(eventually([&] { return near.connected() == 1; }));
+    ICoreOsdBase* const shared = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    own->openClient(second, far.port());
+    ASSERT_TRUE(answered(*shared, second, 's'));
+    send(*own, second, 'o');
+    send(*shared, first, 'p');
+    ASSERT_TRUE(answered(*shared, second, 't'));
+    EXPECT_EQ(near.received(), QByteArray());
+    EXPECT_FALSE(far.received().contains('o'));
+    own->closeClient(first);
+    own->openClient(first, near.port());
+    ASSERT_TRUE(answered(*shared, first, 'q'));
+    // The next shared manager reaches those that are begun from then on.
+    ICoreOsdBase* const next = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    const QByteArray before = far.received();
+    send(*next, second, 'u');
+    own->closeClient(first);
+    own->openClient(first, near.port());
+    ASSERT_TRUE(answered(*next, first, 'v'));
+    EXPECT_EQ(far.received(), before);
+    delete next;
+    CoreFactory::iOsdCore = nullptr;
+}
+
+TEST(OsdManage, TheSharedManagerMayGoWhileWorkersStartAndEnd)
+{
+    OsdSimulator near(at(first));
+    ASSERT_TRUE(near.start());
+    std::atomic<bool> ending{false};
+    std::vector<std::thread> openers;
+    for (int i = 0; i < 4; ++i) {
+        openers.emplace_back([&, i] {
+            while (!ending) {
+                Core_Osd_TcpSocket socket(nullptr);
+                socket.connectSever(i % 2 == 0 ? first : second, near.port());
+            }
+        });
+    }
+    for (int i = 0; i < 300; ++i) {
+        CoreFactory::createOsdCoreObj(ConnOsdTcp);
+        send(*CoreFactory::iOsdCore, first, 'x');
+        if (i % 3 == 0) {
+            delete CoreFactory::iOsdCore;
+            CoreFactory::iOsdCore = nullptr;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ending = true;
+    for (std::thread& opener : openers) {
+        opener.join();
+    }
+    ICoreOsdBase* const manager = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    manager->openClient(first, near.port());
+    EXPECT_TRUE(answered(*manager, first, 'e'));
+    delete manager;
+    CoreFactory::iOsdCore = nullptr;
+}
+
+TEST(OsdManage, AWallOfEndpointsTakesTwoThreadsEach)
+{
+    constexpr int count = 40;
+    std::vector<std::unique_ptr<OsdSimulator>> endpoints;
+    for (int i = 0; i < count; ++i) {
+        endpoints.push_back(
+            std::make_unique<OsdSimulator>(at(QStringLiteral("127.0.1.%1").arg(i + 1))));
+        ASSERT_TRUE(endpoints.back()->start());
+    }
+    const int threads = processstate::threads();
+    const int descriptors = processstate::descriptors();
+    ICoreOsdBase* const manager = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    for (int i = 0; i < count; ++i) {
+        manager->openClient(QStringLiteral("127.0.1.%1").arg(i + 1),
+                            endpoints[static_cast<std::size_t>(i)]->port());
+    }
+    for (int i = 0; i < count; ++i) {
+        ASSERT_TRUE(eventually([&] {
+            send(*manager, QStringLiteral("127.0.1.%1").arg(i + 1), static_cast<char>(i));
+            return endpoints[static_cast<std::size_t>(i)]->good() > 0;
+        }));
+    }
+    ASSERT_TRUE(eventually([&] {
+        std::size_t given = 0;
+        for (const auto& endpoint : endpoints) {
+            given += static_cast<std::size_t>(endpoint->answers());
+        }
+        return osdhost::size() == given;
+    }));
+    EXPECT_TRUE(eventually([&] { return processstate::threads() <= threads + 2 * count; }));
+    for (int i = 0; i < count; ++i) {
+        for (const QByteArray& command : endpoints[static_cast<std::size_t>(i)]->commands()) {
+            EXPECT_EQ(command.at(0), static_cast<char>(i));
+        }
+    }
+    QElapsedTimer destruction;
+    destruction.start();
+    delete manager;
+    CoreFactory::iOsdCore = nullptr;
+    EXPECT_LT(destruction.elapsed(), 120 * count);
+    EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
+    EXPECT_TRUE(eventually([&] {
+        return std::all_of(endpoints.begin(), endpoints.end(),
+                           [](const auto& endpoint) { return endpoint->connected() == 0; });
+    }));
+    EXPECT_EQ(processstate::descriptors(), descriptors);
+}
