@@ -12,6 +12,16 @@ inline const QLoggingCategory& debugLine()
     return *QLoggingCategory::defaultCategory();
 }
 
+/// Makes the static objects of Qt that a debug line uses, so that a static object of the library
+/// which is made afterwards goes before them when the process ends.
+inline void prepareDebugLines()
+{
+    if (debugLine().isDebugEnabled()) {
+        const QString line = qFormatLogMessage(QtDebugMsg, QMessageLogContext(), QString());
+        [[maybe_unused]] const QByteArray encoded = line.toLocal8Bit();
+    }
+}
+
 /// A debug text followed directly by bytes that are read as UTF-8 up to the first zero byte. Debug
 /// lines stream it as a QString, so received control characters come out escaped.
 inline QString textWithBytes(const char* text, const QByteArray& bytes)

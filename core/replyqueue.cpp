@@ -66,13 +66,7 @@ DrainQueue<Handover>& backlog()
 class ExitGuard
 {
 public:
-    ExitGuard()
-    {
-        if (debugLine().isDebugEnabled()) {
-            const QString line = qFormatLogMessage(QtDebugMsg, QMessageLogContext(), QString());
-            [[maybe_unused]] const QByteArray encoded = line.toLocal8Bit();
-        }
-    }
+    ExitGuard() { prepareDebugLines(); }
     ~ExitGuard()
     {
         waitUntilIdle();

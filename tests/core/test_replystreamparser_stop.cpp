@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 
 namespace
@@ -159,4 +160,26 @@ TEST_F(ReplyStreamParserStop, DestructionEndsTheParser)
     ASSERT_TRUE(transport->startParsing());
     transport.reset();
     EXPECT_TRUE(threadsAreGone());
+}
+
+// The process ends with a transport that nobody destroys: at work, in a wait for a block, and kept
+// waiting by the host for ever.
+TEST(ReplyStreamParserStopDeathTest, ExitWithAParserRunning)
+{
+    for (const int state : {0, 1, 2}) {
+        EXPECT_EXIT(
+            {
+                auto* transport = new Transport;
+                if (state == 2) {
+                    biz_CMDSWork::receiveHexCmdlock.lock();
+                }
+                transport->appendBuffData(
+                    (state == 1 ? replybytes::text(0x8B, 0x05) : replybytes::text(0x79, 0x0C)) +
+                    replybytes::text(0x10, 0x20).repeated(100));
+                const bool started = transport->startParsing();
+                std::this_thread::sleep_for(milliseconds(10));
+                std::exit(started ? 0 : 1);
+            },
+            ::testing::ExitedWithCode(0), "");
+    }
 }

@@ -2,11 +2,22 @@
 #pragma once
 
 #include "conformance.h"
+#include "metamethods.h"
 #include "replybytes.h"
 #include "serialline.h"
 #include "serialpeer.h"
 
 #include <memory>
+
+/// What a serial transport declares itself.
+inline QStringList serialLineSlots()
+{
+    return {QStringLiteral("readPendingDatagrams() "),
+            QStringLiteral("sendDatatoDevice(void*) parameters"),
+            QStringLiteral("sendDatatoDeviceByFeatures(void*) parameters"),
+            QStringLiteral("sendDatatoDeviceForSysPlan(void*) parameters"),
+            QStringLiteral("handleError(QSerialPort::SerialPortError) error")};
+}
 
 /// A serial transport with a scripted device on a pseudo-terminal, for StreamLinkConformance.
 template <class Transport>
