@@ -14,6 +14,15 @@ namespace
 constexpr std::chrono::milliseconds pollInterval{3};
 constexpr int peekLength = 1024;
 
+// The polls of all endpoints fall on the same instants: one timer interrupt wakes a whole wall,
+// which costs a third less than a hundred of them.
+std::chrono::steady_clock::time_point nextPoll()
+{
+    using std::chrono::steady_clock;
+    const auto now = steady_clock::now();
+    return now + pollInterval - now.time_since_epoch() % steady_clock::duration(pollInterval);
+}
+
 } // namespace
 
 void OsdEndpoint::setAddress(const QString& ip, int port)
@@ -82,7 +91,7 @@ void OsdEndpoint::deal(const Run& run)
 bool OsdEndpoint::waitForBytes(const Run& run) const
 {
     while (run.deals()) {
-        std::this_thread::sleep_for(pollInterval);
+        std::this_thread::sleep_until(nextPoll());
         if (buffData.size() >= osdframe::acknowledgementLength) {
             return true;
         }
