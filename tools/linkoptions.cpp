@@ -12,7 +12,7 @@
 
 void LinkOptions::addTo(CLI::App& app)
 {
-    app.add_option("link", address, "link address, see above")->type_name("LINK")->required();
+    app.add_option("link", address, "link address, see below")->type_name("LINK")->required();
     app.add_option("--device-type", deviceType, "host-wide device type, for instance 0x353101 (0)")
         ->type_name("TYPE");
     app.add_option("--log", log, "log file of the link (~/.local/state/coremanage/coremanage.log)")

@@ -20,6 +20,9 @@ int reportParseError(const CLI::App& application, const CLI::ParseError& error)
         help += ' ' + subcommand->get_name();
     }
     QString what = QString::fromLocal8Bit(error.what());
+    if (application.get_subcommands().empty()) {
+        what = QStringLiteral("give one of demo, send, listen, simulate, encode, decode first");
+    }
     what.replace(QLatin1Char('\n'), QLatin1Char(' '));
     output::error(QStringLiteral("coremanage: %1: see %2 --help")
                       .arg(what.trimmed(), QString::fromStdString(help)));

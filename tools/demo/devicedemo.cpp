@@ -147,12 +147,26 @@ bool devicedemo::run(Narrator& narrator, const QString& place)
     }
     const auto link = linkregistry::endpoint(simulator->address())->open(false);
     Stage stage(narrator, *simulator, *link);
-    stage.plain();
-    stage.withBlock(0x8b, 0x05, QStringLiteral("A reply with a block of fixed length"));
-    stage.withBlock(0x8e, 0x27, QStringLiteral("A reply that announces its block's length"));
-    stage.recovers(Fault::Drop, QStringLiteral("The device loses one answer"), {});
-    stage.recovers(Fault::WrongChecksum, QStringLiteral("One reply arrives damaged"),
-                   QStringLiteral("a reply with a wrong checksum"));
-    stage.inABurst();
+    const std::function<void()> steps[] = {
+        [&] { stage.plain(); },
+        [&] {
+            stage.withBlock(0x8b, 0x05, QStringLiteral("A reply with a block of fixed length"));
+        },
+        [&] {
+            stage.withBlock(0x8e, 0x27,
+                            QStringLiteral("A reply that announces its block's length"));
+        },
+        [&] { stage.recovers(Fault::Drop, QStringLiteral("The device loses one answer"), {}); },
+        [&] {
+            stage.recovers(Fault::WrongChecksum, QStringLiteral("One reply arrives damaged"),
+                           QStringLiteral("a reply with a wrong checksum"));
+        },
+        [&] { stage.inABurst(); },
+    };
+    for (const auto& step : steps) {
+        if (!narrator.interrupt().happened()) {
+            step();
+        }
+    }
     return narrator.allAsSaid();
 }

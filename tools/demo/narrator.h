@@ -14,7 +14,7 @@ public:
     void say(const QString& text);    ///< a step begins
     void detail(const QString& text); ///< something seen on the way
 
-    /// Notes whether what was said has happened, and returns it.
+    /// Notes whether what was said has happened, unless the person has had enough; returns it.
     bool expect(bool happened, const QString& what);
 
     bool allAsSaid() const { return failures == 0; }

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#include "faults.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+QList<Fault> all()
+{
+    QList<Fault> faults;
+    for (int i = 0; i < faultCount; ++i) {
+        faults << static_cast<Fault>(i);
+    }
+    return faults;
+}
+
+TEST(Faults, StrikesTheFirstSoManyTimes)
+{
+    for (const Fault fault : all()) {
+        Faults faults;
+        SeededRandom random(1);
+        ASSERT_EQ(faults.parse(Faults::name(fault) + QStringLiteral("=2")), QString());
+        EXPECT_TRUE(faults.strikes(fault, random));
+        EXPECT_TRUE(faults.strikes(fault, random));
+        EXPECT_FALSE(faults.strikes(fault, random));
+        for (const Fault other : all()) {
+            EXPECT_FALSE(faults.strikes(other, random));
+        }
+    }
+}
+
+TEST(Faults, StrikesWithItsProbability)
+{
+    const auto strikesOf = [](const char* setting) {
+        Faults faults;
+        SeededRandom random(7);
+        EXPECT_EQ(faults.parse(QLatin1String(setting)), QString());
+        int strikes = 0;
+        for (int i = 0; i < 10000; ++i) {
+            strikes += faults.strikes(Fault::Drop, random) ? 1 : 0;
+        }
+        return strikes;
+    };
+    EXPECT_EQ(strikesOf("drop=0%"), 0);
+    EXPECT_EQ(strikesOf("drop=100%"), 10000);
+    EXPECT_NEAR(strikesOf("drop=25%"), 2500, 200);
+    EXPECT_NEAR(strikesOf("drop=0.5%"), 50, 35);
+    EXPECT_EQ(strikesOf("drop=25%"), strikesOf("drop=25%"));
+}
+
+TEST(Faults, ReadsAmounts)
+{
+    Faults faults;
+    EXPECT_EQ(faults.amount(Fault::Delay), 100);
+    EXPECT_EQ(faults.parse(QStringLiteral("delay=100%:250")), QString());
+    EXPECT_EQ(faults.amount(Fault::Delay), 250);
+    EXPECT_EQ(faults.parse(QStringLiteral("flood=1:10000000")), QString());
+    EXPECT_EQ(faults.amount(Fault::Flood), 10000000);
+}
+
+TEST(Faults, SaysWhatIsWrongAndWhatWouldBeRight)
+{
+    const struct {
+        const char* text;
+        const char* says;
+    } cases[] = {
+        {"", "take one of drop, duplicate"},
+        {"lose=1", "\"lose\" is no fault"},
+        {"drop", "write drop=10%"},
+        {"drop=", "write drop=10%"},
+        {"drop=0", "write drop=10%"},
+        {"drop=-1", "write drop=10%"},
+        {"drop=101%", "write drop=10%"},
+        {"drop=-1%", "write drop=10%"},
+        {"drop=nan%", "write drop=10%"},
+        {"drop=x", "write drop=10%"},
+        {"drop=1:5", "drop takes no amount"},
+        {"delay=1:0", "a number from 1 to 3600000"},
+        {"delay=1:", "a number from 1 to 3600000"},
+        {"delay=1:x", "a number from 1 to 3600000"},
+        {"truncate=1:19", "a number from 1 to 18"},
+    };
+    for (const auto& wrong : cases) {
+        Faults faults;
+        SeededRandom random(1);
+        const QString said = faults.parse(QLatin1String(wrong.text));
+        EXPECT_TRUE(said.contains(QLatin1String(wrong.says)))
+            << wrong.text << ": " << said.toStdString();
+        for (const Fault fault : all()) {
+            EXPECT_FALSE(faults.strikes(fault, random)) << wrong.text << " set nothing";
+        }
+    }
+}
+
+// The numbers themselves: answers of a seed are the same on every machine and in every version.
+TEST(SeededRandom, GivesKnownNumbers)
+{
+    SeededRandom random(5489); // the generator's published default seed
+    std::mt19937_64 published;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(random.below(1000), static_cast<int>(published() % 1000));
+    }
+    SeededRandom first(5489);
+    EXPECT_EQ(first.below(1000000), static_cast<int>(14514284786278117030ULL % 1000000));
+}
+
+} // namespace

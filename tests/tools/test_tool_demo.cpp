@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+#include "netns.h"
+#include "tests/transports/udppeer.h"
+#include "toolprocess.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+void expectAllAsSaid(const ToolRun& run)
+{
+    EXPECT_EQ(run.code, 0) << run.output.constData() << run.error.toStdString();
+    for (const char* text :
+         {"a simulated device serves at udp://127.0.0.1:", "host   -> device  <T",
+          "device -> host    127.0.0.1 HEAD 5a", "the block arrived whole, 145 bytes",
+          "the block arrived whole, 64 bytes", "a reply with a wrong checksum",
+          "the second try got its reply", "200 replies came",
+          "things happened as they were said.\n"}) {
+        EXPECT_TRUE(run.output.contains(text)) << text;
+    }
+    EXPECT_FALSE(run.output.contains("FAILED"));
+    EXPECT_TRUE(run.error.isEmpty()) << run.error.toStdString();
+}
+
+TEST(Demo, ShowsEverythingItSays)
+{
+    expectAllAsSaid(ToolRun({QStringLiteral("demo")}));
+}
+
+TEST(Demo, MakesRoomWhenTheReplyPortIsTaken)
+{
+    const UdpPeer holder(QStringLiteral("127.0.0.1"), UdpPeer::linkPort);
+    ASSERT_TRUE(holder.bound());
+    const ToolRun run({QStringLiteral("demo")});
+    if (!netns::isolated() && run.code == 3) {
+        EXPECT_TRUE(run.error.contains(QStringLiteral("is taken by")));
+        GTEST_SKIP() << "this system allows no network namespace";
+    }
+    expectAllAsSaid(run);
+    EXPECT_TRUE(run.output.contains("is taken by process"));
+    EXPECT_TRUE(run.output.contains("runs in a network namespace of its own"));
+    EXPECT_FALSE(holder.hasDatagram());
+}
+
+TEST(Demo, EndsWithCtrlC)
+{
+    ToolProcess tool({QStringLiteral("demo")});
+    ASSERT_TRUE(tool.says(QStringLiteral("A command and its reply")));
+    tool.interrupt();
+    EXPECT_EQ(tool.exitCode(), 1);
+}
+
+TEST(Help, IsForPeople)
+{
+    const ToolRun run({QStringLiteral("--help")});
+    EXPECT_EQ(run.code, 0);
+    for (const char* name : {"demo", "send", "listen", "simulate", "encode", "decode"}) {
+        EXPECT_TRUE(run.output.contains(QByteArray("\n  ") + name + " ")) << name;
+        const ToolRun help({QLatin1String(name), QStringLiteral("--help")});
+        EXPECT_EQ(help.code, 0);
+        EXPECT_TRUE(help.output.contains("Exit codes: 0 ")) << name;
+        EXPECT_TRUE(name == QByteArray("demo") ||
+                    help.output.contains("  coremanage " + QByteArray(name)))
+            << "examples of " << name;
+    }
+    EXPECT_EQ(ToolRun({QStringLiteral("--version")}).code, 0);
+}
+
+} // namespace

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: MIT
+#include "toolprocess.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+
+namespace
+{
+
+QStringList words(const char* text)
+{
+    return QString::fromLatin1(text).split(QLatin1Char(' '));
+}
+
+TEST(Encode, PrintsTheFrameInHexadecimal)
+{
+    const ToolRun run(
+        words("encode --head 1 --addr 2 --cmd 3 --dat1 4 --dat2 5 --dat3 6 --dat4 7"));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_EQ(run.output, QByteArray("<T010203040506071c>").toHex() + '\n');
+    EXPECT_TRUE(run.error.isEmpty());
+}
+
+TEST(Encode, WritesTheFrameAsItIs)
+{
+    const ToolRun run(words("encode --cmd 0x8b --dat1 5 --block 00ff3c0a --raw"));
+    EXPECT_EQ(run.code, 0);
+    EXPECT_EQ(run.output,
+              QByteArray("<T00008b050004009").append("4>") + QByteArray::fromHex("00ff3c0a"));
+}
+
+TEST(Encode, TakesTheBlocksLengthForTheFieldsThatAreNotGiven)
+{
+    QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("block")));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray(0x0203, 'b'));
+    file.close();
+    const QStringList arguments{QStringLiteral("encode"),  QStringLiteral("--cmd"),
+                                QStringLiteral("1"),       QStringLiteral("--raw"),
+                                QStringLiteral("--block"), QStringLiteral("@") + file.fileName()};
+    const ToolRun both(arguments);
+    EXPECT_EQ(both.output.left(19), QByteArray("<T0000010000030206>"));
+    EXPECT_EQ(both.output.size(), 19 + 0x0203);
+    const ToolRun given(arguments + words("--dat3 9"));
+    EXPECT_EQ(given.output.left(19), QByteArray("<T000001000009020c>"));
+    const ToolRun none(words("encode --cmd 1 --raw"));
+    EXPECT_EQ(none.output, QByteArray("<T0000010000000001>"));
+}
+
+TEST(Encode, WritesBinaryFrames)
+{
+    const ToolRun run(words("encode --binary --cmd 6 --dat1 7 --dat2 8 --dat3 9 --dat4 10 "
+                            "--addr 2 --aux3 3 --aux4 4 --aux5 5 --block 010203"));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_EQ(run.output, QByteArray("f11f0203000400050003060708090a49010203\n"));
+    const ToolRun other(words("encode --binary --cmd 0 --aux1 0x1234 --json"));
+    EXPECT_EQ(other.json.value(QStringLiteral("frame")).toString(),
+              QStringLiteral("12340000000000000000000000000046"));
+    EXPECT_EQ(other.json.value(QStringLiteral("form")).toString(), QStringLiteral("binary"));
+    EXPECT_EQ(other.json.value(QStringLiteral("length")).toInt(), 16);
+}
+
+void expectReply(const ToolRun& run)
+{
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_TRUE(run.output.startsWith(
+        "reply HEAD 01 ADDR 02 CMD 03 DAT1 04 DAT2 05 DAT3 06 DAT4 07 CHKSUM 1c\n"))
+        << run.output.constData();
+}
+
+TEST(Decode, TakesTextDigitsFilesAndStandardInput)
+{
+    const QByteArray frame = "<F010203040506071c>";
+    expectReply(ToolRun({QStringLiteral("decode"), QString::fromLatin1(frame)}));
+    expectReply(ToolRun({QStringLiteral("decode"), QString::fromLatin1(frame.toHex())}));
+    expectReply(ToolRun({QStringLiteral("decode"), QString::fromLatin1(frame.toHex(' '))}));
+    expectReply(ToolRun(words("decode -"), frame));
+    expectReply(ToolRun(words("decode -"), frame.toHex('\n') + '\n'));
+    QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("frame")));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(frame);
+    file.close();
+    expectReply(ToolRun({QStringLiteral("decode"), QStringLiteral("@") + file.fileName()}));
+}
+
+TEST(Decode, TakesWhatEncodePrints)
+{
+    for (const char* arguments :
+         {"encode --cmd 0x8b --dat1 5 --block 00ff3c0a", "encode --binary --cmd 5 --block 30313233",
+          "encode --binary --aux1 0x3030 --cmd 0x30"}) {
+        const ToolRun encoded(words(arguments));
+        const QStringList form = QString::fromLatin1(arguments).contains(QLatin1String("--binary"))
+                                     ? words("decode - --json --binary")
+                                     : words("decode - --json");
+        const ToolRun decoded(form, encoded.output);
+        EXPECT_EQ(decoded.code, 0) << decoded.error.toStdString();
+        EXPECT_TRUE(decoded.json.value(QStringLiteral("valid")).toBool());
+    }
+}
+
+TEST(Decode, ShowsTheBlock)
+{
+    const ToolRun run(words("decode -"), QByteArray("<T00008b0500040094>abc\n"));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_TRUE(run.output.startsWith("command HEAD 00 ADDR 00 CMD 8b DAT1 05 "));
+    EXPECT_TRUE(run.output.contains("  0000  61 62 63 0a "));
+    EXPECT_TRUE(run.output.contains("  abc.\n"));
+    const ToolRun json(words("decode - --json"), QByteArray("<T00008b0500040094>abc\n"));
+    EXPECT_EQ(json.json.value(QStringLiteral("block")).toString(), QStringLiteral("6162630a"));
+    EXPECT_EQ(json.json.value(QStringLiteral("block_length")).toInt(), 4);
+    EXPECT_EQ(json.json.value(QStringLiteral("cmd")).toInt(), 0x8b);
+}
+
+TEST(Decode, TakesABinaryFileOfDigitsAsItIs)
+{
+    QByteArray frame = QByteArray(15, '0');
+    frame.append(static_cast<char>(15 * '0')); // 0xd0
+    const ToolRun run(words("decode - --binary"), frame);
+    EXPECT_EQ(run.code, 1) << "announces 0x3030 bytes";
+    EXPECT_TRUE(run.error.contains(QStringLiteral("announces 12336 block bytes and has 0")))
+        << run.error.toStdString();
+    frame = QByteArray(16, '0');
+    const ToolRun raw(words("decode - --binary --raw"), frame);
+    EXPECT_TRUE(raw.error.contains(QStringLiteral("checksum is 30, and d0 would be right")))
+        << raw.error.toStdString();
+    const ToolRun digits(words("decode - --binary"), frame);
+    EXPECT_TRUE(digits.error.contains(QStringLiteral("this has 8"))) << digits.error.toStdString();
+}
+
+TEST(Decode, SaysWhatIsWrongWithAFrame)
+{
+    const struct {
+        const char* frame;
+        const char* says;
+    } cases[] = {
+        {"<F010203040506071d>", "its checksum is 1d, and 1c would be right"},
+        {"<F010203040506071c", "a text frame has at least 19 bytes, this has 18"},
+        {"<F010203040506071c)", "it does not end with >"},
+        {"<F01020304050607zc>", "its digits are not all hexadecimal"},
+        {"<G010203040506071c>", "begins with <T or <F"},
+        {"3c", "at least 19 bytes, this has 1"},
+    };
+    for (const auto& wrong : cases) {
+        const ToolRun run({QStringLiteral("decode"), QLatin1String(wrong.frame)});
+        EXPECT_EQ(run.code, 1) << wrong.frame;
+        EXPECT_TRUE(run.error.contains(QLatin1String(wrong.says))) << run.error.toStdString();
+        EXPECT_EQ(run.error.count(QLatin1Char('\n')), 1);
+    }
+}
+
+} // namespace

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+#include "toolprocess.h"
+
+#include "eventually.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QProcessEnvironment>
+
+#include <csignal>
+
+ToolProcess::ToolProcess(const QStringList& arguments, const QByteArray& input)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("HOME"), homeDirectory.path());
+    environment.remove(QStringLiteral("XDG_STATE_HOME"));
+    process.setProcessEnvironment(environment);
+    process.setWorkingDirectory(homeDirectory.path());
+    process.start(QStringLiteral(COREMANAGE), arguments);
+    process.waitForStarted();
+    process.write(input);
+    process.closeWriteChannel();
+}
+
+ToolProcess::~ToolProcess()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished();
+    }
+}
+
+void ToolProcess::collect()
+{
+    outputSoFar += process.readAllStandardOutput();
+    errorSoFar += process.readAllStandardError();
+}
+
+int ToolProcess::exitCode()
+{
+    const bool ended = eventually([this] { return process.state() == QProcess::NotRunning; },
+                                  std::chrono::seconds(60));
+    collect();
+    return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+bool ToolProcess::says(const QString& text)
+{
+    return eventually([&] {
+        collect();
+        return QString::fromUtf8(outputSoFar + errorSoFar).contains(text);
+    });
+}
+
+void ToolProcess::interrupt()
+{
+    ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+}
+
+QByteArray ToolProcess::output() const
+{
+    return outputSoFar;
+}
+
+QString ToolProcess::error() const
+{
+    return QString::fromUtf8(errorSoFar);
+}
+
+QStringList ToolProcess::lines() const
+{
+    return QString::fromUtf8(outputSoFar).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+QJsonObject ToolProcess::json() const
+{
+    return QJsonDocument::fromJson(outputSoFar.left(outputSoFar.indexOf('\n'))).object();
+}
+
+ToolRun::ToolRun(const QStringList& arguments, const QByteArray& input)
+{
+    ToolProcess process(arguments, input);
+    code = process.exitCode();
+    output = process.output();
+    error = process.error();
+    json = process.json();
+}
+
+qint64 datagramsSent()
+{
+    constexpr int outDatagrams = 4;
+    QFile file(QStringLiteral("/proc/net/snmp"));
+    file.open(QIODevice::ReadOnly);
+    qint64 sent = -1;
+    for (const QByteArray& line : file.readAll().split('\n')) {
+        if (line.startsWith("Udp: ")) { // the names, then the numbers
+            sent = line.split(' ').at(outDatagrams).toLongLong();
+        }
+    }
+    return sent;
+}

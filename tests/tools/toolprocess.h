@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QJsonObject>
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+/// The built tool as a person runs it: a process of its own, with a home directory of its own.
+class ToolProcess
+{
+public:
+    explicit ToolProcess(const QStringList& arguments, const QByteArray& input = {});
+    ~ToolProcess();
+    ToolProcess(const ToolProcess&) = delete;
+    ToolProcess& operator=(const ToolProcess&) = delete;
+
+    /// Waits until it has ended and returns its exit code; -1 if it crashed or never ends.
+    int exitCode();
+
+    /// Waits until its standard output or error contains the text; false if it never does.
+    bool says(const QString& text);
+
+    void interrupt();          ///< presses Ctrl-C
+    QByteArray output() const; ///< standard output so far
+    QString error() const;     ///< standard error so far
+    QStringList lines() const; ///< the output's lines
+    QJsonObject json() const;  ///< the output's first line, parsed
+    QString home() const { return homeDirectory.path(); }
+
+private:
+    void collect();
+
+    QTemporaryDir homeDirectory;
+    QProcess process;
+    QByteArray outputSoFar;
+    QByteArray errorSoFar;
+};
+
+/// Runs it to its end.
+struct ToolRun {
+    explicit ToolRun(const QStringList& arguments, const QByteArray& input = {});
+
+    int code;
+    QByteArray output;
+    QString error;
+    QJsonObject json;
+};
+
+/// Datagrams that this network namespace has sent so far.
+qint64 datagramsSent();
