@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "devicetypes.h"
 #include "model_globalenum.h"
 #include "model_protocoldata.h"
 #include "receivebuffer.h"
@@ -120,7 +121,7 @@ private:
     const Search search;
     std::atomic<bool> bDealRun{false};
     std::atomic<bool> bDealExit{true};
-    std::atomic<model_GlobalEnum::DeviceType> type{model_GlobalEnum::DeviceUnknown};
+    std::atomic<model_GlobalEnum::DeviceType> type{devicetypes::unset};
     mutable std::mutex nameLock; // a leaf: name
     QString name;
 };

@@ -3,6 +3,7 @@
 
 #include "commandframe.h"
 #include "debugline.h"
+#include "devicetypes.h"
 #include "replykinds.h"
 #include "replyqueue.h"
 #include "utility_manage.h"
@@ -104,7 +105,7 @@ bool TextReplyStream::cut(const char* frame)
         return true;
     case Block::FixedA: {
         const bool isShort = kind.mayBeShort && values.shortBlockA &&
-                             Utility_Manage::getDeviceType() == model_GlobalEnum::Device290200;
+                             Utility_Manage::getDeviceType() == devicetypes::shortBlock;
         return takeBlock(record, frame,
                          isShort ? replykinds::fixedLengthAShort
                                  : replykinds::fixedLength(kind.onStream),
