@@ -20,10 +20,11 @@ ICoreBase* CoreFactory::creatCoreObj(ConnType type)
 
 ICoreOsdBase* CoreFactory::createOsdCoreObj(ConnOsdType type)
 {
+    osdrecordsource::set(nullptr);
     delete iOsdCore;
     iOsdCore = nullptr;
     iOsdCore = creatCoreObjInstance(type);
-    osdrecordsource::set(iOsdCore);
+    osdrecordsource::set(static_cast<core_Osd_Manage*>(iOsdCore));
     return iOsdCore;
 }
 

@@ -13,6 +13,8 @@ core_Osd_Manage::core_Osd_Manage()
 core_Osd_Manage::~core_Osd_Manage()
 {
     osdrecordsource::forget(this);
+    // While this is still whole: workers that end meanwhile look at the sender of what they hear.
+    disconnect(this, &core_Osd_Manage::sigSendDatatoDevice, nullptr, nullptr);
     qDeleteAll(mapClients);
 }
 

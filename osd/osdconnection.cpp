@@ -4,12 +4,13 @@
 #include "core_osd_manage.h"
 #include "detachedthread.h"
 #include "fixedlocalport.h"
+#include "osdcall.h"
 #include "osdframe.h"
 #include "osdrecordsource.h"
+#include "osdworkthread.h"
 
 #include <QElapsedTimer>
 #include <QHostAddress>
-#include <QThread>
 #include <QTimer>
 
 namespace
@@ -29,7 +30,7 @@ constexpr int heldBackMs = 20;
 } // namespace
 
 OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> of,
-                             std::shared_ptr<OsdEndpoint::Run> during, QThread& on)
+                             std::shared_ptr<OsdEndpoint::Run> during, OsdWorkThread& on)
     : endpoint(std::move(of)), run(std::move(during)), workThread(on)
 {
 }
@@ -37,6 +38,16 @@ OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> of,
 OsdConnection::~OsdConnection()
 {
     disconnectSignals();
+}
+
+bool OsdConnection::event(QEvent* event)
+{
+    workThread.takeOver();
+    if (event->type() != OsdCall::type) {
+        return QObject::event(event);
+    }
+    static_cast<OsdCall*>(event)->run(*this);
+    return true;
 }
 
 void OsdConnection::start()
@@ -69,17 +80,15 @@ void OsdConnection::connectSignals()
 
 void OsdConnection::listenForRecords()
 {
-    osdrecordsource::use([this](ICoreOsdBase& shared) {
-        if (const auto* manager = qobject_cast<core_Osd_Manage*>(&shared)) {
-            connect(manager, &core_Osd_Manage::sigSendDatatoDevice, this,
-                    &OsdConnection::onSendDatatoDevice, Qt::QueuedConnection);
-        }
+    osdrecordsource::use([this](core_Osd_Manage& shared) {
+        connect(&shared, &core_Osd_Manage::sigSendDatatoDevice, this,
+                &OsdConnection::onSendDatatoDevice, Qt::QueuedConnection);
     });
 }
 
 void OsdConnection::disconnectSignals()
 {
-    osdrecordsource::use([this](ICoreOsdBase& shared) { shared.disconnect(this); });
+    osdrecordsource::use([this](core_Osd_Manage& shared) { shared.disconnect(this); });
     if (tcpSocket) {
         tcpSocket->disconnect(this);
     }

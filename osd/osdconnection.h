@@ -9,7 +9,7 @@
 
 #include <memory>
 
-class QThread;
+class OsdWorkThread;
 
 /// One endpoint's TCP connection during one run of its worker thread. It is made, used and
 /// destroyed on that thread, so whatever way the run ends, its socket and its connections to
@@ -18,7 +18,7 @@ class OsdConnection : public QObject
 {
 public:
     OsdConnection(std::shared_ptr<OsdEndpoint> of, std::shared_ptr<OsdEndpoint::Run> during,
-                  QThread& on);
+                  OsdWorkThread& on);
     ~OsdConnection() override;
 
     /// Makes the socket, starts the parser and begins to connect; does not wait. Does nothing once
@@ -47,6 +47,8 @@ public:
     /// Sends what is pending, waiting up to 3000 ms, closes the connection and deletes the socket.
     void closeSocket();
 
+    bool event(QEvent* event) override; ///< runs an OsdCall
+
 private:
     void onError(QAbstractSocket::SocketError error);
     void listenForRecords();
@@ -55,7 +57,7 @@ private:
 
     std::shared_ptr<OsdEndpoint> endpoint;
     std::shared_ptr<OsdEndpoint::Run> run;
-    QThread& workThread;
+    OsdWorkThread& workThread;
     std::unique_ptr<QTcpSocket> tcpSocket;
     bool bConnected = false;
     bool parserStarted = false;

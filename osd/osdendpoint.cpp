@@ -13,6 +13,35 @@ namespace
 
 constexpr std::chrono::milliseconds pollInterval{3};
 constexpr int peekLength = 1024;
+constexpr std::chrono::milliseconds exitGrace{200};
+
+// At exit the host's queue goes after this object: hand-overs that are under way get a moment to
+// end, and no further one begins.
+class ExitGrace
+{
+public:
+    ~ExitGrace()
+    {
+        const auto end = std::chrono::steady_clock::now() + exitGrace;
+        exiting = true;
+        while (underWay != 0 && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    std::atomic<bool> exiting{false};
+    std::atomic<int> underWay{0};
+};
+ExitGrace handOvers;
+
+void handOver(const model_OsdParam& record)
+{
+    handOvers.underWay.fetch_add(1);
+    if (!handOvers.exiting) {
+        biz_Osd_CMDSWork::addToReceiveQueue(record);
+    }
+    handOvers.underWay.fetch_sub(1);
+}
 
 // The polls of all endpoints fall on the same instants: one timer interrupt wakes a whole wall,
 // which costs a third less than a hundred of them.
@@ -107,7 +136,7 @@ bool OsdEndpoint::parseOnce()
     }
     const model_OsdParam record =
         osdframe::acknowledgement(ip(), buffData.peek(osdframe::acknowledgementLength));
-    if (!startDetached([record] { biz_Osd_CMDSWork::addToReceiveQueue(record); })) {
+    if (!startDetached([record] { handOver(record); })) {
         return false;
     }
     buffData.discard(osdframe::acknowledgementLength);
@@ -126,6 +155,6 @@ void OsdEndpoint::handOverHere()
         return QByteArray();
     };
     for (QByteArray bytes = next(); !bytes.isEmpty(); bytes = next()) {
-        biz_Osd_CMDSWork::addToReceiveQueue(osdframe::acknowledgement(ip(), bytes));
+        handOver(osdframe::acknowledgement(ip(), bytes));
     }
 }

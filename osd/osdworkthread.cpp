@@ -4,6 +4,8 @@
 #include "detachedthread.h"
 #include "osdconnection.h"
 
+#include <QCoreApplication>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -15,21 +17,6 @@ namespace
 constexpr std::chrono::milliseconds callPoll{1};
 constexpr std::chrono::milliseconds callLimit{3500}; // a hang-up takes up to 3000
 constexpr unsigned long endWaitMs = 500;
-
-// A function in the connection's event queue. The queue drops it when it has run and when it never
-// will: either way, who waits for it need not wait any longer.
-struct Posted {
-    Posted(std::function<void(OsdConnection&)> f, std::shared_ptr<std::atomic<bool>> o)
-        : function(std::move(f)), over(std::move(o))
-    {
-    }
-    ~Posted() { over->store(true, std::memory_order_release); }
-    Posted(const Posted&) = delete;
-    Posted& operator=(const Posted&) = delete;
-
-    const std::function<void(OsdConnection&)> function;
-    const std::shared_ptr<std::atomic<bool>> over;
-};
 
 } // namespace
 
@@ -48,7 +35,7 @@ void OsdWorkThread::run()
     connection = nullptr;
 }
 
-void OsdWorkThread::call(std::function<void(OsdConnection&)> function)
+void OsdWorkThread::call(const OsdCall::Function& function)
 {
     if (QThread::currentThread() == this) {
         if (connection != nullptr) {
@@ -62,10 +49,7 @@ void OsdWorkThread::call(std::function<void(OsdConnection&)> function)
         if (connection == nullptr) {
             return;
         }
-        const auto posted = std::make_shared<Posted>(std::move(function), over);
-        QMetaObject::invokeMethod(
-            connection, [worker = connection, posted] { posted->function(*worker); },
-            Qt::QueuedConnection);
+        QCoreApplication::postEvent(connection, new OsdCall(function, over));
     }
     const auto end = std::chrono::steady_clock::now() + callLimit;
     while (!over->load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end) {

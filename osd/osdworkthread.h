@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "osdcall.h"
 #include "osdendpoint.h"
 
 #include <QThread>
 
-#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -21,7 +21,11 @@ public:
     /// Runs the function on this thread's connection and waits for it, at most 3500 ms. On this
     /// very thread it runs at once. Returns without it if the thread isn't running, and as soon as
     /// the thread ends without having come to it: what is stopped is never waited for. Any thread.
-    void call(std::function<void(OsdConnection&)> function);
+    void call(const OsdCall::Function& function);
+
+    /// For this thread, before it looks at an event: makes what the sender of a call wrote before
+    /// it visible. Qt's own lock does so too, but only this one is known to thread checkers.
+    void takeOver() { const std::lock_guard lock(connectionLock); }
 
     /// Waits until the thread has ended, at most 500 ms. False if it has not, and always on this
     /// very thread.

@@ -470,7 +470,7 @@ void OsdSimulator::send(const QByteArray& bytes)
 {
     const std::lock_guard locked(server->lock);
     for (Client& client : server->clients) {
-        client.output.push_back({Clock::now(), bytes});
+        client.output.push_back({Clock::now(), QByteArray(bytes.constData(), bytes.size())});
     }
     server->wake();
 }

@@ -8,7 +8,7 @@ namespace
 
 struct Shared {
     std::mutex lock; // only Qt's own connection locks are taken below it
-    ICoreOsdBase* manager = nullptr;
+    core_Osd_Manage* manager = nullptr;
 };
 
 // Never destroyed: a worker thread may still part from its manager while the process ends.
@@ -20,13 +20,13 @@ Shared& shared()
 
 } // namespace
 
-void osdrecordsource::set(ICoreOsdBase* manager)
+void osdrecordsource::set(core_Osd_Manage* manager)
 {
     const std::lock_guard lock(shared().lock);
     shared().manager = manager;
 }
 
-void osdrecordsource::forget(const ICoreOsdBase* manager)
+void osdrecordsource::forget(const core_Osd_Manage* manager)
 {
     const std::lock_guard lock(shared().lock);
     if (shared().manager == manager) {
@@ -34,7 +34,7 @@ void osdrecordsource::forget(const ICoreOsdBase* manager)
     }
 }
 
-void osdrecordsource::use(const std::function<void(ICoreOsdBase&)>& function)
+void osdrecordsource::use(const std::function<void(core_Osd_Manage&)>& function)
 {
     const std::lock_guard lock(shared().lock);
     if (shared().manager != nullptr) {
