@@ -29,13 +29,32 @@ constexpr Row rows[] = {
      "a block of another length than announced"},
 };
 
+// Lines that carry what was received.
+constexpr Row fragments[] = {
+    {"::getArrayData   dataStr==", "a reply with a wrong checksum"},
+    {"CheckBlock default:", "a reply whose block came too late or damaged"},
+};
+
 std::mutex lock; // a leaf; guards refusals
 QStringList refusals;
 std::atomic<bool> sendFailed{false};
 std::atomic<bool> showsAll{false};
 
+void refuse(const char* meaning)
+{
+    const std::lock_guard guard(lock);
+    if (!refusals.contains(QLatin1String(meaning))) {
+        refusals << QLatin1String(meaning);
+    }
+}
+
 void note(const QString& line)
 {
+    for (const Row& row : fragments) {
+        if (line.contains(QLatin1String(row.debugLine))) {
+            refuse(row.meaning);
+        }
+    }
     for (const Row& row : rows) {
         if (line != QLatin1String(row.debugLine)) {
             continue;
@@ -44,10 +63,7 @@ void note(const QString& line)
             sendFailed = true;
             return;
         }
-        const std::lock_guard guard(lock);
-        if (!refusals.contains(QLatin1String(row.meaning))) {
-            refusals << QLatin1String(row.meaning);
-        }
+        refuse(row.meaning);
     }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "linkregistry.h"
 
+#include "links/serialendpoint.h"
 #include "links/udpendpoint.h"
 #include "toolerror.h"
 
@@ -9,9 +10,10 @@ const std::vector<LinkKind>& linkregistry::kinds()
     static const std::vector<LinkKind> table{
         {"udp", "udp://192.168.1.20:1000", "a device on the network", udpendpoint::parse,
          udpendpoint::demonstrate},
-        {"serial", "serial:///dev/ttyUSB0?baud=115200", "a device on a serial port", nullptr,
-         nullptr},
-        {"vela", "vela:///dev/ttyS1", "a device of the second serial line", nullptr, nullptr},
+        {"serial", "serial:///dev/ttyUSB0?baud=115200", "a device on a serial port",
+         serialendpoint::parse, serialendpoint::demonstrate},
+        {"vela", "vela:///dev/ttyS1", "a device of the second serial line",
+         serialendpoint::parseVela, serialendpoint::demonstrateVela},
         {"usb", "usb://04b4:1008", "a USB HID device", nullptr, nullptr},
         {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint", nullptr, nullptr},
     };

@@ -37,7 +37,8 @@ int parseAndRun(int argc, char** argv)
     const std::array subcommands{
         commands::addDemo(application),   commands::addSend(application),
         commands::addListen(application), commands::addSimulate(application),
-        commands::addEncode(application), commands::addDecode(application)};
+        commands::addPorts(application),  commands::addEncode(application),
+        commands::addDecode(application)};
     application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
                        "\nExit codes: 0 done, 1 the operation failed (no reply, no valid frame),\n"
                        "2 wrong input and nothing sent, 3 a link could not be opened.");

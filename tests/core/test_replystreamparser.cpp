@@ -409,6 +409,16 @@ TEST_F(ReplyStreamParserTest, LoopFindsRepliesInAnySoup)
     EXPECT_TRUE(eventually([&] { return remaining() == immediate.left(10); }));
 }
 
+TEST_F(ReplyStreamParserTest, LoopDropsOneByteOfAFrameWithoutItsEndMark)
+{
+    QByteArray reply = replybytes::text(0x79, 0x0C);
+    reply[18] = '?';
+    parser.appendBuffData(reply);
+    const ParserLoop loop(parser);
+    EXPECT_TRUE(eventually([&] { return remaining().size() < reply.size(); }));
+    EXPECT_EQ(remaining(), reply.mid(1)); // too short now for another pass
+}
+
 TEST_F(ReplyStreamParserTest, LoopTakesOneReplyAPass)
 {
     constexpr int replies = 20;

@@ -183,12 +183,12 @@ TEST_F(CoreSerialPortTest, BytesAreDroppedWhileTheBaseFlagIsClear)
     SerialLinkUnderTest<Outcomes> dropping;
     ASSERT_TRUE(dropping.open());
     dropping.line.drop(true);
+    bool wasRead = false; // by the line, which was connected first
+    QObject::connect(&dropping.line.port(), &QSerialPort::readyRead, &dropping.line,
+                     [&wasRead] { wasRead = true; });
     dropping.deliver(TextSerialLink::reply(1));
-    EXPECT_TRUE(eventually([&] {
-        dropping.line.readPendingDatagrams();
-        return dropping.line.port().bytesAvailable() == 0;
-    }));
-    eventually([] { return false; }, milliseconds(20)); // whatever is still on its way
+    ASSERT_TRUE(eventually([&wasRead] { return wasRead; }));
+    EXPECT_EQ(dropping.line.port().bytesAvailable(), 0);
     dropping.line.drop(false);
     dropping.deliver(TextSerialLink::reply(2));
     ASSERT_TRUE(eventually([] { return hostqueue::size() > 0; }));
@@ -293,9 +293,8 @@ TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedReturns)
     ASSERT_TRUE(link.open());
     {
         const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
-        link.deliver(replybytes::text(0x79, 0x0C));
-        ASSERT_TRUE(eventually([this] { return link.line.port().bytesAvailable() == 0; }));
-        eventually([] { return false; }, milliseconds(50)); // the parser reaches the lock
+        link.line.appendBuffData(replybytes::text(0x79, 0x0C));
+        ASSERT_TRUE(parserTookAll());
         link.line.closeSerialPort();
         ASSERT_TRUE(link.open());
     }

@@ -22,6 +22,7 @@ Subcommand addDemo(CLI::App& application);
 Subcommand addSend(CLI::App& application);
 Subcommand addListen(CLI::App& application);
 Subcommand addSimulate(CLI::App& application);
+Subcommand addPorts(CLI::App& application);
 Subcommand addEncode(CLI::App& application);
 Subcommand addDecode(CLI::App& application);
 

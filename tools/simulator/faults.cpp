@@ -27,6 +27,11 @@ constexpr std::array<Row, faultCount> rows{{
     {Fault::BlockChecksum, "block-checksum", 0, 0, "the block's checksum off by one (streams)"},
     {Fault::Garbage, "garbage", 32, 10000, "AMOUNT random bytes before the answer"},
     {Fault::Flood, "flood", 1000, 10000000, "the answer AMOUNT times over"},
+    {Fault::Noise, "noise", 4, 1000, "AMOUNT random bytes inside the reply (streams)"},
+    {Fault::LateBlock, "late-block", 700, 3600000, "the block later by AMOUNT ms (streams)"},
+    {Fault::Glue, "glue", 0, 0, "the answer in one piece with the next (streams)"},
+    {Fault::Split, "split", 0, 0, "every byte of the answer by itself (streams)"},
+    {Fault::HangUp, "hang-up", 0, 0, "half the answer, then the line hangs up (streams)"},
 }};
 
 constexpr bool inOrder()

@@ -35,9 +35,14 @@ enum class Fault {
     BlockChecksum, ///< the block's checksum byte is off by one (streams only)
     Garbage,       ///< random bytes come first, as many as the amount
     Flood,         ///< the answer comes as many times as the amount
+    Noise,         ///< random bytes inside the reply, as many as the amount (streams only)
+    LateBlock,     ///< the block comes later, by the amount in milliseconds (streams only)
+    Glue,          ///< the answer waits for the next one, or for silence (streams only)
+    Split,         ///< every byte is written by itself (streams only)
+    HangUp,        ///< half the answer, then the line hangs up (streams only)
 };
 
-constexpr int faultCount = static_cast<int>(Fault::Flood) + 1;
+constexpr int faultCount = static_cast<int>(Fault::HangUp) + 1;
 
 /// Which faults a device shows, and when. A fault strikes with a probability, or each of the first
 /// so many answers that it can apply to.

@@ -36,7 +36,7 @@ std::vector<Exchange> SimulatedDevice::receive(const QByteArray& bytes)
 {
     std::vector<Exchange> exchanges;
     for (DeviceCommand& command : reader.take(bytes)) {
-        exchanges.push_back(answer(std::move(command)));
+        add(exchanges, std::move(command));
     }
     return exchanges;
 }
@@ -45,9 +45,35 @@ std::vector<Exchange> SimulatedDevice::settle()
 {
     std::vector<Exchange> exchanges;
     if (auto command = reader.settle()) {
-        exchanges.push_back(answer(std::move(*command)));
+        add(exchanges, std::move(*command));
+    }
+    if (held) {
+        exchanges.push_back(std::move(*held));
+        held.reset();
     }
     return exchanges;
+}
+
+void SimulatedDevice::add(std::vector<Exchange>& exchanges, DeviceCommand command)
+{
+    Exchange next = answer(std::move(command));
+    if (held) {
+        if (next.answer.empty()) {
+            next.answer.push_back({});
+        }
+        next.answer.front().bytes.prepend(held->answer.front().bytes);
+        held->answer.clear();
+        exchanges.push_back(std::move(*held));
+        held.reset();
+    }
+    const auto& faults = next.faults;
+    const bool waits = !next.answer.empty() &&
+                       std::find(faults.begin(), faults.end(), Fault::Glue) != faults.end();
+    if (waits) {
+        held = std::move(next);
+    } else {
+        exchanges.push_back(std::move(next));
+    }
 }
 
 std::optional<int> SimulatedDevice::blockLength(const Head& command) const
@@ -119,7 +145,13 @@ Exchange SimulatedDevice::answer(DeviceCommand command)
     if (!block.isEmpty()) {
         exchange.answer.push_back({block, {}});
     }
+    if (settings.medium == Medium::Stream) {
+        spoilStream(exchange, length.has_value());
+    }
     spoilOrder(exchange, length.has_value());
+    if (settings.medium == Medium::Stream) {
+        spoilPieces(exchange);
+    }
     return exchange;
 }
 
@@ -165,6 +197,59 @@ void SimulatedDevice::spoilBlock(QByteArray& block, Exchange& exchange)
     }
 }
 
+QByteArray SimulatedDevice::randomBytes(int count)
+{
+    QByteArray bytes;
+    for (int i = 0; i < count; ++i) {
+        bytes.append(static_cast<char>(random.below(256)));
+    }
+    return bytes;
+}
+
+// What a line does to an answer that is still a reply and its block.
+void SimulatedDevice::spoilStream(Exchange& exchange, bool hasBlock)
+{
+    auto& answer = exchange.answer;
+    if (strikes(Fault::Noise, exchange)) {
+        QByteArray& reply = answer.front().bytes;
+        const QByteArray noise = randomBytes(settings.faults.amount(Fault::Noise));
+        reply.insert(1 + random.below(std::max(1, reply.size() - 1)), noise);
+    }
+    if (hasBlock && strikes(Fault::LateBlock, exchange)) {
+        answer.back().after = std::chrono::milliseconds(settings.faults.amount(Fault::LateBlock));
+    }
+}
+
+// How the answer, whatever it is by now, is cut into writes.
+void SimulatedDevice::spoilPieces(Exchange& exchange)
+{
+    auto& answer = exchange.answer;
+    const auto joined = [&answer] {
+        QByteArray all;
+        for (const Emission& emission : answer) {
+            all.append(emission.bytes);
+        }
+        return all;
+    };
+    if (answer.empty()) {
+        return;
+    }
+    if (strikes(Fault::HangUp, exchange)) {
+        answer = {Emission{joined().left(std::max(1, joined().size() / 2)), {}}};
+        exchange.times = 1;
+    }
+    if (strikes(Fault::Split, exchange)) {
+        std::vector<Emission> bytes;
+        for (const char byte : joined()) {
+            bytes.push_back({QByteArray(1, byte), std::chrono::milliseconds(1)});
+        }
+        answer = bytes;
+    }
+    if (strikes(Fault::Glue, exchange)) {
+        answer = {Emission{joined(), {}}};
+    }
+}
+
 void SimulatedDevice::spoilOrder(Exchange& exchange, bool hasBlock)
 {
     auto& answer = exchange.answer;
@@ -179,10 +264,7 @@ void SimulatedDevice::spoilOrder(Exchange& exchange, bool hasBlock)
         answer = doubled;
     }
     if (strikes(Fault::Garbage, exchange)) {
-        QByteArray garbage;
-        for (int i = settings.faults.amount(Fault::Garbage); i > 0; --i) {
-            garbage.append(static_cast<char>(random.below(256)));
-        }
+        const QByteArray garbage = randomBytes(settings.faults.amount(Fault::Garbage));
         answer.insert(answer.begin(), Emission{garbage, {}});
     }
     if (strikes(Fault::Flood, exchange)) {

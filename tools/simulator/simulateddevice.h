@@ -63,8 +63,9 @@ public:
     /// come whole.
     std::vector<Exchange> settle();
 
-    bool isWaiting() const { return reader.isOpen(); } ///< settle would answer a command
-    qint64 noise() const { return reader.noise(); }    ///< bytes that were no command
+    /// Whether settle would answer a command, or let go an answer that waits for the next.
+    bool isWaiting() const { return reader.isOpen() || held.has_value(); }
+    qint64 noise() const { return reader.noise(); } ///< bytes that were no command
 
     Faults& faults() { return settings.faults; } ///< to be changed between commands
 
@@ -76,8 +77,13 @@ private:
     void spoilReply(QByteArray& reply, Exchange& exchange);
     void spoilBlock(QByteArray& block, Exchange& exchange);
     void spoilOrder(Exchange& exchange, bool hasBlock);
+    void spoilStream(Exchange& exchange, bool hasBlock);
+    void spoilPieces(Exchange& exchange);
+    void add(std::vector<Exchange>& exchanges, DeviceCommand command);
+    QByteArray randomBytes(int count);
 
     Settings settings;
     CommandReader reader;
     SeededRandom random;
+    std::optional<Exchange> held; // its answer waits for the next one
 };

@@ -67,4 +67,8 @@ void SimulatedLink::continueDelivery(const std::shared_ptr<Delivery>& delivery)
         }
     }
     --underWay;
+    const auto& faults = delivery->exchange.faults;
+    if (std::find(faults.begin(), faults.end(), Fault::HangUp) != faults.end()) {
+        hangUp();
+    }
 }

@@ -45,6 +45,9 @@ protected:
 
     void fail(const QString& reason) { problem = reason; }
 
+    /// The medium breaks, as a cable that is pulled. Streams only.
+    virtual void hangUp() {}
+
 private:
     struct Delivery;
     void deliver(const std::vector<Exchange>& exchanges);
