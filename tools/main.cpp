@@ -51,7 +51,12 @@ int parseAndRun(int argc, char** argv)
     }
     for (const commands::Subcommand& subcommand : subcommands) {
         if (subcommand.parser->parsed()) {
-            return subcommand.run();
+            const int code = subcommand.run();
+            if (output::lost()) {
+                throw ToolError(exitcode::failed,
+                                QStringLiteral("standard output could not be written"));
+            }
+            return code;
         }
     }
     return exitcode::badInput;

@@ -9,8 +9,9 @@
 namespace
 {
 
-std::mutex lock; // a leaf; guards the streams and progressShown
+std::mutex lock; // a leaf; guards the streams and the flags
 bool progressShown = false;
+bool outputLost = false;
 
 void clearProgress()
 {
@@ -27,6 +28,7 @@ void write(std::FILE* stream, const QByteArray& bytes)
     clearProgress();
     std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stream);
     std::fflush(stream);
+    outputLost = outputLost || (stream == stdout && std::ferror(stdout) != 0);
 }
 
 } // namespace
@@ -39,6 +41,12 @@ void output::line(const QString& text)
 void output::raw(const QByteArray& bytes)
 {
     write(stdout, bytes);
+}
+
+bool output::lost()
+{
+    const std::lock_guard guard(lock);
+    return outputLost;
 }
 
 void output::error(const QString& text)

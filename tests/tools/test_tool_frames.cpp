@@ -62,6 +62,16 @@ TEST(Encode, WritesBinaryFrames)
     EXPECT_EQ(other.json.value(QStringLiteral("length")).toInt(), 16);
 }
 
+TEST(Encode, SaysWhenItsOutputIsLost)
+{
+    QProcess tool;
+    tool.setStandardOutputFile(QStringLiteral("/dev/full"));
+    tool.start(QStringLiteral(COREMANAGE), words("encode --cmd 1"));
+    ASSERT_TRUE(tool.waitForFinished());
+    EXPECT_EQ(tool.exitCode(), 1);
+    EXPECT_TRUE(tool.readAllStandardError().contains("standard output could not be written"));
+}
+
 void expectReply(const ToolRun& run)
 {
     EXPECT_EQ(run.code, 0) << run.error.toStdString();
