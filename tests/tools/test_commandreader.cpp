@@ -119,6 +119,27 @@ TEST(CommandReader, JoinsTheDatagramsOfALongFrame)
     }
 }
 
+TEST(CommandReader, WaitsForNothingBehindADatagramThatIsNoPiece)
+{
+    for (const int size : {539, 541}) {
+        CommandReader reader(Framing::Text, Medium::Datagrams);
+        const QByteArray datagram = textCommand(0x12, QByteArray(2000, 'x')).left(size);
+        EXPECT_EQ(reader.take(datagram).size(), 1U) << size;
+        EXPECT_FALSE(reader.isOpen());
+    }
+}
+
+TEST(CommandReader, TakesACommandInsideABlockForTheBlock)
+{
+    CommandReader reader(Framing::Text, Medium::Stream);
+    const QByteArray block = "x" + textCommand(0x13) + "y";
+    const QByteArray frame = textCommand(0x12, block);
+    EXPECT_TRUE(reader.take(frame.left(20)).empty());
+    const auto commands = reader.take(frame.mid(20));
+    ASSERT_EQ(commands.size(), 1U);
+    EXPECT_EQ(commands[0].block, block);
+}
+
 TEST(CommandReader, LetsTheNextCommandEndAFrameWhosePiecesAreMissing)
 {
     CommandReader reader(Framing::Text, Medium::Datagrams);

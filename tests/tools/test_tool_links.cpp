@@ -153,10 +153,11 @@ TEST_F(Send, WaitsForSeveralReplies)
     device.send(replyText(0x02, 0x00));
     EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();
     EXPECT_EQ(tool->lines().size(), 3);
-    const auto fewer = send("--cmd 1 --replies 2 --timeout 300");
+    const auto fewer = send("--cmd 1 --replies 2 --timeout 300 --tries 3");
     device.receive();
     device.send(replyText(0x01, 0x00));
     EXPECT_EQ(fewer->exitCode(), 1);
+    EXPECT_FALSE(device.hasDatagram()) << "it replied: no second try";
     EXPECT_TRUE(fewer->error().contains(QStringLiteral("only 1 of 2 replies within 300 ms")));
 }
 
