@@ -353,6 +353,7 @@ TEST_F(OsdLife, WhatIsPendingIsStillSentByAStop)
         EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + hangUpMs);
         peer.join();
         EXPECT_TRUE(eventually([&] { return slow.connected() == 0; }));
+        EXPECT_EQ(slow.receivedBytes(), before.size() + 2 * (much.size() + 8));
         EXPECT_TRUE(slow.received() == before + QByteArray::fromHex("620305040708") + much +
                                            QByteArray::fromHex("090a630305040708") + much +
                                            QByteArray::fromHex("090a"));
