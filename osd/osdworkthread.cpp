@@ -64,7 +64,7 @@ bool OsdWorkThread::waitForEnd()
 
 void OsdWorkThread::release(OsdWorkThread* thread)
 {
-    if (thread->waitForEnd()) {
+    if (!thread->isRunning()) {
         delete thread;
         return;
     }

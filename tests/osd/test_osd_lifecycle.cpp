@@ -346,13 +346,17 @@ TEST_F(OsdLife, WhatIsPendingIsStillSentByAStop)
         send('b', much);
         send('c', much);
         // It begins to read when the stop's pause is over and the worker waits for it.
-        std::thread peer([&slow] {
+        // It does not answer: what it had sent and nobody read would make the hang-up a reset.
+        std::thread peer([&slow, &faults] {
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            slow.setFaults({});
+            faults.neverRead = false;
+            faults.silent = always;
+            slow.setFaults(faults);
         });
         EXPECT_LT(elapsed([&] { socket.close(); }), stopPauseMs + hangUpMs);
         peer.join();
         EXPECT_TRUE(eventually([&] { return slow.connected() == 0; }));
+        EXPECT_EQ(slow.receivedBytes(), before.size() + 2 * (much.size() + 8));
         EXPECT_TRUE(slow.received() == before + QByteArray::fromHex("620305040708") + much +
                                            QByteArray::fromHex("090a630305040708") + much +
                                            QByteArray::fromHex("090a"));

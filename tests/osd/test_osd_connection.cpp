@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+#include "eventually.h"
+#include "osdconnection.h"
+#include "osdhost.h"
+#include "osdsimulator.h"
+#include "osdworkthread.h"
+#include "processstate.h"
+#include "threadrefusal.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+class OsdConnecting : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        OsdSimulatorOptions options;
+        options.port = 0;
+        simulated = std::make_unique<OsdSimulator>(options);
+        ASSERT_TRUE(simulated->start());
+        endpoint->setAddress(QStringLiteral("127.0.0.1"), simulated->port());
+        descriptors = processstate::descriptors();
+    }
+
+    std::unique_ptr<OsdSimulator> simulated;
+    std::shared_ptr<OsdEndpoint> endpoint = std::make_shared<OsdEndpoint>();
+    OsdWorkThread thread{endpoint}; // not started: this test's own thread plays its part
+    int descriptors = 0;
+};
+
+} // namespace
+
+TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
+{
+    const int threads = processstate::threads();
+    const auto run = endpoint->beginRun();
+    run->stop();
+    OsdConnection connection(endpoint, run, thread);
+    connection.start();
+    EXPECT_EQ(processstate::descriptors(), descriptors);
+    EXPECT_EQ(processstate::threads(), threads);
+    EXPECT_FALSE(run->deals());
+}
+
+TEST_F(OsdConnecting, ANewRunEndsTheOneBefore)
+{
+    const auto first = endpoint->beginRun();
+    EXPECT_TRUE(first->deals());
+    const auto second = endpoint->beginRun();
+    EXPECT_FALSE(first->deals());
+    EXPECT_TRUE(second->deals());
+}
+
+TEST_F(OsdConnecting, AParserThatIsRefusedIsTriedAgain)
+{
+    const auto run = endpoint->beginRun();
+    OsdConnection connection(endpoint, run, thread);
+    {
+        const ThreadRefusal refusal;
+        const int refused = ThreadRefusal::refused();
+        connection.start();
+        ASSERT_TRUE(eventually([&] { return ThreadRefusal::refused() >= refused + 3; }));
+        endpoint->received().append("OK1");
+        EXPECT_EQ(osdhost::size(), 0U);
+    }
+    EXPECT_TRUE(eventually([] { return osdhost::size() == 1; }));
+    run->stop();
+}
+
+TEST_F(OsdConnecting, AFloodIsHeldBack)
+{
+    constexpr int most = 1024 * 1024 + 2 * 64 * 1024;
+    const auto run = endpoint->beginRun();
+    OsdConnection connection(endpoint, run, thread);
+    connection.start();
+    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    simulated->send(QByteArray(32 * 1024 * 1024, 'f'));
+    ASSERT_TRUE(eventually([&] { return endpoint->received().size() >= 1024 * 1024; }));
+    EXPECT_FALSE(eventually([&] { return endpoint->received().size() > most; },
+                            std::chrono::milliseconds(300)));
+    // It goes on when there is room again.
+    endpoint->received().discard(most);
+    EXPECT_TRUE(eventually([&] { return endpoint->received().size() > 512 * 1024; }));
+    run->stop();
+}
