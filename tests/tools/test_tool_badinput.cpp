@@ -145,7 +145,7 @@ TEST(BadInput, NamesALinkThatThisVersionHasNot)
 {
     const ToolRun help({QStringLiteral("send"), QStringLiteral("--help")});
     EXPECT_EQ(help.code, 0);
-    for (const char* scheme : {"serial", "vela", "usb", "osd"}) {
+    for (const char* scheme : {"usb", "osd"}) {
         const QString name = QLatin1String(scheme);
         EXPECT_TRUE(help.output.contains(name.toLatin1() + "://"));
         const ToolRun run({QStringLiteral("send"), name + QStringLiteral("://x"),
