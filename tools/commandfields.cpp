@@ -15,7 +15,7 @@ namespace
 constexpr int mostByte = 0xff;
 constexpr int mostWord = 0xffff;
 constexpr int mostBlock = 65535; // DAT4 * 256 + DAT3 says no more
-constexpr qint64 mostFile = 16 * 1024 * 1024;
+constexpr qint64 mostFile = 16'777'216;
 constexpr int binaryLead = 0xf11f;
 
 enum class Carried { ByBoth, ByText, ByBinary };
@@ -154,7 +154,7 @@ QByteArray typed::file(const QString& option, const QString& path)
                                 QFileInfo(path).isDir() ? QStringLiteral("it is a directory")
                                                         : file.errorString()));
     }
-    const QByteArray content = file.read(mostFile + 1);
+    QByteArray content = file.read(mostFile + 1);
     if (content.size() > mostFile) {
         throw BadInput(QStringLiteral("%1: \"%2\" has more than %3 bytes: give a shorter one")
                            .arg(option, path)

@@ -127,7 +127,7 @@ Decode::Decode(CLI::App& application)
 QByteArray Decode::frame() const
 {
     const QString option = QStringLiteral("frame");
-    const QByteArray text = QByteArray::fromStdString(input);
+    QByteArray text = QByteArray::fromStdString(input);
     if (!binary && text.startsWith(commandframe::startMark)) {
         return text;
     }
