@@ -10,7 +10,7 @@ namespace
 {
 
 constexpr qint64 mostCount = 1000000000;
-constexpr qint64 mostSeconds = 366 * 24 * 3600;
+constexpr qint64 mostSeconds = qint64{366} * 24 * 3600;
 
 } // namespace
 

@@ -18,7 +18,7 @@
 namespace
 {
 
-constexpr qint64 mostMilliseconds = 3600 * 1000;
+constexpr qint64 mostMilliseconds = 3'600'000;
 constexpr qint64 mostTries = 1000;
 constexpr qint64 mostReplies = 1000000;
 constexpr qint64 progressAfter = 300; // ms: a quick reply shows none
