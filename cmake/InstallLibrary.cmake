@@ -9,7 +9,7 @@ install(TARGETS Core_Manage EXPORT Core_ManageTargets
 install(FILES
     core/core_manage.h core/corefactory.h core/icorebase.h core/icoreosdbase.h
     core/replystreamparser.h
-    transports/core_serialport.h transports/core_udp.h transports/serialline.h
+    transports/core_serialport.h transports/core_udp.h transports/core_usb.h transports/serialline.h
     transports/vela_core_serialport.h
     "${PROJECT_BINARY_DIR}/core/core_manage_export.h"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
