@@ -2,6 +2,7 @@
 #include "hidhandle.h"
 
 #include "emulatedhid.h"
+#include "eventually.h"
 #include "hidtestbed.h"
 #include "receivebuffer.h"
 #include "slowerrortexts.h"
@@ -22,20 +23,77 @@ TEST(HidHandle, OpensBesideEachOther)
 {
     HidTestbed testbed;
     EmulatedHid device(testbed, vendor, product);
+    constexpr int attempts = 100;
     slowerrortexts::isOn = true;
     std::atomic<int> opened{0};
     const auto open = [&opened] {
-        for (int i = 0; i < 10; ++i) {
-            opened += HidHandle::open(vendor, product) != nullptr ? 1 : 0;
+        for (int i = 0; i < attempts; ++i) {
             EXPECT_EQ(HidHandle::open(vendor, product + 1), nullptr);
         }
+        opened += HidHandle::open(vendor, product) != nullptr ? 1 : 0;
     };
     std::thread first(open);
     std::thread second(open);
     first.join();
     second.join();
     slowerrortexts::isOn = false;
-    EXPECT_EQ(opened, 20);
+    EXPECT_EQ(opened, 2);
+    EXPECT_GE(slowerrortexts::count, 2 * attempts);
+}
+
+TEST(HidHandle, ReadsWaitForAWriteOnceTheyFail)
+{
+    HidTestbed testbed;
+    EmulatedHid device(testbed, vendor, product);
+    const auto handle = HidHandle::open(vendor, product);
+    ASSERT_NE(handle, nullptr);
+    ReceiveBuffer buffer;
+    std::atomic<int> reads{0};
+    std::atomic<bool> isRunning{true};
+    slowerrortexts::isOn = true;
+    device.holdWrites(true);
+    std::thread writer([&handle] {
+        const unsigned char report[HidHandle::reportLength] = {};
+        EXPECT_FALSE(handle->write(report));
+    });
+    ASSERT_TRUE(eventually([&device] { return device.held() == 1; }));
+    std::thread reader([&] {
+        while (isRunning && handle->readInto(buffer)) {
+            ++reads;
+        }
+    });
+    device.unplug();
+    EXPECT_TRUE(eventually([&reads] { return reads == 1; }));
+    EXPECT_FALSE(eventually([&reads] { return reads > 1; }, std::chrono::milliseconds(100)));
+    device.holdWrites(false);
+    EXPECT_TRUE(eventually([&reads] { return reads > 10; }));
+    isRunning = false;
+    reader.join();
+    writer.join();
+    slowerrortexts::isOn = false;
+}
+
+TEST(HidHandle, ClosesAfterTheWrite)
+{
+    HidTestbed testbed;
+    EmulatedHid device(testbed, vendor, product);
+    const auto handle = HidHandle::open(vendor, product);
+    ASSERT_NE(handle, nullptr);
+    const unsigned char report[HidHandle::reportLength] = {};
+    device.holdWrites(true);
+    std::thread writer([&] { EXPECT_TRUE(handle->write(report)); });
+    ASSERT_TRUE(eventually([&device] { return device.held() == 1; }));
+    std::atomic<bool> isClosed{false};
+    std::thread closer([&] {
+        handle->close();
+        isClosed = true;
+    });
+    EXPECT_FALSE(
+        eventually([&isClosed] { return isClosed.load(); }, std::chrono::milliseconds(100)));
+    device.holdWrites(false);
+    closer.join();
+    writer.join();
+    EXPECT_FALSE(handle->write(report));
 }
 
 TEST(HidHandle, AWriteNeverWaitsForARead)

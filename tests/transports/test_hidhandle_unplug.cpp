@@ -72,9 +72,11 @@ TEST(HidHandleUnplug, SurvivesUnplugsUnderLoad)
         {
             Load load(handle);
             ASSERT_TRUE(load.reached(load.successes, 2)) << round;
-            device.unplug();
-            ASSERT_TRUE(load.reached(load.failures, 6)) << round;
-            if (round % 2 == 0) {
+            if (round % 4 != 3) {
+                device.unplug();
+                ASSERT_TRUE(load.reached(load.failures, 6)) << round;
+            }
+            if (round % 2 == 1) {
                 handle->close();
             }
         }
@@ -82,5 +84,5 @@ TEST(HidHandleUnplug, SurvivesUnplugsUnderLoad)
         const unsigned char report[HidHandle::reportLength] = {};
         EXPECT_FALSE(handle->write(report));
     }
-    EXPECT_GE(slowerrortexts::count, 6 * UNPLUG_ROUNDS);
+    EXPECT_GE(slowerrortexts::count, 3 * UNPLUG_ROUNDS);
 }

@@ -46,6 +46,7 @@ EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productI
 
 EmulatedHid::~EmulatedHid()
 {
+    holdWrites(false);
     unplug();
     umockdev_testbed_detach_ioctl(bed.testbed(), node.toUtf8().constData(), nullptr);
     g_object_unref(handlers);
@@ -151,7 +152,9 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
     g_free(bytes);
     int error = 0;
     {
-        const std::lock_guard guard(hid->lock);
+        std::unique_lock guard(hid->lock);
+        hid->heldWrites += hid->isHolding ? 1 : 0;
+        hid->released.wait(guard, [hid] { return !hid->isHolding; });
         if (hid->master < 0) {
             error = ENODEV;
         } else if (hid->writesLeft == 0) {
@@ -213,6 +216,19 @@ void EmulatedHid::refuseWritesAfter(int count)
 {
     const std::lock_guard guard(lock);
     writesLeft = count;
+}
+
+void EmulatedHid::holdWrites(bool on)
+{
+    const std::lock_guard guard(lock);
+    isHolding = on;
+    released.notify_all();
+}
+
+int EmulatedHid::held() const
+{
+    const std::lock_guard guard(lock);
+    return heldWrites;
 }
 
 void EmulatedHid::unplug()

@@ -4,6 +4,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <vector>
@@ -51,6 +52,12 @@ public:
     /// Refuses every output report after \a count more.
     void refuseWritesAfter(int count);
 
+    /// While \a on, output reports stay in the kernel: their writers wait, and so do all who ask
+    /// the node or read it.
+    void holdWrites(bool on);
+
+    int held() const; ///< output reports that are held, or have been
+
     /// Takes the device off the bus: polls report a hang-up, writes fail with ENODEV, and it is not
     /// found any more.
     void unplug();
@@ -73,6 +80,9 @@ private:
     mutable std::mutex lock; // a leaf: everything below
     int master = -1;         // -1 once unplugged
     int slave = -1;
+    std::condition_variable released;
+    bool isHolding = false;
+    int heldWrites = 0;
     int writesLeft = -1; // until they are refused; negative: without limit
     std::deque<QByteArray> input;
     std::vector<QByteArray> output;
