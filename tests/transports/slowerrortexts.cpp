@@ -8,6 +8,14 @@
 
 std::atomic<bool> slowerrortexts::isOn{false};
 std::atomic<int> slowerrortexts::count{0};
+std::atomic<int> slowerrortexts::mostBeside{0};
+
+namespace
+{
+
+std::atomic<int> inMaking{0};
+
+} // namespace
 
 // hidapi makes its texts with this.
 extern "C" __attribute__((visibility("default"))) size_t mbstowcs(wchar_t* out, const char* text,
@@ -17,7 +25,12 @@ extern "C" __attribute__((visibility("default"))) size_t mbstowcs(wchar_t* out, 
     static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "mbstowcs"));
     if (slowerrortexts::isOn) {
         ++slowerrortexts::count;
+        const int beside = inMaking++;
+        if (beside > slowerrortexts::mostBeside) {
+            slowerrortexts::mostBeside = beside;
+        }
         std::this_thread::sleep_for(std::chrono::microseconds(200));
+        --inMaking;
     }
     return real(out, text, size);
 }

@@ -39,6 +39,7 @@ TEST(HidHandle, OpensBesideEachOther)
     slowerrortexts::isOn = false;
     EXPECT_EQ(opened, 2);
     EXPECT_GE(slowerrortexts::count, 2 * attempts);
+    EXPECT_EQ(slowerrortexts::mostBeside, 0);
 }
 
 TEST(HidHandle, ReadsWaitForAWriteOnceTheyFail)
