@@ -10,6 +10,7 @@ The kernel's package is downloaded into CACHE once. Exits 0 if the program does,
 import lzma
 import os
 import re
+import shlex
 import shutil
 import stat
 import struct
@@ -50,6 +51,13 @@ def cannot(reason):
     sys.exit(CANNOT_RUN)
 
 
+def downloaded(cache, name):
+    for file in os.listdir(cache):
+        if file.startswith(name + "_") and file.endswith(".deb"):
+            return os.path.join(cache, file)
+    return None
+
+
 def kernel_package(cache):
     """The path of the current Debian kernel's package."""
     depends = subprocess.run(["apt-cache", "depends", "linux-image-amd64"], text=True,
@@ -58,14 +66,12 @@ def kernel_package(cache):
     if not found:
         cannot("apt-cache knows no linux-image-amd64; try apt-get update")
     name = found.group(1)
-    for file in os.listdir(cache):
-        if file.startswith(name + "_"):
-            return os.path.join(cache, file)
+    if cached := downloaded(cache, name):
+        return cached
     done = subprocess.run(["apt-get", "download", "-q", name], cwd=cache, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    for file in os.listdir(cache):
-        if file.startswith(name + "_"):
-            return os.path.join(cache, file)
+    if cached := downloaded(cache, name):
+        return cached
     cannot(f"apt-get download {name} failed:\n{done.stdout}")
 
 
@@ -139,7 +145,7 @@ def initramfs(target, kernel, busybox, program, arguments):
         archive = Archive(file)
         for directory in ("/proc", "/sys", "/dev", "/tmp", "/bin", "/modules"):
             archive.directory(directory)
-        archive.text("/init", INIT.format(arguments=" ".join(arguments)))
+        archive.text("/init", INIT.format(arguments=" ".join(map(shlex.quote, arguments))))
         archive.add("/bin/busybox", busybox)
         archive.add("/test", program)
         for library in sorted({*libraries(busybox), *libraries(program)}):

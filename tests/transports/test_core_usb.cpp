@@ -422,6 +422,23 @@ TEST_F(CoreUsb, PaddingBeforeABlockIsPartOfIt)
     EXPECT_EQ(hostqueue::records().front().arryDatablock, sum);
 }
 
+TEST_F(CoreUsb, BlocksOfSixReportsAreJoinedAndLongerOnesLost)
+{
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    const QByteArray longest = replybytes::block(45 + 5 * 64);
+    ASSERT_TRUE(plain.sendPadded(
+        replybytes::text(0xF1, 0x00, longest.size() & 0xff, longest.size() >> 8) + longest));
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().arryDatablock, longest);
+    const QByteArray longer = replybytes::block(45 + 8 * 64);
+    ASSERT_TRUE(plain.sendPadded(
+        replybytes::text(0xF1, 0x00, longer.size() & 0xff, longer.size() >> 8) + longer));
+    EXPECT_TRUE(eventually([&] {
+        return messages.lines().filter(QStringLiteral("1CheckBlock default:")).size() == 1;
+    }));
+    EXPECT_EQ(hostqueue::size(), 1U);
+}
+
 TEST_F(CoreUsb, LostBlocksAreTold)
 {
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
