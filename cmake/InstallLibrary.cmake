@@ -9,7 +9,7 @@ install(TARGETS Core_Manage EXPORT Core_ManageTargets
 install(FILES
     core/core_manage.h core/corefactory.h core/icorebase.h core/icoreosdbase.h
     core/replystreamparser.h
-    transports/core_serialport.h transports/core_udp.h transports/serialline.h
+    transports/core_serialport.h transports/core_udp.h transports/core_usb.h transports/serialline.h
     transports/vela_core_serialport.h
     "${PROJECT_BINARY_DIR}/core/core_manage_export.h"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
@@ -45,3 +45,5 @@ if(CORE_MANAGE_HOST_KIND STREQUAL "reference")
 endif()
 configure_file(packaging/core_manage.pc.in "${PROJECT_BINARY_DIR}/core_manage.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/core_manage.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+install(FILES packaging/70-core-manage.rules
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/core_manage/udev")

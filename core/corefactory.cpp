@@ -4,6 +4,7 @@
 #include "core_osd_manage.h"
 #include "core_serialport.h"
 #include "core_udp.h"
+#include "core_usb.h"
 #include "osdrecordsource.h"
 #include "vela_core_serialport.h"
 
@@ -32,7 +33,7 @@ ICoreBase* CoreFactory::creatCoreObjInstance(ConnType type)
 {
     switch (type) {
     case ConnUsb:
-        return nullptr;
+        return new Core_USB;
     case ConnSerial:
         return new Core_SerialPort;
     case ConnVelaSerial:

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+#include "hidtestbed.h"
+
+#include <QDir>
+
+#include <umockdev.h>
+
+HidTestbed::HidTestbed() : bed(umockdev_testbed_new())
+{
+    QDir(root()).mkdir(QStringLiteral("dev"));
+}
+
+HidTestbed::~HidTestbed()
+{
+    QDir(root() + QStringLiteral("/dev")).removeRecursively();
+    g_object_unref(bed);
+}
+
+QString HidTestbed::root() const
+{
+    gchar* const directory = umockdev_testbed_get_root_dir(bed);
+    const QString text = QString::fromLocal8Bit(directory);
+    g_free(directory);
+    return text;
+}

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "icorebase.h"
+#include "replystreamparser.h"
+
+#include <QByteArray>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+class HidHandle;
+class UsbReader;
+class biz_CMDSWork;
+
+/// The device over USB HID: commands go out as text frames cut into output reports, replies come
+/// back as a stream of text replies with their blocks. See commandframe and replykinds for both.
+///
+/// Output report, 65 bytes:
+///
+/// | offset | size | content                                    |
+/// |--------|------|--------------------------------------------|
+/// | 0      | 1    | 0, the report number                       |
+/// | 1      | 64   | bytes of the frame, the rest filled with 0 |
+///
+/// Input reports go to the receive buffer as they come, padding and all. One report of at most 1024
+/// bytes is read every 100 ms or more, whatever waits in the kernel.
+///
+/// | state  | device | workers | entered by                | left by                |
+/// |--------|--------|---------|---------------------------|------------------------|
+/// | closed | none   | none    | construction, failed open | openUSB                |
+/// | open   | open   | running | openUSB                   | closeUSB, another open |
+///
+/// A device that is unplugged stays open until it is closed: reads find nothing, writes fail.
+///
+/// Every operation may be called from any thread. openUSB and closeUSB exclude each other; a send
+/// runs beside anything, also beside the close. Reports of frames that several threads send at a
+/// time may come in any order; each report is whole.
+class CORE_MANAGE_EXPORT Core_USB : public ICoreBase, public ReplyStreamParser
+{
+    Q_OBJECT
+
+public:
+    Core_USB();
+    ~Core_USB() override; ///< closes the device, with closeUSB's pause
+
+    void setDeviceIP(QString ip) override; ///< does nothing
+    void setPort(int port) override;       ///< does nothing
+    void clearQueue() override;
+    bool openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
+                        QSerialPort::FlowControl, QSerialPort::DataBits) override; ///< false
+    void closeSerialPort() override;                                               ///< does nothing
+
+    /// Closes what is open, pauses 100 ms, opens the first device with these ids and starts the
+    /// workers. False, with nothing open, if it cannot be opened or the system refuses a thread.
+    /// The receive buffer is empty then. Devices 04b4:1008, 04b4:100a and 04b4:100c make the object
+    /// take the update path for the rest of its life.
+    bool openUSB(unsigned short vendorId, unsigned short productId) override;
+
+    /// Closes the device after the read and the write in the kernel, stops the workers, empties the
+    /// receive buffer and pauses 100 ms. A worker that waits for a block or for the host then is
+    /// left behind, and touches nothing of this object any more.
+    void closeUSB() override;
+
+    void setDeviceType(model_GlobalEnum::DeviceType type) override;
+
+    /// Writes one frame, 64 bytes to a report, and logs each report with all that was left of the
+    /// frame before it. The first failure ends it. Does nothing while closed.
+    void sendUSBData(QByteArray data);
+
+    /// Writes one frame as the update commands want it: of a frame of 64 bytes or more the first 19
+    /// travel in a report of their own. Success is not logged.
+    void sendUSBData_Update_Norvix(QByteArray data);
+
+    /// The reader's loop on the calling thread, until the device is closed: a pause of 100 ms and a
+    /// read of up to 100 ms.
+    void td_readPendingDatagrams();
+
+    /// The text frame of a record.
+    QByteArray produceCmds(model_Protocoldata record);
+
+    /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'.
+    QByteArray changeData(QByteArray bytes);
+
+public Q_SLOTS:
+    void sendDatatoDevice(void* parameters) override;
+    void sendDatatoDeviceByFeatures(void* parameters) override; ///< featureCode 0x400000 only
+    void sendDatatoDeviceForSysPlan(void* parameters) override; ///< does nothing
+
+private:
+    std::shared_ptr<HidHandle> device() const;
+    std::shared_ptr<UsbReader> currentReader() const;
+    void setReader(std::shared_ptr<UsbReader> next);
+    bool isUpdateDevice() const;
+    void noteIds(unsigned short vendorId, unsigned short productId);
+    bool startWorkers(const std::shared_ptr<HidHandle>& opened);
+    void closeDevice();
+
+    // Lock order: lifecycleLock, readerLock.
+    std::mutex lifecycleLock;          // openUSB, closeUSB
+    mutable std::mutex readerLock;     // a leaf: reader
+    std::shared_ptr<UsbReader> reader; // null while closed
+    std::atomic<bool> bPid1008{false};
+    std::atomic<bool> bPid100A{false};
+    std::atomic<bool> bPid100C{false};
+    std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
+};
