@@ -12,7 +12,7 @@
 namespace
 {
 
-constexpr qint64 mostBytes = 1024 * 1024;
+constexpr qint64 mostBytes = qint64{1024} * 1024;
 constexpr int olderFiles = 1;
 
 QString defaultPath()

@@ -238,7 +238,7 @@ void UdpLink::requestReInit()
 {
     const std::lock_guard lock(transportLock);
     if (transport != nullptr) {
-        QMetaObject::invokeMethod(transport, &core_UDP::signalReInitUdp, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(transport, "signalReInitUdp", Qt::QueuedConnection);
     }
 }
 

@@ -201,11 +201,11 @@ TEST_F(OsdWall, DropsNoiseAndFindsTheAcknowledgementBehindIt)
 
 TEST_F(OsdWall, OneBlockedHandOverDelaysNothingElse)
 {
+    const int threads = processstate::threads() + 4; // two for each endpoint
     open(first, near);
     open(second, far);
     ASSERT_TRUE(osdhost::settle(first, near, 'a'));
     ASSERT_TRUE(osdhost::settle(second, far, 'b'));
-    const int threads = processstate::threads();
     const std::size_t before = osdhost::size();
     {
         const std::lock_guard blocked(biz_Osd_CMDSWork::receiveOsdlock);

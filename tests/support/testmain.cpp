@@ -12,9 +12,9 @@
 
 // ThreadSanitizer does not see the locks inside Qt and its event loop, which are not built for it:
 // what they do with their own memory under them looks like a race, and so does what a queued slot
-// reads of the record that another thread has emitted. The same goes for the emulated HID devices, and for
-// hidapi's error text, which the first failures of a read and a write at a time may hand from one to
-// the other.
+// reads of the record that another thread has emitted. The same goes for the emulated HID devices,
+// and for hidapi's error text, which the first failures of a read and a write at a time may hand
+// from one to the other.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions()
 {

@@ -233,7 +233,7 @@ TEST_F(CoreUdpLifecycle, ClearQueueEmptiesTheHostsQueueAndMayOutliveTheTransport
         transport.reset();
     }
     ASSERT_TRUE(eventually([] { return hostqueue::size() == 0; }));
-    ASSERT_TRUE(eventually([threads] { return processstate::threads() == threads; }));
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() <= threads; }));
 }
 
 TEST_F(CoreUdpLifecycle, ClearQueueWithoutAThreadStillClears)
@@ -309,5 +309,5 @@ TEST_F(CoreUdpLifecycle, PendingReInitRequestDiesWithTheTransport)
         record.arryDatablock = QByteArray(1000, 'x');
         transport.sendDatatoDeviceForSysPlan(&record);
     }
-    ASSERT_TRUE(eventually([threads] { return processstate::threads() == threads; }));
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() <= threads; }));
 }

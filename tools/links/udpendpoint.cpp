@@ -48,7 +48,7 @@ QString obstacle(const QHostAddress& host, quint16 port)
     address.sin_addr.s_addr = htonl(host.toIPv4Address());
     const bool reachable =
         connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    const QString reason = reachable ? QString() : QString::fromLocal8Bit(std::strerror(errno));
+    QString reason = reachable ? QString() : QString::fromLocal8Bit(std::strerror(errno));
     close(descriptor);
     return reason;
 }

@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int shortestFrame = 8;
 constexpr std::chrono::milliseconds quietMoment{5};
 constexpr std::chrono::milliseconds longestPause{1000};
-constexpr std::size_t readSize = 64 * 1024;
+constexpr std::size_t readSize = std::size_t{64} * 1024;
 constexpr int backlog = 128;
 
 struct Chunk {
