@@ -24,7 +24,7 @@ QByteArray hexDigits(quint32 value, int width)
 
 QString takeText(gchar* text)
 {
-    const QString taken = QString::fromUtf8(text);
+    QString taken = QString::fromUtf8(text);
     g_free(text);
     return taken;
 }

@@ -19,7 +19,7 @@ HidTestbed::~HidTestbed()
 QString HidTestbed::root() const
 {
     gchar* const directory = umockdev_testbed_get_root_dir(bed);
-    const QString text = QString::fromLocal8Bit(directory);
+    QString text = QString::fromLocal8Bit(directory);
     g_free(directory);
     return text;
 }
