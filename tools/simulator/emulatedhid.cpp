@@ -36,8 +36,9 @@ gint descriptorSize()
 
 } // namespace
 
-EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId)
-    : bed(testbed), node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber()))
+EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard)
+    : bed(testbed), listener(std::move(heard)),
+      node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber()))
 {
     addToBus(vendorId, productId);
     makeNode();
@@ -165,6 +166,9 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
         }
     }
     umockdev_ioctl_client_complete(client, error == 0 ? size : -1, error);
+    if (error == 0 && hid->listener) {
+        hid->listener(report);
+    }
     return TRUE;
 }
 

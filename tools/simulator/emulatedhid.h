@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -29,7 +30,10 @@ public:
     static constexpr int queueLength = 63; ///< unread input reports that the node keeps
     static constexpr int reportData = 64;  ///< bytes of a report of the usual size
 
-    EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId);
+    /// Called with each output report, on a thread of the testbed, while nothing is locked.
+    using Listener = std::function<void(const QByteArray& report)>;
+
+    EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard = {});
     ~EmulatedHid(); ///< unplugs it
     EmulatedHid(const EmulatedHid&) = delete;
     EmulatedHid& operator=(const EmulatedHid&) = delete;
@@ -72,6 +76,7 @@ private:
     void empty();
 
     HidTestbed& bed;
+    const Listener listener;
     const QString node; // /dev/hidrawN
     QString usbPath;    // in /sys
     QString hidrawPath;
