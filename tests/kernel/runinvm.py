@@ -50,6 +50,12 @@ def cannot(reason):
     sys.exit(CANNOT_RUN)
 
 
+def downloaded(cache, name):
+    """The path of a package that is in the cache, or None."""
+    return next((os.path.join(cache, file) for file in os.listdir(cache)
+                 if file.startswith(name + "_") and file.endswith(".deb")), None)
+
+
 def kernel_package(cache):
     """The path of the current Debian kernel's package."""
     depends = subprocess.run(["apt-cache", "depends", "linux-image-amd64"], text=True,
@@ -58,14 +64,12 @@ def kernel_package(cache):
     if not found:
         cannot("apt-cache knows no linux-image-amd64; try apt-get update")
     name = found.group(1)
-    for file in os.listdir(cache):
-        if file.startswith(name + "_"):
-            return os.path.join(cache, file)
+    if package := downloaded(cache, name):
+        return package
     done = subprocess.run(["apt-get", "download", "-q", name], cwd=cache, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    for file in os.listdir(cache):
-        if file.startswith(name + "_"):
-            return os.path.join(cache, file)
+    if package := downloaded(cache, name):
+        return package
     cannot(f"apt-get download {name} failed:\n{done.stdout}")
 
 
