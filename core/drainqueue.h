@@ -2,6 +2,7 @@
 #pragma once
 
 #include "detachedthread.h"
+#include "processend.h"
 
 #include <deque>
 #include <functional>
@@ -13,13 +14,13 @@
 /// hands on everything in order and ends. However much is put in, there is at most one thread.
 ///
 /// The thread shares ownership of the queue's state, so the DrainQueue itself may go at any time;
-/// what is pending is still handed on. Any thread may put.
+/// what is pending is still handed on, unless the process ends before that. Any thread may put.
 template <class Item>
 class DrainQueue
 {
 public:
-    /// What to do with a batch of items, oldest first. It must own everything it touches, and must
-    /// not throw.
+    /// What to do with a batch of items, oldest first. It must own everything it touches, must not
+    /// throw, and stops at processend::over().
     using Handler = std::function<void(std::deque<Item>&)>;
 
     explicit DrainQueue(Handler handler) : state(std::make_shared<State>(std::move(handler))) {}
@@ -93,7 +94,8 @@ private:
         for (;;) {
             {
                 const std::lock_guard lock(state.lock);
-                if (state.pending.empty()) {
+                if (state.pending.empty() || processend::over()) {
+                    state.pending.clear();
                     state.draining = false;
                     return;
                 }

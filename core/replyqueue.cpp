@@ -5,34 +5,28 @@
 #include "debugline.h"
 #include "detachedthread.h"
 #include "drainqueue.h"
+#include "processend.h"
 #include "utility_manage.h"
 
 #include <QCoreApplication>
 #include <QTimer>
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 
 namespace
 {
 
 constexpr int retryPauseMs = 10;
-constexpr std::chrono::milliseconds exitPause{1};
-constexpr int exitLooks = 200;
 
 struct Handover {
     model_Protocoldata record;
     const char* failure = nullptr; // set: no record, a failure to report
 };
 
-// Set when the process ends: from then on nothing of the host or of Qt may be touched.
-std::atomic<bool> closing{false};
-
 void appendRecords(std::deque<Handover>& batch, std::size_t& next)
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    if (closing) {
+    if (processend::over()) {
         return;
     }
     for (; next < batch.size() && batch[next].failure == nullptr; ++next) {
@@ -44,7 +38,7 @@ void appendRecords(std::deque<Handover>& batch, std::size_t& next)
 void handOver(std::deque<Handover>& batch)
 {
     std::size_t next = 0;
-    while (next < batch.size() && !closing) {
+    while (next < batch.size() && !processend::over()) {
         if (batch[next].failure != nullptr) {
             replyqueue::reportFailure(batch[next++].failure);
         } else {
@@ -59,31 +53,6 @@ DrainQueue<Handover>& backlog()
     static auto* const instance = new DrainQueue<Handover>(handOver);
     return *instance;
 }
-
-// Lets what is pending arrive when the process ends, and stops the thread that brings it before the
-// host's and Qt's static objects go. They go in the reverse order of their making, so this one is
-// made when it is first needed, after those of Qt that a debug line uses.
-class ExitGuard
-{
-public:
-    ExitGuard() { prepareDebugLines(); }
-    ~ExitGuard()
-    {
-        waitUntilIdle();
-        closing = true;
-        waitUntilIdle();
-    }
-    ExitGuard(const ExitGuard&) = delete;
-    ExitGuard& operator=(const ExitGuard&) = delete;
-
-private:
-    static void waitUntilIdle()
-    {
-        for (int look = 0; look < exitLooks && !backlog().idle(); ++look) {
-            std::this_thread::sleep_for(exitPause);
-        }
-    }
-};
 
 std::atomic<bool> retryPending{false};
 
@@ -102,8 +71,7 @@ void retryLater()
 
 void putInBacklog(Handover handover)
 {
-    static const ExitGuard guard;
-    if (!closing && !backlog().put(std::move(handover))) {
+    if (!backlog().put(std::move(handover))) {
         retryLater();
     }
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "replystream.h"
 
-#include "debugline.h"
 #include "detachedthread.h"
+#include "processend.h"
 
 #include <array>
 #include <numeric>
@@ -13,28 +13,6 @@ namespace
 
 constexpr int blockLooks = 150;
 constexpr std::chrono::milliseconds blockPause{4};
-constexpr std::chrono::milliseconds exitPause{1};
-constexpr int exitLooks = 200; // several passes of the slowest parser
-
-std::atomic<int> parsers{0};
-std::atomic<bool> processEnds{false};
-
-// Stops every parser when the process ends, before the host's and Qt's static objects go: those are
-// made before this one, which is made when the first parser starts.
-class ExitGuard
-{
-public:
-    ExitGuard() { prepareDebugLines(); }
-    ~ExitGuard()
-    {
-        processEnds = true;
-        for (int look = 0; look < exitLooks && parsers != 0; ++look) {
-            std::this_thread::sleep_for(exitPause);
-        }
-    }
-    ExitGuard(const ExitGuard&) = delete;
-    ExitGuard& operator=(const ExitGuard&) = delete;
-};
 
 // Modulo 256, in lanes that the compiler adds at once.
 quint8 sumOf(const char* bytes, int size)
@@ -69,7 +47,6 @@ std::shared_ptr<ReplyStream> ReplyStream::successor() const
 
 bool ReplyStream::startParser(const std::shared_ptr<ReplyStream>& stream)
 {
-    static const ExitGuard guard;
     // Before the thread starts: a stop that comes before its first instruction must wait for it.
     stream->bDealExit.store(false, std::memory_order_relaxed);
     stream->setDealFlag(true);
@@ -83,14 +60,12 @@ bool ReplyStream::startParser(const std::shared_ptr<ReplyStream>& stream)
 
 void ReplyStream::parse()
 {
-    ++parsers;
     bDealExit.store(false, std::memory_order_relaxed);
-    while (bDealRun.load(std::memory_order_relaxed) && !processEnds) {
+    while (bDealRun.load(std::memory_order_relaxed) && !processend::begun()) {
         pause(interval);
         pass();
     }
     bDealExit.store(true, std::memory_order_release);
-    --parsers;
 }
 
 void ReplyStream::pass()
@@ -120,7 +95,7 @@ bool ReplyStream::skipTo(const QByteArray& data)
 
 bool ReplyStream::awaitBlock(quint16 length, QByteArray& block)
 {
-    for (int look = 0; look < blockLooks && !processEnds; ++look) {
+    for (int look = 0; look < blockLooks && !processend::begun(); ++look) {
         if (buffer.takeWhole(length, block)) {
             return true;
         }

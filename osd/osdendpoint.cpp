@@ -4,6 +4,7 @@
 #include "biz_osd_cmdswork.h"
 #include "detachedthread.h"
 #include "osdframe.h"
+#include "processend.h"
 
 #include <chrono>
 #include <thread>
@@ -13,34 +14,12 @@ namespace
 
 constexpr std::chrono::milliseconds pollInterval{3};
 constexpr int peekLength = 1024;
-constexpr std::chrono::milliseconds exitGrace{200};
-
-// At exit the host's queue goes after this object: hand-overs that are under way get a moment to
-// end, and no further one begins.
-class ExitGrace
-{
-public:
-    ~ExitGrace()
-    {
-        const auto end = std::chrono::steady_clock::now() + exitGrace;
-        exiting = true;
-        while (underWay != 0 && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-
-    std::atomic<bool> exiting{false};
-    std::atomic<int> underWay{0};
-};
-ExitGrace handOvers;
 
 void handOver(const model_OsdParam& record)
 {
-    handOvers.underWay.fetch_add(1);
-    if (!handOvers.exiting) {
+    if (!processend::over()) {
         biz_Osd_CMDSWork::addToReceiveQueue(record);
     }
-    handOvers.underWay.fetch_sub(1);
 }
 
 // The polls of all endpoints fall on the same instants: one timer interrupt wakes a whole wall,
@@ -119,7 +98,7 @@ void OsdEndpoint::deal(const Run& run)
 // parsed.
 bool OsdEndpoint::waitForBytes(const Run& run) const
 {
-    while (run.deals()) {
+    while (run.deals() && !processend::begun()) {
         std::this_thread::sleep_until(nextPoll());
         if (buffData.size() >= osdframe::acknowledgementLength) {
             return true;

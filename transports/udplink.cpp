@@ -3,6 +3,7 @@
 
 #include "core_udp.h"
 #include "debugline.h"
+#include "processend.h"
 #include "utility_manage.h"
 
 #include <cerrno>
@@ -226,6 +227,9 @@ void UdpLink::sendLater(QByteArray frame)
 void UdpLink::sendPending(std::deque<Pending>& batch)
 {
     for (const Pending& pending : batch) {
+        if (processend::over()) {
+            return;
+        }
         if (pending.link->sendUnicast(pending.frame) == SendOutcome::Unknown) {
             pending.link->requestReInit();
         }

@@ -3,6 +3,7 @@
 
 #include "detachedthread.h"
 #include "hidhandle.h"
+#include "processend.h"
 #include "replystream.h"
 
 #include <chrono>
@@ -27,7 +28,7 @@ bool UsbReader::start(const std::shared_ptr<UsbReader>& reader)
 
 void UsbReader::read()
 {
-    while (bReadRun) {
+    while (bReadRun && !processend::begun()) {
         std::this_thread::sleep_for(pauseBeforeRead);
         if (!handle->readInto(stream->buffData())) {
             return;

@@ -10,7 +10,6 @@ The kernel's package is downloaded into CACHE once. Exits 0 if the program does,
 import lzma
 import os
 import re
-import shlex
 import shutil
 import stat
 import struct
@@ -52,10 +51,9 @@ def cannot(reason):
 
 
 def downloaded(cache, name):
-    for file in os.listdir(cache):
-        if file.startswith(name + "_") and file.endswith(".deb"):
-            return os.path.join(cache, file)
-    return None
+    """The path of a package that is in the cache, or None."""
+    return next((os.path.join(cache, file) for file in os.listdir(cache)
+                 if file.startswith(name + "_") and file.endswith(".deb")), None)
 
 
 def kernel_package(cache):
@@ -66,12 +64,12 @@ def kernel_package(cache):
     if not found:
         cannot("apt-cache knows no linux-image-amd64; try apt-get update")
     name = found.group(1)
-    if cached := downloaded(cache, name):
-        return cached
+    if package := downloaded(cache, name):
+        return package
     done = subprocess.run(["apt-get", "download", "-q", name], cwd=cache, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    if cached := downloaded(cache, name):
-        return cached
+    if package := downloaded(cache, name):
+        return package
     cannot(f"apt-get download {name} failed:\n{done.stdout}")
 
 
@@ -145,7 +143,7 @@ def initramfs(target, kernel, busybox, program, arguments):
         archive = Archive(file)
         for directory in ("/proc", "/sys", "/dev", "/tmp", "/bin", "/modules"):
             archive.directory(directory)
-        archive.text("/init", INIT.format(arguments=" ".join(map(shlex.quote, arguments))))
+        archive.text("/init", INIT.format(arguments=" ".join(arguments)))
         archive.add("/bin/busybox", busybox)
         archive.add("/test", program)
         for library in sorted({*libraries(busybox), *libraries(program)}):

@@ -311,3 +311,23 @@ TEST_F(CoreUdpLifecycle, PendingReInitRequestDiesWithTheTransport)
     }
     ASSERT_TRUE(eventually([threads] { return processstate::threads() <= threads; }));
 }
+
+using CoreUdpLifecycleDeathTest = CoreUdpLifecycle;
+
+TEST_F(CoreUdpLifecycleDeathTest, ExitWithFramesOfTheSystemPlanPending)
+{
+    EXPECT_EXIT(
+        {
+            core_UDP transport;
+            transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+            transport.setPort(UdpPeer::linkPort);
+            model_Protocoldata record = command();
+            record.strKey = QStringLiteral("127.0.0.1");
+            record.arryDatablock = QByteArray(60000, 'x');
+            for (int i = 0; i < 1500; ++i) {
+                transport.sendDatatoDeviceForSysPlan(&record);
+            }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
