@@ -10,6 +10,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <sys/stat.h>
 #include <thread>
@@ -186,6 +188,26 @@ TEST_F(UsbTool, SaysWhichRightsAreMissingAndWhatWouldHelp)
         << send.error.toStdString();
     EXPECT_TRUE(send.error.contains(QStringLiteral("coremanage devices shows the rule")));
     EXPECT_EQ(send.error.count(QLatin1Char('\n')), 1);
+}
+
+TEST_F(UsbTool, PrintsTheRulesThatAreInstalled)
+{
+    const EmulatedHid second(testbed, vendor, 0x100A);
+    const EmulatedHid third(testbed, vendor, 0x100C);
+    QStringList printed;
+    for (const QString& line :
+         QString::fromUtf8(ToolRun(words(QStringLiteral("devices --json"))).output)
+             .split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        printed << QJsonDocument::fromJson(line.toUtf8())
+                       .object()
+                       .value(QStringLiteral("rule"))
+                       .toString();
+    }
+    QFile file(QStringLiteral(UDEV_RULES));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    EXPECT_EQ(lines.filter(QRegularExpression(QStringLiteral("^[^#]"))), printed);
+    EXPECT_LT(QFileInfo(file).fileName().left(2).toInt(), 73);
 }
 
 TEST(UsbToolInput, IsRefusedWhenWrong)

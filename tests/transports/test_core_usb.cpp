@@ -511,7 +511,7 @@ TEST_F(CoreUsb, WorkersEndWithTheDevice)
     const int descriptors = processstate::descriptors();
     for (int round = 0; round < 5; ++round) {
         ASSERT_TRUE(line.openUSB(vendor, plainProduct));
-        EXPECT_EQ(processstate::threads(), threads + 2);
+        EXPECT_TRUE(eventually([&] { return processstate::threads() == threads + 2; }));
     }
     line.closeUSB();
     EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
