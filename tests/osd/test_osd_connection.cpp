@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 namespace
 {
 
@@ -85,4 +87,32 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
     endpoint->received().discard(most);
     EXPECT_TRUE(eventually([&] { return endpoint->received().size() > 512 * 1024; }));
     run->stop();
+}
+
+// Closing a socket with something unread in it resets the connection: what is on its way is lost.
+TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
+{
+    std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144"; // of this namespace
+    const QByteArray much(8 * 1024 * 1024, 'm');
+    OsdFaults faults;
+    faults.silent = OsdFault{1.0, -1};
+    for (int round = 0; round < 5; ++round) {
+        const auto run = endpoint->beginRun();
+        OsdConnection connection(endpoint, run, thread);
+        connection.start();
+        faults.neverRead = false;
+        simulated->setFaults(faults);
+        const qint64 before = simulated->receivedBytes();
+        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        faults.neverRead = true;
+        simulated->setFaults(faults);
+        run->stop(); // what is sent from now on goes with the closing
+        connection.send(much);
+        simulated->send("OKa");
+        faults.neverRead = false;
+        simulated->setFaults(faults);
+        connection.closeSocket();
+        EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
+        EXPECT_EQ(simulated->receivedBytes() - before, much.size());
+    }
 }
