@@ -13,12 +13,16 @@
 #include <QHostAddress>
 #include <QTimer>
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
 namespace
 {
 
 constexpr int writeWaitMs = 2000;
 constexpr int writeWaitSliceMs = 10; // how soon a write notices that the run has been stopped
 constexpr int disconnectWaitMs = 3000;
+constexpr int deliveryLookMs = 1;
 constexpr int parserRetryMs = 10;
 
 // An endpoint that sends faster than its acknowledgements can be taken is held back by TCP instead
@@ -26,6 +30,14 @@ constexpr int parserRetryMs = 10;
 constexpr int mostUnparsed = 1024 * 1024;
 constexpr int socketReadBuffer = 64 * 1024;
 constexpr int heldBackMs = 20;
+
+bool isOnItsWay(const QTcpSocket& socket)
+{
+    int unacknowledged = 0;
+    return socket.bytesToWrite() > 0 ||
+           (ioctl(static_cast<int>(socket.socketDescriptor()), SIOCOUTQ, &unacknowledged) == 0 &&
+            unacknowledged > 0);
+}
 
 } // namespace
 
@@ -57,9 +69,12 @@ void OsdConnection::start()
         return;
     }
     tcpSocket = std::make_unique<QTcpSocket>();
+    // A port that is taken is no error, any other one will do. But a socket that has once failed
+    // keeps that error, and hangs up when a later wait runs out.
+    if (!tcpSocket->bind(fixedLocalPort())) {
+        tcpSocket = std::make_unique<QTcpSocket>();
+    }
     tcpSocket->setReadBufferSize(socketReadBuffer);
-    // Before the signals are connected: a port that is taken is no error, any other one will do.
-    tcpSocket->bind(fixedLocalPort());
     connectSignals();
     startParser();
     tcpSocket->connectToHost(QHostAddress(endpoint->ip()), static_cast<quint16>(endpoint->port()));
@@ -174,6 +189,27 @@ void OsdConnection::send(const QByteArray& bytes)
     writing = false;
 }
 
+// What is unread when a socket is closed makes the system reset the connection, which throws away
+// whatever is still on its way. So acknowledgements are read until the endpoint's system has
+// everything.
+void OsdConnection::deliverPending()
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (tcpSocket->state() == QAbstractSocket::ConnectedState && isOnItsWay(*tcpSocket) &&
+           waited.elapsed() < disconnectWaitMs) {
+        if (tcpSocket->bytesToWrite() > 0) {
+            tcpSocket->waitForBytesWritten(writeWaitSliceMs);
+        } else {
+            tcpSocket->waitForReadyRead(deliveryLookMs);
+        }
+        if (endpoint->received().size() < mostUnparsed) {
+            takeAvailable();
+        }
+    }
+    tcpSocket->waitForReadyRead(0);
+}
+
 void OsdConnection::closeSocket()
 {
     if (!tcpSocket) {
@@ -183,10 +219,8 @@ void OsdConnection::closeSocket()
     disconnect(tcpSocket.get(), &QTcpSocket::errorOccurred, this, nullptr);
     disconnect(tcpSocket.get(), &QTcpSocket::disconnected, this, nullptr);
     if (bConnected) {
+        deliverPending();
         tcpSocket->disconnectFromHost();
-        if (tcpSocket->state() != QAbstractSocket::UnconnectedState) {
-            tcpSocket->waitForDisconnected(disconnectWaitMs);
-        }
         takeAvailable();
         tcpSocket->close();
         bConnected = false;

@@ -54,6 +54,7 @@ private:
     void listenForRecords();
     void startParser();
     void takeAvailable();
+    void deliverPending();
 
     std::shared_ptr<OsdEndpoint> endpoint;
     std::shared_ptr<OsdEndpoint::Run> run;

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "eventually.h"
+#include "fixedlocalport.h"
+#include "netns.h"
 #include "osdconnection.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
@@ -8,6 +10,10 @@
 #include "threadrefusal.h"
 
 #include <gtest/gtest.h>
+
+#include <QTcpServer>
+
+#include <thread>
 
 namespace
 {
@@ -84,5 +90,60 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
     // It goes on when there is room again.
     endpoint->received().discard(most);
     EXPECT_TRUE(eventually([&] { return endpoint->received().size() > 512 * 1024; }));
+    run->stop();
+}
+
+// Closing a socket with something unread in it resets the connection: what is on its way is lost.
+TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
+{
+    netns::limitReceiveBuffers();
+    const QByteArray much(8 * 1024 * 1024, 'm');
+    OsdFaults faults;
+    faults.silent = OsdFault{1.0, -1};
+    for (int round = 0; round < 5; ++round) {
+        const auto run = endpoint->beginRun();
+        OsdConnection connection(endpoint, run, thread);
+        connection.start();
+        faults.neverRead = false;
+        simulated->setFaults(faults);
+        const qint64 before = simulated->receivedBytes();
+        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        faults.neverRead = true;
+        simulated->setFaults(faults);
+        run->stop(); // what is sent from now on goes with the closing
+        connection.send(much);
+        simulated->send("OKa");
+        faults.neverRead = false;
+        simulated->setFaults(faults);
+        connection.closeSocket();
+        EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
+        EXPECT_EQ(simulated->receivedBytes() - before, much.size());
+    }
+}
+
+TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
+{
+    netns::limitReceiveBuffers();
+    const QByteArray much(8 * 1024 * 1024, 'm');
+    QTcpServer holder;
+    holder.listen(QHostAddress::Any, fixedLocalPort()); // unless a former connection has it yet
+    const auto run = endpoint->beginRun();
+    OsdConnection connection(endpoint, run, thread);
+    connection.start();
+    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    OsdFaults faults;
+    faults.silent = OsdFault{1.0, -1};
+    faults.neverRead = true;
+    simulated->setFaults(faults);
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        faults.neverRead = false;
+        simulated->setFaults(faults);
+    });
+    connection.send(much);
+    late.join();
+    EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == much.size(); }));
+    EXPECT_TRUE(run->deals());
+    EXPECT_EQ(simulated->connected(), 1);
     run->stop();
 }

@@ -6,11 +6,16 @@ namespace netns
 {
 
 /// Moves the process, which must have one thread yet, into a new network namespace with its
-/// loopback interface up. False, with nothing changed, where the system does not allow it.
+/// loopback interface up, and gives it a directory of its own for the lock files of serial ports.
+/// False, with nothing changed, where the system does not allow it.
 bool isolate();
 
 /// Whether isolate has succeeded.
 bool isolated();
+
+/// In an isolated process: what the system takes in for a TCP connection that nobody reads is at
+/// most 256 KiB from now on, so that a few megabytes are more than it buffers.
+void limitReceiveBuffers();
 
 /// Runs a program from iproute2 or the like with these arguments; false if it fails.
 bool run(const char* command);

@@ -101,7 +101,13 @@ public:
         linknotes::takeRefusals();
         const Command command = commandOf(0x20, 0x01);
         const bool first = exchange(command, 1, shortReplyTime);
-        const QStringList refusals = linknotes::takeRefusals();
+        QStringList refusals = linknotes::takeRefusals();
+        waitFor(
+            [&] {
+                refusals += linknotes::takeRefusals();
+                return refusal.isEmpty() || refusals.contains(refusal);
+            },
+            replyTime, narrator.interrupt());
         const bool struck =
             !exchanges.empty() && exchanges.back().faults == std::vector<Fault>{fault};
         for (const QString& seen : refusals) {

@@ -313,7 +313,9 @@ bool OsdSimulator::Server::isGood(const QByteArray& command) const
 void OsdSimulator::Server::take(Client& client, const QByteArray& command)
 {
     const bool good = isGood(command);
-    toTell.emplace_back(command, good);
+    if (options.onCommand) {
+        toTell.emplace_back(command, good);
+    }
     if (!good) {
         ++bad;
         return;
