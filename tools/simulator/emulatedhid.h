@@ -56,6 +56,9 @@ public:
     /// Refuses every output report after \a count more.
     void refuseWritesAfter(int count);
 
+    /// Answers each output report that it takes with this count, whatever its length.
+    void countWritesAs(int count);
+
     /// While \a on, output reports stay in the kernel: their writers wait, and so do all who ask
     /// the node or read it.
     void holdWrites(bool on);
@@ -89,6 +92,7 @@ private:
     bool isHolding = false;
     int heldWrites = 0;
     int writesLeft = -1; // until they are refused; negative: without limit
+    int writeCount = -1; // what a write returns; negative: its length
     std::deque<QByteArray> input;
     std::vector<QByteArray> output;
 };
