@@ -34,11 +34,8 @@ bool HidSimulator::open()
 {
     try {
         testbed = std::make_unique<HidTestbed>();
-        hid = std::make_unique<EmulatedHid>(
-            *testbed, vendor, product, [this](const QByteArray& report) {
-                QMetaObject::invokeMethod(
-                    this, [this, report] { take(report); }, Qt::QueuedConnection);
-            });
+        hid = std::make_unique<EmulatedHid>(*testbed, vendor, product,
+                                            [this](const QByteArray& report) { arrive(report); });
     } catch (const std::exception& error) {
         fail(QString::fromLocal8Bit(error.what()));
         return false;
@@ -65,11 +62,26 @@ void HidSimulator::hangUp()
     Q_EMIT lost(QStringLiteral("unplugged, as asked"));
 }
 
-void HidSimulator::take(const QByteArray& report)
+void HidSimulator::arrive(const QByteArray& report)
 {
-    const QByteArray data = report.mid(1);
-    received(isLoneCommand(data) ? data.left(devicecodec::textHeadSize) : data,
-             [this](const QByteArray& bytes) { return write(bytes); });
+    {
+        const std::lock_guard guard(lock);
+        arrived.push_back(report.mid(1));
+    }
+    QMetaObject::invokeMethod(this, &HidSimulator::take, Qt::QueuedConnection);
+}
+
+void HidSimulator::take()
+{
+    std::deque<QByteArray> taken;
+    {
+        const std::lock_guard guard(lock);
+        taken.swap(arrived);
+    }
+    for (const QByteArray& data : taken) {
+        received(isLoneCommand(data) ? data.left(devicecodec::textHeadSize) : data,
+                 [this](const QByteArray& bytes) { return write(bytes); });
+    }
 }
 
 qint64 HidSimulator::write(const QByteArray& bytes)

@@ -5,7 +5,9 @@
 #include "hidtestbed.h"
 #include "simulatedlink.h"
 
+#include <deque>
 #include <memory>
+#include <mutex>
 
 /// A simulated device on an emulated hidraw node, which this process sees, and every one that is
 /// started with the environment of hint.
@@ -30,13 +32,16 @@ protected:
     void hangUp() override;
 
 private:
-    void take(const QByteArray& report);
+    void arrive(const QByteArray& report); // on a thread of the testbed
+    void take();
     qint64 write(const QByteArray& bytes);
     void flush();
 
     quint16 vendor;
     quint16 product;
-    QByteArray pending; // an answer whose rest may follow
+    std::mutex lock;                // a leaf: arrived
+    std::deque<QByteArray> arrived; // reports without their numbers
+    QByteArray pending;             // an answer whose rest may follow
     std::unique_ptr<HidTestbed> testbed;
     std::unique_ptr<EmulatedHid> hid;
 };
