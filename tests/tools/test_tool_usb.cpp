@@ -248,7 +248,7 @@ TEST(UsbToolSimulator, AnswersWithABlock)
     EXPECT_EQ(send.code, 0) << send.error.toStdString();
     EXPECT_TRUE(send.output.contains("\"block_length\":145"));
     simulator.interrupt();
-    EXPECT_EQ(simulator.exitCode(), 0);
+    EXPECT_EQ(simulator.exitCode(), 0) << simulator.error().toStdString();
 }
 
 TEST(UsbToolSimulator, SaysWhatItLacks)

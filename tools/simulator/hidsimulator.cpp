@@ -68,7 +68,7 @@ void HidSimulator::arrive(const QByteArray& report)
         const std::lock_guard guard(lock);
         arrived.push_back(report.mid(1));
     }
-    QMetaObject::invokeMethod(this, &HidSimulator::take, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, "take", Qt::QueuedConnection);
 }
 
 void HidSimulator::take()
