@@ -50,6 +50,9 @@ public:
     /// Whether a reply is from the device that this link talks to.
     virtual bool isFromDevice(const Reply& reply) const = 0;
 
+    /// What the person should know of the replies that were taken; each once.
+    virtual QString warning() { return {}; }
+
     /// Why the link does not work any more; empty if it does.
     virtual QString problem() const { return {}; }
 };

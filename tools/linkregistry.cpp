@@ -3,6 +3,7 @@
 
 #include "links/serialendpoint.h"
 #include "links/udpendpoint.h"
+#include "links/usbendpoint.h"
 #include "toolerror.h"
 
 const std::vector<LinkKind>& linkregistry::kinds()
@@ -14,7 +15,8 @@ const std::vector<LinkKind>& linkregistry::kinds()
          serialendpoint::parse, serialendpoint::demonstrate},
         {"vela", "vela:///dev/ttyS1", "a device of the second serial line",
          serialendpoint::parseVela, serialendpoint::demonstrateVela},
-        {"usb", "usb://04b4:1008", "a USB HID device", nullptr, nullptr},
+        {"usb", "usb://04b4:1008", "a USB HID device", usbendpoint::parse,
+         usbendpoint::demonstrate},
         {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint", nullptr, nullptr},
     };
     return table;

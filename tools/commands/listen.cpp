@@ -66,6 +66,10 @@ bool Listen::look(DeviceLink& link)
     for (const QString& refusal : linknotes::takeRefusals()) {
         output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") + refusal);
     }
+    const QString warning = link.warning();
+    if (!warning.isEmpty()) {
+        output::error(recordtext::timeOfDay() + QLatin1Char(' ') + warning);
+    }
     output::progress(
         QStringLiteral("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
     return duration.reached(shown) || !link.problem().isEmpty();

@@ -139,8 +139,8 @@ int Send::run()
         link->send(command);
         if (linknotes::takeSendFailure()) {
             throw ToolError(exitcode::failed,
-                            QStringLiteral("%1: the system did not take the datagram: not sent; "
-                                           "is the network up?")
+                            QStringLiteral("%1: the system did not take it: not sent; is the "
+                                           "network up, the device there?")
                                 .arg(options.link()));
         }
         end = waitForReplies(*link, interrupt);
@@ -201,7 +201,10 @@ int Send::report(const DeviceLink& link, const Command& command, WaitEnd end)
         }
     }
     if (!ok) {
-        throw ToolError(exitcode::failed, failure(end));
+        const QString problem = link.problem();
+        throw ToolError(exitcode::failed, problem.isEmpty()
+                                              ? failure(end)
+                                              : options.link() + QStringLiteral(": ") + problem);
     }
     return exitcode::success;
 }

@@ -28,6 +28,9 @@ public:
     virtual QString address() const = 0; ///< where a host finds it, as a link address
     QString error() const { return problem; }
 
+    /// What a host needs to know besides the address; empty if nothing.
+    virtual QString hint() const { return {}; }
+
     SimulatedDevice& device() { return simulated; }
     qint64 bytesSent() const { return sent; }
     bool isIdle() const { return underWay == 0; } ///< every answer so far has been written
