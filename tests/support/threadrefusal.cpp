@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <limits>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -10,7 +11,9 @@
 namespace
 {
 
-std::atomic<bool> refusing{false};
+constexpr int noLimit = std::numeric_limits<int>::max();
+
+std::atomic<int> left{noLimit}; // threads until they are refused
 std::atomic<int> refusals{0};
 
 using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -23,21 +26,21 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*star
                void* argument) noexcept
 {
     static const auto next = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (refusing) {
+    if (left != noLimit && left-- <= 0) {
         ++refusals;
         return EAGAIN;
     }
     return next(thread, attributes, start, argument);
 }
 
-ThreadRefusal::ThreadRefusal()
+ThreadRefusal::ThreadRefusal(int after)
 {
-    refusing = true;
+    left = after;
 }
 
 ThreadRefusal::~ThreadRefusal()
 {
-    refusing = false;
+    left = noLimit;
 }
 
 int ThreadRefusal::refused()

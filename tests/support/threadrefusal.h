@@ -5,7 +5,7 @@
 class ThreadRefusal
 {
 public:
-    ThreadRefusal();
+    explicit ThreadRefusal(int after = 0); ///< lets so many start first
     ~ThreadRefusal();
     ThreadRefusal(const ThreadRefusal&) = delete;
     ThreadRefusal& operator=(const ThreadRefusal&) = delete;
