@@ -56,7 +56,7 @@ public:
     /// Refuses every output report after \a count more.
     void refuseWritesAfter(int count);
 
-    /// Answers each output report that it takes with this count, whatever its length.
+    /// Answers each output report that it takes with this count, at most its length.
     void countWritesAs(int count);
 
     /// While \a on, output reports stay in the kernel: their writers wait, and so do all who ask
