@@ -36,6 +36,25 @@ gint descriptorSize()
 
 } // namespace
 
+class EmulatedHid::Handling
+{
+public:
+    explicit Handling(EmulatedHid& device) : hid(device) { add(1); }
+    ~Handling() { add(-1); }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+
+private:
+    void add(int count)
+    {
+        const std::lock_guard guard(hid.lock);
+        hid.handling += count;
+        hid.released.notify_all();
+    }
+
+    EmulatedHid& hid;
+};
+
 EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard)
     : bed(testbed), listener(std::move(heard)),
       node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber()))
@@ -50,6 +69,10 @@ EmulatedHid::~EmulatedHid()
     holdWrites(false);
     unplug();
     umockdev_testbed_detach_ioctl(bed.testbed(), node.toUtf8().constData(), nullptr);
+    {
+        std::unique_lock guard(lock);
+        released.wait(guard, [this] { return handling == 0; });
+    }
     g_object_unref(handlers);
     close(slave);
 }
@@ -111,7 +134,9 @@ int EmulatedHid::onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
         umockdev_ioctl_client_complete(client, -1, ENOTTY);
         return TRUE;
     }
-    static_cast<EmulatedHid*>(self)->empty();
+    auto* const hid = static_cast<EmulatedHid*>(self);
+    const Handling handling(*hid);
+    hid->empty();
     gint size = descriptorSize();
     UMockdevIoctlData* const answer = umockdev_ioctl_data_resolve(
         umockdev_ioctl_client_get_arg(client), 0, sizeof(size), nullptr);
@@ -124,6 +149,7 @@ int EmulatedHid::onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
 int EmulatedHid::onRead(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
 {
     auto* const hid = static_cast<EmulatedHid*>(self);
+    const Handling handling(*hid);
     QByteArray report;
     {
         const std::lock_guard guard(hid->lock);
@@ -146,6 +172,7 @@ int EmulatedHid::onRead(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* s
 int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
 {
     auto* const hid = static_cast<EmulatedHid*>(self);
+    const Handling handling(*hid);
     guint8* bytes = nullptr;
     gint size = 0;
     umockdev_ioctl_data_retrieve(umockdev_ioctl_client_get_arg(client), &bytes, &size);

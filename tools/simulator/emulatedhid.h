@@ -70,6 +70,7 @@ public:
     void unplug();
 
 private:
+    class Handling;
     static int onIoctl(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
     static int onRead(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
     static int onWrite(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
@@ -89,6 +90,7 @@ private:
     int master = -1;         // -1 once unplugged
     int slave = -1;
     std::condition_variable released;
+    int handling = 0; // handlers at work, which the destructor waits for
     bool isHolding = false;
     int heldWrites = 0;
     int writesLeft = -1; // until they are refused; negative: without limit
