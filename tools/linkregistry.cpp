@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "linkregistry.h"
 
+#include "links/osdendpoint.h"
 #include "links/serialendpoint.h"
 #include "links/udpendpoint.h"
 #include "toolerror.h"
@@ -15,7 +16,8 @@ const std::vector<LinkKind>& linkregistry::kinds()
         {"vela", "vela:///dev/ttyS1", "a device of the second serial line",
          serialendpoint::parseVela, serialendpoint::demonstrateVela},
         {"usb", "usb://04b4:1008", "a USB HID device", nullptr, nullptr},
-        {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint", nullptr, nullptr},
+        {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint; may be several",
+         osdendpoint::parse, osdendpoint::demonstrate},
     };
     return table;
 }
@@ -38,6 +40,20 @@ std::unique_ptr<Endpoint> linkregistry::endpoint(const QString& text)
     }
     address.refuse(QStringLiteral("there is no link \"%1\": write %2")
                        .arg(address.scheme, built.join(QStringLiteral(" or "))));
+}
+
+std::unique_ptr<Endpoint> linkregistry::endpoint(const QStringList& texts)
+{
+    auto first = endpoint(texts.front());
+    for (const QString& another : texts.mid(1)) {
+        first->add(LinkAddress::parse(another));
+    }
+    return first;
+}
+
+void Endpoint::add(const LinkAddress& another)
+{
+    another.refuse(QStringLiteral("only osd:// takes several links at once"));
 }
 
 QString linkregistry::help()

@@ -94,23 +94,20 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 {
     std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144"; // of this namespace
     const QByteArray much(8 * 1024 * 1024, 'm');
-    OsdFaults faults;
-    faults.silent = OsdFault{1.0, -1};
+    constexpr Faults::Setting always{1.0, 0, 0};
+    simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
         const auto run = endpoint->beginRun();
         OsdConnection connection(endpoint, run, thread);
         connection.start();
-        faults.neverRead = false;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, {});
         const qint64 before = simulated->receivedBytes();
         ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
-        faults.neverRead = true;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, always);
         run->stop(); // what is sent from now on goes with the closing
         connection.send(much);
         simulated->send("OKa");
-        faults.neverRead = false;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, {});
         connection.closeSocket();
         EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
         EXPECT_EQ(simulated->receivedBytes() - before, much.size());
