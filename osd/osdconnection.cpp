@@ -69,9 +69,12 @@ void OsdConnection::start()
         return;
     }
     tcpSocket = std::make_unique<QTcpSocket>();
+    // A port that is taken is no error, any other one will do. But a socket that has once failed
+    // keeps that error, and hangs up when a later wait runs out.
+    if (!tcpSocket->bind(fixedLocalPort())) {
+        tcpSocket = std::make_unique<QTcpSocket>();
+    }
     tcpSocket->setReadBufferSize(socketReadBuffer);
-    // Before the signals are connected: a port that is taken is no error, any other one will do.
-    tcpSocket->bind(fixedLocalPort());
     connectSignals();
     startParser();
     tcpSocket->connectToHost(QHostAddress(endpoint->ip()), static_cast<quint16>(endpoint->port()));

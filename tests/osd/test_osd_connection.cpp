@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "eventually.h"
+#include "fixedlocalport.h"
 #include "osdconnection.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
@@ -9,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QTcpServer>
+
 #include <fstream>
+#include <thread>
 
 namespace
 {
@@ -112,4 +116,31 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
         EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
         EXPECT_EQ(simulated->receivedBytes() - before, much.size());
     }
+}
+
+TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
+{
+    std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144"; // of this namespace
+    const QByteArray much(8 * 1024 * 1024, 'm');
+    QTcpServer holder;
+    holder.listen(QHostAddress::Any, fixedLocalPort()); // unless a former connection has it yet
+    const auto run = endpoint->beginRun();
+    OsdConnection connection(endpoint, run, thread);
+    connection.start();
+    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    OsdFaults faults;
+    faults.silent = OsdFault{1.0, -1};
+    faults.neverRead = true;
+    simulated->setFaults(faults);
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        faults.neverRead = false;
+        simulated->setFaults(faults);
+    });
+    connection.send(much);
+    late.join();
+    EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == much.size(); }));
+    EXPECT_TRUE(run->deals());
+    EXPECT_EQ(simulated->connected(), 1);
+    run->stop();
 }
