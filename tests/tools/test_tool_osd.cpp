@@ -279,6 +279,13 @@ TEST_F(OsdTool, DoesNotWaitForAcknowledgementsWhenToldSo)
     EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();
     EXPECT_EQ(first.receive(frame.size()), frame);
     EXPECT_EQ(second.receive(frame.size()), frame);
+    ToolProcess partly(
+        QStringList{QStringLiteral("send"), first.link(), QStringLiteral("osd://127.0.0.3:9")} +
+        words(fields + QStringLiteral(" --timeout 0")));
+    EXPECT_EQ(first.receive(frame.size()), frame);
+    EXPECT_EQ(partly.exitCode(), 1);
+    EXPECT_TRUE(partly.error().startsWith(QStringLiteral("coremanage: 127.0.0.3 takes no")))
+        << partly.error().toStdString();
 }
 
 TEST_F(OsdTool, EndsWithCtrlC)

@@ -232,10 +232,11 @@ QString Send::failuresOfDevices(const DeviceLink& link) const
     QStringList failures;
     for (const QString& device : devices) {
         const qint64 count = repliesOf(device);
-        if (count >= wanted) {
+        const QString trouble = link.trouble(device);
+        const bool isSent = timeout.count() == 0 && trouble.isEmpty();
+        if (count >= wanted || isSent) {
             continue;
         }
-        const QString trouble = link.trouble(device);
         const QString missing =
             count == 0 ? QStringLiteral("no reply")
                        : QStringLiteral("only %1 of %2 replies").arg(count).arg(wanted);
