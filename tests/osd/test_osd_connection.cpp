@@ -18,6 +18,8 @@
 namespace
 {
 
+constexpr Faults::Setting always{1.0, 0, 0};
+
 class OsdConnecting : public ::testing::Test
 {
 protected:
@@ -98,7 +100,6 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 {
     std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144"; // of this namespace
     const QByteArray much(8 * 1024 * 1024, 'm');
-    constexpr Faults::Setting always{1.0, 0, 0};
     simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
         const auto run = endpoint->beginRun();
@@ -128,14 +129,11 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
     OsdConnection connection(endpoint, run, thread);
     connection.start();
     ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
-    OsdFaults faults;
-    faults.silent = OsdFault{1.0, -1};
-    faults.neverRead = true;
-    simulated->setFaults(faults);
+    simulated->setFault(Fault::Drop, always);
+    simulated->setFault(Fault::NeverRead, always);
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        faults.neverRead = false;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, {});
     });
     connection.send(much);
     late.join();
