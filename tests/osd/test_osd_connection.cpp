@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "eventually.h"
 #include "fixedlocalport.h"
+#include "netns.h"
 #include "osdconnection.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
@@ -12,7 +13,6 @@
 
 #include <QTcpServer>
 
-#include <fstream>
 #include <thread>
 
 namespace
@@ -98,7 +98,7 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
 // Closing a socket with something unread in it resets the connection: what is on its way is lost.
 TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 {
-    std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144"; // of this namespace
+    netns::limitReceiveBuffers();
     const QByteArray much(8 * 1024 * 1024, 'm');
     simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
@@ -121,7 +121,7 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 
 TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
 {
-    std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144"; // of this namespace
+    netns::limitReceiveBuffers();
     const QByteArray much(8 * 1024 * 1024, 'm');
     QTcpServer holder;
     holder.listen(QHostAddress::Any, fixedLocalPort()); // unless a former connection has it yet

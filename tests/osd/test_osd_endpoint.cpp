@@ -4,6 +4,7 @@
 #include "core_osd_tcpsocket.h"
 #include "corefactory.h"
 #include "eventually.h"
+#include "netns.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
@@ -338,12 +339,13 @@ TEST_F(OsdWall, AnEndpointThatNeverReadsCostsItselfOnly)
 
 TEST_F(OsdWall, ASlowEndpointGetsEverythingInOrder)
 {
+    netns::limitReceiveBuffers();
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 'a'));
     near.setFault(Fault::NeverRead, always);
     QByteArray expected = near.received();
     for (char i = 0; i < 3; ++i) {
-        const QByteArray data(16 * 1024 * 1024, static_cast<char>('0' + i));
+        const QByteArray data(4 * 1024 * 1024, static_cast<char>('0' + i));
         send(first, i, data);
         expected += QByteArray(1, i) + QByteArray::fromHex("0305040708") + data +
                     QByteArray::fromHex("090a");

@@ -4,6 +4,7 @@
 #include "corefactory.h"
 #include "eventually.h"
 #include "icoreosdbase.h"
+#include "netns.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
@@ -15,7 +16,6 @@
 #include <QThread>
 
 #include <algorithm>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -330,7 +330,7 @@ TEST_F(OsdLife, GoesAwayDuringAWrite)
 
 TEST_F(OsdLife, WhatIsPendingIsStillSentByAStop)
 {
-    std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 131072 1048576"; // of this namespace
+    netns::limitReceiveBuffers();
     OsdSimulatorOptions options;
     options.port = 0;
     OsdSimulator slow(options);

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -39,6 +40,13 @@ bool netns::isolate()
 bool netns::isolated()
 {
     return done;
+}
+
+void netns::limitReceiveBuffers()
+{
+    if (done) {
+        std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 65536 262144";
+    }
 }
 
 bool netns::run(const char* command)

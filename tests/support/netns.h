@@ -13,6 +13,10 @@ bool isolate();
 /// Whether isolate has succeeded.
 bool isolated();
 
+/// In an isolated process: what the system takes in for a TCP connection that nobody reads is at
+/// most 256 KiB from now on, so that a few megabytes are more than it buffers.
+void limitReceiveBuffers();
+
 /// Runs a program from iproute2 or the like with these arguments; false if it fails.
 bool run(const char* command);
 

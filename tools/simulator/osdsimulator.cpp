@@ -235,7 +235,7 @@ void OsdSimulator::Server::serve()
         acceptAll();
         std::vector<Exchange> told;
         told.swap(toTell);
-        if (options.onExchange && !told.empty()) {
+        if (!told.empty()) {
             locked.unlock();
             for (const Exchange& exchange : told) {
                 options.onExchange(exchange);
@@ -335,7 +335,9 @@ void OsdSimulator::Server::take(Client& client, const QByteArray& command)
     const Exchange exchange = exchangeFor(command);
     answers += exchange.answer.empty() ? 0 : exchange.times;
     answer(client, exchange);
-    toTell.push_back(exchange);
+    if (options.onExchange) {
+        toTell.push_back(exchange);
+    }
 }
 
 std::chrono::milliseconds OsdSimulator::Server::pauseOf(Fault fault) const
