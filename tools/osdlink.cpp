@@ -5,7 +5,6 @@
 #include "corefactory.h"
 #include "icoreosdbase.h"
 #include "recordtext.h"
-#include "tcpconnections.h"
 
 #include <algorithm>
 #include <utility>
@@ -21,8 +20,8 @@ constexpr qint64 goneTime = 100; // ms
 
 } // namespace
 
-OsdLink::OsdLink(const std::vector<Endpoint>& endpoints)
-    : manager(CoreFactory::createOsdCoreObj(ConnOsdTcp))
+OsdLink::OsdLink(const std::vector<Endpoint>& endpoints, Connections connections)
+    : manager(CoreFactory::createOsdCoreObj(ConnOsdTcp)), established(std::move(connections))
 {
     {
         const std::lock_guard lock(biz_Osd_CMDSWork::receiveOsdlock);
@@ -99,7 +98,7 @@ void OsdLink::look()
     for (Client& client : clients) { // before the connections: what was written is seen there then
         client.isDone = !client.underWay || client.underWay->strParam.isDetached();
     }
-    const auto connections = tcpconnections::established();
+    const auto connections = established();
     for (Client& client : clients) {
         const QHostAddress host(client.endpoint.ip);
         const auto found =

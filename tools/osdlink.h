@@ -2,10 +2,12 @@
 #pragma once
 
 #include "devicelink.h"
+#include "tcpconnections.h"
 
 #include <QElapsedTimer>
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -29,8 +31,12 @@ public:
         quint16 port;
     };
 
+    /// Tells which connections are established.
+    using Connections = std::function<std::vector<tcpconnections::Connection>()>;
+
     /// Begins to connect to every endpoint and empties the queue. Each address comes once.
-    explicit OsdLink(const std::vector<Endpoint>& endpoints);
+    explicit OsdLink(const std::vector<Endpoint>& endpoints,
+                     Connections connections = tcpconnections::established);
 
     /// Closes every endpoint: 100 ms each, more for one that does not take what is pending.
     ~OsdLink() override;
@@ -79,6 +85,7 @@ private:
     const Client* clientAt(const QString& ip) const;
 
     ICoreOsdBase* manager;
+    Connections established;
     std::vector<Client> clients;
     QElapsedTimer lastLook;
     QStringList warnings;

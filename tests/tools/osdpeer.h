@@ -18,6 +18,7 @@ public:
     explicit OsdPeer(const char* address) : ip(QLatin1String(address))
     {
         server.listen(QHostAddress(ip));
+        number = server.serverPort();
         QObject::connect(&server, &QTcpServer::newConnection, &server, [this] {
             while (server.hasPendingConnections()) {
                 connections.emplace_back(server.nextPendingConnection());
@@ -25,7 +26,8 @@ public:
         });
     }
 
-    QString link() const { return QStringLiteral("osd://%1:%2").arg(ip).arg(server.serverPort()); }
+    QString link() const { return QStringLiteral("osd://%1:%2").arg(ip).arg(number); }
+    quint16 port() const { return number; }
 
     /// Waits for the first \a size bytes on the latest connection and takes them.
     QByteArray receive(int size)
@@ -55,10 +57,12 @@ public:
     }
 
     void hangUp() { connections.back()->disconnectFromHost(); }
-    void refuse() { server.close(); } ///< from now on
+    void refuse() { server.close(); }                         ///< connections, from now on
+    void serve() { server.listen(QHostAddress(ip), number); } ///< at the same port again
 
 private:
     QString ip;
+    quint16 number;
     QTcpServer server;
     std::vector<std::unique_ptr<QTcpSocket>> connections;
 };
