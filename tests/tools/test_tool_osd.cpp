@@ -35,7 +35,12 @@ protected:
         for (const OsdPeer* peer : peers) {
             arguments << peer->link();
         }
-        return std::make_unique<ToolProcess>(arguments + words(options));
+        arguments += words(options);
+        if (QLatin1String(subcommand) == QLatin1String("send") &&
+            !arguments.contains(QStringLiteral("--timeout"))) {
+            arguments << QStringLiteral("--timeout") << QStringLiteral("60000");
+        }
+        return std::make_unique<ToolProcess>(arguments);
     }
 
     static void acknowledge(OsdPeer& peer, char status)
@@ -173,7 +178,7 @@ TEST_F(OsdTool, NamesTheOneThatRefusesAndServesTheOthers)
     second.refuse();
     ToolProcess tool(QStringList{QStringLiteral("send"), first.link(),
                                  QStringLiteral("osd://127.0.0.2:9"), third.link()} +
-                     words(fields));
+                     words(fields + QStringLiteral(" --timeout 60000")));
     acknowledge(first, '1');
     acknowledge(third, '3');
     EXPECT_EQ(tool.exitCode(), 1);
@@ -188,7 +193,7 @@ TEST_F(OsdTool, NamesTheOneThatHangsAndServesTheOthers)
     const HangingEndpoint hanging;
     ToolProcess tool(QStringList{QStringLiteral("send"), hanging.link(), first.link(),
                                  QStringLiteral("--json")} +
-                     words(fields));
+                     words(fields + QStringLiteral(" --timeout 60000")));
     acknowledge(first, '1');
     EXPECT_EQ(tool.exitCode(), 1);
     EXPECT_TRUE(
@@ -253,7 +258,7 @@ TEST_F(OsdTool, TakesTheAnswerOfOneThatHangsUpAtOnce)
 TEST_F(OsdTool, TakesAnswersInPiecesBehindNoiseAndInFloods)
 {
     const auto tool =
-        run("send", {&first, &second}, fields + QStringLiteral(" --replies 3 --timeout 10000"));
+        run("send", {&first, &second}, fields + QStringLiteral(" --replies 3 --timeout 60000"));
     EXPECT_EQ(first.receive(frame.size()), frame);
     EXPECT_EQ(second.receive(frame.size()), frame);
     for (const char* piece : {"noiseOKa", "O", "K", "b", "OKc"}) {
