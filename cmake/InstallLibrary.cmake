@@ -45,5 +45,5 @@ if(CORE_MANAGE_HOST_KIND STREQUAL "reference")
 endif()
 configure_file(packaging/core_manage.pc.in "${PROJECT_BINARY_DIR}/core_manage.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/core_manage.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
-install(FILES packaging/70-core-manage.rules
-    DESTINATION "${CMAKE_INSTALL_DATADIR}/core_manage/udev")
+# Below the prefix, which udev reads as /usr and /usr/local.
+install(FILES packaging/70-core-manage.rules DESTINATION lib/udev/rules.d)

@@ -4,6 +4,7 @@
 #include "links/osdendpoint.h"
 #include "links/serialendpoint.h"
 #include "links/udpendpoint.h"
+#include "links/usbendpoint.h"
 #include "toolerror.h"
 
 const std::vector<LinkKind>& linkregistry::kinds()
@@ -15,7 +16,8 @@ const std::vector<LinkKind>& linkregistry::kinds()
          serialendpoint::parse, serialendpoint::demonstrate},
         {"vela", "vela:///dev/ttyS1", "a device of the second serial line",
          serialendpoint::parseVela, serialendpoint::demonstrateVela},
-        {"usb", "usb://04b4:1008", "a USB HID device", nullptr, nullptr},
+        {"usb", "usb://04b4:1008", "a USB HID device", usbendpoint::parse,
+         usbendpoint::demonstrate},
         {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint; may be several",
          osdendpoint::parse, osdendpoint::demonstrate},
     };
@@ -25,21 +27,15 @@ const std::vector<LinkKind>& linkregistry::kinds()
 std::unique_ptr<Endpoint> linkregistry::endpoint(const QString& text)
 {
     const LinkAddress address = LinkAddress::parse(text);
-    QStringList built;
+    QStringList forms;
     for (const LinkKind& kind : kinds()) {
-        if (address.scheme == QLatin1String(kind.scheme) && kind.parse != nullptr) {
+        if (address.scheme == QLatin1String(kind.scheme)) {
             return kind.parse(address);
         }
-        if (address.scheme == QLatin1String(kind.scheme)) {
-            address.refuse(
-                QStringLiteral("%1:// is not built into this version").arg(address.scheme));
-        }
-        if (kind.parse != nullptr) {
-            built << QLatin1String(kind.form);
-        }
+        forms << QLatin1String(kind.form);
     }
     address.refuse(QStringLiteral("there is no link \"%1\": write %2")
-                       .arg(address.scheme, built.join(QStringLiteral(" or "))));
+                       .arg(address.scheme, forms.join(QStringLiteral(" or "))));
 }
 
 std::unique_ptr<Endpoint> linkregistry::endpoint(const QStringList& texts)
@@ -60,11 +56,9 @@ QString linkregistry::help()
 {
     QString text;
     for (const LinkKind& kind : kinds()) {
-        text +=
-            QStringLiteral("  %1 %2%3\n")
-                .arg(QLatin1String(kind.form), -36)
-                .arg(QLatin1String(kind.describes),
-                     kind.parse == nullptr ? QStringLiteral(" (not in this version)") : QString());
+        text += QStringLiteral("  %1 %2\n")
+                    .arg(QLatin1String(kind.form), -36)
+                    .arg(QLatin1String(kind.describes));
     }
     return text;
 }

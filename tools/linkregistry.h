@@ -38,9 +38,9 @@ struct LinkKind {
     const char* scheme;
     const char* form;      ///< what a right address looks like
     const char* describes; ///< what is behind it
-    /// The endpoint of an address with this scheme; throws BadInput. Null: not in this version.
+    /// The endpoint of an address with this scheme; throws BadInput.
     std::unique_ptr<Endpoint> (*parse)(const LinkAddress& address);
-    /// Shows the link at work with a simulated device. Null: there is nothing to show.
+    /// Shows the link at work with a simulated device.
     bool (*demonstrate)(Narrator& narrator);
 };
 

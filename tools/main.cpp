@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commands/commands.h"
+#include "hidemulation.h"
 #include "output.h"
 #include "toolerror.h"
 
@@ -21,7 +22,8 @@ int reportParseError(const CLI::App& application, const CLI::ParseError& error)
     }
     QString what = QString::fromLocal8Bit(error.what());
     if (application.get_subcommands().empty()) {
-        what = QStringLiteral("give one of demo, send, listen, simulate, encode, decode first");
+        what = QStringLiteral("give one of demo, send, listen, simulate, ports, devices, encode, "
+                              "decode first");
     }
     what.replace(QLatin1Char('\n'), QLatin1Char(' '));
     output::error(QStringLiteral("coremanage: %1: see %2 --help")
@@ -37,8 +39,8 @@ int parseAndRun(int argc, char** argv)
     const std::array subcommands{
         commands::addDemo(application),   commands::addSend(application),
         commands::addListen(application), commands::addSimulate(application),
-        commands::addPorts(application),  commands::addEncode(application),
-        commands::addDecode(application)};
+        commands::addPorts(application),  commands::addDevices(application),
+        commands::addEncode(application), commands::addDecode(application)};
     application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
                        "\nExit codes: 0 done, 1 the operation failed (no reply, no valid frame),\n"
                        "2 wrong input and nothing sent, 3 a link could not be opened.");
@@ -66,6 +68,7 @@ int parseAndRun(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    hidemulation::prepare(argv);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("coremanage"));
     try {

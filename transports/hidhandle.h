@@ -14,12 +14,11 @@ struct hid_device_;
 /// it at their ends, without any lock. Two calls at a time free it twice once there is one, that
 /// is, once a call has failed. What holds them apart:
 ///
-/// | state of the handle   | a read holds        | a write holds       | so |
-/// |-----------------------|---------------------|---------------------|---------------------------|
-/// | no text (last call    | readLock            | writeLock           | writes exclude each other
-/// | | succeeded)            |                     |                     | and never wait for a
-/// read | | text (a call failed)  | readLock, writeLock | readLock, writeLock | all exclude each
-/// other    |
+/// | the last call | text | a read holds        | a write holds       | so                      |
+/// |---------------|------|---------------------|---------------------|-------------------------|
+/// | succeeded     | none | readLock            | writeLock           | writes exclude writes,  |
+/// |               |      |                     |                     | never wait for a read   |
+/// | failed        | one  | readLock, writeLock | readLock, writeLock | all exclude each other  |
 ///
 /// A failure is noted before its call lets go of its lock, so the calls that meet a fresh text are
 /// the one that made it and at most one that was in the kernel meanwhile: each frees what it finds

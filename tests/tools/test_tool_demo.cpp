@@ -24,6 +24,12 @@ void expectAllAsSaid(const ToolRun& run)
           "things happened as they were said.\n"}) {
         EXPECT_TRUE(run.output.contains(text)) << text;
     }
+#ifdef CORE_MANAGE_SHOWS_USB
+    EXPECT_TRUE(run.output.contains("a simulated device serves at usb://04b4:1008"));
+    EXPECT_TRUE(run.output.contains("20 replies came"));
+#else
+    EXPECT_TRUE(run.output.contains("Not shown: "));
+#endif
     EXPECT_FALSE(run.output.contains("FAILED"));
     EXPECT_TRUE(run.error.isEmpty()) << run.error.toStdString();
 }
@@ -60,7 +66,8 @@ TEST(Help, IsForPeople)
 {
     const ToolRun run({QStringLiteral("--help")});
     EXPECT_EQ(run.code, 0);
-    for (const char* name : {"demo", "send", "listen", "simulate", "encode", "decode"}) {
+    for (const char* name :
+         {"demo", "send", "listen", "simulate", "ports", "devices", "encode", "decode"}) {
         EXPECT_TRUE(run.output.contains(QByteArray("\n  ") + name + " ")) << name;
         const ToolRun help({QLatin1String(name), QStringLiteral("--help")});
         EXPECT_EQ(help.code, 0);

@@ -11,11 +11,6 @@
 namespace
 {
 
-QStringList words(const QString& text)
-{
-    return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
 QString addressOf(const UdpPeer& peer)
 {
     return QStringLiteral("udp://127.0.0.1:%1").arg(peer.port());

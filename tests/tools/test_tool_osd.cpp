@@ -19,11 +19,6 @@ const QByteArray frame = QByteArray::fromHex("010204030607") + "Gate\x08\x09";
 const QString fields =
     QStringLiteral("--ch2 1 --ch3 2 --ch4 3 --ch5 4 --ch7 6 --ch8 7 --ch9 8 --ch10 9 --text Gate");
 
-QStringList words(const QString& text)
-{
-    return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
 /// coremanage and the endpoints that the test plays.
 class OsdTool : public ::testing::Test
 {

@@ -18,11 +18,6 @@ namespace
 
 const QByteArray command = QByteArray::fromHex("210304050708aabb090a");
 
-QStringList words(const QString& text)
-{
-    return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
 /// coremanage simulate osd://, and a host that the test plays.
 class OsdSimulate : public ::testing::Test
 {

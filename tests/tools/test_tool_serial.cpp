@@ -5,16 +5,6 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
-
-QStringList words(const QString& text)
-{
-    return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
-} // namespace
-
 TEST(SerialTool, SendsOverASerialPortAndShowsTheReply)
 {
     SerialPeer device;

@@ -9,14 +9,25 @@
 
 #include <csignal>
 
-ToolProcess::ToolProcess(const QStringList& arguments, const QByteArray& input)
+QString builtTool()
+{
+    return QStringLiteral(COREMANAGE);
+}
+
+QStringList words(const QString& text)
+{
+    return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+ToolProcess::ToolProcess(const QStringList& arguments, const QByteArray& input,
+                         const QStringList& command)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("HOME"), homeDirectory.path());
     environment.remove(QStringLiteral("XDG_STATE_HOME"));
     process.setProcessEnvironment(environment);
     process.setWorkingDirectory(homeDirectory.path());
-    process.start(QStringLiteral(COREMANAGE), arguments);
+    process.start(command.first(), command.mid(1) + arguments);
     process.waitForStarted();
     process.write(input);
     process.closeWriteChannel();
@@ -77,9 +88,9 @@ QJsonObject ToolProcess::json() const
     return QJsonDocument::fromJson(outputSoFar.left(outputSoFar.indexOf('\n'))).object();
 }
 
-ToolRun::ToolRun(const QStringList& arguments, const QByteArray& input)
+ToolRun::ToolRun(const QStringList& arguments, const QByteArray& input, const QStringList& command)
 {
-    ToolProcess process(arguments, input);
+    ToolProcess process(arguments, input, command);
     code = process.exitCode();
     output = process.output();
     error = process.error();

@@ -6,11 +6,19 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+/// The path of the built tool.
+QString builtTool();
+
+/// Arguments as they are typed, none with a blank in it.
+QStringList words(const QString& text);
+
 /// The built tool as a person runs it: a process of its own, with a home directory of its own.
 class ToolProcess
 {
 public:
-    explicit ToolProcess(const QStringList& arguments, const QByteArray& input = {});
+    /// \a command starts it, if not by itself: another copy of it, or a program around it.
+    explicit ToolProcess(const QStringList& arguments, const QByteArray& input = {},
+                         const QStringList& command = {builtTool()});
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
@@ -39,7 +47,8 @@ private:
 
 /// Runs it to its end.
 struct ToolRun {
-    explicit ToolRun(const QStringList& arguments, const QByteArray& input = {});
+    explicit ToolRun(const QStringList& arguments, const QByteArray& input = {},
+                     const QStringList& command = {builtTool()});
 
     int code;
     QByteArray output;

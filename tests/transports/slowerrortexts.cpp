@@ -2,9 +2,10 @@
 #include "slowerrortexts.h"
 
 #include <chrono>
-#include <cstdlib>
-#include <dlfcn.h>
+#include <cstddef>
 #include <thread>
+
+#include <dlfcn.h>
 
 std::atomic<bool> slowerrortexts::isOn{false};
 std::atomic<int> slowerrortexts::count{0};

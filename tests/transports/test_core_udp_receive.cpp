@@ -96,7 +96,7 @@ TEST_F(CoreUdpReceive, CompleteKindsAreQueuedStoreKindsWait)
             ASSERT_TRUE(queued(stores ? 1 : 2)) << std::hex << command << ' ' << subCode;
             peer.send("tail"); // joins with what is stored
             if (stores) {
-                ASSERT_TRUE(eventually([this, command] {
+                ASSERT_TRUE(eventually([command] {
                     const int known = hostqueue::size() == 2 ? 1 : 0;
                     return known == 1 || command == 0;
                 })) << std::hex

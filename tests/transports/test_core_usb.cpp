@@ -168,6 +168,21 @@ TEST_F(CoreUsb, OpenFailsInSilence)
     EXPECT_EQ(processstate::threads(), threads);
 }
 
+TEST_F(CoreUsb, AFailedOpenLeavesItClosedAndForgetsTheIds)
+{
+    const int threads = processstate::threads();
+    update.unplug();
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    EXPECT_FALSE(line.openUSB(vendor, updateProduct));
+    EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
+    line.sendUSBData("x");
+    EXPECT_TRUE(plain.written().empty());
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    const auto record = command(0x9A, 0xA0, 64);
+    send(record);
+    EXPECT_EQ(plain.written(), reports({frameOf(record).left(64), frameOf(record).mid(64)}));
+}
+
 TEST_F(CoreUsb, FrameLengthsOnTheWire)
 {
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
@@ -246,6 +261,19 @@ TEST_F(CoreUsb, AFailureEndsTheFrame)
     plain.refuseWrites(true);
     line.sendUSBData(blockOf(5));
     EXPECT_EQ(messages.count(QStringLiteral("Send failed")), 2);
+}
+
+TEST_F(CoreUsb, AnyCountIsASuccess)
+{
+    ASSERT_TRUE(line.openUSB(vendor, updateProduct));
+    for (const int count : {0, 1, 64, 66}) {
+        update.countWritesAs(count);
+        line.sendUSBData(blockOf(100));
+        line.sendUSBData_Update_Norvix(blockOf(100));
+    }
+    EXPECT_EQ(update.written().size(), 4U * (2 + 3));
+    EXPECT_EQ(successLines().size(), 4 * 2);
+    EXPECT_TRUE(messages.lines().isEmpty());
 }
 
 TEST_F(CoreUsb, SendsByFeatures)
@@ -422,6 +450,23 @@ TEST_F(CoreUsb, PaddingBeforeABlockIsPartOfIt)
     EXPECT_EQ(hostqueue::records().front().arryDatablock, sum);
 }
 
+TEST_F(CoreUsb, BlocksOfSixReportsAreJoinedAndLongerOnesLost)
+{
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    const QByteArray longest = replybytes::block(45 + 5 * 64);
+    ASSERT_TRUE(plain.sendPadded(
+        replybytes::text(0xF1, 0x00, longest.size() & 0xff, longest.size() >> 8) + longest));
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(hostqueue::records().front().arryDatablock, longest);
+    const QByteArray longer = replybytes::block(45 + 8 * 64);
+    ASSERT_TRUE(plain.sendPadded(
+        replybytes::text(0xF1, 0x00, longer.size() & 0xff, longer.size() >> 8) + longer));
+    EXPECT_TRUE(eventually([&] {
+        return messages.lines().filter(QStringLiteral("1CheckBlock default:")).size() == 1;
+    }));
+    EXPECT_EQ(hostqueue::size(), 1U);
+}
+
 TEST_F(CoreUsb, LostBlocksAreTold)
 {
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
@@ -453,6 +498,17 @@ TEST_F(CoreUsb, WrongFramesAreTold)
                    .filter(QStringLiteral("Core_USB::getArrayData   dataStr==0102030405060700"))
                    .size() == 1;
     }));
+}
+
+TEST_F(CoreUsb, AFrameWithoutItsEndMarkLosesOneByte)
+{
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    ASSERT_TRUE(plain.send("<F" + QByteArray(16, 'x')));
+    ASSERT_TRUE(plain.send("y"));
+    const QByteArray rest = 'F' + QByteArray(16, 'x') + 'y';
+    EXPECT_TRUE(eventually([&] { return line.getBuffData(50) == rest; }));
+    ASSERT_TRUE(plain.send(replybytes::text(0x10, 0x20))); // more passes over what is left
+    EXPECT_TRUE(queued(1));
 }
 
 TEST_F(CoreUsb, ReportsAreAppendedWhole)
@@ -494,7 +550,7 @@ TEST_F(CoreUsb, WorkersEndWithTheDevice)
     const int descriptors = processstate::descriptors();
     for (int round = 0; round < 5; ++round) {
         ASSERT_TRUE(line.openUSB(vendor, plainProduct));
-        EXPECT_EQ(processstate::threads(), threads + 2);
+        EXPECT_TRUE(eventually([&] { return processstate::threads() == threads + 2; }));
     }
     line.closeUSB();
     EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));

@@ -23,6 +23,7 @@ Subcommand addSend(CLI::App& application);
 Subcommand addListen(CLI::App& application);
 Subcommand addSimulate(CLI::App& application);
 Subcommand addPorts(CLI::App& application);
+Subcommand addDevices(CLI::App& application);
 Subcommand addEncode(CLI::App& application);
 Subcommand addDecode(CLI::App& application);
 

@@ -218,8 +218,8 @@ int Send::run()
         link->send(command);
         if (linknotes::takeSendFailure()) {
             throw ToolError(exitcode::failed,
-                            QStringLiteral("%1: the system did not take the datagram: not sent; "
-                                           "is the network up?")
+                            QStringLiteral("%1: the system did not take it: not sent; is the "
+                                           "network up, the device there?")
                                 .arg(options.link()));
         }
         end = waitForReplies(*link, interrupt);
@@ -253,6 +253,9 @@ QString Send::failure(const DeviceLink& link, WaitEnd end) const
 {
     if (!devices.isEmpty() && end != WaitEnd::Interrupted) {
         return failuresOfDevices(link);
+    }
+    if (!link.problem().isEmpty()) {
+        return options.link() + QStringLiteral(": ") + link.problem();
     }
     QString text =
         QStringLiteral("%1: no reply within %2 ms").arg(options.link()).arg(timeout.count());

@@ -225,6 +225,9 @@ int Simulate::run()
                      });
     output::line(json ? recordtext::oneLine({{QStringLiteral("simulating"), simulator->address()}})
                       : QStringLiteral("a simulated device at ") + simulator->address());
+    if (!simulator->hint().isEmpty()) {
+        output::error(simulator->hint());
+    }
     QElapsedTimer clock;
     clock.start();
     const auto over = [&] {

@@ -15,7 +15,6 @@ namespace
 
 constexpr std::chrono::milliseconds replyTime{2000};
 constexpr std::chrono::milliseconds shortReplyTime{400};
-constexpr int burst = 200;
 constexpr quint8 binaryBlock = 100; // bytes; a binary command asks for its block
 
 Command commandOf(quint8 code, quint8 subCode)
@@ -119,7 +118,7 @@ public:
                         QStringLiteral("the second try got its reply"));
     }
 
-    void inABurst()
+    void inABurst(int burst, std::chrono::milliseconds limit)
     {
         narrator.say(QStringLiteral("%1 commands as fast as they go").arg(burst));
         replies.clear();
@@ -131,9 +130,10 @@ public:
             waitForReplies(i, std::chrono::milliseconds(0));
             output::progress(QStringLiteral("%1 of %2 sent").arg(i + 1).arg(burst));
         }
-        waitForReplies(burst, replyTime);
+        waitForReplies(burst, limit);
         output::endProgress();
-        narrator.expect(replies.size() == burst && exchanges.size() - before == burst,
+        narrator.expect(static_cast<int>(replies.size()) == burst &&
+                            static_cast<int>(exchanges.size() - before) == burst,
                         QStringLiteral("%1 replies came").arg(replies.size()));
     }
 
@@ -148,7 +148,7 @@ private:
 
 } // namespace
 
-bool devicedemo::run(Narrator& narrator, const QString& place)
+bool devicedemo::run(Narrator& narrator, const QString& place, Pace pace)
 {
     const auto simulator = linkregistry::endpoint(place)->simulate({});
     const bool serves = simulator->open();
@@ -175,7 +175,7 @@ bool devicedemo::run(Narrator& narrator, const QString& place)
                            isBinary ? QString() // that line drops it without a word
                                     : QStringLiteral("a reply with a wrong checksum"));
         },
-        [&] { stage.inABurst(); },
+        [&] { stage.inABurst(pace.burst, pace.limit); },
     };
     for (const auto& step : steps) {
         if (!narrator.interrupt().happened()) {

@@ -36,8 +36,9 @@ gint descriptorSize()
 
 } // namespace
 
-EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId)
-    : bed(testbed), node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber()))
+EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard)
+    : bed(testbed), listener(std::move(heard)),
+      node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber()))
 {
     addToBus(vendorId, productId);
     makeNode();
@@ -151,6 +152,7 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
     const QByteArray report(reinterpret_cast<const char*>(bytes), size);
     g_free(bytes);
     int error = 0;
+    int count = -1;
     {
         std::unique_lock guard(hid->lock);
         hid->heldWrites += hid->isHolding ? 1 : 0;
@@ -162,9 +164,13 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
         } else {
             hid->writesLeft -= hid->writesLeft > 0 ? 1 : 0;
             hid->output.push_back(report);
+            count = hid->writeCount < 0 ? size : hid->writeCount;
         }
     }
-    umockdev_ioctl_client_complete(client, error == 0 ? size : -1, error);
+    umockdev_ioctl_client_complete(client, count, error);
+    if (error == 0 && hid->listener) {
+        hid->listener(report);
+    }
     return TRUE;
 }
 
@@ -216,6 +222,12 @@ void EmulatedHid::refuseWritesAfter(int count)
 {
     const std::lock_guard guard(lock);
     writesLeft = count;
+}
+
+void EmulatedHid::countWritesAs(int count)
+{
+    const std::lock_guard guard(lock);
+    writeCount = count;
 }
 
 void EmulatedHid::holdWrites(bool on)

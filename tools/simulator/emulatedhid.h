@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -29,7 +30,10 @@ public:
     static constexpr int queueLength = 63; ///< unread input reports that the node keeps
     static constexpr int reportData = 64;  ///< bytes of a report of the usual size
 
-    EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId);
+    /// Called with each output report, on a thread of the testbed, while nothing is locked.
+    using Listener = std::function<void(const QByteArray& report)>;
+
+    EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard = {});
     ~EmulatedHid(); ///< unplugs it
     EmulatedHid(const EmulatedHid&) = delete;
     EmulatedHid& operator=(const EmulatedHid&) = delete;
@@ -52,6 +56,9 @@ public:
     /// Refuses every output report after \a count more.
     void refuseWritesAfter(int count);
 
+    /// Answers each output report that it takes with this count, whatever its length.
+    void countWritesAs(int count);
+
     /// While \a on, output reports stay in the kernel: their writers wait, and so do all who ask
     /// the node or read it.
     void holdWrites(bool on);
@@ -72,6 +79,7 @@ private:
     void empty();
 
     HidTestbed& bed;
+    const Listener listener;
     const QString node; // /dev/hidrawN
     QString usbPath;    // in /sys
     QString hidrawPath;
@@ -84,6 +92,7 @@ private:
     bool isHolding = false;
     int heldWrites = 0;
     int writesLeft = -1; // until they are refused; negative: without limit
+    int writeCount = -1; // what a write returns; negative: its length
     std::deque<QByteArray> input;
     std::vector<QByteArray> output;
 };

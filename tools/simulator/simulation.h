@@ -19,6 +19,9 @@ public:
     virtual QString address() const = 0; ///< where a host finds it, as a link address
     virtual QString error() const = 0;
 
+    /// What a host needs to know besides the address; empty if nothing.
+    virtual QString hint() const { return {}; }
+
     /// Changes one fault from the next command on.
     virtual void setFault(Fault fault, const Faults::Setting& setting) = 0;
 

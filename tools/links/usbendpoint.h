@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "linkregistry.h"
+
+/// usb://VENDOR:PRODUCT, the first USB HID device with these ids, four hexadecimal digits each.
+namespace usbendpoint
+{
+
+std::unique_ptr<Endpoint> parse(const LinkAddress& address); ///< throws BadInput
+
+bool demonstrate(Narrator& narrator);
+
+} // namespace usbendpoint

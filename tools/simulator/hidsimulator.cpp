@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: MIT
+#include "hidsimulator.h"
+
+#include <exception>
+
+namespace
+{
+
+SimulatedDevice::Settings onReports(SimulatedDevice::Settings settings)
+{
+    settings.framing = devicecodec::Framing::Text;
+    settings.medium = Medium::Stream;
+    return settings;
+}
+
+bool isLoneCommand(const QByteArray& data)
+{
+    return data.startsWith("<T") && data.size() > devicecodec::textHeadSize &&
+           data.mid(devicecodec::textHeadSize).count('\0') ==
+               data.size() - devicecodec::textHeadSize;
+}
+
+} // namespace
+
+HidSimulator::HidSimulator(quint16 vendorId, quint16 productId,
+                           const SimulatedDevice::Settings& settings)
+    : SimulatedLink(onReports(settings)), vendor(vendorId), product(productId)
+{
+}
+
+HidSimulator::~HidSimulator() = default;
+
+bool HidSimulator::open()
+{
+    try {
+        testbed = std::make_unique<HidTestbed>();
+        hid = std::make_unique<EmulatedHid>(*testbed, vendor, product,
+                                            [this](const QByteArray& report) { arrive(report); });
+    } catch (const std::exception& error) {
+        fail(QString::fromLocal8Bit(error.what()));
+        return false;
+    }
+    return true;
+}
+
+QString HidSimulator::address() const
+{
+    return QStringLiteral("usb://%1:%2")
+        .arg(vendor, 4, 16, QLatin1Char('0'))
+        .arg(product, 4, 16, QLatin1Char('0'));
+}
+
+QString HidSimulator::hint() const
+{
+    return QStringLiteral("for the tool in another terminal: export %1=%2")
+        .arg(QLatin1String(HidTestbed::locationVariable), testbed->root());
+}
+
+void HidSimulator::hangUp()
+{
+    hid->unplug();
+    Q_EMIT lost(QStringLiteral("unplugged, as asked"));
+}
+
+void HidSimulator::arrive(const QByteArray& report)
+{
+    {
+        const std::lock_guard guard(lock);
+        arrived.push_back(report.mid(1));
+    }
+    QMetaObject::invokeMethod(this, &HidSimulator::take, Qt::QueuedConnection);
+}
+
+void HidSimulator::take()
+{
+    std::deque<QByteArray> taken;
+    {
+        const std::lock_guard guard(lock);
+        taken.swap(arrived);
+    }
+    for (const QByteArray& data : taken) {
+        received(isLoneCommand(data) ? data.left(devicecodec::textHeadSize) : data,
+                 [this](const QByteArray& bytes) { return write(bytes); });
+    }
+}
+
+qint64 HidSimulator::write(const QByteArray& bytes)
+{
+    if (bytes.startsWith("<F")) {
+        flush();
+    }
+    if (pending.isEmpty()) {
+        QMetaObject::invokeMethod(this, &HidSimulator::flush, Qt::QueuedConnection);
+    }
+    pending.append(bytes);
+    return bytes.size();
+}
+
+void HidSimulator::flush()
+{
+    hid->sendPadded(pending);
+    pending.clear();
+}

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "emulatedhid.h"
+#include "hidtestbed.h"
+#include "simulatedlink.h"
+
+#include <deque>
+#include <memory>
+#include <mutex>
+
+/// A simulated device on an emulated hidraw node, which this process sees, and every one that is
+/// started with the environment of hint.
+///
+/// Reports have 64 bytes, the last one of an answer filled with zeros; every reply begins a report
+/// and its block follows directly. A command that fills a report with zeros is taken without them,
+/// so a block behind it may begin in the next report; the same happens to a block whose first 45
+/// bytes are zeros.
+class HidSimulator : public SimulatedLink
+{
+    Q_OBJECT
+
+public:
+    HidSimulator(quint16 vendorId, quint16 productId, const SimulatedDevice::Settings& settings);
+    ~HidSimulator() override;
+
+    bool open() override;
+    QString address() const override;
+    QString hint() const override;
+
+protected:
+    void hangUp() override;
+
+private:
+    void arrive(const QByteArray& report); // on a thread of the testbed
+    void take();
+    qint64 write(const QByteArray& bytes);
+    void flush();
+
+    quint16 vendor;
+    quint16 product;
+    std::mutex lock;                // a leaf: arrived
+    std::deque<QByteArray> arrived; // reports without their numbers
+    QByteArray pending;             // an answer whose rest may follow
+    std::unique_ptr<HidTestbed> testbed;
+    std::unique_ptr<EmulatedHid> hid;
+};
