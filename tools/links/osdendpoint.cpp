@@ -15,7 +15,7 @@ namespace
 constexpr quint16 usualPort = 10001;
 constexpr int mostData = 16'777'216;
 
-class OsdEndpoints : public Endpoint
+class OsdEndpoints final : public Endpoint
 {
 public:
     explicit OsdEndpoints(const LinkAddress& address) { add(address); }
