@@ -7,6 +7,9 @@
 #include "osdframe.h"
 #include "osdworkthread.h"
 
+#include <QNetworkSession>
+#include <QSharedPointer>
+
 #include <chrono>
 #include <thread>
 
@@ -15,6 +18,16 @@ namespace
 
 constexpr std::chrono::milliseconds stopPause{100}; // for the parser to come to its end
 
+// Qt registers this when a process first connects. Endpoints do so on several threads at once, and
+// all but one would make it print a warning.
+void registerNetworkSession()
+{
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    qRegisterMetaType<QSharedPointer<QNetworkSession>>();
+    QT_WARNING_POP
+}
+
 } // namespace
 
 Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
@@ -22,6 +35,7 @@ Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
       workThread(new OsdWorkThread(endpoint))
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
+    registerNetworkSession();
     // onCloseSocket itself waits for the worker: as a blocking queued connection, this would wait
     // for ever for a worker that has ended.
     connect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket,

@@ -122,18 +122,21 @@ bool OsdEndpoint::parseOnce()
     return true;
 }
 
+QByteArray OsdEndpoint::takeAcknowledgement()
+{
+    const std::lock_guard lock(passLock);
+    while (buffData.size() >= osdframe::acknowledgementLength) {
+        if (findAcknowledgement(buffData.peek(peekLength))) {
+            return buffData.take(osdframe::acknowledgementLength);
+        }
+    }
+    return {};
+}
+
 void OsdEndpoint::handOverHere()
 {
-    const auto next = [this] {
-        const std::lock_guard lock(passLock);
-        while (buffData.size() >= osdframe::acknowledgementLength) {
-            if (findAcknowledgement(buffData.peek(peekLength))) {
-                return buffData.take(osdframe::acknowledgementLength);
-            }
-        }
-        return QByteArray();
-    };
-    for (QByteArray bytes = next(); !bytes.isEmpty(); bytes = next()) {
+    for (QByteArray bytes = takeAcknowledgement(); !bytes.isEmpty();
+         bytes = takeAcknowledgement()) {
         handOver(osdframe::acknowledgement(ip(), bytes));
     }
 }

@@ -44,6 +44,10 @@ public:
     /// many bytes as were peeked.
     bool findAcknowledgement(const QByteArray& peeked);
 
+    /// Takes the next acknowledgement off the buffer, with what is before it; empty if there is
+    /// none, and then fewer than three bytes are left.
+    QByteArray takeAcknowledgement();
+
     /// The parser: until the run is stopped, every 3 ms takes at most one acknowledgement off the
     /// buffer and hands it to the host on a short thread of its own. One that the system refuses
     /// that thread stays in the buffer for the next pass; what is left so when the run stops is

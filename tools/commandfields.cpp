@@ -18,28 +18,60 @@ constexpr int mostBlock = 65535; // DAT4 * 256 + DAT3 says no more
 constexpr qint64 mostFile = 16'777'216;
 constexpr int binaryLead = 0xf11f;
 
-enum class Carried { ByBoth, ByText, ByBinary };
+// The frames that carry a field.
+constexpr unsigned byText = 1;
+constexpr unsigned byBinary = 2;
+constexpr unsigned byOsd = 4;
+constexpr unsigned byDevices = byText | byBinary;
 
 struct Field {
     const char* name;
-    Carried carried;
+    unsigned carried;
     const char* help;
 };
 
 constexpr Field fieldTable[] = {
-    {"--cmd", Carried::ByBoth, "command code, for instance 0x8b"},
-    {"--dat1", Carried::ByBoth, "sub-code (0)"},
-    {"--dat2", Carried::ByBoth, "(0)"},
-    {"--dat3", Carried::ByBoth, "low byte of the block's length (that of --block, else 0)"},
-    {"--dat4", Carried::ByBoth, "high byte of the block's length (that of --block, else 0)"},
-    {"--head", Carried::ByText, "first body byte (0)"},
-    {"--addr", Carried::ByBoth, "device address byte (0)"},
-    {"--block", Carried::ByBoth, "block: @FILE, or hexadecimal digits"},
-    {"--aux1", Carried::ByBinary, "binary frames: bytes 0 and 1 (0xf11f)"},
-    {"--aux3", Carried::ByBinary, "binary frames: byte 3 (0)"},
-    {"--aux4", Carried::ByBinary, "binary frames: bytes 4 and 5 (0)"},
-    {"--aux5", Carried::ByBinary, "binary frames: bytes 6 and 7 (0)"},
+    {"--cmd", byDevices, "command code, for instance 0x8b"},
+    {"--dat1", byDevices, "sub-code (0)"},
+    {"--dat2", byDevices, "(0)"},
+    {"--dat3", byDevices, "low byte of the block's length (that of --block, else 0)"},
+    {"--dat4", byDevices, "high byte of the block's length (that of --block, else 0)"},
+    {"--head", byText, "first body byte (0)"},
+    {"--addr", byDevices, "device address byte (0)"},
+    {"--block", byDevices, "block: @FILE, or hexadecimal digits"},
+    {"--aux1", byBinary, "binary frames: bytes 0 and 1 (0xf11f)"},
+    {"--aux3", byBinary, "binary frames: byte 3 (0)"},
+    {"--aux4", byBinary, "binary frames: bytes 4 and 5 (0)"},
+    {"--aux5", byBinary, "binary frames: bytes 6 and 7 (0)"},
+    {"--ch2", byOsd, "byte 0 (0)"},
+    {"--ch3", byOsd, "byte 1 (0)"},
+    {"--ch4", byOsd, "byte 3, behind ch5 (0)"},
+    {"--ch5", byOsd, "byte 2 (0)"},
+    {"--ch7", byOsd, "byte 4 (0)"},
+    {"--ch8", byOsd, "byte 5 (0)"},
+    {"--ch9", byOsd, "the byte behind the data (0)"},
+    {"--ch10", byOsd, "the last byte (0)"},
+    {"--data", byOsd, "data: @FILE, or hexadecimal digits"},
+    {"--text", byOsd, "data: a text, sent in UTF-8"},
 };
+
+struct Carrier {
+    unsigned bit;
+    const char* name;
+};
+
+Carrier carrierOf(FieldSet fields)
+{
+    switch (fields) {
+    case FieldSet::BinaryHead:
+        return {byBinary, "binary"};
+    case FieldSet::OsdFrame:
+        return {byOsd, "on-screen-display"};
+    case FieldSet::TextBody:
+        break;
+    }
+    return {byText, "text"};
+}
 
 } // namespace
 
@@ -50,7 +82,7 @@ void CommandFields::addTo(CLI::App& app)
                field.name, [this, &field](const std::string& text) { values[field.name] = text; },
                field.help)
             ->type_name("")
-            ->group("Command");
+            ->group(field.carried == byOsd ? "Command of an on-screen display" : "Command");
     }
 }
 
@@ -63,16 +95,53 @@ int CommandFields::number(const std::string& name, int most, int otherwise) cons
     return static_cast<int>(typed::number(QString::fromStdString(name), found->second, 0, most));
 }
 
+quint8 CommandFields::byte(const char* name, int otherwise) const
+{
+    return static_cast<quint8>(number(name, mostByte, otherwise));
+}
+
 Command CommandFields::read(FieldSet fields) const
 {
-    const bool binary = fields == FieldSet::BinaryHead;
+    const Carrier carrier = carrierOf(fields);
     for (const Field& field : fieldTable) {
-        if (given(field.name) && field.carried == (binary ? Carried::ByText : Carried::ByBinary)) {
+        if (given(field.name) && (field.carried & carrier.bit) == 0) {
             throw BadInput(QStringLiteral("%1: %2 frames do not carry it: leave it out")
-                               .arg(QLatin1String(field.name),
-                                    binary ? QStringLiteral("binary") : QStringLiteral("text")));
+                               .arg(QLatin1String(field.name), QLatin1String(carrier.name)));
         }
     }
+    return fields == FieldSet::OsdFrame ? readOsd() : readDevice(fields == FieldSet::BinaryHead);
+}
+
+Command CommandFields::readOsd() const
+{
+    if (values.empty()) {
+        throw BadInput(QStringLiteral("there is no command: give --ch2 to --ch10 (but no ch6), "
+                                      "--data or --text"));
+    }
+    if (given("--data") && given("--text")) {
+        throw BadInput(QStringLiteral("--text: there is --data already: give one of them"));
+    }
+    Command command;
+    model_OsdParam& osd = command.osd;
+    const auto character = [this](const char* name) { return static_cast<char>(byte(name)); };
+    osd.ch2 = character("--ch2");
+    osd.ch3 = character("--ch3");
+    osd.ch4 = character("--ch4");
+    osd.ch5 = character("--ch5");
+    osd.ch7 = character("--ch7");
+    osd.ch8 = character("--ch8");
+    osd.ch9 = character("--ch9");
+    osd.ch10 = character("--ch10");
+    if (given("--data")) {
+        osd.arryData = typed::bytes(QStringLiteral("--data"), values.at("--data"));
+    } else if (given("--text")) {
+        osd.arryData = QByteArray::fromStdString(values.at("--text"));
+    }
+    return command;
+}
+
+Command CommandFields::readDevice(bool binary) const
+{
     if (!given("--cmd")) {
         throw BadInput(QStringLiteral("--cmd is missing: give the command code, like --cmd 0x8b"));
     }
@@ -87,9 +156,6 @@ Command CommandFields::read(FieldSet fields) const
                            .arg(length)
                            .arg(mostBlock));
     }
-    const auto byte = [this](const char* name, int otherwise = 0) {
-        return static_cast<quint8>(number(name, mostByte, otherwise));
-    };
     const auto word = [this](const char* name, int otherwise = 0) {
         return static_cast<quint16>(number(name, mostWord, otherwise));
     };
@@ -134,7 +200,7 @@ QByteArray typed::bytes(const QString& option, const std::string& text)
     static const QRegularExpression pairs(QStringLiteral("^([0-9a-fA-F]{2})+$"));
     digits.remove(blanks);
     if (!pairs.match(digits).hasMatch()) {
-        throw BadInput(QStringLiteral("%1: \"%2\" is no block: give hexadecimal digits in pairs, "
+        throw BadInput(QStringLiteral("%1: \"%2\" will not do: give hexadecimal digits in pairs, "
                                       "like 00ff10, or @FILE")
                            .arg(option, QString::fromStdString(text).left(40)));
     }

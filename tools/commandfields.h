@@ -15,17 +15,20 @@ class App;
 class CommandFields
 {
 public:
-    /// Adds --cmd, --dat1 and the others to a subcommand. Must outlive its parsing.
+    /// Adds --cmd, --dat1, --ch2 and the others to a subcommand. Must outlive its parsing.
     void addTo(CLI::App& app);
 
     /// The command. DAT3 and DAT4 not given are the block's length where there is a block. Throws
-    /// BadInput if a value is out of range, a field is not one of \a fields, --cmd is missing or
-    /// the block cannot be read.
+    /// BadInput if a value is out of range, a field is not one of \a fields, --cmd is missing (with
+    /// OsdFrame: every field is) or the block cannot be read.
     Command read(FieldSet fields) const;
 
 private:
     bool given(const std::string& name) const { return values.count(name) != 0; }
     int number(const std::string& name, int most, int otherwise) const;
+    quint8 byte(const char* name, int otherwise = 0) const;
+    Command readDevice(bool binary) const;
+    Command readOsd() const;
 
     std::map<std::string, std::string> values; // what was given, by option name
 };

@@ -21,12 +21,12 @@ void CoreLink::send(const Command& command)
 
 QByteArray CoreLink::frameOf(const Command& command) const
 {
-    return recordtext::frame(command.record, fieldSet);
+    return recordtext::frame(command, fieldSet);
 }
 
 QJsonObject CoreLink::jsonOf(const Command& command) const
 {
-    return recordtext::json(command.record, fieldSet);
+    return recordtext::json(command, fieldSet);
 }
 
 std::vector<Reply> CoreLink::takeReplies()

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "model_osdparam.h"
 #include "model_protocoldata.h"
 
 #include <QJsonObject>
 #include <QString>
+#include <QStringList>
 
 #include <vector>
 
@@ -12,11 +14,14 @@
 enum class FieldSet {
     TextBody,   ///< HEAD ADDR CMD DAT1 DAT2 DAT3 DAT4 and a block
     BinaryHead, ///< aux1 ADDR aux3 aux4 aux5 CMD DAT1 DAT2 DAT3 DAT4 and a block
+    OsdFrame,   ///< ch2 ch3 ch5 ch4 ch7 ch8, data, ch9 ch10
 };
 
-/// One command as the person gave it.
+/// One command as the person gave it: the record that has the link's fields is the one that counts.
 struct Command {
     model_Protocoldata record;
+    model_OsdParam osd;
+    QStringList to; ///< which of a link's devices get it; all if there are none
 };
 
 /// One thing that came back from a device, ready to be shown.
@@ -49,6 +54,19 @@ public:
 
     /// Whether a reply is from the device that this link talks to.
     virtual bool isFromDevice(const Reply& reply) const = 0;
+
+    /// The devices that are each to reply, as they are called in replies; empty if there is one,
+    /// or if nobody knows.
+    virtual QStringList devices() const { return {}; }
+
+    /// Why one of them gets no commands; empty if it does.
+    virtual QString trouble(const QString& /*device*/) const { return {}; }
+
+    /// Whether a command still waits to go out. Goes on while replies are taken, and not for ever.
+    virtual bool isSending() const { return false; }
+
+    /// Whether a device has been reached at all.
+    virtual bool wasOpen() const { return true; }
 
     /// What the person should know of the replies that were taken; each once.
     virtual QString warning() { return {}; }

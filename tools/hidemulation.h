@@ -20,7 +20,7 @@ void prepare(char** arguments);
 QString obstacle();
 
 /// A simulated device with these ids, not yet open; only where there is no obstacle.
-std::unique_ptr<SimulatedLink> device(quint16 vendorId, quint16 productId,
-                                      const SimulatedDevice::Settings& settings);
+std::unique_ptr<Simulation> device(quint16 vendorId, quint16 productId,
+                                   const SimulatedDevice::Settings& settings);
 
 } // namespace hidemulation

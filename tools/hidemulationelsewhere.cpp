@@ -79,8 +79,7 @@ QString hidemulation::obstacle()
     return {};
 }
 
-std::unique_ptr<SimulatedLink> hidemulation::device(quint16, quint16,
-                                                    const SimulatedDevice::Settings&)
+std::unique_ptr<Simulation> hidemulation::device(quint16, quint16, const SimulatedDevice::Settings&)
 {
     return nullptr;
 }

@@ -10,8 +10,8 @@ QString hidemulation::obstacle()
     return {};
 }
 
-std::unique_ptr<SimulatedLink> hidemulation::device(quint16 vendorId, quint16 productId,
-                                                    const SimulatedDevice::Settings& settings)
+std::unique_ptr<Simulation> hidemulation::device(quint16 vendorId, quint16 productId,
+                                                 const SimulatedDevice::Settings& settings)
 {
     return std::make_unique<HidSimulator>(vendorId, productId, settings);
 }

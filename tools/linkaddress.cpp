@@ -3,6 +3,8 @@
 
 #include "toolerror.h"
 
+#include <QRegularExpression>
+
 LinkAddress LinkAddress::parse(const QString& text)
 {
     LinkAddress address;
@@ -25,6 +27,31 @@ LinkAddress LinkAddress::parse(const QString& text)
         address.options.insert(key, item.section(QLatin1Char('='), 1));
     }
     return address;
+}
+
+LinkAddress::IpTarget LinkAddress::ipTarget(quint16 usualPort) const
+{
+    static const QRegularExpression dotted(
+        QStringLiteral("^(0|[1-9][0-9]{0,2})(\\.(0|[1-9][0-9]{0,2})){3}$"));
+    const int colon = target.indexOf(QLatin1Char(':'));
+    const QString ip = target.left(colon);
+    const QHostAddress host(ip);
+    if (!dotted.match(ip).hasMatch() || host.protocol() != QAbstractSocket::IPv4Protocol) {
+        refuse(QStringLiteral("\"%1\" is no IPv4 address: write %2://192.168.1.20:%3 (names are "
+                              "not looked up)")
+                   .arg(ip, scheme)
+                   .arg(usualPort));
+    }
+    if (colon < 0) {
+        return {host, usualPort};
+    }
+    bool isNumber = false;
+    const quint16 port = target.midRef(colon + 1).toUShort(&isNumber);
+    if (!isNumber) {
+        refuse(QStringLiteral("\"%1\" is no port: give a number from 1 to 65535")
+                   .arg(target.mid(colon + 1)));
+    }
+    return {host, port};
 }
 
 void LinkAddress::refuse(const QString& reason) const

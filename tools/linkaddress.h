@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QHostAddress>
 #include <QMap>
 #include <QString>
 
@@ -13,6 +14,15 @@ struct LinkAddress {
 
     /// Cuts the text. Throws BadInput if it has not this form, or if an option comes twice.
     static LinkAddress parse(const QString& text);
+
+    /// A target of the form ADDRESS or ADDRESS:PORT.
+    struct IpTarget {
+        QHostAddress host;
+        quint16 port;
+    };
+
+    /// The target as a dotted IPv4 address and a port, 0 to 65535; throws BadInput.
+    IpTarget ipTarget(quint16 usualPort) const;
 
     /// BadInput, saying that this address is wrong in this way.
     [[noreturn]] void refuse(const QString& reason) const;

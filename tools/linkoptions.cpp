@@ -12,7 +12,9 @@
 
 void LinkOptions::addTo(CLI::App& app)
 {
-    app.add_option("link", address, "link address, see below")->type_name("LINK")->required();
+    app.add_option("link", addresses, "link address, see below; osd:// also several")
+        ->type_name("LINK")
+        ->required();
     app.add_option("--device-type", deviceType, "host-wide device type, for instance 0x353101 (0)")
         ->type_name("TYPE");
     app.add_option("--log", log, "log file of the link (~/.local/state/coremanage/coremanage.log)")
@@ -26,7 +28,16 @@ std::unique_ptr<Endpoint> LinkOptions::endpoint() const
         Utility_Manage::setDeviceType(static_cast<model_GlobalEnum::DeviceType>(typed::number(
             QStringLiteral("--device-type"), deviceType, 0, std::numeric_limits<qint32>::max())));
     }
-    return linkregistry::endpoint(link());
+    return linkregistry::endpoint(links());
+}
+
+QStringList LinkOptions::links() const
+{
+    QStringList texts;
+    for (const std::string& address : addresses) {
+        texts << QString::fromStdString(address);
+    }
+    return texts;
 }
 
 void LinkOptions::startLog() const

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace CLI
 {
@@ -16,7 +17,7 @@ class App;
 class LinkOptions
 {
 public:
-    /// Adds them. Must outlive the parsing.
+    /// Adds them, with one link or more. Must outlive the parsing.
     void addTo(CLI::App& app);
 
     /// Sets the host-wide device type and returns what the link's address designates. Throws
@@ -26,10 +27,11 @@ public:
     /// Starts the log and the watch on the library's debug lines. Throws BadInput.
     void startLog() const;
 
-    QString link() const { return QString::fromStdString(address); }
+    QStringList links() const;
+    QString link() const { return links().join(QLatin1Char(' ')); } ///< as written
 
 private:
-    std::string address;
+    std::vector<std::string> addresses;
     std::string deviceType;
     std::string log;
     bool verbose = false;

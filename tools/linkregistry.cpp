@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "linkregistry.h"
 
+#include "links/osdendpoint.h"
 #include "links/serialendpoint.h"
 #include "links/udpendpoint.h"
 #include "links/usbendpoint.h"
@@ -17,7 +18,8 @@ const std::vector<LinkKind>& linkregistry::kinds()
          serialendpoint::parseVela, serialendpoint::demonstrateVela},
         {"usb", "usb://04b4:1008", "a USB HID device", usbendpoint::parse,
          usbendpoint::demonstrate},
-        {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint", nullptr, nullptr},
+        {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint; may be several",
+         osdendpoint::parse, osdendpoint::demonstrate},
     };
     return table;
 }
@@ -25,32 +27,38 @@ const std::vector<LinkKind>& linkregistry::kinds()
 std::unique_ptr<Endpoint> linkregistry::endpoint(const QString& text)
 {
     const LinkAddress address = LinkAddress::parse(text);
-    QStringList built;
+    QStringList forms;
     for (const LinkKind& kind : kinds()) {
-        if (address.scheme == QLatin1String(kind.scheme) && kind.parse != nullptr) {
+        if (address.scheme == QLatin1String(kind.scheme)) {
             return kind.parse(address);
         }
-        if (address.scheme == QLatin1String(kind.scheme)) {
-            address.refuse(
-                QStringLiteral("%1:// is not built into this version").arg(address.scheme));
-        }
-        if (kind.parse != nullptr) {
-            built << QLatin1String(kind.form);
-        }
+        forms << QLatin1String(kind.form);
     }
     address.refuse(QStringLiteral("there is no link \"%1\": write %2")
-                       .arg(address.scheme, built.join(QStringLiteral(" or "))));
+                       .arg(address.scheme, forms.join(QStringLiteral(" or "))));
+}
+
+std::unique_ptr<Endpoint> linkregistry::endpoint(const QStringList& texts)
+{
+    auto first = endpoint(texts.front());
+    for (const QString& another : texts.mid(1)) {
+        first->add(LinkAddress::parse(another));
+    }
+    return first;
+}
+
+void Endpoint::add(const LinkAddress& another)
+{
+    another.refuse(QStringLiteral("only osd:// takes several links at once"));
 }
 
 QString linkregistry::help()
 {
     QString text;
     for (const LinkKind& kind : kinds()) {
-        text +=
-            QStringLiteral("  %1 %2%3\n")
-                .arg(QLatin1String(kind.form), -36)
-                .arg(QLatin1String(kind.describes),
-                     kind.parse == nullptr ? QStringLiteral(" (not in this version)") : QString());
+        text += QStringLiteral("  %1 %2\n")
+                    .arg(QLatin1String(kind.form), -36)
+                    .arg(QLatin1String(kind.describes));
     }
     return text;
 }

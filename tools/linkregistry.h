@@ -3,7 +3,7 @@
 
 #include "devicelink.h"
 #include "linkaddress.h"
-#include "simulator/simulatedlink.h"
+#include "simulator/simulation.h"
 
 #include <memory>
 
@@ -14,6 +14,9 @@ class Endpoint
 {
 public:
     virtual ~Endpoint() = default;
+
+    /// Takes another address of the same link. Throws BadInput; every link but osd:// has one.
+    virtual void add(const LinkAddress& another);
 
     /// Which fields its commands have.
     virtual FieldSet fields() const = 0;
@@ -26,7 +29,7 @@ public:
     virtual std::unique_ptr<DeviceLink> open(bool broadcast) const = 0;
 
     /// Puts a simulated device there; it does not serve yet. Throws BadInput if that cannot be.
-    virtual std::unique_ptr<SimulatedLink>
+    virtual std::unique_ptr<Simulation>
     simulate(const SimulatedDevice::Settings& settings) const = 0;
 };
 
@@ -35,17 +38,18 @@ struct LinkKind {
     const char* scheme;
     const char* form;      ///< what a right address looks like
     const char* describes; ///< what is behind it
-    /// The endpoint of an address with this scheme; throws BadInput. Null: not in this version.
+    /// The endpoint of an address with this scheme; throws BadInput.
     std::unique_ptr<Endpoint> (*parse)(const LinkAddress& address);
-    /// Shows the link at work with a simulated device. Null: there is nothing to show.
+    /// Shows the link at work with a simulated device.
     bool (*demonstrate)(Narrator& narrator);
 };
 
 namespace linkregistry
 {
 
-/// The endpoint that a text designates. Throws BadInput.
+/// The endpoint that a text designates, or several texts together. Throws BadInput.
 std::unique_ptr<Endpoint> endpoint(const QString& text);
+std::unique_ptr<Endpoint> endpoint(const QStringList& texts);
 
 /// Every kind of link.
 const std::vector<LinkKind>& kinds();

@@ -2,6 +2,7 @@
 #include "recordtext.h"
 
 #include "commandframe.h"
+#include "osdframe.h"
 
 #include <QDateTime>
 #include <QJsonDocument>
@@ -21,8 +22,29 @@ struct Field {
     int digits;
 };
 
-std::vector<Field> fieldsOf(const model_Protocoldata& record, FieldSet fields)
+std::vector<Field> fieldsOf(const model_OsdParam& osd)
 {
+    std::vector<Field> all;
+    const auto add = [&all](const char* name, char byte) {
+        all.push_back({name, static_cast<quint8>(byte), 2});
+    };
+    add("ch2", osd.ch2);
+    add("ch3", osd.ch3);
+    add("ch5", osd.ch5); // the frame's order
+    add("ch4", osd.ch4);
+    add("ch7", osd.ch7);
+    add("ch8", osd.ch8);
+    add("ch9", osd.ch9);
+    add("ch10", osd.ch10);
+    return all;
+}
+
+std::vector<Field> fieldsOf(const Command& command, FieldSet fields)
+{
+    if (fields == FieldSet::OsdFrame) {
+        return fieldsOf(command.osd);
+    }
+    const model_Protocoldata& record = command.record;
     const std::vector<Field> text{{"HEAD", record.HEAD, 2}, {"ADDR", record.ADDR, 2}};
     const std::vector<Field> binary{{"aux1", record.aux1, 4}, {"aux2", record.aux2, 4},
                                     {"ADDR", record.ADDR, 2}, {"aux3", record.aux3, 2},
@@ -37,6 +59,13 @@ std::vector<Field> fieldsOf(const model_Protocoldata& record, FieldSet fields)
     return all;
 }
 
+void addOrigin(Reply& reply)
+{
+    reply.json.insert(QStringLiteral("from"), reply.from);
+    reply.json.insert(QStringLiteral("time"),
+                      QDateTime::currentDateTime().toString(Qt::ISODateWithMs));
+}
+
 bool isPrintable(char c)
 {
     return c >= ' ' && c <= '~';
@@ -44,16 +73,44 @@ bool isPrintable(char c)
 
 } // namespace
 
-QByteArray recordtext::frame(const model_Protocoldata& record, FieldSet fields)
+QByteArray recordtext::frame(const Command& command, FieldSet fields)
 {
-    return fields == FieldSet::BinaryHead ? commandframe::encodeBinary(record)
-                                          : commandframe::encodeText(record);
+    switch (fields) {
+    case FieldSet::BinaryHead:
+        return commandframe::encodeBinary(command.record);
+    case FieldSet::OsdFrame:
+        return osdframe::encode(command.osd);
+    case FieldSet::TextBody:
+        break;
+    }
+    return commandframe::encodeText(command.record);
 }
 
-QString recordtext::line(const model_Protocoldata& record, FieldSet fields)
+const QByteArray& recordtext::block(const Command& command, FieldSet fields)
+{
+    return fields == FieldSet::OsdFrame ? command.osd.arryData : command.record.arryDatablock;
+}
+
+Command recordtext::osdCommand(const QByteArray& frame)
+{
+    const QByteArray tail = frame.right(osdframe::tailLength);
+    Command command;
+    char* const head[osdframe::headLength] = {&command.osd.ch2, &command.osd.ch3, &command.osd.ch5,
+                                              &command.osd.ch4, &command.osd.ch7, &command.osd.ch8};
+    for (int i = 0; i < osdframe::headLength; ++i) {
+        *head[i] = frame.at(i);
+    }
+    command.osd.arryData =
+        frame.mid(osdframe::headLength, frame.size() - osdframe::headLength - osdframe::tailLength);
+    command.osd.ch9 = tail.at(0);
+    command.osd.ch10 = tail.at(1);
+    return command;
+}
+
+QString recordtext::line(const Command& command, FieldSet fields)
 {
     QStringList words;
-    for (const Field& field : fieldsOf(record, fields)) {
+    for (const Field& field : fieldsOf(command, fields)) {
         words << QStringLiteral("%1 %2")
                      .arg(QLatin1String(field.name))
                      .arg(field.value, field.digits, 16, QLatin1Char('0'));
@@ -61,44 +118,61 @@ QString recordtext::line(const model_Protocoldata& record, FieldSet fields)
     return words.join(QLatin1Char(' '));
 }
 
-QJsonObject recordtext::json(const model_Protocoldata& record, FieldSet fields)
+QJsonObject recordtext::json(const Command& command, FieldSet fields)
 {
     QJsonObject object;
-    for (const Field& field : fieldsOf(record, fields)) {
+    for (const Field& field : fieldsOf(command, fields)) {
         object.insert(QString::fromLatin1(field.name).toLower(), field.value);
     }
-    object.insert(QStringLiteral("block_length"), record.arryDatablock.size());
-    if (!record.arryDatablock.isEmpty()) {
-        object.insert(QStringLiteral("block"), QString::fromLatin1(record.arryDatablock.toHex()));
+    const QByteArray& bytes = block(command, fields);
+    const QString name =
+        fields == FieldSet::OsdFrame ? QStringLiteral("data") : QStringLiteral("block");
+    object.insert(name + QStringLiteral("_length"), bytes.size());
+    if (!bytes.isEmpty()) {
+        object.insert(name, QString::fromLatin1(bytes.toHex()));
     }
     return object;
 }
 
 Reply recordtext::reply(const model_Protocoldata& record, FieldSet fields)
 {
+    Command received;
+    received.record = record;
     Reply reply;
     reply.from = record.strKey2;
     reply.block = record.arryDatablock;
-    reply.line = line(record, fields);
+    reply.line = line(received, fields);
     if (!reply.from.isEmpty()) {
         reply.line.prepend(reply.from + QLatin1Char(' '));
     }
     if (!reply.block.isEmpty()) {
         reply.line += QLatin1Char(' ') + blockSummary(reply.block);
     }
-    reply.json = json(record, fields);
-    reply.json.insert(QStringLiteral("from"), reply.from);
-    reply.json.insert(QStringLiteral("time"),
-                      QDateTime::currentDateTime().toString(Qt::ISODateWithMs));
+    reply.json = json(received, fields);
+    addOrigin(reply);
     return reply;
 }
 
-QString recordtext::blockSummary(const QByteArray& block)
+Reply recordtext::reply(const model_OsdParam& acknowledgement)
+{
+    Reply reply;
+    reply.from = acknowledgement.strIP;
+    const auto status = static_cast<quint8>(acknowledgement.arryData.back());
+    reply.line = QStringLiteral("%1 OK %2").arg(reply.from).arg(status, 2, 16, QLatin1Char('0'));
+    reply.json.insert(QStringLiteral("acknowledgement"),
+                      QString::fromLatin1(acknowledgement.arryData.toHex()));
+    reply.json.insert(QStringLiteral("status"), status);
+    addOrigin(reply);
+    return reply;
+}
+
+QString recordtext::blockSummary(const QByteArray& block, const char* name)
 {
     if (block.isEmpty()) {
         return {};
     }
-    return QStringLiteral("block %1 bytes: %2%3")
+    return QStringLiteral("%1 %2 bytes: %3%4")
+        .arg(QLatin1String(name))
         .arg(block.size())
         .arg(QString::fromLatin1(block.left(summaryBytes).toHex(' ')),
              block.size() > summaryBytes ? QStringLiteral(" ...") : QString());

@@ -8,20 +8,29 @@ namespace recordtext
 {
 
 /// The command frame of a record, checksum and (binary) block length computed.
-QByteArray frame(const model_Protocoldata& record, FieldSet fields);
+QByteArray frame(const Command& command, FieldSet fields);
 
 /// The fields in frame order, in hexadecimal: "HEAD 01 ADDR 02 CMD 8b ...".
-QString line(const model_Protocoldata& record, FieldSet fields);
+QString line(const Command& command, FieldSet fields);
 
 /// The same for a program: numbers by lower-case names, "block_length", and "block" in hexadecimal
-/// if there is one.
-QJsonObject json(const model_Protocoldata& record, FieldSet fields);
+/// if there is one ("data_length" and "data" with OsdFrame).
+QJsonObject json(const Command& command, FieldSet fields);
+
+/// The block that a command comes with, or its data.
+const QByteArray& block(const Command& command, FieldSet fields);
+
+/// The command whose frame these bytes, at least the shortest frame, are.
+Command osdCommand(const QByteArray& frame);
 
 /// A received record, its origin included.
 Reply reply(const model_Protocoldata& record, FieldSet fields);
 
+/// A received acknowledgement, its origin included.
+Reply reply(const model_OsdParam& acknowledgement);
+
 /// "block 145 bytes: 00 01 02 ...", the first few bytes of it; empty for no block.
-QString blockSummary(const QByteArray& block);
+QString blockSummary(const QByteArray& block, const char* name = "block");
 
 /// All bytes, sixteen a line, with offset and text.
 QString dump(const QByteArray& bytes);

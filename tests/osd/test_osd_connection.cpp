@@ -18,6 +18,8 @@
 namespace
 {
 
+constexpr Faults::Setting always{1.0, 0, 0};
+
 class OsdConnecting : public ::testing::Test
 {
 protected:
@@ -98,23 +100,19 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 {
     netns::limitReceiveBuffers();
     const QByteArray much(8 * 1024 * 1024, 'm');
-    OsdFaults faults;
-    faults.silent = OsdFault{1.0, -1};
+    simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
         const auto run = endpoint->beginRun();
         OsdConnection connection(endpoint, run, thread);
         connection.start();
-        faults.neverRead = false;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, {});
         const qint64 before = simulated->receivedBytes();
         ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
-        faults.neverRead = true;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, always);
         run->stop(); // what is sent from now on goes with the closing
         connection.send(much);
         simulated->send("OKa");
-        faults.neverRead = false;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, {});
         connection.closeSocket();
         EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
         EXPECT_EQ(simulated->receivedBytes() - before, much.size());
@@ -131,14 +129,11 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
     OsdConnection connection(endpoint, run, thread);
     connection.start();
     ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
-    OsdFaults faults;
-    faults.silent = OsdFault{1.0, -1};
-    faults.neverRead = true;
-    simulated->setFaults(faults);
+    simulated->setFault(Fault::Drop, always);
+    simulated->setFault(Fault::NeverRead, always);
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        faults.neverRead = false;
-        simulated->setFaults(faults);
+        simulated->setFault(Fault::NeverRead, {});
     });
     connection.send(much);
     late.join();

@@ -23,12 +23,12 @@ namespace
 {
 
 constexpr quint16 fixedPort = 5104;
-constexpr OsdFault always{1.0, -1};
+constexpr Faults::Setting always{1.0, 0, 0};
 
 const QString first = QStringLiteral("127.0.0.1");
 const QString second = QStringLiteral("127.0.0.2");
 
-OsdSimulatorOptions at(const QString& address, const OsdFaults& faults = {})
+OsdSimulatorOptions at(const QString& address, const Faults& faults = {})
 {
     OsdSimulatorOptions options;
     options.address = address;
@@ -158,10 +158,7 @@ TEST_F(OsdWall, ComparesTheAddressExactly)
 
 TEST_F(OsdWall, TakesAnAnswerThatIsSplit)
 {
-    OsdFaults faults;
-    faults.split = always;
-    faults.lateBy = std::chrono::milliseconds(30);
-    near.setFaults(faults);
+    near.setFault(Fault::Split, {1.0, 0, 30});
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 's'));
     EXPECT_EQ(osdhost::records().front().arryData, "OKs");
@@ -191,10 +188,7 @@ TEST_F(OsdWall, TakesAnswersInAnyPieces)
 
 TEST_F(OsdWall, DropsNoiseAndFindsTheAcknowledgementBehindIt)
 {
-    OsdFaults faults;
-    faults.garbage = always;
-    faults.garbageBytes = 10'000;
-    near.setFaults(faults);
+    near.setFault(Fault::Garbage, {1.0, 0, 10'000});
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 'g'));
     EXPECT_EQ(osdhost::records().front().arryData, "OKg");
@@ -294,12 +288,9 @@ TEST_F(OsdWall, AFloodStallsNobody)
 
 TEST_F(OsdWall, AFloodOfAcknowledgementsArrivesWhole)
 {
-    OsdFaults faults;
-    faults.flood = {1.0, 1};
-    faults.floodAnswers = 1000;
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 'a'));
-    near.setFaults(faults);
+    near.setFault(Fault::Flood, {0, 1, 1000});
     const std::size_t before = osdhost::size();
     send(first, 'b');
     ASSERT_TRUE(eventually([&] { return osdhost::size() == before + 1000; }));
@@ -308,9 +299,7 @@ TEST_F(OsdWall, AFloodOfAcknowledgementsArrivesWhole)
 
 TEST_F(OsdWall, AnEndpointThatNeverReadsCostsItselfOnly)
 {
-    OsdFaults faults;
-    faults.neverRead = true;
-    near.setFaults(faults);
+    near.setFault(Fault::NeverRead, always);
     open(first, near);
     open(second, far);
     ASSERT_TRUE(osdhost::settle(second, far, 'b'));
@@ -351,13 +340,9 @@ TEST_F(OsdWall, AnEndpointThatNeverReadsCostsItselfOnly)
 TEST_F(OsdWall, ASlowEndpointGetsEverythingInOrder)
 {
     netns::limitReceiveBuffers();
-    OsdFaults faults;
-    faults.neverRead = true;
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 'a'));
-    near.setFaults(faults);
-    faults = {};
-    faults.silent = always;
+    near.setFault(Fault::NeverRead, always);
     QByteArray expected = near.received();
     for (char i = 0; i < 3; ++i) {
         const QByteArray data(4 * 1024 * 1024, static_cast<char>('0' + i));
@@ -367,7 +352,8 @@ TEST_F(OsdWall, ASlowEndpointGetsEverythingInOrder)
     }
     ASSERT_FALSE(eventually([&] { return near.receivedBytes() == expected.size(); },
                             std::chrono::milliseconds(100)));
-    near.setFaults(faults);
+    near.setFault(Fault::Drop, always);
+    near.setFault(Fault::NeverRead, {});
     ASSERT_TRUE(eventually([&] { return near.receivedBytes() == expected.size(); }));
     EXPECT_TRUE(near.received() == expected);
 }

@@ -2,6 +2,7 @@
 #include "core_osd_tcpsocket.h"
 #include "eventually.h"
 #include "osdhost.h"
+#include "plainosdparser.h"
 
 #include <gtest/gtest.h>
 
@@ -11,36 +12,6 @@
 
 namespace
 {
-
-// The buffer and the parser's pass, written down once more as plain as can be.
-struct PlainParser {
-    QByteArray buffer;
-    std::vector<QByteArray> acknowledgements;
-
-    bool find(const QByteArray& peeked)
-    {
-        int mark = -1;
-        for (int i = 0; i + 1 < peeked.size() && mark < 0; ++i) {
-            mark = peeked.at(i) == 'O' && peeked.at(i + 1) == 'K' ? i : -1;
-        }
-        if (mark < 0) {
-            buffer = buffer.mid(peeked.size());
-            return false;
-        }
-        buffer = buffer.mid(mark);
-        return buffer.left(1024).size() >= 3;
-    }
-
-    void passes()
-    {
-        while (buffer.left(1024).size() >= 3) {
-            if (find(buffer.left(1024))) {
-                acknowledgements.push_back(buffer.left(3));
-                buffer = buffer.mid(3);
-            }
-        }
-    }
-};
 
 QByteArray noise(std::mt19937& random, int length)
 {
@@ -154,7 +125,7 @@ TEST(OsdBuffer, AgreesWithAPlainSecondVersion)
 {
     std::mt19937 random(4711);
     Core_Osd_TcpSocket socket(nullptr);
-    PlainParser plain;
+    PlainOsdParser plain;
     for (int step = 0; step < 20000; ++step) {
         const auto length = static_cast<unsigned short>(random() % 40);
         switch (random() % 4) {
@@ -180,7 +151,7 @@ TEST(OsdParser, AgreesWithAPlainSecondVersionOnAnyStream)
 {
     for (unsigned seed = 1; seed <= 4; ++seed) {
         std::mt19937 random(seed);
-        PlainParser plain;
+        PlainOsdParser plain;
         plain.buffer = noise(random, 400) + QByteArray(3000, 'n') + noise(random, 200);
         Core_Osd_TcpSocket socket(nullptr);
         socket.appendBuffData(plain.buffer);

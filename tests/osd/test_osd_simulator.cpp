@@ -43,7 +43,7 @@ struct Pair {
     QByteArray read;
 };
 
-OsdSimulatorOptions fixedLength(const OsdFaults& faults = {})
+OsdSimulatorOptions fixedLength(const Faults& faults = {})
 {
     OsdSimulatorOptions options;
     options.dataLength = 0;
@@ -51,7 +51,7 @@ OsdSimulatorOptions fixedLength(const OsdFaults& faults = {})
     return options;
 }
 
-constexpr OsdFault always{1.0, -1};
+constexpr Faults::Setting always{1.0, 0, 0};
 
 } // namespace
 
@@ -86,19 +86,20 @@ TEST(OsdSimulator, CutsGluedAndSplitCommandsOfKnownLength)
 
 TEST(OsdSimulator, SplitsGarblesFloodsAndIsLate)
 {
-    OsdFaults faults;
-    faults.split = faults.late = always;
-    faults.garbage = {1.0, 1};
-    faults.flood = {1.0, 2};
-    faults.floodAnswers = 3;
+    Faults faults;
+    faults.set(Fault::Split, {1.0, 0, 20});
+    faults.set(Fault::Delay, {1.0, 0, 50});
+    faults.set(Fault::Garbage, {0, 1, 16});
+    faults.set(Fault::Flood, {0, 2, 3});
     Pair pair(fixedLength(faults));
     QElapsedTimer waited;
     waited.start();
     pair.client.write(goodCommand);
-    ASSERT_TRUE(eventually([&] { return pair.client.bytesAvailable() == 16 + 9; }));
-    EXPECT_GE(waited.elapsed(), 2 * faults.lateBy.count());
+    ASSERT_TRUE(eventually([&] { return pair.client.bytesAvailable() == 3 * (16 + 3); }));
+    EXPECT_GE(waited.elapsed(), 3 * (50 + 3 * 20));
     const QByteArray first = pair.client.readAll();
-    EXPECT_TRUE(first.endsWith("OK!OK!OK!"));
+    EXPECT_TRUE(first.endsWith("OK!"));
+    EXPECT_EQ(first.count('O'), 3);
     EXPECT_FALSE(first.left(16).contains('O'));
     pair.client.write(goodCommand + goodCommand);
     ASSERT_TRUE(pair.reads("OK!OK!OK!OK!"));
@@ -106,8 +107,8 @@ TEST(OsdSimulator, SplitsGarblesFloodsAndIsLate)
 
 TEST(OsdSimulator, RefusesAndServesAgain)
 {
-    OsdFaults faults;
-    faults.refuse = true;
+    Faults faults;
+    faults.set(Fault::Refuse, always);
     Pair pair(fixedLength(faults));
     ASSERT_TRUE(
         eventually([&] { return pair.client.error() == QTcpSocket::ConnectionRefusedError; }));
@@ -123,8 +124,8 @@ TEST(OsdSimulator, RefusesAndServesAgain)
 
 TEST(OsdSimulator, NeverReadsUntilItDoes)
 {
-    OsdFaults faults;
-    faults.neverRead = true;
+    Faults faults;
+    faults.set(Fault::NeverRead, always);
     OsdSimulatorOptions options;
     options.faults = faults;
     Pair pair(options);
@@ -140,8 +141,8 @@ TEST(OsdSimulator, NeverReadsUntilItDoes)
 
 TEST(OsdSimulator, HangsUpAfterBytesOrInsteadOfAnswering)
 {
-    OsdFaults faults;
-    faults.closeAfterBytes = 9;
+    Faults faults;
+    faults.set(Fault::CloseAfter, {0, 1, 9});
     Pair pair(fixedLength(faults));
     pair.client.write(goodCommand);
     ASSERT_TRUE(pair.reads("OK!"));
@@ -152,9 +153,8 @@ TEST(OsdSimulator, HangsUpAfterBytesOrInsteadOfAnswering)
 
 TEST(OsdSimulator, ResetsInsteadOfAnswering)
 {
-    OsdFaults faults;
-    faults.hangUp = always;
-    faults.resetInsteadOfClose = true;
+    Faults faults;
+    faults.set(Fault::Reset, always);
     OsdSimulatorOptions options = fixedLength(faults);
     options.port = 0;
     OsdSimulator endpoint(options);
@@ -179,8 +179,8 @@ TEST(OsdSimulator, RepeatsItselfFromASeed)
 {
     QByteArray runs[2];
     for (QByteArray& run : runs) {
-        OsdFaults faults;
-        faults.silent = {0.5, -1};
+        Faults faults;
+        faults.set(Fault::Drop, {0.5, 0, 0});
         Pair pair(fixedLength(faults));
         QByteArray commands;
         for (char i = 0; i < 40; ++i) {

@@ -15,12 +15,22 @@ QList<Fault> all()
     return faults;
 }
 
+// What sets a fault, for the first so many times where that can be said.
+QString setting(Fault fault, const char* when)
+{
+    return Faults::name(fault) + QLatin1String(Faults::isLasting(fault) ? "" : when);
+}
+
 TEST(Faults, StrikesTheFirstSoManyTimes)
 {
     for (const Fault fault : all()) {
         Faults faults;
         SeededRandom random(1);
-        ASSERT_EQ(faults.parse(Faults::name(fault) + QStringLiteral("=2")), QString());
+        ASSERT_EQ(faults.parse(setting(fault, "=2")), QString());
+        EXPECT_EQ(faults.lasts(fault), Faults::isLasting(fault));
+        if (Faults::isLasting(fault)) {
+            continue;
+        }
         EXPECT_TRUE(faults.strikes(fault, random));
         EXPECT_TRUE(faults.strikes(fault, random));
         EXPECT_FALSE(faults.strikes(fault, random));
@@ -76,6 +86,9 @@ TEST(Faults, SaysWhatIsWrongAndWhatWouldBeRight)
         {"drop=nan%", "write drop=10%"},
         {"drop=x", "write drop=10%"},
         {"drop=1:5", "drop takes no amount"},
+        {"refuse=3", "refuse is there all the time: write refuse alone"},
+        {"never-read=100%", "write never-read alone"},
+        {"never-read=", "write never-read alone"},
         {"delay=1:0", "a number from 1 to 3600000"},
         {"delay=1:", "a number from 1 to 3600000"},
         {"delay=1:x", "a number from 1 to 3600000"},
@@ -103,6 +116,24 @@ TEST(SeededRandom, GivesKnownNumbers)
     }
     SeededRandom first(5489);
     EXPECT_EQ(first.below(1000000), static_cast<int>(14514284786278117030ULL % 1000000));
+}
+
+TEST(Faults, KnowsWhoCanShowThem)
+{
+    Faults faults;
+    for (const Fault fault : all()) {
+        ASSERT_EQ(faults.parse(setting(fault, "=20%")), QString());
+    }
+    EXPECT_EQ(faults.unfit(Faulty::Device),
+              QStringList({QStringLiteral("reset"), QStringLiteral("close-after"),
+                           QStringLiteral("refuse"), QStringLiteral("never-read")}));
+    const QStringList notByEndpoints = faults.unfit(Faulty::Endpoint);
+    for (const char* name : {"drop", "delay", "garbage", "flood", "split", "hang-up", "reset"}) {
+        EXPECT_FALSE(notByEndpoints.contains(QLatin1String(name))) << name;
+    }
+    EXPECT_TRUE(notByEndpoints.contains(QStringLiteral("wrong-checksum")));
+    EXPECT_TRUE(Faults().unfit(Faulty::Device).isEmpty());
+    EXPECT_TRUE(Faults().unfit(Faulty::Endpoint).isEmpty());
 }
 
 } // namespace

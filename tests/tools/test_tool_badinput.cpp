@@ -95,7 +95,30 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send %1 --cmd 1 --log /proc/no/such.log", "give a file that can be written"},
         Case{"send %1 --cmd 1 --log /dev/null", "is no plain file"},
         Case{"send %1 --cmd 1 --frob", "--frob: see coremanage send --help"},
-        Case{"send %1 extra --cmd 1", "extra: see coremanage send --help"},
+        Case{"send %1 extra --cmd 1", "\"extra\": a link is written like udp://"},
+        Case{"send %1 udp://127.0.0.2 --cmd 1", "only osd:// takes several links at once"},
+        Case{"send %1 osd://127.0.0.2 --cmd 1", "only osd:// takes several links at once"},
+        Case{"send %1 --cmd 1 --to 127.0.0.1", "--to: only osd:// has several endpoints"},
+        Case{"send %1 --cmd 1 --ch2 1", "--ch2: text frames do not carry it"},
+        Case{"send osd://127.0.0.1 %1 --ch2 1", "only osd:// links go together"},
+        Case{"send osd://127.0.0.1", "give --ch2 to --ch10 (but no ch6), --data or --text"},
+        Case{"send osd://127.0.0.1 --cmd 1", "--cmd: on-screen-display frames do not carry it"},
+        Case{"send osd://127.0.0.1 --ch6 1", "--ch6"},
+        Case{"send osd://127.0.0.1 --ch2 256", "--ch2: \"256\" will not do"},
+        Case{"send osd://127.0.0.1 --ch10 -1", "--ch10: \"-1\" will not do"},
+        Case{"send osd://127.0.0.1 --data 0", "--data: \"0\" will not do: give hexadecimal digits"},
+        Case{"send osd://127.0.0.1 --data @/no/such/file", "No such file or directory"},
+        Case{"send osd://127.0.0.1 --data 00 --text x", "--text: there is --data already"},
+        Case{"send osd://127.0.0.1 --ch2 1 --to 127.0.0.2", "is none of the endpoints"},
+        Case{"send osd://127.0.0.1 --ch2 1 --broadcast", "give every endpoint's link"},
+        Case{"send osd://127.0.0.1 osd://127.0.0.1:5 --ch2 1", "127.0.0.1 comes twice"},
+        Case{"send osd://127.0.0.1 osd://127.0.0.2:0 --ch2 1", "a port from 1 to 65535"},
+        Case{"send osd://127.0.0.1 osd://0.0.0.0 --ch2 1",
+             "\"osd://0.0.0.0:10001\" is no endpoint"},
+        Case{"send osd://127.0.0.1:65536 --ch2 1", "\"65536\" is no port"},
+        Case{"send osd://here --ch2 1", "is no IPv4 address: write osd://192.168.1.20:10001"},
+        Case{"send osd://127.0.0.1?data=5 --ch2 1", "?data is for simulate"},
+        Case{"listen osd://127.0.0.1 osd://127.0.0.2?frob=5", "osd:// takes data"},
         Case{"listen", "link is required"}, Case{"listen udp://127.0.0.1:x", "\"x\" is no port"},
         Case{"listen %1 --count 0", "--count: \"0\" will not do"},
         Case{"listen %1 --for 0", "--for: \"0\" will not do"},
@@ -103,11 +126,20 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"simulate udp://127.0.0.1:0 --fault drop=200%", "write drop=10%"},
         Case{"simulate udp://127.0.0.1:0 --seed -1", "--seed: \"-1\" will not do"},
         Case{"simulate udp://127.0.0.1:0 --announced 40000", "give a number from 1 to 32767"},
+        Case{"simulate udp://127.0.0.1:0 --fault refuse", "has no refuse: leave it out"},
+        Case{"simulate osd://127.0.0.1:0 --fault truncate=1", "has no truncate: leave it out"},
+        Case{"simulate osd://127.0.0.1:0 --fault refuse=3", "write refuse alone"},
+        Case{"simulate osd://127.0.0.1:0?data=-1", "data: \"-1\" will not do"},
+        Case{"simulate osd://127.0.0.1:0 osd://127.0.0.2:0", "osd://127.0.0.2:0"},
         Case{"simulate udp://nowhere:0", "is no IPv4 address"}, Case{"encode", "--cmd is missing"},
         Case{"encode --cmd 1 --raw --json", "--raw excludes --json"},
         Case{"encode --cmd 1 --binary --head 1", "--head: binary frames do not carry it"},
         Case{"encode --cmd 1 --aux3 1", "--aux3: text frames do not carry it"},
         Case{"encode --cmd 1 --binary --aux4 65536", "give a number from 0 to 65535 (0xffff)"},
+        Case{"encode --osd", "there is no command: give --ch2"},
+        Case{"encode --osd --binary --ch2 1", "--binary excludes --osd"},
+        Case{"encode --osd --cmd 1", "on-screen-display frames do not carry it"},
+        Case{"encode --ch2 1 --cmd 1", "--ch2: text frames do not carry it"},
         Case{"decode", "frame is required"}, Case{"decode xyz", "give hexadecimal digits in pairs"},
         Case{"decode @/no/such/file", "No such file or directory"},
         Case{"demo --log /", "give a file that can be written"},
@@ -141,17 +173,16 @@ TEST(BadInput, RefusesABlockThatIsTooLong)
     EXPECT_FALSE(peer.hasDatagram());
 }
 
-TEST(BadInput, NamesALinkThatThisVersionHasNot)
+TEST(BadInput, NamesEveryLinkThatThereIs)
 {
     const ToolRun help({QStringLiteral("send"), QStringLiteral("--help")});
     EXPECT_EQ(help.code, 0);
-    for (const char* scheme : {"osd"}) {
-        const QString name = QLatin1String(scheme);
-        EXPECT_TRUE(help.output.contains(name.toLatin1() + "://"));
-        const ToolRun run({QStringLiteral("send"), name + QStringLiteral("://x"),
-                           QStringLiteral("--cmd"), QStringLiteral("1")});
-        EXPECT_EQ(run.code, 2) << scheme;
-        EXPECT_EQ(run.error.count(QLatin1Char('\n')), 1);
+    const ToolRun run({QStringLiteral("send"), QStringLiteral("no://x"), QStringLiteral("--cmd"),
+                       QStringLiteral("1")});
+    EXPECT_EQ(run.code, 2);
+    for (const char* scheme : {"udp://", "serial://", "vela://", "usb://", "osd://"}) {
+        EXPECT_TRUE(help.output.contains(scheme)) << scheme;
+        EXPECT_TRUE(run.error.contains(QLatin1String(scheme))) << scheme;
     }
 }
 

@@ -161,4 +161,40 @@ TEST(Decode, SaysWhatIsWrongWithAFrame)
     }
 }
 
+TEST(Osd, FramesGoThereAndBack)
+{
+    const ToolRun run(words("encode --osd --ch2 1 --ch3 2 --ch4 3 --ch5 4 --ch7 6 --ch8 7 --ch9 8 "
+                            "--ch10 0xff --data aabb"));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_EQ(run.output, QByteArray("010204030607aabb08ff\n"));
+    const ToolRun back(words("decode --osd -"), run.output);
+    EXPECT_EQ(back.code, 0) << back.error.toStdString();
+    EXPECT_TRUE(back.output.startsWith(
+        "command ch2 01 ch3 02 ch5 04 ch4 03 ch7 06 ch8 07 ch9 08 ch10 ff\n  0000  aa bb "))
+        << back.output.constData();
+    const ToolRun json(words("decode --osd --json 0102040306070809"));
+    EXPECT_EQ(json.json.value(QStringLiteral("ch4")).toInt(), 3);
+    EXPECT_EQ(json.json.value(QStringLiteral("ch10")).toInt(), 9);
+    EXPECT_EQ(json.json.value(QStringLiteral("data_length")).toInt(), 0);
+    EXPECT_EQ(
+        ToolRun(words("encode --osd --ch9 1 --json")).json.value(QStringLiteral("form")).toString(),
+        QStringLiteral("osd"));
+}
+
+TEST(Osd, DecodesAcknowledgements)
+{
+    const ToolRun run(words("decode --osd 4f4bff"));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_EQ(run.output, QByteArray("reply OK ff\n"));
+    EXPECT_EQ(
+        ToolRun(words("decode --osd --json 4f4b07")).json.value(QStringLiteral("status")).toInt(),
+        7);
+    for (const char* wrong : {"4f4b", "4f4c07", "4f4b0708", "01020403060708"}) {
+        const ToolRun failed(
+            {QStringLiteral("decode"), QStringLiteral("--osd"), QLatin1String(wrong)});
+        EXPECT_EQ(failed.code, 1) << wrong;
+        EXPECT_TRUE(failed.error.contains(QStringLiteral("a command has at least 8 bytes")));
+    }
+}
+
 } // namespace

@@ -75,7 +75,7 @@ TEST_F(UdpSimulation, IgnoresWhatIsNoCommand)
     command(plainCommand);
     EXPECT_EQ(next(), plainReply);
     EXPECT_TRUE(silent(1));
-    EXPECT_EQ(simulator->device().noise(), 1 + 19 + 19 + 9000);
+    EXPECT_EQ(simulator->noise(), 1 + 19 + 19 + 9000);
 }
 
 TEST_F(UdpSimulation, AnswersALongFrameOnceItIsWhole)

@@ -3,6 +3,7 @@
 
 #include "commandfields.h"
 #include "commandframe.h"
+#include "osdframe.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
@@ -17,7 +18,7 @@ namespace
 // One frame, read and judged.
 struct Verdict {
     QString form; // what it is
-    model_Protocoldata record;
+    Command command;
     FieldSet fields = FieldSet::TextBody;
     QString wrong; // empty: it is valid
 };
@@ -45,8 +46,8 @@ Verdict judgeText(const QByteArray& frame)
         return verdict;
     }
     verdict.form = isReply ? QStringLiteral("reply") : QStringLiteral("command");
-    const bool valid = commandframe::decodeText(frame, verdict.record);
-    verdict.record.arryDatablock = frame.mid(commandframe::textLength);
+    const bool valid = commandframe::decodeText(frame, verdict.command.record);
+    verdict.command.record.arryDatablock = frame.mid(commandframe::textLength);
     static const QRegularExpression hexadecimal(QStringLiteral("^[0-9a-fA-F]{16}$"));
     const QString digits = commandframe::digitsOf(frame);
     constexpr int checksumAt = 14;
@@ -54,7 +55,7 @@ Verdict judgeText(const QByteArray& frame)
         verdict.wrong = QStringLiteral("its digits are not all hexadecimal");
     } else if (!valid) {
         verdict.wrong =
-            wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), verdict.record.CHKSUM);
+            wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), verdict.command.record.CHKSUM);
     } else if (frame.at(commandframe::textLength - 1) != commandframe::endMark) {
         verdict.wrong = QStringLiteral("it does not end with >");
     }
@@ -72,19 +73,37 @@ Verdict judgeBinary(const QByteArray& frame)
         return verdict;
     }
     verdict.form = QStringLiteral("binary");
-    const bool valid = commandframe::decodeBinary(frame, verdict.record);
-    verdict.record.arryDatablock = frame.mid(commandframe::binaryLength);
+    const bool valid = commandframe::decodeBinary(frame, verdict.command.record);
+    verdict.command.record.arryDatablock = frame.mid(commandframe::binaryLength);
     if (!valid) {
         int sum = 0;
         for (const char byte : frame.left(commandframe::binaryLength - 1)) {
             sum += static_cast<quint8>(byte);
         }
-        verdict.wrong = wrongChecksum(verdict.record.CHKSUM, sum & 0xff);
-    } else if (verdict.record.aux6 != verdict.record.arryDatablock.size()) {
+        verdict.wrong = wrongChecksum(verdict.command.record.CHKSUM, sum & 0xff);
+    } else if (verdict.command.record.aux6 != verdict.command.record.arryDatablock.size()) {
         verdict.wrong = QStringLiteral("it announces %1 block bytes and has %2")
-                            .arg(verdict.record.aux6)
-                            .arg(verdict.record.arryDatablock.size());
+                            .arg(verdict.command.record.aux6)
+                            .arg(verdict.command.record.arryDatablock.size());
     }
+    return verdict;
+}
+
+// Neither of them carries a mark, a length or a checksum: there is only the size to be wrong.
+Verdict judgeOsd(const QByteArray& frame)
+{
+    constexpr int shortest = osdframe::headLength + osdframe::tailLength;
+    Verdict verdict;
+    verdict.fields = FieldSet::OsdFrame;
+    if (frame.size() < shortest) {
+        verdict.wrong = QStringLiteral("a command has at least %1 bytes, this has %2 (an "
+                                       "acknowledgement is OK and one byte)")
+                            .arg(shortest)
+                            .arg(frame.size());
+        return verdict;
+    }
+    verdict.form = QStringLiteral("command");
+    verdict.command = recordtext::osdCommand(frame);
     return verdict;
 }
 
@@ -98,9 +117,11 @@ public:
 
 private:
     QByteArray frame() const;
+    int showAcknowledgement(const QByteArray& bytes) const;
 
     std::string input;
     bool binary = false;
+    bool osd = false;
     bool raw = false;
     bool json = false;
 };
@@ -111,7 +132,10 @@ Decode::Decode(CLI::App& application)
     parser->add_option("frame", input, "<T... or <F..., hexadecimal digits, @FILE, or -")
         ->type_name("FRAME")
         ->required();
-    parser->add_flag("--binary", binary, "a binary frame of vela:// instead of a text frame");
+    auto* binaryFlag =
+        parser->add_flag("--binary", binary, "a binary frame of vela:// instead of a text frame");
+    parser->add_flag("--osd", osd, "a command of osd:// instead, or OK and a byte")
+        ->excludes(binaryFlag);
     parser->add_flag("--raw", raw,
                      "take a file as it is, even if it looks like hexadecimal digits");
     parser->add_flag("--json", json, "print one JSON object");
@@ -121,6 +145,7 @@ Decode::Decode(CLI::App& application)
         "  coremanage decode '<F010203040506071c>'\n"
         "  coremanage decode 3c46303130323033303430353036303731633e\n"
         "  coremanage decode --binary @captured.bin --json\n"
+        "  coremanage decode --osd 4f4b01\n"
         "\nExit codes: 0 a valid frame, 1 no valid frame, 2 wrong input.");
 }
 
@@ -128,7 +153,7 @@ QByteArray Decode::frame() const
 {
     const QString option = QStringLiteral("frame");
     QByteArray text = QByteArray::fromStdString(input);
-    if (!binary && text.startsWith(commandframe::startMark)) {
+    if (!binary && !osd && text.startsWith(commandframe::startMark)) {
         return text;
     }
     if (text != "-" && !text.startsWith('@')) {
@@ -141,19 +166,33 @@ QByteArray Decode::frame() const
     return raw || !looksLikeDigits ? content : typed::bytes(option, content.toStdString());
 }
 
+int Decode::showAcknowledgement(const QByteArray& bytes) const
+{
+    const auto status = static_cast<quint8>(bytes.back());
+    output::line(json ? recordtext::oneLine({{QStringLiteral("form"), QStringLiteral("reply")},
+                                             {QStringLiteral("status"), status},
+                                             {QStringLiteral("valid"), true}})
+                      : QStringLiteral("reply OK %1").arg(status, 2, 16, QLatin1Char('0')));
+    return exitcode::success;
+}
+
 int Decode::run()
 {
     const QByteArray bytes = frame();
-    const Verdict verdict = binary ? judgeBinary(bytes) : judgeText(bytes);
+    if (osd && bytes.size() == osdframe::acknowledgementLength &&
+        bytes.startsWith(osdframe::acknowledgementMark)) {
+        return showAcknowledgement(bytes);
+    }
+    const Verdict verdict = osd ? judgeOsd(bytes) : binary ? judgeBinary(bytes) : judgeText(bytes);
     if (!verdict.form.isEmpty() && json) {
-        QJsonObject object = recordtext::json(verdict.record, verdict.fields);
+        QJsonObject object = recordtext::json(verdict.command, verdict.fields);
         object.insert(QStringLiteral("form"), verdict.form);
         object.insert(QStringLiteral("valid"), verdict.wrong.isEmpty());
         output::line(recordtext::oneLine(object));
     } else if (!verdict.form.isEmpty()) {
         output::line(verdict.form + QLatin1Char(' ') +
-                     recordtext::line(verdict.record, verdict.fields));
-        output::raw(recordtext::dump(verdict.record.arryDatablock).toUtf8());
+                     recordtext::line(verdict.command, verdict.fields));
+        output::raw(recordtext::dump(recordtext::block(verdict.command, verdict.fields)).toUtf8());
     }
     if (!verdict.wrong.isEmpty()) {
         throw ToolError(exitcode::failed, QStringLiteral("no valid frame: ") + verdict.wrong);

@@ -45,6 +45,7 @@ Listen::Listen(CLI::App& application)
                    "\nExamples:\n"
                    "  coremanage listen udp://192.168.1.20:1000\n"
                    "  coremanage listen udp://192.168.1.20 --json --for 60 > replies.jsonl\n"
+                   "  coremanage listen osd://10.0.0.5 osd://10.0.0.6\n"
                    "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
                    "the link was lost, 2 wrong input, 3 the link could not be opened.");
 }
@@ -66,9 +67,8 @@ bool Listen::look(DeviceLink& link)
     for (const QString& refusal : linknotes::takeRefusals()) {
         output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") + refusal);
     }
-    const QString warning = link.warning();
-    if (!warning.isEmpty()) {
-        output::error(recordtext::timeOfDay() + QLatin1Char(' ') + warning);
+    for (QString text = link.warning(); !text.isEmpty(); text = link.warning()) {
+        output::error(recordtext::timeOfDay() + QLatin1Char(' ') + text);
     }
     output::progress(
         QStringLiteral("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
@@ -90,7 +90,8 @@ int Listen::run()
                       .arg(shown)
                       .arg(static_cast<double>(clock.elapsed()) / 1000.0));
     if (!link->problem().isEmpty()) {
-        throw ToolError(exitcode::failed, options.link() + QStringLiteral(": ") + link->problem());
+        throw ToolError(link->wasOpen() ? exitcode::failed : exitcode::linkDown,
+                        options.link() + QStringLiteral(": ") + link->problem());
     }
     return duration.fellShort(shown, interrupt.happened()) ? exitcode::failed : exitcode::success;
 }

@@ -13,6 +13,7 @@
 
 #include <QJsonArray>
 
+#include <algorithm>
 #include <limits>
 
 namespace
@@ -33,14 +34,21 @@ public:
 
 private:
     void readNumbers();
-    bool enough() const { return static_cast<qint64>(replies.size()) >= wanted; }
+    Command readCommand(const Endpoint& endpoint) const;
+    qint64 repliesOf(const QString& device) const;
+    bool enough() const;
+    bool isOver(const DeviceLink& link) const;
+    QStringList silentDevices(const DeviceLink& link) const;
     WaitEnd waitForReplies(DeviceLink& link, const Interrupt& interrupt);
     void takeReplies(DeviceLink& link);
     int report(const DeviceLink& link, const Command& command, WaitEnd end);
-    QString failure(WaitEnd end) const;
+    void printJson(const DeviceLink& link, const Command& command, bool ok) const;
+    QString failure(const DeviceLink& link, WaitEnd end) const;
+    QString failuresOfDevices(const DeviceLink& link) const;
 
     LinkOptions options;
     CommandFields fields;
+    std::vector<std::string> to;
     bool broadcast = false;
     bool json = false;
     std::string timeoutText = "2000";
@@ -50,6 +58,7 @@ private:
     qint64 tries = 1;
     qint64 wanted = 1;
 
+    QStringList devices; // that are each to reply; empty: whoever does
     std::vector<Reply> replies;
     QStringList strangers; // who else answered
     qint64 tried = 0;
@@ -63,11 +72,16 @@ Send::Send(CLI::App& application)
     fields.addTo(*parser);
     parser->add_flag("--broadcast", broadcast,
                      "send to every device of the network and show who answers until the time-out");
+    parser->add_option("--to", to, "only to these of several endpoints, by address")
+        ->type_name("ADDRESS")
+        ->delimiter(',');
     parser->add_option("--timeout", timeoutText, "wait for a reply, ms; 0: do not wait (2000)")
         ->type_name("MS");
     parser->add_option("--tries", triesText, "send again up to so many times in all (1)")
         ->type_name("N");
-    parser->add_option("--replies", repliesText, "wait for so many replies (1; --broadcast: all)")
+    parser
+        ->add_option("--replies", repliesText,
+                     "wait for so many replies, of each endpoint (1; --broadcast: all)")
         ->type_name("N");
     parser->add_flag("--json", json, "print one JSON object");
     parser->footer("Links:\n" + linkregistry::help().toStdString() +
@@ -77,8 +91,10 @@ Send::Send(CLI::App& application)
                    "  coremanage send udp://192.168.1.20 --cmd 0x9a --block @firmware.bin\n"
                    "  coremanage send udp://192.168.1.20 --cmd 1 --tries 3 --timeout 500 --json\n"
                    "  coremanage send udp://255.255.255.255 --cmd 1 --broadcast\n"
+                   "  coremanage send osd://10.0.0.5 osd://10.0.0.6 --ch2 1 --text 'Gate 7'\n"
                    "\nExit codes: 0 replied (or sent, with --timeout 0), 1 no reply or not sent,\n"
-                   "2 wrong input and nothing sent, 3 the link could not be opened.");
+                   "2 wrong input and nothing sent, 3 the link could not be opened. Several\n"
+                   "endpoints: 0 all did, 1 some did not, 3 none could be reached.");
 }
 
 void Send::readNumbers()
@@ -103,10 +119,70 @@ void Send::takeReplies(DeviceLink& link)
     }
 }
 
+Command Send::readCommand(const Endpoint& endpoint) const
+{
+    Command command = fields.read(endpoint.fields());
+    command.record.sendMode = broadcast ? 1 : 0;
+    for (const std::string& address : to) {
+        command.to << QString::fromStdString(address);
+    }
+    if (!to.empty() && endpoint.fields() != FieldSet::OsdFrame) {
+        throw BadInput(QStringLiteral("--to: only osd:// has several endpoints: leave it out"));
+    }
+    endpoint.check(command);
+    return command;
+}
+
+qint64 Send::repliesOf(const QString& device) const
+{
+    return std::count_if(replies.begin(), replies.end(),
+                         [&device](const Reply& reply) { return reply.from == device; });
+}
+
+bool Send::enough() const
+{
+    return devices.isEmpty() ? static_cast<qint64>(replies.size()) >= wanted
+                             : std::all_of(devices.begin(), devices.end(), [this](const auto& one) {
+                                   return repliesOf(one) >= wanted;
+                               });
+}
+
+// Nothing more is to be expected.
+bool Send::isOver(const DeviceLink& link) const
+{
+    const bool isLost =
+        devices.isEmpty()
+            ? !link.problem().isEmpty()
+            : std::all_of(devices.begin(), devices.end(), [this, &link](const auto& one) {
+                  return repliesOf(one) >= wanted || !link.trouble(one).isEmpty();
+              });
+    return enough() || isLost;
+}
+
+QStringList Send::silentDevices(const DeviceLink& link) const
+{
+    QStringList silent;
+    for (const QString& device : devices) {
+        if (repliesOf(device) == 0 && link.trouble(device).isEmpty()) {
+            silent << device;
+        }
+    }
+    return silent;
+}
+
 WaitEnd Send::waitForReplies(DeviceLink& link, const Interrupt& interrupt)
 {
     QElapsedTimer clock;
     clock.start();
+    if (link.isSending()) {
+        const auto sent = [&] {
+            takeReplies(link);
+            return !link.isSending();
+        };
+        if (waitFor(sent, forEver, interrupt) == WaitEnd::Interrupted) {
+            return WaitEnd::Interrupted;
+        }
+    }
     const WaitEnd end = waitFor(
         [&] {
             takeReplies(link);
@@ -115,7 +191,7 @@ WaitEnd Send::waitForReplies(DeviceLink& link, const Interrupt& interrupt)
                                      .arg(clock.elapsed() / 1000)
                                      .arg(static_cast<double>(timeout.count()) / 1000.0));
             }
-            return enough() || !link.problem().isEmpty();
+            return isOver(link);
         },
         timeout, interrupt);
     output::endProgress();
@@ -127,14 +203,17 @@ int Send::run()
 {
     readNumbers();
     const auto endpoint = options.endpoint();
-    Command command = fields.read(endpoint->fields());
-    command.record.sendMode = broadcast ? 1 : 0;
-    endpoint->check(command);
+    Command command = readCommand(*endpoint);
     options.startLog();
     const Interrupt interrupt;
     const auto link = endpoint->open(broadcast);
+    devices = command.to.isEmpty() ? link->devices() : command.to;
     WaitEnd end = WaitEnd::TimeOut;
-    while (end == WaitEnd::TimeOut && replies.empty() && tried < tries) {
+    const auto isSilent = [&] {
+        command.to = silentDevices(*link);
+        return devices.isEmpty() ? replies.empty() : !command.to.isEmpty();
+    };
+    while (end == WaitEnd::TimeOut && tried < tries && isSilent()) {
         ++tried;
         link->send(command);
         if (linknotes::takeSendFailure()) {
@@ -148,8 +227,36 @@ int Send::run()
     return report(*link, command, end);
 }
 
-QString Send::failure(WaitEnd end) const
+QString Send::failuresOfDevices(const DeviceLink& link) const
 {
+    QStringList failures;
+    for (const QString& device : devices) {
+        const qint64 count = repliesOf(device);
+        const QString trouble = link.trouble(device);
+        const bool isSent = timeout.count() == 0 && trouble.isEmpty();
+        if (count >= wanted || isSent) {
+            continue;
+        }
+        const QString missing =
+            count == 0 ? QStringLiteral("no reply")
+                       : QStringLiteral("only %1 of %2 replies").arg(count).arg(wanted);
+        failures
+            << device + QLatin1Char(' ') +
+                   (trouble.isEmpty()
+                        ? QStringLiteral("gave %1 within %2 ms").arg(missing).arg(timeout.count())
+                        : trouble);
+    }
+    return failures.join(QStringLiteral("; "));
+}
+
+QString Send::failure(const DeviceLink& link, WaitEnd end) const
+{
+    if (!devices.isEmpty() && end != WaitEnd::Interrupted) {
+        return failuresOfDevices(link);
+    }
+    if (!link.problem().isEmpty()) {
+        return options.link() + QStringLiteral(": ") + link.problem();
+    }
     QString text =
         QStringLiteral("%1: no reply within %2 ms").arg(options.link()).arg(timeout.count());
     if (end == WaitEnd::Interrupted) {
@@ -177,20 +284,15 @@ int Send::report(const DeviceLink& link, const Command& command, WaitEnd end)
 {
     const bool every = broadcast && repliesText.empty();
     const bool waits = timeout.count() > 0;
-    const bool ok = !waits || enough() || (every && !replies.empty());
+    const bool isSent = std::all_of(devices.begin(), devices.end(), [&link](const auto& one) {
+        return link.trouble(one).isEmpty();
+    });
+    const bool ok = (!waits && isSent) || enough() || (every && !replies.empty());
+    if (!link.wasOpen() && end != WaitEnd::Interrupted) {
+        throw LinkDown(failure(link, end));
+    }
     if (json) {
-        QJsonArray array;
-        for (const Reply& reply : replies) {
-            array.append(reply.json);
-        }
-        QJsonObject sent = link.jsonOf(command);
-        sent.insert(QStringLiteral("frame"), QString::fromLatin1(link.frameOf(command).toHex()));
-        output::line(recordtext::oneLine({{QStringLiteral("ok"), ok},
-                                          {QStringLiteral("link"), options.link()},
-                                          {QStringLiteral("tries"), tried},
-                                          {QStringLiteral("elapsed_ms"), elapsed},
-                                          {QStringLiteral("sent"), sent},
-                                          {QStringLiteral("replies"), array}}));
+        printJson(link, command, ok);
     } else {
         output::line(QStringLiteral("sent %1").arg(recordtext::frameText(link.frameOf(command))));
         for (const Reply& reply : replies) {
@@ -201,12 +303,32 @@ int Send::report(const DeviceLink& link, const Command& command, WaitEnd end)
         }
     }
     if (!ok) {
-        const QString problem = link.problem();
-        throw ToolError(exitcode::failed, problem.isEmpty()
-                                              ? failure(end)
-                                              : options.link() + QStringLiteral(": ") + problem);
+        throw ToolError(exitcode::failed, failure(link, end));
     }
     return exitcode::success;
+}
+
+void Send::printJson(const DeviceLink& link, const Command& command, bool ok) const
+{
+    QJsonArray array;
+    for (const Reply& reply : replies) {
+        array.append(reply.json);
+    }
+    QJsonObject sent = link.jsonOf(command);
+    sent.insert(QStringLiteral("frame"), QString::fromLatin1(link.frameOf(command).toHex()));
+    QJsonObject object{{QStringLiteral("ok"), ok},       {QStringLiteral("link"), options.link()},
+                       {QStringLiteral("tries"), tried}, {QStringLiteral("elapsed_ms"), elapsed},
+                       {QStringLiteral("sent"), sent},   {QStringLiteral("replies"), array}};
+    QJsonArray endpoints;
+    for (const QString& device : devices) {
+        endpoints.append(QJsonObject{{QStringLiteral("address"), device},
+                                     {QStringLiteral("replies"), repliesOf(device)},
+                                     {QStringLiteral("trouble"), link.trouble(device)}});
+    }
+    if (!endpoints.isEmpty()) {
+        object.insert(QStringLiteral("endpoints"), endpoints);
+    }
+    output::line(recordtext::oneLine(object));
 }
 
 } // namespace

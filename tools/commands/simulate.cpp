@@ -41,7 +41,10 @@ private:
     SimulatedDevice::Settings settings() const;
     void show(const Exchange& exchange) const;
     void showJson(const Exchange& exchange) const;
-    void summarise(SimulatedLink& simulator, qint64 elapsed) const;
+    QString bodyOf(const Exchange& exchange) const;
+    QJsonObject fieldsOf(const Exchange& exchange) const;
+    std::unique_ptr<Simulation> simulation();
+    void summarise(const Simulation& simulator, qint64 elapsed) const;
 
     std::string link;
     std::string seed = "1";
@@ -51,6 +54,7 @@ private:
     bool shortBlock = false;
     bool json = false;
     bool quiet = false;
+    FieldSet fields = FieldSet::TextBody;
     qint64 commands = 0;
     qint64 spoiled = 0;
 };
@@ -84,6 +88,7 @@ Simulate::Simulate(CLI::App& application)
         "  coremanage simulate udp://127.0.0.1:3005\n"
         "  coremanage simulate udp://0.0.0.0:3005 --fault drop=10% --fault delay=50%:300\n"
         "  coremanage simulate udp://127.0.0.1:0 --fault flood=1:100000 --count 1\n"
+        "  coremanage simulate osd://127.0.0.2 --fault split=50%:20 --fault reset=1\n"
         "\nCtrl-C ends it. Exit codes: 0 ended as asked, 1 fewer commands came than --count or\n"
         "the medium was lost, 2 wrong input, 3 the link could not be opened.");
 }
@@ -105,9 +110,28 @@ SimulatedDevice::Settings Simulate::settings() const
     return chosen;
 }
 
-void Simulate::show(const Exchange& exchange) const
+QString Simulate::bodyOf(const Exchange& exchange) const
 {
     const devicecodec::Head& head = exchange.command.head;
+    const QByteArray& block = exchange.command.block;
+    if (fields == FieldSet::OsdFrame) {
+        const Command command = recordtext::osdCommand(block);
+        return (recordtext::line(command, fields) + QLatin1Char(' ') +
+                recordtext::blockSummary(command.osd.arryData, "data"))
+            .trimmed();
+    }
+    const auto hex = [](quint8 byte) {
+        return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
+    };
+    return (QStringLiteral("CMD %1 DAT %2 %3 %4 %5 ")
+                .arg(hex(head.cmd), hex(head.dat1), hex(head.dat2), hex(head.dat3),
+                     hex(head.dat4)) +
+            recordtext::blockSummary(block))
+        .trimmed();
+}
+
+void Simulate::show(const Exchange& exchange) const
+{
     QStringList sizes;
     for (const Emission& emission : exchange.answer) {
         sizes << QString::number(emission.bytes.size());
@@ -121,40 +145,40 @@ void Simulate::show(const Exchange& exchange) const
     if (!struck.isEmpty()) {
         answer += QStringLiteral(" [%1]").arg(struck.join(QStringLiteral(", ")));
     }
-    const auto hex = [](quint8 byte) {
-        return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
-    };
-    QString body =
-        QStringLiteral("CMD %1 DAT %2 %3 %4 %5")
-            .arg(hex(head.cmd), hex(head.dat1), hex(head.dat2), hex(head.dat3), hex(head.dat4));
-    if (!exchange.command.block.isEmpty()) {
-        body += QLatin1Char(' ') + recordtext::blockSummary(exchange.command.block);
+    output::line(
+        QStringLiteral("%1 %2 -> %3").arg(recordtext::timeOfDay(), bodyOf(exchange), answer));
+}
+
+QJsonObject Simulate::fieldsOf(const Exchange& exchange) const
+{
+    if (fields == FieldSet::OsdFrame) {
+        return recordtext::json(recordtext::osdCommand(exchange.command.block), fields);
     }
-    output::line(QStringLiteral("%1 %2 -> %3").arg(recordtext::timeOfDay(), body, answer));
+    const devicecodec::Head& head = exchange.command.head;
+    return {{QStringLiteral("head"), head.head},
+            {QStringLiteral("addr"), head.addr},
+            {QStringLiteral("cmd"), head.cmd},
+            {QStringLiteral("dat1"), head.dat1},
+            {QStringLiteral("dat2"), head.dat2},
+            {QStringLiteral("dat3"), head.dat3},
+            {QStringLiteral("dat4"), head.dat4},
+            {QStringLiteral("block"), QString::fromLatin1(exchange.command.block.toHex())}};
 }
 
 void Simulate::showJson(const Exchange& exchange) const
 {
-    const devicecodec::Head& head = exchange.command.head;
+    QJsonObject object = fieldsOf(exchange);
     QJsonArray answer;
     for (const Emission& emission : exchange.answer) {
         answer.append(QString::fromLatin1(emission.bytes.toHex()));
     }
-    output::line(recordtext::oneLine(
-        {{QStringLiteral("head"), head.head},
-         {QStringLiteral("addr"), head.addr},
-         {QStringLiteral("cmd"), head.cmd},
-         {QStringLiteral("dat1"), head.dat1},
-         {QStringLiteral("dat2"), head.dat2},
-         {QStringLiteral("dat3"), head.dat3},
-         {QStringLiteral("dat4"), head.dat4},
-         {QStringLiteral("block"), QString::fromLatin1(exchange.command.block.toHex())},
-         {QStringLiteral("answer"), answer},
-         {QStringLiteral("times"), exchange.times},
-         {QStringLiteral("faults"), QJsonArray::fromStringList(faultNames(exchange))}}));
+    object.insert(QStringLiteral("answer"), answer);
+    object.insert(QStringLiteral("times"), exchange.times);
+    object.insert(QStringLiteral("faults"), QJsonArray::fromStringList(faultNames(exchange)));
+    output::line(recordtext::oneLine(object));
 }
 
-void Simulate::summarise(SimulatedLink& simulator, qint64 elapsed) const
+void Simulate::summarise(const Simulation& simulator, qint64 elapsed) const
 {
     output::error(QStringLiteral("%1 commands in %2 s, %3 answers with faults, %4 bytes sent, %5 "
                                  "bytes that were no command")
@@ -162,23 +186,36 @@ void Simulate::summarise(SimulatedLink& simulator, qint64 elapsed) const
                       .arg(static_cast<double>(elapsed) / 1000.0)
                       .arg(spoiled)
                       .arg(simulator.bytesSent())
-                      .arg(simulator.device().noise()));
+                      .arg(simulator.noise()));
+}
+
+std::unique_ptr<Simulation> Simulate::simulation()
+{
+    const auto chosen = settings();
+    const auto endpoint = linkregistry::endpoint(QString::fromStdString(link));
+    fields = endpoint->fields();
+    const QStringList unfit =
+        chosen.faults.unfit(fields == FieldSet::OsdFrame ? Faulty::Endpoint : Faulty::Device);
+    if (!unfit.isEmpty()) {
+        throw BadInput(QStringLiteral("--fault: \"%1\" has no %2: leave it out")
+                           .arg(QString::fromStdString(link), unfit.join(QStringLiteral(", "))));
+    }
+    return endpoint->simulate(chosen);
 }
 
 int Simulate::run()
 {
     duration.read();
-    const auto chosen = settings();
-    const auto simulator = linkregistry::endpoint(QString::fromStdString(link))->simulate(chosen);
+    const auto simulator = simulation();
     const Interrupt interrupt;
     if (!simulator->open()) {
         throw LinkDown(
             QStringLiteral("%1: %2").arg(QString::fromStdString(link), simulator->error()));
     }
     QString lostBecause;
-    QObject::connect(simulator.get(), &SimulatedLink::lost, simulator.get(),
+    QObject::connect(simulator.get(), &Simulation::lost, simulator.get(),
                      [&lostBecause](const QString& reason) { lostBecause = reason; });
-    QObject::connect(simulator.get(), &SimulatedLink::exchanged, simulator.get(),
+    QObject::connect(simulator.get(), &Simulation::exchanged, simulator.get(),
                      [this](const Exchange& exchange) {
                          ++commands;
                          spoiled += exchange.faults.empty() ? 0 : 1;

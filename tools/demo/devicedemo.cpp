@@ -31,11 +31,10 @@ class Stage
 {
 public:
     /// \a askedLength is the block length that a command asks for, where it must ask.
-    Stage(Narrator& teller, SimulatedLink& simulatedDevice, DeviceLink& openLink,
-          quint8 askedLength)
+    Stage(Narrator& teller, Simulation& simulatedDevice, DeviceLink& openLink, quint8 askedLength)
         : narrator(teller), simulator(simulatedDevice), link(openLink), asked(askedLength)
     {
-        QObject::connect(&simulator, &SimulatedLink::exchanged, &simulator,
+        QObject::connect(&simulator, &Simulation::exchanged, &simulator,
                          [this](const Exchange& exchange) { exchanges.push_back(exchange); });
     }
 
@@ -97,7 +96,7 @@ public:
         narrator.say(about);
         Faults::Setting once;
         once.count = 1;
-        simulator.device().faults().set(fault, once);
+        simulator.setFault(fault, once);
         linknotes::takeRefusals();
         const Command command = commandOf(0x20, 0x01);
         const bool first = exchange(command, 1, shortReplyTime);
@@ -140,7 +139,7 @@ public:
 
 private:
     Narrator& narrator;
-    SimulatedLink& simulator;
+    Simulation& simulator;
     DeviceLink& link;
     quint8 asked;
     std::vector<Exchange> exchanges;

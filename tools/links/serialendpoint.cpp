@@ -141,8 +141,7 @@ public:
         return SerialCoreLink<Line>::over(std::move(line), fieldSet);
     }
 
-    std::unique_ptr<SimulatedLink>
-    simulate(const SimulatedDevice::Settings& settings) const override
+    std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override
     {
         SimulatedDevice::Settings framed = settings;
         framed.framing = framing;

@@ -11,8 +11,6 @@
 #include "udpports.h"
 #include "utility_manage.h"
 
-#include <QRegularExpression>
-
 #include <cerrno>
 #include <cstring>
 
@@ -26,7 +24,6 @@ namespace
 constexpr quint16 fixedPort = 3005; // of the device types that have one, at both ends
 constexpr quint16 devicePort = 1000;
 constexpr quint16 usualLocalPort = 5104;
-constexpr int mostPort = 65535;
 constexpr int largestDatagram = 65507;
 constexpr quint8 broadcastMode = 1;
 
@@ -105,8 +102,7 @@ public:
                                           broadcast ? QString() : host.toString());
     }
 
-    std::unique_ptr<SimulatedLink>
-    simulate(const SimulatedDevice::Settings& settings) const override
+    std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override
     {
         return std::make_unique<UdpSimulator>(host, port, settings);
     }
@@ -117,41 +113,13 @@ private:
     quint16 port;
 };
 
-QHostAddress hostOf(const LinkAddress& address, const QString& text)
-{
-    static const QRegularExpression dotted(
-        QStringLiteral("^(0|[1-9][0-9]{0,2})(\\.(0|[1-9][0-9]{0,2})){3}$"));
-    const QHostAddress host(text);
-    if (!dotted.match(text).hasMatch() || host.protocol() != QAbstractSocket::IPv4Protocol) {
-        address.refuse(QStringLiteral("\"%1\" is no IPv4 address: write udp://192.168.1.20:1000 "
-                                      "(names are not looked up)")
-                           .arg(text));
-    }
-    return host;
-}
-
-quint16 portOf(const LinkAddress& address, const QString& text)
-{
-    bool isNumber = false;
-    const int port = text.toInt(&isNumber);
-    if (!isNumber || port < 0 || port > mostPort) {
-        address.refuse(
-            QStringLiteral("\"%1\" is no port: give a number from 1 to 65535").arg(text));
-    }
-    return static_cast<quint16>(port);
-}
-
 } // namespace
 
 std::unique_ptr<Endpoint> udpendpoint::parse(const LinkAddress& address)
 {
     address.allowOptions({});
-    const int colon = address.target.indexOf(QLatin1Char(':'));
-    const QHostAddress host = hostOf(address, address.target.left(colon));
-    const quint16 port = colon >= 0       ? portOf(address, address.target.mid(colon + 1))
-                         : hasFixedPort() ? fixedPort
-                                          : devicePort;
-    return std::make_unique<UdpEndpointAddress>(address, host, port);
+    const auto target = address.ipTarget(hasFixedPort() ? fixedPort : devicePort);
+    return std::make_unique<UdpEndpointAddress>(address, target.host, target.port);
 }
 
 bool udpendpoint::demonstrate(Narrator& narrator)

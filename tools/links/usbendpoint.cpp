@@ -100,8 +100,7 @@ public:
         return std::make_unique<UsbCoreLink>(std::move(line), HidNode::with(vendorId, productId));
     }
 
-    std::unique_ptr<SimulatedLink>
-    simulate(const SimulatedDevice::Settings& settings) const override
+    std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override
     {
         const QString reason = hidemulation::obstacle();
         if (!reason.isEmpty()) {

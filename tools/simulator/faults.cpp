@@ -6,18 +6,22 @@
 namespace
 {
 
+enum class Shown { ByAll, ByDevices, ByEndpoints };
+
 struct Row {
     Fault fault;
     const char* name;
     int defaultAmount; // 0: takes none
     int mostAmount;
     const char* help;
+    Shown by = Shown::ByDevices;
+    bool lasting = false;
 };
 
 constexpr std::array<Row, faultCount> rows{{
-    {Fault::Drop, "drop", 0, 0, "no answer at all"},
+    {Fault::Drop, "drop", 0, 0, "no answer at all", Shown::ByAll},
     {Fault::Duplicate, "duplicate", 0, 0, "every piece of the answer twice"},
-    {Fault::Delay, "delay", 100, 3600000, "the answer later by AMOUNT ms"},
+    {Fault::Delay, "delay", 100, 3600000, "the answer later by AMOUNT ms", Shown::ByAll},
     {Fault::WrongChecksum, "wrong-checksum", 0, 0, "the reply's checksum off by one"},
     {Fault::Truncate, "truncate", 1, 18, "the reply without its last AMOUNT bytes"},
     {Fault::Oversize, "oversize", 1, 1000, "AMOUNT bytes too many behind the reply"},
@@ -25,13 +29,23 @@ constexpr std::array<Row, faultCount> rows{{
     {Fault::ShortBlock, "short-block", 1, 65535, "the block without its last AMOUNT bytes"},
     {Fault::LongBlock, "long-block", 1, 10000, "AMOUNT bytes too many behind the block"},
     {Fault::BlockChecksum, "block-checksum", 0, 0, "the block's checksum off by one (streams)"},
-    {Fault::Garbage, "garbage", 32, 10000, "AMOUNT random bytes before the answer"},
-    {Fault::Flood, "flood", 1000, 10000000, "the answer AMOUNT times over"},
+    {Fault::Garbage, "garbage", 32, 10000, "AMOUNT random bytes before the answer", Shown::ByAll},
+    {Fault::Flood, "flood", 1000, 10000000, "the answer AMOUNT times over", Shown::ByAll},
     {Fault::Noise, "noise", 4, 1000, "AMOUNT random bytes inside the reply (streams)"},
     {Fault::LateBlock, "late-block", 700, 3600000, "the block later by AMOUNT ms (streams)"},
     {Fault::Glue, "glue", 0, 0, "the answer in one piece with the next (streams)"},
-    {Fault::Split, "split", 0, 0, "every byte of the answer by itself (streams)"},
-    {Fault::HangUp, "hang-up", 0, 0, "half the answer, then the line hangs up (streams)"},
+    {Fault::Split, "split", 1, 3600000, "every byte of the answer AMOUNT ms apart (streams, osd)",
+     Shown::ByAll},
+    {Fault::HangUp, "hang-up", 0, 0, "half the answer, then a hang-up (streams, osd)",
+     Shown::ByAll},
+    {Fault::Reset, "reset", 0, 0, "the connection reset instead of an answer (osd)",
+     Shown::ByEndpoints},
+    {Fault::CloseAfter, "close-after", 64, 1000000000,
+     "a connection closed after AMOUNT bytes (osd)", Shown::ByEndpoints},
+    {Fault::Refuse, "refuse", 0, 0, "connections refused; no =WHEN (osd)", Shown::ByEndpoints,
+     true},
+    {Fault::NeverRead, "never-read", 0, 0, "connections never read from; no =WHEN (osd)",
+     Shown::ByEndpoints, true},
 }};
 
 constexpr bool inOrder()
@@ -110,6 +124,14 @@ QString Faults::parse(const QString& text)
         return QStringLiteral("\"%1\" is no fault: take one of %2")
             .arg(name, names.join(QStringLiteral(", ")));
     }
+    if (row->lasting) {
+        if (text != name) {
+            return QStringLiteral("\"%1\": %2 is there all the time: write %2 alone")
+                .arg(text, name);
+        }
+        set(row->fault, {1.0, 0, 0});
+        return {};
+    }
     const QString value = text.section(QLatin1Char('='), 1);
     QString when = value.section(QLatin1Char(':'), 0, 0);
     const QString howMuch = value.section(QLatin1Char(':'), 1);
@@ -141,6 +163,29 @@ QString Faults::parse(const QString& text)
     }
     set(row->fault, setting);
     return {};
+}
+
+bool Faults::lasts(Fault fault) const
+{
+    return settings[static_cast<std::size_t>(fault)].probability >= 1;
+}
+
+QStringList Faults::unfit(Faulty who) const
+{
+    const Shown byOthers = who == Faulty::Device ? Shown::ByEndpoints : Shown::ByDevices;
+    QStringList names;
+    for (const Row& row : rows) {
+        const Setting& setting = settings[static_cast<std::size_t>(row.fault)];
+        if (row.by == byOthers && (setting.count > 0 || setting.probability > 0)) {
+            names << QLatin1String(row.name);
+        }
+    }
+    return names;
+}
+
+bool Faults::isLasting(Fault fault)
+{
+    return rowOf(fault).lasting;
 }
 
 QString Faults::name(Fault fault)

@@ -38,14 +38,21 @@ enum class Fault {
     Noise,         ///< random bytes inside the reply, as many as the amount (streams only)
     LateBlock,     ///< the block comes later, by the amount in milliseconds (streams only)
     Glue,          ///< the answer waits for the next one, or for silence (streams only)
-    Split,         ///< every byte is written by itself (streams only)
+    Split,         ///< every byte is written by itself, the amount in ms apart (streams only)
     HangUp,        ///< half the answer, then the line hangs up (streams only)
+    Reset,         ///< the connection is reset instead of an answer (endpoints only)
+    CloseAfter,    ///< a connection is closed after the amount of bytes (endpoints only)
+    Refuse,        ///< connections are refused (endpoints only, lasting)
+    NeverRead,     ///< connections are accepted and not read from (endpoints only, lasting)
 };
 
-constexpr int faultCount = static_cast<int>(Fault::HangUp) + 1;
+constexpr int faultCount = static_cast<int>(Fault::NeverRead) + 1;
+
+/// Who may show a fault.
+enum class Faulty { Device, Endpoint };
 
 /// Which faults a device shows, and when. A fault strikes with a probability, or each of the first
-/// so many answers that it can apply to.
+/// so many answers (closings: connections) that it can apply to; a lasting one is there or not.
 class Faults
 {
 public:
@@ -62,10 +69,16 @@ public:
     /// probability.
     bool strikes(Fault fault, SeededRandom& random);
 
-    /// Reads "name=25%", "name=3" (the first three answers) or either with ":amount" behind it.
-    /// Returns what is wrong with the text, empty if nothing is.
+    bool lasts(Fault fault) const; ///< for lasting faults: whether it is there
+
+    /// Reads "name=25%", "name=3" (the first three answers) or either with ":amount" behind it;
+    /// "name" alone for a lasting fault. Returns what is wrong with the text, empty if nothing is.
     QString parse(const QString& text);
 
+    /// The names of those that are set and that \a who cannot show.
+    QStringList unfit(Faulty who) const;
+
+    static bool isLasting(Fault fault);
     static QString name(Fault fault);
     static QString help(); ///< one line for each fault
 

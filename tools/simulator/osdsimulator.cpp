@@ -8,7 +8,6 @@
 #include <deque>
 #include <list>
 #include <mutex>
-#include <random>
 #include <thread>
 #include <utility>
 
@@ -41,6 +40,7 @@ struct Client {
     int descriptor = -1;
     QByteArray pending; // received, not yet a command
     qint64 receivedBytes = 0;
+    qint64 closeAfter = -1; // bytes; negative: never
     Clock::time_point lastByte;
     std::deque<Chunk> output;
     bool over = false;
@@ -92,6 +92,7 @@ struct OsdSimulator::Server {
     bool bindTo(Address local);
     bool openListener();
     void applyRefusal() const;
+    void faultsChanged() const;
     void serve();
     void wake() const;
     int pauseMs() const;
@@ -99,11 +100,13 @@ struct OsdSimulator::Server {
     void read(Client& client);
     void cutCommands(Client& client, bool quiet);
     void take(Client& client, const QByteArray& command);
-    void answer(Client& client, const QByteArray& command);
+    static void answer(Client& client, const Exchange& exchange);
     void write(Client& client);
     void tend(Client& client, short events);
     void hangUp(Client& client, bool reset) const;
-    bool strikes(OsdFault& fault);
+    bool strikes(Fault fault, Exchange& exchange);
+    Exchange exchangeFor(const QByteArray& command);
+    std::chrono::milliseconds pauseOf(Fault fault) const;
     bool isGood(const QByteArray& command) const;
     QByteArray garbage();
 
@@ -114,18 +117,20 @@ struct OsdSimulator::Server {
     std::atomic<bool> ending{false};
     std::thread thread;
 
-    // Guards everything below; held by the thread except while it waits and while onCommand runs.
+    // Guards everything below; held by the thread except while it waits and while onExchange runs.
     mutable std::mutex lock;
-    OsdFaults faults;
-    std::mt19937 random;
+    Faults faults;
+    SeededRandom random;
     std::list<Client> clients;
     QString failure;
     QByteArray received;
     std::vector<QByteArray> commands;
     std::vector<quint16> peerPorts;
-    std::vector<std::pair<QByteArray, bool>> toTell;
+    std::vector<Exchange> toTell;
     int bad = 0;
+    qint64 badBytes = 0;
     qint64 answers = 0;
+    qint64 sentBytes = 0;
 };
 
 bool OsdSimulator::Server::bindTo(Address local)
@@ -168,10 +173,18 @@ void OsdSimulator::Server::applyRefusal() const
     int listening = 0;
     socklen_t length = sizeof listening;
     getsockopt(listener, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length);
-    if (faults.refuse && listening != 0) {
+    if (faults.lasts(Fault::Refuse) && listening != 0) {
         shutdown(listener, SHUT_RD);
-    } else if (!faults.refuse && listening == 0) {
+    } else if (!faults.lasts(Fault::Refuse) && listening == 0) {
         listen(listener, backlog);
+    }
+}
+
+void OsdSimulator::Server::faultsChanged() const
+{
+    if (thread.joinable()) {
+        applyRefusal();
+        wake();
     }
 }
 
@@ -203,9 +216,10 @@ void OsdSimulator::Server::serve()
         std::vector<pollfd> waits{{wakeUp, POLLIN, 0}, {listener, POLLIN, 0}};
         for (const Client& client : clients) {
             const bool writes = !client.output.empty() && client.output.front().due <= Clock::now();
-            waits.push_back(
-                {client.descriptor,
-                 static_cast<short>((faults.neverRead ? 0 : POLLIN) | (writes ? POLLOUT : 0)), 0});
+            waits.push_back({client.descriptor,
+                             static_cast<short>((faults.lasts(Fault::NeverRead) ? 0 : POLLIN) |
+                                                (writes ? POLLOUT : 0)),
+                             0});
         }
         const int pause = pauseMs();
         locked.unlock();
@@ -219,12 +233,12 @@ void OsdSimulator::Server::serve()
         }
         clients.remove_if([](const Client& client) { return client.descriptor < 0; });
         acceptAll();
-        std::vector<std::pair<QByteArray, bool>> told;
+        std::vector<Exchange> told;
         told.swap(toTell);
-        if (options.onCommand && !told.empty()) {
+        if (!told.empty()) {
             locked.unlock();
-            for (const auto& [command, good] : told) {
-                options.onCommand(command, good);
+            for (const Exchange& exchange : told) {
+                options.onExchange(exchange);
             }
             locked.lock();
         }
@@ -234,7 +248,7 @@ void OsdSimulator::Server::serve()
 void OsdSimulator::Server::tend(Client& client, short events)
 {
     if (!client.over && (events & (POLLIN | POLLHUP | POLLERR)) != 0) {
-        if (faults.neverRead) {
+        if (faults.lasts(Fault::NeverRead)) {
             client.over = (events & (POLLHUP | POLLERR)) != 0;
         } else {
             read(client);
@@ -264,6 +278,9 @@ void OsdSimulator::Server::acceptAll()
         Client client;
         client.descriptor = descriptor;
         client.lastByte = Clock::now();
+        if (faults.strikes(Fault::CloseAfter, random)) {
+            client.closeAfter = faults.amount(Fault::CloseAfter);
+        }
         clients.push_back(std::move(client));
     }
 }
@@ -284,10 +301,7 @@ void OsdSimulator::Server::read(Client& client)
     client.pending.append(bytes);
     client.receivedBytes += size;
     client.lastByte = Clock::now();
-    if (faults.closeAfterBytes >= 0 && client.receivedBytes >= faults.closeAfterBytes) {
-        client.over = true;
-        client.reset = faults.resetInsteadOfClose;
-    }
+    client.over = client.closeAfter >= 0 && client.receivedBytes >= client.closeAfter;
 }
 
 void OsdSimulator::Server::cutCommands(Client& client, bool quiet)
@@ -312,44 +326,74 @@ bool OsdSimulator::Server::isGood(const QByteArray& command) const
 
 void OsdSimulator::Server::take(Client& client, const QByteArray& command)
 {
-    const bool good = isGood(command);
-    if (options.onCommand) {
-        toTell.emplace_back(command, good);
-    }
-    if (!good) {
+    if (!isGood(command)) {
         ++bad;
+        badBytes += command.size();
         return;
     }
     commands.push_back(command);
-    if (strikes(faults.hangUp)) {
-        client.over = true;
-        client.reset = faults.resetInsteadOfClose;
-    } else if (!strikes(faults.silent)) {
-        answer(client, command);
+    const Exchange exchange = exchangeFor(command);
+    answers += exchange.answer.empty() ? 0 : exchange.times;
+    answer(client, exchange);
+    if (options.onExchange) {
+        toTell.push_back(exchange);
     }
 }
 
-void OsdSimulator::Server::answer(Client& client, const QByteArray& command)
+std::chrono::milliseconds OsdSimulator::Server::pauseOf(Fault fault) const
 {
+    return std::chrono::milliseconds(faults.amount(fault));
+}
+
+Exchange OsdSimulator::Server::exchangeFor(const QByteArray& command)
+{
+    Exchange exchange;
+    exchange.command.block = command;
+    if (strikes(Fault::Reset, exchange) || strikes(Fault::Drop, exchange)) {
+        return exchange;
+    }
+    const QByteArray acknowledgement =
+        QByteArray("OK").append(options.status.value_or(command.at(0)));
+    if (strikes(Fault::HangUp, exchange)) {
+        exchange.answer.push_back({acknowledgement.left(1), {}});
+        return exchange;
+    }
+    if (strikes(Fault::Garbage, exchange)) {
+        exchange.answer.push_back({garbage(), {}});
+    }
+    if (strikes(Fault::Split, exchange)) {
+        for (const char byte : acknowledgement) {
+            exchange.answer.push_back({QByteArray(1, byte), pauseOf(Fault::Split)});
+        }
+    } else {
+        exchange.answer.push_back({acknowledgement, {}});
+    }
+    if (strikes(Fault::Flood, exchange)) {
+        exchange.times = faults.amount(Fault::Flood);
+    }
+    if (strikes(Fault::Delay, exchange)) {
+        exchange.answer.front().after += pauseOf(Fault::Delay);
+    }
+    return exchange;
+}
+
+void OsdSimulator::Server::answer(Client& client, const Exchange& exchange)
+{
+    const auto struck = [&exchange](Fault fault) {
+        return std::find(exchange.faults.begin(), exchange.faults.end(), fault) !=
+               exchange.faults.end();
+    };
     auto due = Clock::now();
-    if (strikes(faults.late)) {
-        due += faults.lateBy;
+    const bool atOnce = exchange.answer.size() == 1;
+    for (int i = 0; i < (atOnce ? 1 : exchange.times); ++i) {
+        for (const Emission& emission : exchange.answer) {
+            due += emission.after;
+            client.output.push_back(
+                {due, atOnce ? emission.bytes.repeated(exchange.times) : emission.bytes});
+        }
     }
-    if (strikes(faults.garbage)) {
-        client.output.push_back({due, garbage()});
-    }
-    QByteArray acknowledgement("OK");
-    acknowledgement.append(options.status.value_or(command.at(0)));
-    if (strikes(faults.flood)) {
-        acknowledgement = acknowledgement.repeated(faults.floodAnswers);
-    }
-    answers += acknowledgement.size() / 3;
-    if (strikes(faults.split)) {
-        client.output.push_back({due, acknowledgement.left(1)});
-        acknowledgement.remove(0, 1);
-        due += faults.lateBy;
-    }
-    client.output.push_back({due, acknowledgement});
+    client.reset = client.reset || struck(Fault::Reset);
+    client.over = client.over || client.reset || struck(Fault::HangUp);
 }
 
 void OsdSimulator::Server::write(Client& client)
@@ -363,6 +407,7 @@ void OsdSimulator::Server::write(Client& client)
             return;
         }
         bytes.remove(0, static_cast<int>(size));
+        sentBytes += size;
         if (!bytes.isEmpty()) {
             return;
         }
@@ -380,24 +425,20 @@ void OsdSimulator::Server::hangUp(Client& client, bool reset) const
     client.descriptor = -1;
 }
 
-bool OsdSimulator::Server::strikes(OsdFault& fault)
+bool OsdSimulator::Server::strikes(Fault fault, Exchange& exchange)
 {
-    if (fault.count == 0 || fault.probability <= 0 ||
-        std::uniform_real_distribution<>(0, 1)(random) >= fault.probability) {
-        return false;
+    const bool struck = faults.strikes(fault, random);
+    if (struck) {
+        exchange.faults.push_back(fault);
     }
-    if (fault.count > 0) {
-        --fault.count;
-    }
-    return true;
+    return struck;
 }
 
 QByteArray OsdSimulator::Server::garbage()
 {
     QByteArray bytes;
-    std::uniform_int_distribution<> any(0, 255);
-    while (bytes.size() < faults.garbageBytes) {
-        const auto byte = static_cast<char>(any(random));
+    while (bytes.size() < faults.amount(Fault::Garbage)) {
+        const auto byte = static_cast<char>(random.below(256));
         bytes.append(byte == 'O' || byte == 'K' ? '.' : byte);
     }
     return bytes;
@@ -448,14 +489,18 @@ quint16 OsdSimulator::port() const
     return server->boundPort;
 }
 
-void OsdSimulator::setFaults(const OsdFaults& faults)
+void OsdSimulator::setFaults(const Faults& faults)
 {
     const std::lock_guard locked(server->lock);
     server->faults = faults;
-    if (server->thread.joinable()) {
-        server->applyRefusal();
-        server->wake();
-    }
+    server->faultsChanged();
+}
+
+void OsdSimulator::setFault(Fault fault, const Faults::Setting& setting)
+{
+    const std::lock_guard locked(server->lock);
+    server->faults.set(fault, setting);
+    server->faultsChanged();
 }
 
 void OsdSimulator::hangUp(bool reset)
@@ -499,6 +544,25 @@ int OsdSimulator::bad() const
 {
     const std::lock_guard locked(server->lock);
     return server->bad;
+}
+
+qint64 OsdSimulator::badBytes() const
+{
+    const std::lock_guard locked(server->lock);
+    return server->badBytes;
+}
+
+qint64 OsdSimulator::sentBytes() const
+{
+    const std::lock_guard locked(server->lock);
+    return server->sentBytes;
+}
+
+bool OsdSimulator::isIdle() const
+{
+    const std::lock_guard locked(server->lock);
+    return std::all_of(server->clients.begin(), server->clients.end(),
+                       [](const Client& client) { return client.output.empty(); });
 }
 
 qint64 OsdSimulator::answers() const

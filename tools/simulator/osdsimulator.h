@@ -1,46 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "simulateddevice.h"
+
 #include <QByteArray>
 #include <QString>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
 
-/// How often a fault strikes: each command with this probability (0 to 1), at most \a count times
-/// (negative: without limit).
-struct OsdFault {
-    double probability = 0;
-    int count = -1;
-};
-
-/// What a simulated on-screen-display endpoint does wrong. The first two hold for the whole
-/// endpoint, the others strike at single commands.
-struct OsdFaults {
-    bool refuse = false;         ///< nothing listens: connections are refused
-    bool neverRead = false;      ///< connections are accepted, and never read from
-    qint64 closeAfterBytes = -1; ///< hang up once this many bytes have come in; negative: never
-    bool resetInsteadOfClose = false; ///< hang up with a reset
-
-    OsdFault late;    ///< answer after lateBy
-    OsdFault split;   ///< send "O", and lateBy later the rest
-    OsdFault garbage; ///< send garbageBytes random bytes, "OK" not among them, before the answer
-    OsdFault flood;   ///< answer floodAnswers times
-    OsdFault silent;  ///< do not answer
-    OsdFault hangUp;  ///< hang up instead of answering
-    std::chrono::milliseconds lateBy{50};
-    int garbageBytes = 16;
-    int floodAnswers = 1000;
-};
-
 /// What a simulated endpoint takes for a good command, and how it answers.
 struct OsdSimulatorOptions {
     QString address = QStringLiteral("127.0.0.1");
     quint16 port = 10001; ///< 0: any that is free
-    quint32 seed = 1;     ///< of everything that is random
+    quint64 seed = 1;     ///< of everything that is random
 
     /// Bytes of data in each command. Commands carry no length, so without it a command is
     /// whatever comes in until the line is quiet for a moment.
@@ -50,10 +25,10 @@ struct OsdSimulatorOptions {
 
     /// The byte behind "OK"; without it the command's first byte.
     std::optional<char> status;
-    OsdFaults faults;
+    Faults faults; ///< those that an endpoint can show
 
-    /// Told of each command, on the endpoint's thread.
-    std::function<void(const QByteArray& command, bool good)> onCommand;
+    /// Told of each good command, whose bytes are its block, on the endpoint's thread.
+    std::function<void(const Exchange& exchange)> onExchange;
 };
 
 /// A simulated on-screen-display endpoint: a TCP server on a thread of its own that checks each
@@ -75,7 +50,8 @@ public:
     QString error() const;
 
     quint16 port() const; ///< the one it got
-    void setFaults(const OsdFaults& faults);
+    void setFaults(const Faults& faults);
+    void setFault(Fault fault, const Faults::Setting& setting);
 
     /// Hangs up on everyone: with a reset, or properly, once what is due has been sent.
     void hangUp(bool reset);
@@ -87,7 +63,10 @@ public:
     int connected() const;                    ///< connections now
     int good() const;                         ///< good commands so far
     int bad() const;                          ///< other commands so far
+    qint64 badBytes() const;                  ///< how many bytes those had
     qint64 answers() const;                   ///< acknowledgements given so far
+    qint64 sentBytes() const;                 ///< bytes written so far
+    bool isIdle() const;                      ///< everything that is to be sent has been
     QByteArray received() const;              ///< every byte so far, in order of arrival
     qint64 receivedBytes() const;             ///< how many those are
     std::vector<QByteArray> commands() const; ///< the good commands

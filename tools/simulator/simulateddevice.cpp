@@ -241,7 +241,8 @@ void SimulatedDevice::spoilPieces(Exchange& exchange)
     if (strikes(Fault::Split, exchange)) {
         std::vector<Emission> bytes;
         for (const char byte : joined()) {
-            bytes.push_back({QByteArray(1, byte), std::chrono::milliseconds(1)});
+            const std::chrono::milliseconds apart(settings.faults.amount(Fault::Split));
+            bytes.push_back({QByteArray(1, byte), apart});
         }
         answer = bytes;
     }

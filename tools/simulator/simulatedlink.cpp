@@ -24,6 +24,11 @@ SimulatedLink::SimulatedLink(const SimulatedDevice::Settings& settings) : simula
     connect(&quiet, &QTimer::timeout, this, [this] { deliver(simulated.settle()); });
 }
 
+void SimulatedLink::setFault(Fault fault, const Faults::Setting& setting)
+{
+    simulated.faults().set(fault, setting);
+}
+
 void SimulatedLink::received(const QByteArray& bytes, const Writer& writer)
 {
     lastWriter = writer;

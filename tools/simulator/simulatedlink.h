@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "simulateddevice.h"
+#include "simulation.h"
 
-#include <QObject>
 #include <QTimer>
 
 #include <functional>
@@ -13,31 +12,18 @@
 /// to the device, answers are written in their order and after their pauses, and an answer that is
 /// delayed does not hold up the next one. A medium opens itself, passes on what arrives, and
 /// writes.
-///
-/// Belongs to one thread, which must run a Qt event loop. Nothing blocks.
-class SimulatedLink : public QObject
+class SimulatedLink : public Simulation
 {
     Q_OBJECT
 
 public:
     explicit SimulatedLink(const SimulatedDevice::Settings& settings);
 
-    /// Starts to serve. False: error() says why.
-    virtual bool open() = 0;
-
-    virtual QString address() const = 0; ///< where a host finds it, as a link address
-    QString error() const { return problem; }
-
-    /// What a host needs to know besides the address; empty if nothing.
-    virtual QString hint() const { return {}; }
-
-    SimulatedDevice& device() { return simulated; }
-    qint64 bytesSent() const { return sent; }
-    bool isIdle() const { return underWay == 0; } ///< every answer so far has been written
-
-Q_SIGNALS:
-    void exchanged(const Exchange& exchange); ///< a command has come, its answer is on its way
-    void lost(const QString& reason);         ///< the medium is gone; nothing is served any more
+    QString error() const override { return problem; }
+    void setFault(Fault fault, const Faults::Setting& setting) override;
+    qint64 bytesSent() const override { return sent; }
+    qint64 noise() const override { return simulated.noise(); }
+    bool isIdle() const override { return underWay == 0; }
 
 protected:
     /// Writes one piece; its result is the bytes written or less than 0.

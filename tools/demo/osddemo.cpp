@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: MIT
+#include "osddemo.h"
+
+#include "narrator.h"
+#include "osdlink.h"
+#include "recordtext.h"
+#include "simulator/osdsimulation.h"
+#include "waiting.h"
+
+#include <QElapsedTimer>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+
+namespace
+{
+
+constexpr std::chrono::milliseconds replyTime{4000};
+constexpr std::chrono::milliseconds settleTime{10000};
+constexpr Faults::Setting once{0, 1, 0};
+constexpr Faults::Setting always{1.0, 0, 0};
+constexpr int wallSize = 3;
+constexpr int leaving = 1; // the endpoint that goes away
+
+QString ipOf(int number)
+{
+    return QStringLiteral("127.0.0.%1").arg(number + 1);
+}
+
+class Wall
+{
+public:
+    explicit Wall(Narrator& teller) : narrator(teller) {}
+
+    bool serve()
+    {
+        std::vector<OsdLink::Endpoint> places;
+        for (int i = 0; i < wallSize; ++i) {
+            OsdSimulatorOptions options;
+            options.address = ipOf(i);
+            options.port = 0;
+            endpoints.push_back(std::make_unique<OsdSimulation>(options));
+            OsdSimulation& endpoint = *endpoints.back();
+            const bool serves = endpoint.open();
+            if (!narrator.expect(serves, QStringLiteral("a simulated endpoint serves at ") +
+                                             (serves ? endpoint.address() : endpoint.error()))) {
+                return false;
+            }
+            places.push_back(
+                {ipOf(i),
+                 static_cast<quint16>(endpoint.address().section(QLatin1Char(':'), -1).toUInt())});
+        }
+        link = std::make_unique<OsdLink>(places);
+        return true;
+    }
+
+    void connect()
+    {
+        narrator.say(QStringLiteral("One host connects to all of them"));
+        const QStringList all = link->devices();
+        const bool connected = waitUntil([this, &all] {
+            return std::all_of(all.begin(), all.end(),
+                               [this](const QString& ip) { return link->isConnected(ip); });
+        });
+        narrator.expect(connected,
+                        all.join(QStringLiteral(", ")) + QStringLiteral(" are connected"));
+    }
+
+    void sayHello()
+    {
+        narrator.say(QStringLiteral("One record to all of them"));
+        sendToAll("Gate 7");
+        expectReplies({0, 1, 2});
+    }
+
+    void answerInPieces()
+    {
+        narrator.say(QStringLiteral("One answers in pieces, one late, one with noise before"));
+        endpoints[0]->setFault(Fault::Split, {0, 1, 20});
+        endpoints[1]->setFault(Fault::Delay, {0, 1, 300});
+        endpoints[2]->setFault(Fault::Garbage, once);
+        sendToAll("Boarding");
+        expectReplies({0, 1, 2});
+    }
+
+    void oneVanishes()
+    {
+        narrator.say(QStringLiteral("%1 goes away; the others go on").arg(ipOf(leaving)));
+        endpoints[leaving]->setFault(Fault::Refuse, always);
+        endpoints[leaving]->hangUp();
+        const bool noticed = waitUntil([this] { return !link->trouble(ipOf(leaving)).isEmpty(); });
+        narrator.expect(noticed,
+                        QStringLiteral("%1 %2").arg(ipOf(leaving), link->trouble(ipOf(leaving))));
+        sendToAll("Last call");
+        expectReplies({0, 2});
+    }
+
+    void itComesBack()
+    {
+        narrator.say(QStringLiteral("%1 comes back: close and open").arg(ipOf(leaving)));
+        endpoints[leaving]->setFault(Fault::Refuse, {});
+        link->reopen(ipOf(leaving));
+        sendToAll("Gate closed");
+        expectReplies({0, 1, 2});
+    }
+
+    void oneIsDeaf()
+    {
+        narrator.say(QStringLiteral("%1 never reads; the others go on").arg(ipOf(leaving)));
+        endpoints[leaving]->setFault(Fault::NeverRead, always);
+        sendToAll("Delayed");
+        expectReplies({0, 2});
+        endpoints[leaving]->setFault(Fault::NeverRead, {});
+        expectReplies({leaving}, QStringLiteral("it reads again"));
+    }
+
+private:
+    bool waitUntil(const std::function<bool()>& condition)
+    {
+        const auto look = [&] {
+            for (Reply& reply : link->takeReplies()) {
+                narrator.detail(QStringLiteral("endpoint -> host  ") + reply.line);
+                replies.push_back(std::move(reply));
+            }
+            return condition();
+        };
+        return waitFor(look, settleTime, narrator.interrupt()) == WaitEnd::Done;
+    }
+
+    void sendToAll(const char* text)
+    {
+        Command command;
+        command.osd.ch2 = 0x01;
+        command.osd.ch10 = 0x0d;
+        command.osd.arryData = text;
+        replies.clear();
+        narrator.detail(
+            QStringLiteral("host -> endpoints %1  \"%2\"")
+                .arg(recordtext::frameText(link->frameOf(command)), QString::fromLatin1(text)));
+        link->send(command);
+    }
+
+    bool has(int endpoint) const
+    {
+        return std::any_of(replies.begin(), replies.end(),
+                           [endpoint](const Reply& reply) { return reply.from == ipOf(endpoint); });
+    }
+
+    void expectReplies(const std::vector<int>& from, const QString& why = {})
+    {
+        const auto all = [&] {
+            return std::all_of(from.begin(), from.end(), [this](int one) { return has(one); });
+        };
+        QElapsedTimer clock;
+        clock.start();
+        const bool came = waitUntil(all) && clock.elapsed() < replyTime.count();
+        QStringList names;
+        for (const int endpoint : from) {
+            names << ipOf(endpoint);
+        }
+        narrator.expect(came && replies.size() >= from.size(),
+                        (why.isEmpty() ? QString() : why + QStringLiteral(": ")) +
+                            names.join(QStringLiteral(", ")) + QStringLiteral(" acknowledged"));
+    }
+
+    Narrator& narrator;
+    std::vector<std::unique_ptr<OsdSimulation>> endpoints;
+    std::unique_ptr<OsdLink> link;
+    std::vector<Reply> replies;
+};
+
+} // namespace
+
+bool osddemo::run(Narrator& narrator)
+{
+    Wall wall(narrator);
+    if (!wall.serve()) {
+        return false;
+    }
+    const std::function<void()> steps[] = {
+        [&] { wall.connect(); },     [&] { wall.sayHello(); },    [&] { wall.answerInPieces(); },
+        [&] { wall.oneVanishes(); }, [&] { wall.itComesBack(); }, [&] { wall.oneIsDeaf(); },
+    };
+    for (const auto& step : steps) {
+        if (!narrator.interrupt().happened()) {
+            step();
+        }
+    }
+    return narrator.allAsSaid();
+}
