@@ -9,10 +9,25 @@ OsdSimulation::OsdSimulation(const OsdSimulatorOptions& options)
 OsdSimulatorOptions OsdSimulation::told(OsdSimulatorOptions options)
 {
     options.onExchange = [this](const Exchange& exchange) {
-        QMetaObject::invokeMethod(
-            this, [this, exchange] { Q_EMIT exchanged(exchange); }, Qt::QueuedConnection);
+        {
+            const std::lock_guard guard(lock);
+            untold.push_back(exchange);
+        }
+        QMetaObject::invokeMethod(this, "tell", Qt::QueuedConnection);
     };
     return options;
+}
+
+void OsdSimulation::tell()
+{
+    std::deque<Exchange> exchanges;
+    {
+        const std::lock_guard guard(lock);
+        exchanges.swap(untold);
+    }
+    for (const Exchange& exchange : exchanges) {
+        Q_EMIT exchanged(exchange);
+    }
 }
 
 bool OsdSimulation::open()

@@ -4,6 +4,9 @@
 #include "osdsimulator.h"
 #include "simulation.h"
 
+#include <deque>
+#include <mutex>
+
 /// A simulated on-screen-display endpoint that tells its exchanges in the thread it belongs to. A
 /// command's frame is the block of its exchange.
 class OsdSimulation : public Simulation
@@ -25,8 +28,12 @@ public:
     void hangUp() { endpoint.hangUp(false); }              ///< on everyone
 
 private:
+    Q_SLOT void tell();
+
     OsdSimulatorOptions told(OsdSimulatorOptions options);
 
     QString ip;
+    std::mutex lock; // a leaf: untold
+    std::deque<Exchange> untold;
     OsdSimulator endpoint; // the last one: its thread tells this object
 };
