@@ -329,7 +329,7 @@ int main(int argc, char** argv)
             TextReplyStream(values), LiteralReplyStream(), 10);
     // Nothing of it is text: most of what is left is the hand-over.
     replies("second line, 129 bytes", replybytes::head(129) + replybytes::block(129),
-            BinaryReplyStream(), LiteralBinaryReplyStream(), 3);
+            BinaryReplyStream(), LiteralBinaryReplyStream(), 3.5);
 
     resynchronise("16 MiB of noise without a mark, to memchr", QByteArray(longBacklog, 'x'));
     QByteArray random(longBacklog, '\0');

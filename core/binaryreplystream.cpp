@@ -55,14 +55,12 @@ ReceiveBuffer::Found BinaryReplyStream::find(const char* data, int size)
 bool BinaryReplyStream::cut(const char* head)
 {
     model_Protocoldata record;
-    if (!commandframe::decodeBinary(QByteArray::fromRawData(head, commandframe::binaryLength),
-                                    record)) {
+    if (!commandframe::decodeBinary(head, commandframe::binaryLength, record)) {
         buffer.discard(1);
         return false;
     }
-    buffer.discard(commandframe::binaryLength);
     QByteArray block;
-    if (!awaitBlock(record.aux6, block) || !isBlockIntact(block)) {
+    if (!awaitBlock(record.aux6, block, commandframe::binaryLength) || !isBlockIntact(block)) {
         replyqueue::append(std::move(record));
         return false;
     }

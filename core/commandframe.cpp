@@ -189,9 +189,14 @@ QString commandframe::digitsOf(const QByteArray& frame)
 
 bool commandframe::decodeBinary(const QByteArray& head, model_Protocoldata& record)
 {
+    return decodeBinary(head.constData(), head.size(), record);
+}
+
+bool commandframe::decodeBinary(const char* head, int size, model_Protocoldata& record)
+{
     std::array<quint8, binaryLength> bytes{};
-    const auto present = std::min<std::size_t>(bytes.size(), static_cast<std::size_t>(head.size()));
-    std::memcpy(bytes.data(), head.constData(), present);
+    const auto present = std::min<std::size_t>(bytes.size(), static_cast<std::size_t>(size));
+    std::memcpy(bytes.data(), head, present);
     const auto word = [&bytes](std::size_t high) {
         return static_cast<quint16>(Utility_Manage::combineTwoByte(bytes[high + 1], bytes[high]));
     };

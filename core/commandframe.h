@@ -71,5 +71,6 @@ QString digitsOf(const QByteArray& frame);
 /// fields; bytes beyond the end read as 0. Returns false, with \a record holding what was decoded,
 /// if the checksum is wrong.
 bool decodeBinary(const QByteArray& head, model_Protocoldata& record);
+bool decodeBinary(const char* head, int size, model_Protocoldata& record);
 
 } // namespace commandframe

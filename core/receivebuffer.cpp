@@ -47,9 +47,10 @@ QByteArray ReceiveBuffer::take(int count)
     return taken;
 }
 
-bool ReceiveBuffer::takeWhole(int count, QByteArray& out)
+bool ReceiveBuffer::takeWhole(int count, QByteArray& out, int before)
 {
     const std::lock_guard locker(lock);
+    discardLocked(qBound(0, before, sizeLocked()));
     if (count > sizeLocked()) {
         return false;
     }

@@ -25,8 +25,9 @@ public:
     /// Copies the first \a count bytes, or all if there are fewer, and returns how many.
     int peek(char* out, int count) const;
 
-    /// As take, but false, and nothing taken, if there are fewer bytes.
-    bool takeWhole(int count, QByteArray& out);
+    /// Drops the first \a before bytes, then takes \a count bytes; false, and none of them taken,
+    /// if there are fewer.
+    bool takeWhole(int count, QByteArray& out, int before = 0);
 
     /// Removes the first \a count bytes, or all if there are fewer, and returns them.
     QByteArray take(int count);

@@ -93,12 +93,13 @@ bool ReplyStream::skipTo(const QByteArray& data)
     return garbage >= 0;
 }
 
-bool ReplyStream::awaitBlock(quint16 length, QByteArray& block)
+bool ReplyStream::awaitBlock(quint16 length, QByteArray& block, int headLength)
 {
     for (int look = 0; look < blockLooks && !processend::begun(); ++look) {
-        if (buffer.takeWhole(length, block)) {
+        if (buffer.takeWhole(length, block, headLength)) {
             return true;
         }
+        headLength = 0;
         pause(blockPause);
     }
     return false;

@@ -103,9 +103,9 @@ protected:
     /// none, in which case it returns false.
     bool skipTo(const QByteArray& data);
 
-    /// Takes a block of \a length bytes, if it is there within the 150 looks. If not, nothing is
-    /// taken.
-    bool awaitBlock(quint16 length, QByteArray& block);
+    /// Drops the head of \a headLength bytes at once, then takes a block of \a length bytes, if it
+    /// is there within the 150 looks. If not, no more than the head is taken.
+    bool awaitBlock(quint16 length, QByteArray& block, int headLength = 0);
 
     /// Whether the last byte of a block is the sum of the bytes before it, modulo 256. True for an
     /// empty block.

@@ -74,8 +74,10 @@ RC_GTEST_PROP(ReceiveBuffer, BehavesAsAPlainByteArray, ())
         case 6: {
             QByteArray taken("as it was");
             const int wanted = *rc::gen::inRange(0, 30000);
+            const int before = *rc::gen::inRange(-3, 20);
+            model.remove(0, qMax(before, 0));
             const bool isThere = wanted <= model.size();
-            RC_ASSERT(buffer.takeWhole(wanted, taken) == isThere);
+            RC_ASSERT(buffer.takeWhole(wanted, taken, before) == isThere);
             RC_ASSERT(taken == (isThere ? model.left(wanted) : QByteArray("as it was")));
             model.remove(0, isThere ? wanted : 0);
             break;
