@@ -18,9 +18,13 @@ namespace
 
 constexpr int retryPauseMs = 10;
 
+// A record, or a failure to report, or business whose queue is to be cleared.
 struct Handover {
     model_Protocoldata record;
-    const char* failure = nullptr; // set: no record, a failure to report
+    const char* failure = nullptr;
+    std::shared_ptr<biz_CMDSWork> cleared;
+
+    bool isRecord() const { return failure == nullptr && cleared == nullptr; }
 };
 
 void appendRecords(std::deque<Handover>& batch, std::size_t& next)
@@ -29,7 +33,7 @@ void appendRecords(std::deque<Handover>& batch, std::size_t& next)
     if (processend::over()) {
         return;
     }
-    for (; next < batch.size() && batch[next].failure == nullptr; ++next) {
+    for (; next < batch.size() && batch[next].isRecord(); ++next) {
         biz_CMDSWork::receivequeueHexCmd.push_back(std::move(batch[next].record));
     }
     replyqueue::setRetFlag(true);
@@ -39,11 +43,17 @@ void handOver(std::deque<Handover>& batch)
 {
     std::size_t next = 0;
     while (next < batch.size() && !processend::over()) {
-        if (batch[next].failure != nullptr) {
-            replyqueue::reportFailure(batch[next++].failure);
-        } else {
+        const Handover& handover = batch[next];
+        if (handover.isRecord()) {
             appendRecords(batch, next);
+            continue;
         }
+        if (handover.failure != nullptr) {
+            replyqueue::reportFailure(handover.failure);
+        } else {
+            handover.cleared->clearQueue();
+        }
+        ++next;
     }
 }
 
@@ -56,17 +66,44 @@ DrainQueue<Handover>& backlog()
 
 std::atomic<bool> retryPending{false};
 
+// The one retry that is pending. It goes with its timer, so that an application object that ends
+// before the timer does leaves none pending for the next one.
+class Retry
+{
+public:
+    Retry() = default;
+    ~Retry() { end(); }
+    Retry(const Retry&) = delete;
+    Retry& operator=(const Retry&) = delete;
+
+    void end()
+    {
+        if (!ended) {
+            ended = true;
+            retryPending = false;
+        }
+    }
+
+private:
+    bool ended = false;
+};
+
+// The calling thread may have no event loop, so the timer is started by the main thread's.
 void retryLater()
 {
-    if (QCoreApplication::instance() == nullptr || retryPending.exchange(true)) {
+    QCoreApplication* const application = QCoreApplication::instance();
+    if (application == nullptr || retryPending.exchange(true)) {
         return;
     }
-    QTimer::singleShot(retryPauseMs, QCoreApplication::instance(), [] {
-        retryPending = false;
-        if (!backlog().drainElsewhere()) {
-            retryLater();
-        }
-    });
+    const auto startTimer = [application, retry = std::make_shared<Retry>()] {
+        QTimer::singleShot(retryPauseMs, application, [retry] {
+            retry->end();
+            if (!backlog().drainElsewhere()) {
+                retryLater();
+            }
+        });
+    };
+    QMetaObject::invokeMethod(application, startTimer, Qt::QueuedConnection);
 }
 
 void putInBacklog(Handover handover)
@@ -106,7 +143,7 @@ void replyqueue::append(model_Protocoldata record)
 void replyqueue::post(model_Protocoldata record)
 {
     if (!appendedAtOnce(record)) {
-        putInBacklog({std::move(record), nullptr});
+        putInBacklog({std::move(record), nullptr, nullptr});
     }
 }
 
@@ -119,7 +156,7 @@ void replyqueue::reportFailure(const char* text)
 
 void replyqueue::postFailure(const char* text)
 {
-    putInBacklog({model_Protocoldata{}, text});
+    putInBacklog({model_Protocoldata{}, text, nullptr});
 }
 
 void replyqueue::setRetFlag(bool on)
@@ -131,6 +168,6 @@ void replyqueue::setRetFlag(bool on)
 void replyqueue::clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work)
 {
     if (!startDetached([work] { work->clearQueue(); })) {
-        work->clearQueue();
+        putInBacklog({model_Protocoldata{}, nullptr, work});
     }
 }

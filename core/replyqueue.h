@@ -32,8 +32,8 @@ void postFailure(const char* text);
 /// Sets the flag on the calling thread. Waits for its lock.
 void setRetFlag(bool on);
 
-/// Runs biz_CMDSWork::clearQueue on a detached thread that shares ownership of \a work; on the
-/// calling thread if the system refuses another.
+/// Runs biz_CMDSWork::clearQueue on a detached thread that shares ownership of \a work. Never
+/// waits. A refused thread is tried again as for post.
 void clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work);
 
 } // namespace replyqueue

@@ -4,8 +4,10 @@
 #include "hostqueue.h"
 #include "messagecapture.h"
 #include "processstate.h"
+#include "recordequality.h"
 #include "replyqueue.h"
 #include "threadrefusal.h"
+#include "warningcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -32,21 +34,95 @@ bool inOrder(int count)
     return records.size() == static_cast<std::size_t>(count);
 }
 
-} // namespace
+model_Protocoldata filled()
+{
+    model_Protocoldata record;
+    record.strKey = QStringLiteral("key");
+    record.bKeyFlag = 0xF1;
+    record.strKey2 = QString(QLatin1String("")); // empty, not null
+    record.HEAD = 0xF2;
+    record.aux1 = 0xF103;
+    record.aux2 = 0xF104;
+    record.aux3 = 0xF5;
+    record.aux4 = 0xF106;
+    record.aux5 = 0xF107;
+    record.aux6 = 0xF108;
+    record.ADDR = 0xF9;
+    record.CMD = 0xFA;
+    record.DAT1 = 0xFB;
+    record.DAT2 = 0xFC;
+    record.DAT3 = 0xFD;
+    record.DAT4 = 0xFE;
+    record.CHKSUM = 0xFF;
+    record.aux7 = -0x70000001;
+    record.strReply = QStringLiteral("reply");
+    record.arryDatablock = QByteArray("with\0zero", 9);
+    record.sendMode = 0xF3;
+    record.featureCode = -0x70000002;
+    return record;
+}
 
-TEST(ReplyQueue, AppendKeepsEveryMember)
+// Two records for which no thread can be had.
+void postRefused()
+{
+    const ThreadRefusal refusal;
+    const int before = ThreadRefusal::refused();
+    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    replyqueue::post(numbered(0));
+    replyqueue::post(numbered(1));
+    EXPECT_GE(ThreadRefusal::refused(), before + 2);
+}
+
+// Whether the record is in the queue although its flag cannot be up yet and nobody has the lock.
+bool isQueuedUnguarded()
+{
+    const std::unique_lock lock(biz_CMDSWork::receiveHexCmdlock, std::try_to_lock);
+    return lock && !biz_CMDSWork::receivequeueHexCmd.empty();
+}
+
+void expectFlagUnderQueueLock(void (*handOver)())
 {
     hostqueue::clear();
-    model_Protocoldata record = numbered(-5);
-    record.strReply = QStringLiteral("kept");
-    record.arryDatablock = "block";
-    record.sendMode = 9;
-    replyqueue::append(record);
-    ASSERT_EQ(hostqueue::size(), 1U);
-    EXPECT_EQ(hostqueue::records().front().aux7, -5);
-    EXPECT_EQ(hostqueue::records().front().strReply, QStringLiteral("kept"));
-    EXPECT_EQ(hostqueue::records().front().sendMode, 9);
+    {
+        const std::lock_guard noFlag(biz_CMDSWork::HexCmdlock);
+        std::thread(handOver).detach();
+        for (int look = 0; look < 100; ++look) {
+            EXPECT_FALSE(isQueuedUnguarded());
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; }));
     EXPECT_TRUE(hostqueue::flag());
+}
+
+} // namespace
+
+TEST(ReplyQueue, EveryMemberIsKept)
+{
+    hostqueue::clear();
+    const model_Protocoldata record = filled();
+    replyqueue::append(record);
+    replyqueue::post(record);
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        replyqueue::post(record); // comes on a thread
+    }
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 3; }));
+    for (const model_Protocoldata& queued : hostqueue::records()) {
+        EXPECT_TRUE(sameRecord(queued, record));
+    }
+    EXPECT_TRUE(hostqueue::flag());
+}
+
+// Who sees the flag finds the record: the queue's lock is kept until the flag is up.
+TEST(ReplyQueue, AppendingRaisesTheFlagUnderTheQueuesLock)
+{
+    expectFlagUnderQueueLock([] { replyqueue::append(numbered(0)); });
+}
+
+TEST(ReplyQueue, PostingRaisesTheFlagUnderTheQueuesLock)
+{
+    expectFlagUnderQueueLock([] { replyqueue::post(numbered(0)); });
 }
 
 TEST(ReplyQueue, PostIsThereAtOnceWhenTheHostHoldsNothing)
@@ -98,19 +174,56 @@ TEST(ReplyQueue, OrderHoldsAcrossTheEndOfABacklog)
 
 TEST(ReplyQueue, RefusedThreadLosesNothing)
 {
+    const WarningCapture warnings;
+    for (int round = 0; round < 3; ++round) {
+        hostqueue::clear();
+        postRefused();
+        // No further reply comes: the event loop brings them.
+        ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; })) << round;
+        EXPECT_TRUE(inOrder(2));
+        EXPECT_TRUE(hostqueue::flag());
+
+        // The same from a thread that has no event loop, as those of the links have none.
+        hostqueue::clear();
+        std::thread(postRefused).join();
+        ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; })) << round;
+        EXPECT_TRUE(inOrder(2));
+    }
+    EXPECT_EQ(warnings.lines(), QStringList());
+}
+
+TEST(ReplyQueue, RefusedThreadIsTriedAgainByTheNextApplicationToo)
+{
+    static int argc = 1;
+    static char name[] = "test";
+    static char* argv[] = {name, nullptr};
     hostqueue::clear();
+    QCoreApplication* const application = QCoreApplication::instance();
+    for (int lives = 0; lives < 3; ++lives) {
+        postRefused();
+        application->~QCoreApplication(); // with a retry pending
+        new (application) QCoreApplication(argc, argv);
+        if (lives == 1) {
+            QCoreApplication::sendPostedEvents(); // the timer runs, and goes with this application
+        }
+    }
+    postRefused();
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 8; }));
+}
+
+TEST(ReplyQueue, ARefusedClearIsDoneLater)
+{
+    const auto work = std::make_shared<biz_CMDSWork>();
+    hostqueue::clear();
+    replyqueue::append(numbered(0));
     {
         const ThreadRefusal refusal;
-        const int before = ThreadRefusal::refused();
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-        replyqueue::post(numbered(0));
-        replyqueue::post(numbered(1));
-        EXPECT_GE(ThreadRefusal::refused(), before + 2);
+        replyqueue::clearElsewhere(work); // does not wait for the lock
     }
-    // No further reply comes: the event loop brings them.
-    ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; }));
-    EXPECT_TRUE(inOrder(2));
-    EXPECT_TRUE(hostqueue::flag());
+    EXPECT_EQ(hostqueue::size(), 1U);
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 0; }));
+    EXPECT_TRUE(eventually([&] { return work.use_count() == 1; }));
 }
 
 TEST(ReplyQueue, RefusedThreadsEndWithTheNextReply)

@@ -4,14 +4,19 @@
 #include <QMetaMethod>
 #include <QStringList>
 
-/// The methods that a class itself declares, in order: signature, blank, parameter names.
+/// The methods that a class itself declares, in order: kind, signature, parameter names, with a
+/// blank between them. All must be public.
 inline QStringList ownMethods(const QMetaObject& metaObject)
 {
     QStringList methods;
     for (int i = metaObject.methodOffset(); i < metaObject.methodCount(); ++i) {
         const QMetaMethod method = metaObject.method(i);
-        methods << QString::fromLatin1(method.methodSignature()) + QLatin1Char(' ') +
-                       QString::fromLatin1(method.parameterNames().join(','));
+        const char* const access = method.access() == QMetaMethod::Public ? "" : "hidden ";
+        const char* const kind = method.methodType() == QMetaMethod::Signal ? "signal "
+                                 : method.methodType() == QMetaMethod::Slot ? "slot "
+                                                                            : "method ";
+        methods << (QByteArray(access) + kind + method.methodSignature() + ' ' +
+                    method.parameterNames().join(','));
     }
     return methods;
 }
