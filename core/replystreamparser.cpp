@@ -41,12 +41,10 @@ void ReplyStreamParser::stopParsing(std::chrono::milliseconds patience)
     while (stopped->hasParser() && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(exitPause);
     }
-    if (!stopped->hasParser()) {
-        stopped->buffData().clear();
-        return;
+    if (stopped->hasParser()) {
+        const std::lock_guard lock(streamLock);
+        current = stopped->successor();
     }
-    const std::lock_guard lock(streamLock);
-    current = stopped->successor();
 }
 
 bool ReplyStreamParser::isParsing() const
@@ -103,7 +101,7 @@ bool ReplyStreamParser::checkBlock(model_Protocoldata record, unsigned short len
 
 bool ReplyStreamParser::getArrayData(QByteArray frame, model_Protocoldata* record)
 {
-    return stream()->getArrayData(frame, *record);
+    return record != nullptr && stream()->getArrayData(frame, *record);
 }
 
 void ReplyStreamParser::addToReceivedQueue(model_Protocoldata record)

@@ -79,8 +79,8 @@ protected:
     [[nodiscard]] bool startParsing();
 
     /// Clears the run flag and looks every 5 ms whether the parser has ended, for \a patience at
-    /// most. If it has, the receive buffer is emptied. If not (it waits for a block, or for a lock
-    /// of the host's), the transport goes on with a fresh stream and leaves the old one to it.
+    /// most. If it has not (it waits for a block, or for a lock of the host's), the transport goes
+    /// on with a fresh stream and leaves the old one to it.
     void stopParsing(std::chrono::milliseconds patience);
 
     bool isParsing() const; ///< a parser of the current stream is on its way or running

@@ -35,10 +35,19 @@ SerialLine::SerialLine(std::shared_ptr<ReplyStream> stream)
 SerialLine::~SerialLine()
 {
     serialPort->disconnect(this);
+    shut(stopPatience);
+}
+
+// A closed port is not closed again: that would make it report an error.
+void SerialLine::shut(std::chrono::milliseconds patience)
+{
     if (serialPort->isOpen() || isParsing()) {
-        stopParsing(stopPatience);
+        stopParsing(patience);
     }
-    serialPort->close();
+    if (serialPort->isOpen()) {
+        serialPort->close();
+    }
+    stream()->buffData().clear();
 }
 
 void SerialLine::setDeviceIP(QString /*ip*/) {}
@@ -57,8 +66,7 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
 {
     if (serialPort->isOpen() || isParsing()) {
         // A host that has cleared the flag does not want to wait for the parser.
-        stopParsing(bBaseFlag ? stopPatience : std::chrono::milliseconds::zero());
-        serialPort->close();
+        shut(bBaseFlag ? stopPatience : std::chrono::milliseconds::zero());
     }
     serialPort->setPortName(portName);
     setOriginName(serialPort->portName());
@@ -79,11 +87,9 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
 
 void SerialLine::closeSerialPort()
 {
-    if (!serialPort->isOpen()) {
-        return;
+    if (serialPort->isOpen()) {
+        shut(stopPatience);
     }
-    stopParsing(stopPatience);
-    serialPort->close();
 }
 
 bool SerialLine::openUSB(unsigned short /*vendorId*/, unsigned short /*productId*/)

@@ -14,11 +14,11 @@ class biz_CMDSWork;
 /// What the serial transports have in common: opening, closing, writing, reading and the port's
 /// errors. A line that differs adds its frames and its replies.
 ///
-/// | state     | port   | parser  | entered by                              | left by |
-/// |-----------|--------|---------|-----------------------------------------|------------------------|
-/// | created   | closed | none    | construction, failed open, close        | open | | open      |
-/// open   | running | open                                    | close, open, lost port | | port
-/// lost | closed | running | handleError with a resource error       | open                   |
+/// | state     | port   | parser  | begins with                       | ends with              |
+/// |-----------|--------|---------|-----------------------------------|------------------------|
+/// | created   | closed | none    | construction, failed open, close  | open                   |
+/// | open      | open   | running | open                              | close, open, lost port |
+/// | port lost | closed | running | handleError with a resource error | open                   |
 ///
 /// The object lives in the thread that made it, which must run a Qt event loop: bytes are read
 /// there. setDeviceType and clearQueue may be called from any thread, the operations of
@@ -84,6 +84,9 @@ protected:
     static void reportWritten(qint64 written, const QByteArray& frame);
 
 private:
+    /// Stops the parser, closes the port, empties the receive buffer.
+    void shut(std::chrono::milliseconds patience);
+
     std::unique_ptr<QSerialPort> serialPort;
     std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
 };

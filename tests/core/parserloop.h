@@ -1,9 +1,28 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "biz_cmdswork.h"
 #include "replystreamparser.h"
 
+#include <chrono>
+#include <future>
+#include <mutex>
 #include <thread>
+
+/// Whether an operation, on another thread, returns only when the host lets its reply queue go, and
+/// then with success.
+template <class Operation>
+bool waitsForTheHost(Operation&& operation)
+{
+    std::future<bool> result;
+    bool hasWaited = false;
+    {
+        const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
+        result = std::async(std::launch::async, operation);
+        hasWaited = result.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout;
+    }
+    return result.get() && hasWaited;
+}
 
 /// The parsing loop of a transport, on a thread that lives as long as this object.
 class ParserLoop

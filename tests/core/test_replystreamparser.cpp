@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <vector>
 
 namespace
 {
@@ -89,6 +90,8 @@ TEST_F(ReplyStreamParserTest, TheSizeOfWhatWasInspectedHas16Bits)
     EXPECT_EQ(remaining().size(), 10);
     EXPECT_FALSE(parser.isFindStdCmdPreFlag(QByteArray(65536 + 3, 'x')));
     EXPECT_EQ(remaining().size(), 7);
+    EXPECT_FALSE(parser.isFindStdCmdPreFlag(QByteArray(65536 + 2, 'x') + "<F"));
+    EXPECT_EQ(remaining().size(), 7 - 2 - 1); // one more for the mark that isn't there
 }
 
 TEST_F(ReplyStreamParserTest, BytesBeforeTheMarkAreDropped)
@@ -201,6 +204,63 @@ TEST_F(ReplyStreamParserTest, TheFrameTextEndsAtAZeroByte)
     parser.appendBuffData(reply);
     EXPECT_TRUE(checkHead()); // the end mark is the loop's affair
     EXPECT_EQ(capture.lines(), QStringList(quoted("Recv data:", reply.left(18))));
+}
+
+namespace
+{
+
+std::vector<std::size_t> queuedAtEachLine;
+
+void noteQueue(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& /*text*/)
+{
+    queuedAtEachLine.push_back(hostqueue::size());
+}
+
+} // namespace
+
+TEST_F(ReplyStreamParserTest, AStandardReplyIsShownBeforeItIsQueuedAndABlockReplyBehind)
+{
+    qInstallMessageHandler(noteQueue);
+    parser.appendBuffData(replybytes::text(0x10, 0x20));
+    EXPECT_TRUE(checkHead());
+    EXPECT_EQ(queuedAtEachLine, std::vector<std::size_t>({0}));
+    parser.appendBuffData(replybytes::text(0xF1, 0x12, 5, 0) + replybytes::block(5));
+    EXPECT_TRUE(checkHead());
+    EXPECT_EQ(queuedAtEachLine, std::vector<std::size_t>({0, 2}));
+}
+
+TEST_F(ReplyStreamParserTest, FrameTextsAreUtf8)
+{
+    QByteArray reply = replybytes::text(0x10, 0x20);
+    reply[0] = '\xc3';
+    reply[1] = '\xa9';
+    parser.appendBuffData(reply);
+    EXPECT_TRUE(checkHead());
+    EXPECT_EQ(capture.lines(),
+              QStringList(
+                  QStringLiteral("\"Recv data:\u00e9%1\"").arg(QString::fromLatin1(reply.mid(2)))));
+}
+
+TEST_F(ReplyStreamParserTest, TextsAreMadeOfBytes)
+{
+    EXPECT_EQ(parser.changeData(QByteArray("\xab\x00\x09", 3)), QByteArray("<Tab0009>"));
+    EXPECT_EQ(parser.changeData(QByteArray()), QByteArray("<T>"));
+}
+
+TEST_F(ReplyStreamParserTest, DecodingIntoNothingFails)
+{
+    EXPECT_FALSE(parser.getArrayData(replybytes::text(0x10, 0x20), nullptr));
+}
+
+TEST_F(ReplyStreamParserTest, BlockAndImmediateRepliesWaitForTheHost)
+{
+    for (const QByteArray& reply : {replybytes::text(0x79, 0x0C),
+                                    replybytes::text(0xF1, 0x12, 5, 0) + replybytes::block(5)}) {
+        hostqueue::clear();
+        parser.appendBuffData(reply);
+        EXPECT_TRUE(waitsForTheHost([this] { return checkHead(); }));
+        EXPECT_EQ(hostqueue::size(), 1U);
+    }
 }
 
 struct BlockKind {

@@ -164,6 +164,45 @@ TEST_F(BinaryReplyTest, BlocksOfEveryLength)
     }
 }
 
+TEST_F(BinaryReplyTest, EveryReplyWaitsForTheHost)
+{
+    QByteArray corrupt = replybytes::block(9);
+    corrupt[8] = static_cast<char>(corrupt[8] + 1);
+    for (const QByteArray& reply :
+         {replybytes::head(0), replybytes::head(9) + replybytes::block(9)}) {
+        hostqueue::clear();
+        parser.appendBuffData(reply);
+        EXPECT_TRUE(waitsForTheHost([this] { return checkHead(); }));
+        EXPECT_EQ(hostqueue::size(), 1U);
+    }
+    hostqueue::clear();
+    parser.appendBuffData(replybytes::head(9) + corrupt);
+    EXPECT_TRUE(waitsForTheHost([this] { return !checkHead(); }));
+    EXPECT_EQ(hostqueue::size(), 1U);
+}
+
+TEST_F(BinaryReplyTest, LoopPausesBetweenReplies)
+{
+    constexpr int replies = 30;
+    parser.appendBuffData(replybytes::head(0).repeated(replies));
+    const auto start = std::chrono::steady_clock::now();
+    ParserLoop loop(parser);
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == replies; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, replies * std::chrono::milliseconds(3));
+}
+
+TEST_F(BinaryReplyTest, DecodingFailsInSilence)
+{
+    QByteArray head = replybytes::head(0);
+    head[15] = static_cast<char>(head[15] + 1);
+    model_Protocoldata record;
+    record.CMD = 0x77;
+    EXPECT_FALSE(parser.getArrayData(head, &record));
+    EXPECT_EQ(record.CMD, 0x77);
+    EXPECT_TRUE(capture.lines().isEmpty());
+    EXPECT_TRUE(hostqueue::logLines().isEmpty());
+}
+
 TEST_F(BinaryReplyTest, CheckBlockTakesNothing)
 {
     parser.appendBuffData(replybytes::block(3));

@@ -12,11 +12,11 @@
 /// What a serial transport declares itself.
 inline QStringList serialLineSlots()
 {
-    return {QStringLiteral("readPendingDatagrams() "),
-            QStringLiteral("sendDatatoDevice(void*) parameters"),
-            QStringLiteral("sendDatatoDeviceByFeatures(void*) parameters"),
-            QStringLiteral("sendDatatoDeviceForSysPlan(void*) parameters"),
-            QStringLiteral("handleError(QSerialPort::SerialPortError) error")};
+    return {QStringLiteral("slot readPendingDatagrams() "),
+            QStringLiteral("slot sendDatatoDevice(void*) parameters"),
+            QStringLiteral("slot sendDatatoDeviceByFeatures(void*) parameters"),
+            QStringLiteral("slot sendDatatoDeviceForSysPlan(void*) parameters"),
+            QStringLiteral("slot handleError(QSerialPort::SerialPortError) error")};
 }
 
 /// A serial transport with a scripted device on a pseudo-terminal, for StreamLinkConformance.

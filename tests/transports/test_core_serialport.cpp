@@ -162,9 +162,80 @@ class Outcomes : public Core_SerialPort
 public:
     using SerialLine::reportWritten;
     void drop(bool on) { bBaseFlag = !on; }
+    void sendDatatoDevice(void* parameters) override { taken = parameters; }
+
+    void* taken = nullptr;
 };
 
 } // namespace
+
+TEST_F(CoreSerialPortTest, SendingByFeaturesIsSending)
+{
+    Outcomes own;
+    model_Protocoldata record;
+    own.sendDatatoDeviceByFeatures(&record);
+    EXPECT_EQ(own.taken, &record);
+}
+
+TEST_F(CoreSerialPortTest, SentTextsAreUtf8)
+{
+    Outcomes::reportWritten(3, "\xc3\xa9!");
+    EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:\u00e9!")));
+}
+
+TEST_F(CoreSerialPortTest, AClosedPortIsNotClosedAgain)
+{
+    QList<int> errors;
+    const auto watch = [&errors](Core_SerialPort& line) {
+        QObject::connect(&line.port(), &QSerialPort::errorOccurred, &line.port(),
+                         [&errors](QSerialPort::SerialPortError error) {
+                             if (error != QSerialPort::NoError) {
+                                 errors << error;
+                             }
+                         });
+    };
+    {
+        Core_SerialPort neverOpened;
+        watch(neverOpened);
+    }
+    {
+        TextSerialLink lost;
+        watch(lost.line);
+        ASSERT_TRUE(lost.open());
+        lost.line.handleError(QSerialPort::ResourceError);
+        ASSERT_TRUE(lost.open());
+        lost.line.closeSerialPort();
+        lost.line.closeSerialPort();
+    }
+    EXPECT_EQ(errors, QList<int>());
+}
+
+TEST_F(CoreSerialPortTest, TheBufferIsEmptiedBehindTheClosedPort)
+{
+    QByteArray atClosing;
+    QObject::connect(&link.line.port(), &QIODevice::aboutToClose, &link.line, [&] {
+        atClosing = link.line.getBuffData(10);
+        link.line.appendBuffData("<Flate");
+    });
+    ASSERT_TRUE(link.open());
+    link.line.appendBuffData("<F12");
+    link.line.closeSerialPort();
+    EXPECT_EQ(atClosing, "<F12");
+    EXPECT_EQ(link.line.getBuffData(10), "");
+    ASSERT_TRUE(link.open());
+    link.line.appendBuffData("<F34");
+    ASSERT_TRUE(link.open());
+    EXPECT_EQ(atClosing, "<F34");
+    EXPECT_EQ(link.line.getBuffData(10), "");
+}
+
+TEST_F(CoreSerialPortTest, ALostPortKeepsTheBuffer)
+{
+    ASSERT_TRUE(link.open());
+    link.line.appendBuffData("<F12");
+    link.line.handleError(QSerialPort::ResourceError);
+    EXPECT_EQ(link.line.getBuffData(10), "<F12");
+}
 
 TEST_F(CoreSerialPortTest, OnlyWholeAndFailedWritesAreReported)
 {

@@ -61,6 +61,60 @@ TEST_F(VelaCoreSerialPortTest, EveryChunkIsShownWithThePortsName)
         << qPrintable(capture.lines().join(QLatin1Char('|')));
 }
 
+namespace
+{
+
+class Watched : public Vela_Core_SerialPort
+{
+public:
+    void drop(bool on) { bBaseFlag = !on; }
+    void sendDatatoDevice(void* parameters) override { taken = parameters; }
+
+    void* taken = nullptr;
+};
+
+Watched* watched = nullptr;
+QByteArray bufferedAtLine;
+
+void noteBuffer(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& text)
+{
+    bufferedAtLine += watched->getBuffData(100) + '|' + text.toLatin1().right(4) + '|';
+}
+
+} // namespace
+
+TEST_F(VelaCoreSerialPortTest, AChunkIsShownBeforeItIsBufferedAndNotWhileItIsDropped)
+{
+    const int threads = processstate::threads();
+    SerialLinkUnderTest<Watched> own;
+    bool wasRead = false; // by the line, which was connected first
+    QObject::connect(&own.line.port(), &QSerialPort::readyRead, &own.line,
+                     [&wasRead] { wasRead = true; });
+    watched = &own.line;
+    ASSERT_TRUE(own.open());
+    own.line.setDealFlag(false); // what is buffered stays
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() == threads; }));
+    qInstallMessageHandler(noteBuffer);
+    own.deliver("abc");
+    ASSERT_TRUE(eventually([&] { return own.line.getBuffData(10) == "abc"; }));
+    own.line.drop(true);
+    wasRead = false;
+    own.deliver("xyz");
+    ASSERT_TRUE(eventually([&wasRead] { return wasRead; }));
+    own.line.drop(false);
+    own.deliver("def");
+    ASSERT_TRUE(eventually([&] { return own.line.getBuffData(10) == "abcdef"; }));
+    EXPECT_EQ(bufferedAtLine, "|abc\"|abc|def\"|");
+}
+
+TEST_F(VelaCoreSerialPortTest, SendingByFeaturesIsSending)
+{
+    Watched own;
+    model_Protocoldata record;
+    own.sendDatatoDeviceByFeatures(&record);
+    EXPECT_EQ(own.taken, &record);
+}
+
 TEST_F(VelaCoreSerialPortTest, OnlyCompleteRepliesAreStamped)
 {
     link.line.setDeviceType(static_cast<model_GlobalEnum::DeviceType>(0x4711));
