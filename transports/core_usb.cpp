@@ -134,14 +134,17 @@ void Core_USB::closeUSB()
 void Core_USB::closeDevice()
 {
     const auto closed = currentReader();
-    setReader(nullptr);
-    if (closed != nullptr) {
-        closed->stop();
-        closed->device()->close();
+    if (closed == nullptr) {
+        std::this_thread::sleep_for(closePause);
+        return;
     }
+    setReader(nullptr);
+    closed->stop();
+    closed->device()->close();
     const auto end = std::chrono::steady_clock::now() + closePause;
     stopParsing(closePause);
     std::this_thread::sleep_until(end);
+    stream()->buffData().clear();
 }
 
 bool Core_USB::startWorkers(const std::shared_ptr<HidHandle>& opened)

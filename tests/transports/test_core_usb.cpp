@@ -10,6 +10,7 @@
 #include "metamethods.h"
 #include "processstate.h"
 #include "replybytes.h"
+#include "tests/core/parserloop.h"
 #include "threadrefusal.h"
 #include "utility_manage.h"
 
@@ -144,9 +145,9 @@ TEST_F(CoreUsb, ComesFromTheFactory)
     const std::unique_ptr<ICoreBase> made(CoreFactory::creatCoreObjInstance(ConnUsb));
     EXPECT_NE(dynamic_cast<Core_USB*>(made.get()), nullptr);
     EXPECT_EQ(ownMethods(Core_USB::staticMetaObject),
-              (QStringList{QStringLiteral("sendDatatoDevice(void*) parameters"),
-                           QStringLiteral("sendDatatoDeviceByFeatures(void*) parameters"),
-                           QStringLiteral("sendDatatoDeviceForSysPlan(void*) parameters")}));
+              (QStringList{QStringLiteral("slot sendDatatoDevice(void*) parameters"),
+                           QStringLiteral("slot sendDatatoDeviceByFeatures(void*) parameters"),
+                           QStringLiteral("slot sendDatatoDeviceForSysPlan(void*) parameters")}));
 }
 
 TEST_F(CoreUsb, RefusesOtherLinks)
@@ -254,13 +255,21 @@ TEST_F(CoreUsb, AFailureEndsTheFrame)
     EXPECT_EQ(successLines().size(), 1);
     EXPECT_EQ(messages.lines(), QStringList{QStringLiteral("Send failed")});
 
+    // The frame is shown behind what became of it.
+    messages.clear();
+    send(command(0x10, 0x20, 0));
+    ASSERT_EQ(messages.lines().size(), 2);
+    EXPECT_EQ(messages.lines().front(), QStringLiteral("Send failed"));
+    EXPECT_TRUE(messages.lines().back().contains(QStringLiteral("Send usb data:<T")));
+    messages.clear();
+
     plain.refuseWrites(false);
     line.sendUSBData(blockOf(200));
     EXPECT_EQ(plain.written().size(), 5U);
 
     plain.refuseWrites(true);
     line.sendUSBData(blockOf(5));
-    EXPECT_EQ(messages.count(QStringLiteral("Send failed")), 2);
+    EXPECT_EQ(messages.count(QStringLiteral("Send failed")), 1);
 }
 
 TEST_F(CoreUsb, AnyCountIsASuccess)
@@ -292,6 +301,21 @@ TEST_F(CoreUsb, SendsByFeatures)
     record.featureCode = 0x400000;
     line.sendDatatoDeviceByFeatures(&record);
     EXPECT_EQ(plain.written().size(), 1U);
+}
+
+TEST_F(CoreUsb, SendingByFeaturesIsSending)
+{
+    class Watched : public Core_USB
+    {
+    public:
+        void sendDatatoDevice(void* parameters) override { taken = parameters; }
+        void* taken = nullptr;
+    };
+    Watched own;
+    auto record = command(0x10, 0x20, 0);
+    record.featureCode = 0x400000;
+    own.sendDatatoDeviceByFeatures(&record);
+    EXPECT_EQ(own.taken, &record);
 }
 
 TEST_F(CoreUsb, UpdateCommandsAreAlignedToReports)
@@ -549,6 +573,58 @@ TEST_F(CoreUsb, ClosePausesAlways)
     line.closeUSB();
     EXPECT_GE(Clock::now() - closing, milliseconds(100));
     EXPECT_TRUE(messages.lines().isEmpty());
+}
+
+TEST_F(CoreUsb, OpeningPausesAlways)
+{
+    const auto start = Clock::now();
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct)); // nothing was open
+    EXPECT_GE(Clock::now() - start, milliseconds(100));
+}
+
+TEST_F(CoreUsb, ClosingWhatIsClosedChangesNothing)
+{
+    line.appendBuffData("abc");
+    line.closeUSB();
+    EXPECT_EQ(line.getBuffData(10), "abc");
+    EXPECT_FALSE(line.openUSB(vendor, 0x7777));
+    EXPECT_EQ(line.takeBuffData(10), "abc");
+    const ParserLoop hosts(line); // a parser of the host's own
+    line.closeUSB();
+    line.appendBuffData(replybytes::text(0x10, 0x20));
+    EXPECT_TRUE(queued(1));
+}
+
+TEST_F(CoreUsb, ClosingADeviceEmptiesTheBuffer)
+{
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    line.appendBuffData("<F");
+    line.closeUSB();
+    EXPECT_EQ(line.getBuffData(10), "");
+}
+
+TEST_F(CoreUsb, ClearQueueEmptiesTheHostsQueue)
+{
+    line.addToReceivedQueue(model_Protocoldata());
+    {
+        const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
+        line.clearQueue(); // does not wait
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 0; }));
+}
+
+TEST_F(CoreUsb, TextsAreMadeOfBytes)
+{
+    EXPECT_EQ(line.changeData(QByteArray("\xab\x00\x09", 3)), QByteArray("<Tab0009>"));
+}
+
+TEST_F(CoreUsb, CheckBlockKeepsTheNameOfTheOrigin)
+{
+    model_Protocoldata record;
+    record.strKey2 = QStringLiteral("as decoded");
+    line.appendBuffData(replybytes::block(5));
+    EXPECT_TRUE(line.checkBlock(record, 5));
+    EXPECT_EQ(hostqueue::records().front().strKey2, QStringLiteral("as decoded"));
 }
 
 TEST_F(CoreUsb, WorkersEndWithTheDevice)
