@@ -22,8 +22,7 @@ enum ConnOsdType : std::int32_t {
 };
 
 /// Makes links and keeps the two shared ones. To be called from one thread, the application's main
-/// thread; it takes no lock and deletes nothing when the library is unloaded. An operation whose
-/// kind of link this version does not carry returns null.
+/// thread; it takes no lock and deletes nothing when the library is unloaded.
 class CORE_MANAGE_EXPORT CoreFactory
 {
 public:
@@ -44,5 +43,6 @@ public:
     static ICoreOsdBase* creatCoreObjInstance(ConnOsdType type);
 
     static ICoreBase* iCORE;       ///< the shared device link; null until asked for
-    static ICoreOsdBase* iOsdCore; ///< the shared endpoint manager; null until asked for
+    static ICoreOsdBase* iOsdCore; ///< the shared endpoint manager; null until asked for. A host
+                                   ///< that assigns it does so while no endpoint starts or ends.
 };

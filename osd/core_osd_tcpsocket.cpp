@@ -7,6 +7,7 @@
 #include "osdframe.h"
 #include "osdworkthread.h"
 
+#include <QCoreApplication>
 #include <QNetworkSession>
 #include <QSharedPointer>
 
@@ -32,14 +33,14 @@ void registerNetworkSession()
 
 Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
     : QObject(parent), endpoint(std::make_shared<OsdEndpoint>()),
-      workThread(new OsdWorkThread(endpoint))
+      workThread(new OsdWorkThread(endpoint)), caller(std::make_unique<QObject>())
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
     registerNetworkSession();
-    // onCloseSocket itself waits for the worker: as a blocking queued connection, this would wait
-    // for ever for a worker that has ended.
-    connect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket,
-            Qt::DirectConnection);
+    endpoint->setAddress(tr("127.0.0.1"), endpoint->port());
+    connect(
+        workThread, &OsdWorkThread::lost, caller.get(), [this] { tellLoss(); },
+        Qt::QueuedConnection);
     if (parent == nullptr) { // an object with a parent cannot change its thread
         moveToThread(workThread);
     }
@@ -53,13 +54,39 @@ Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)
 {
+    if (caller->thread() == QThread::currentThread()) {
+        QCoreApplication::sendPostedEvents(caller.get(), QEvent::MetaCall); // an earlier loss
+    }
     endpoint->setAddress(ip, port);
     if (!endpoint->run()->deals()) {
         workThread->waitForEnd();
     }
     if (!workThread->isRunning()) {
         endpoint->beginRun();
+        connectCloseSocket();
         workThread->start();
+    }
+}
+
+// onCloseSocket itself waits for the worker: as a blocking queued connection, this would wait for
+// ever for a worker that has ended.
+void Core_Osd_TcpSocket::connectCloseSocket()
+{
+    connect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket,
+            static_cast<Qt::ConnectionType>(Qt::DirectConnection | Qt::UniqueConnection));
+}
+
+void Core_Osd_TcpSocket::disconnectCloseSocket()
+{
+    disconnect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket);
+}
+
+// The worker itself closes what it has lost, and what has been started since is none of it.
+void Core_Osd_TcpSocket::tellLoss()
+{
+    if (!endpoint->run()->deals()) {
+        disconnectCloseSocket();
+        Q_EMIT closeSocket();
     }
 }
 
@@ -116,11 +143,13 @@ void Core_Osd_TcpSocket::td_dealDataFunc()
 
 void Core_Osd_TcpSocket::sigConnect()
 {
+    connectCloseSocket();
     workThread->call([](OsdConnection& connection) { connection.connectSignals(); });
 }
 
 void Core_Osd_TcpSocket::sigDisConnect()
 {
+    disconnectCloseSocket();
     workThread->call([](OsdConnection& connection) { connection.disconnectSignals(); });
 }
 

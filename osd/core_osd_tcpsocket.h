@@ -82,15 +82,18 @@ public:
     /// The parser thread's body: takes acknowledgements off the buffer until close. Blocks.
     void td_dealDataFunc();
 
-    /// Connects the worker to its socket's signals and to the shared manager's records.
+    /// Connects the worker to its socket's signals, to the shared manager's records and to
+    /// closeSocket. Every start does so.
     void sigConnect();
 
     /// Breaks those connections.
     void sigDisConnect();
 
 Q_SIGNALS:
-    /// Emitted by close. The emission returns when the connection is closed; without a running
-    /// worker at once.
+    /// Emitted by close, where the emission returns when the connection is closed, without a
+    /// running worker at once; and when a connection is lost or refused, by the event loop of the
+    /// thread that made this object, or by connectSever if that comes first. Whoever emits it while
+    /// sigConnect's connections stand closes the connection.
     void closeSocket();
 
 public Q_SLOTS:
@@ -107,6 +110,11 @@ public Q_SLOTS:
     void onCloseSocket();
 
 private:
+    void connectCloseSocket();
+    void disconnectCloseSocket();
+    void tellLoss();
+
     std::shared_ptr<OsdEndpoint> endpoint; // strIP, nPort, buffData, bDealRun
     OsdWorkThread* workThread;             // outlives this object if it must; has tcpSocket
+    std::unique_ptr<QObject> caller;       // lives in the thread that made this object
 };

@@ -14,6 +14,7 @@
 #include <QTimer>
 
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 
 namespace
@@ -23,20 +24,28 @@ constexpr int writeWaitMs = 2000;
 constexpr int writeWaitSliceMs = 10; // how soon a write notices that the run has been stopped
 constexpr int disconnectWaitMs = 3000;
 constexpr int deliveryLookMs = 1;
+constexpr int stalledMs = 250; // an endpoint that takes nothing for so long is not waited for
 constexpr int parserRetryMs = 10;
 
 // An endpoint that sends faster than its acknowledgements can be taken is held back by TCP instead
 // of filling the memory.
-constexpr int mostUnparsed = 1024 * 1024;
+constexpr int mostUnparsed = 16 * 1024 * 1024;
 constexpr int socketReadBuffer = 64 * 1024;
 constexpr int heldBackMs = 20;
 
-bool isOnItsWay(const QTcpSocket& socket)
+qint64 bytesOnTheirWay(const QTcpSocket& socket)
 {
     int unacknowledged = 0;
-    return socket.bytesToWrite() > 0 ||
-           (ioctl(static_cast<int>(socket.socketDescriptor()), SIOCOUTQ, &unacknowledged) == 0 &&
-            unacknowledged > 0);
+    if (ioctl(static_cast<int>(socket.socketDescriptor()), SIOCOUTQ, &unacknowledged) != 0) {
+        unacknowledged = 0;
+    }
+    return socket.bytesToWrite() + unacknowledged;
+}
+
+bool hasHungUp(const QTcpSocket& socket)
+{
+    pollfd connection{static_cast<int>(socket.socketDescriptor()), POLLRDHUP, 0};
+    return poll(&connection, 1, 0) > 0;
 }
 
 } // namespace
@@ -138,6 +147,7 @@ void OsdConnection::onLost()
     disconnectSignals();
     takeAvailable();
     run->stop();
+    Q_EMIT workThread.lost();
     workThread.quit();
 }
 
@@ -146,7 +156,8 @@ void OsdConnection::onReadyRead()
     if (readingPaused || !tcpSocket || !bConnected) {
         return;
     }
-    if (endpoint->received().size() < mostUnparsed) {
+    // Once a hang-up is there, nothing more can come than the system holds already.
+    if (endpoint->received().size() < mostUnparsed || hasHungUp(*tcpSocket)) {
         takeAvailable();
         return;
     }
@@ -191,13 +202,24 @@ void OsdConnection::send(const QByteArray& bytes)
 
 // What is unread when a socket is closed makes the system reset the connection, which throws away
 // whatever is still on its way. So acknowledgements are read until the endpoint's system has
-// everything.
+// everything, or has stopped taking it: what it takes later it gets from this system.
 void OsdConnection::deliverPending()
 {
     QElapsedTimer waited;
+    QElapsedTimer stalled;
     waited.start();
-    while (tcpSocket->state() == QAbstractSocket::ConnectedState && isOnItsWay(*tcpSocket) &&
+    stalled.start();
+    qint64 before = 0;
+    while (tcpSocket->state() == QAbstractSocket::ConnectedState &&
            waited.elapsed() < disconnectWaitMs) {
+        const qint64 left = bytesOnTheirWay(*tcpSocket);
+        if (left != before) {
+            before = left;
+            stalled.restart();
+        }
+        if (left == 0 || (tcpSocket->bytesToWrite() == 0 && stalled.hasExpired(stalledMs))) {
+            break;
+        }
         if (tcpSocket->bytesToWrite() > 0) {
             tcpSocket->waitForBytesWritten(writeWaitSliceMs);
         } else {

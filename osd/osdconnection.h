@@ -44,7 +44,8 @@ public:
     /// is stopped. Drops them if there is no connection.
     void send(const QByteArray& bytes);
 
-    /// Sends what is pending, waiting up to 3000 ms, closes the connection and deletes the socket.
+    /// Sends what is pending, waiting up to 3000 ms, but not longer than the system can take or the
+    /// endpoint takes something; closes the connection and deletes the socket.
     void closeSocket();
 
     bool event(QEvent* event) override; ///< runs an OsdCall

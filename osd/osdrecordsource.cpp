@@ -1,43 +1,65 @@
 // SPDX-License-Identifier: MIT
 #include "osdrecordsource.h"
 
+#include "core_osd_manage.h"
+
+#include <algorithm>
+#include <atomic>
 #include <mutex>
+#include <vector>
 
 namespace
 {
 
-struct Shared {
+std::atomic<ICoreOsdBase**> sharedPointer{nullptr};
+
+struct Managers {
     std::mutex lock; // only Qt's own connection locks are taken below it
-    core_Osd_Manage* manager = nullptr;
+    std::vector<core_Osd_Manage*> living;
 };
 
 // Never destroyed: a worker thread may still part from its manager while the process ends.
-Shared& shared()
+Managers& managers()
 {
-    static auto* const instance = new Shared;
+    static auto* const instance = new Managers;
     return *instance;
 }
 
 } // namespace
 
-void osdrecordsource::set(core_Osd_Manage* manager)
+bool osdrecordsource::share(ICoreOsdBase*& pointer) noexcept
 {
-    const std::lock_guard lock(shared().lock);
-    shared().manager = manager;
+    sharedPointer = &pointer;
+    return true;
 }
 
-void osdrecordsource::forget(const core_Osd_Manage* manager)
+void osdrecordsource::set(ICoreOsdBase* manager)
 {
-    const std::lock_guard lock(shared().lock);
-    if (shared().manager == manager) {
-        shared().manager = nullptr;
-    }
+    const std::lock_guard lock(managers().lock);
+    *sharedPointer.load() = manager;
+}
+
+void osdrecordsource::add(core_Osd_Manage* manager)
+{
+    const std::lock_guard lock(managers().lock);
+    managers().living.push_back(manager);
+}
+
+void osdrecordsource::remove(core_Osd_Manage* manager)
+{
+    const std::lock_guard lock(managers().lock);
+    auto& living = managers().living;
+    living.erase(std::remove(living.begin(), living.end(), manager), living.end());
 }
 
 void osdrecordsource::use(const std::function<void(core_Osd_Manage&)>& function)
 {
-    const std::lock_guard lock(shared().lock);
-    if (shared().manager != nullptr) {
-        function(*shared().manager);
+    const std::lock_guard lock(managers().lock);
+    ICoreOsdBase** const pointer = sharedPointer;
+    const ICoreOsdBase* const shared = pointer == nullptr ? nullptr : *pointer;
+    const auto& living = managers().living;
+    const auto found = std::find(living.begin(), living.end(), shared);
+    if (found != living.end()) {
+        function(**found);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <functional>
 
+class ICoreOsdBase;
 class core_Osd_Manage;
 
 /// The shared endpoint manager as the endpoints' worker threads see it. They connect themselves to
@@ -11,15 +12,22 @@ class core_Osd_Manage;
 namespace osdrecordsource
 {
 
-/// From now on this is the shared manager; null for none.
-void set(core_Osd_Manage* manager);
+/// \a pointer, which must live for ever, is where the shared manager stands. To be called once,
+/// before any endpoint starts; always true.
+bool share(ICoreOsdBase*& pointer) noexcept;
 
-/// The manager is being destroyed: if it is the shared one, there is none now. To be called first
-/// thing in its destructor; waits for uses that are under way, which never block.
-void forget(const core_Osd_Manage* manager);
+/// Assigns that pointer.
+void set(ICoreOsdBase* manager);
 
-/// Runs the function on the shared manager, which stays alive meanwhile; not at all if there is
-/// none. The function must neither block nor use this namespace.
+/// The manager exists from now on: to be called by its constructor.
+void add(core_Osd_Manage* manager);
+
+/// The manager is being destroyed: to be called first thing in its destructor. Waits for uses that
+/// are under way, which never block.
+void remove(core_Osd_Manage* manager);
+
+/// Runs the function on the shared manager, which stays alive meanwhile; not at all if the pointer
+/// is null or designates none that exists. The function must neither block nor use this namespace.
 void use(const std::function<void(core_Osd_Manage&)>& function);
 
 } // namespace osdrecordsource

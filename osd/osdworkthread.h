@@ -15,6 +15,8 @@ class OsdConnection;
 /// again once it has ended.
 class OsdWorkThread : public QThread
 {
+    Q_OBJECT
+
 public:
     explicit OsdWorkThread(std::shared_ptr<OsdEndpoint> of);
 
@@ -33,6 +35,10 @@ public:
 
     /// Deletes the thread object once its thread has ended, now or later. Does not wait.
     static void release(OsdWorkThread* thread);
+
+Q_SIGNALS:
+    /// The connection has failed or the endpoint has hung up; this thread is about to end.
+    void lost();
 
 protected:
     void run() override;

@@ -3,16 +3,23 @@
 #include "core_serialport.h"
 #include "core_udp.h"
 #include "corefactory.h"
+#include "eventually.h"
+#include "hostqueue.h"
 #include "icoreosdbase.h"
 #include "metamethods.h"
+#include "replybytes.h"
 #include "vela_core_serialport.h"
 
 #include <gtest/gtest.h>
 
+#include <QPointer>
+#include <QUdpSocket>
+
+#include <cstddef>
+#include <cstring>
 #include <memory>
 #include <type_traits>
-
-#include <QPointer>
+#include <vector>
 
 TEST(CoreFactory, UdpForItsKindAndForUnknownKinds)
 {
@@ -43,6 +50,26 @@ TEST(CoreFactory, AskingAgainDestroysTheOneBefore)
     EXPECT_EQ(CoreFactory::iCORE, second);
 }
 
+TEST(CoreFactory, TheNewObjectHasAnAddressOfItsOwn)
+{
+    for (const ConnType kind : {ConnUdp, ConnSerial, ConnVelaSerial, ConnUsb}) {
+        const ICoreBase* const first = CoreFactory::creatCoreObj(kind);
+        EXPECT_NE(CoreFactory::creatCoreObj(kind), first);
+    }
+    const ICoreOsdBase* const first = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    EXPECT_NE(CoreFactory::createOsdCoreObj(ConnOsdTcp), first);
+}
+
+// The one before is gone when the next one asks for its port.
+TEST(CoreFactory, AskingAgainDestroysBeforeItMakes)
+{
+    CoreFactory::creatCoreObj(ConnUdp);
+    CoreFactory::creatCoreObj(ConnUdp);
+    QUdpSocket peer;
+    peer.writeDatagram(replybytes::text(0x10, 0x20), QHostAddress::LocalHost, 5104);
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+}
+
 TEST(CoreFactory, InstancesAreTheCallers)
 {
     ICoreBase* shared = CoreFactory::creatCoreObj(ConnUdp);
@@ -71,25 +98,66 @@ TEST(CoreManage, AnchorsTheLibrary)
     static_assert(std::is_empty_v<Core_Manage>);
 }
 
+namespace
+{
+
+// Where a virtual operation stands in the table: such a pointer to member holds that, and 1.
+template <class Operation>
+std::ptrdiff_t slotOf(Operation operation)
+{
+    std::ptrdiff_t offset = 0;
+    static_assert(sizeof operation >= sizeof offset);
+    std::memcpy(&offset, &operation, sizeof offset);
+    return (offset - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+}
+
+bool areConsecutive(const std::vector<std::ptrdiff_t>& places)
+{
+    for (std::size_t i = 1; i < places.size(); ++i) {
+        if (places[i] != places[i - 1] + 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+// Hosts that were built with an earlier version call by these places.
+TEST(Interfaces, OperationsKeepTheirPlaces)
+{
+    EXPECT_TRUE(areConsecutive({slotOf(&ICoreBase::setDeviceIP), slotOf(&ICoreBase::setPort),
+                                slotOf(&ICoreBase::clearQueue), slotOf(&ICoreBase::openSerialPort),
+                                slotOf(&ICoreBase::closeSerialPort), slotOf(&ICoreBase::openUSB),
+                                slotOf(&ICoreBase::closeUSB), slotOf(&ICoreBase::setDeviceType),
+                                slotOf(&ICoreBase::sendDatatoDevice),
+                                slotOf(&ICoreBase::sendDatatoDeviceByFeatures),
+                                slotOf(&ICoreBase::sendDatatoDeviceForSysPlan)}));
+    EXPECT_TRUE(
+        areConsecutive({slotOf(&ICoreOsdBase::openClient), slotOf(&ICoreOsdBase::closeClient),
+                        slotOf(&ICoreOsdBase::sendDatatoDevice)}));
+}
+
 TEST(MetaObjects, DeviceLinkHasThreeSlotsAndNoSignal)
 {
     EXPECT_EQ(ownMethods(ICoreBase::staticMetaObject),
-              QStringList({QStringLiteral("sendDatatoDevice(void*) parameters"),
-                           QStringLiteral("sendDatatoDeviceByFeatures(void*) parameters"),
-                           QStringLiteral("sendDatatoDeviceForSysPlan(void*) parameters")}));
+              QStringList({QStringLiteral("slot sendDatatoDevice(void*) parameters"),
+                           QStringLiteral("slot sendDatatoDeviceByFeatures(void*) parameters"),
+                           QStringLiteral("slot sendDatatoDeviceForSysPlan(void*) parameters")}));
     EXPECT_EQ(ownMethods(ICoreOsdBase::staticMetaObject),
-              QStringList({QStringLiteral("sendDatatoDevice(void*) parameters")}));
+              QStringList({QStringLiteral("slot sendDatatoDevice(void*) parameters")}));
 }
 
 TEST(MetaObjects, UdpMethodsInTheirOrder)
 {
-    EXPECT_EQ(ownMethods(core_UDP::staticMetaObject),
-              QStringList({QStringLiteral("signalReInitUdp() "),
-                           QStringLiteral("signalSendReceiveMessageToUiPro(void*) "),
-                           QStringLiteral("reInitUdp() "), QStringLiteral("reInitUdpZarn() "),
-                           QStringLiteral("readPendingDatagrams() "),
-                           QStringLiteral("sendDatatoDevice(void*) parameters"),
-                           QStringLiteral("sendDatatoDeviceByFeatures(void*) parameters"),
-                           QStringLiteral("sendDatatoDeviceForSysPlan(void*) parameters"),
-                           QStringLiteral("processInfoDisplayonUI(void*) parameters")}));
+    EXPECT_EQ(
+        ownMethods(core_UDP::staticMetaObject),
+        QStringList({QStringLiteral("signal signalReInitUdp() "),
+                     QStringLiteral("signal signalSendReceiveMessageToUiPro(void*) "),
+                     QStringLiteral("slot reInitUdp() "), QStringLiteral("slot reInitUdpZarn() "),
+                     QStringLiteral("slot readPendingDatagrams() "),
+                     QStringLiteral("slot sendDatatoDevice(void*) parameters"),
+                     QStringLiteral("slot sendDatatoDeviceByFeatures(void*) parameters"),
+                     QStringLiteral("slot sendDatatoDeviceForSysPlan(void*) parameters"),
+                     QStringLiteral("slot processInfoDisplayonUI(void*) parameters")}));
 }

@@ -80,19 +80,35 @@ TEST_F(OsdConnecting, AParserThatIsRefusedIsTriedAgain)
 
 TEST_F(OsdConnecting, AFloodIsHeldBack)
 {
-    constexpr int most = 1024 * 1024 + 2 * 64 * 1024;
+    constexpr int limit = 16 * 1024 * 1024;
+    constexpr int most = limit + 2 * 64 * 1024;
     const auto run = endpoint->beginRun();
     OsdConnection connection(endpoint, run, thread);
     connection.start();
     ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
-    simulated->send(QByteArray(32 * 1024 * 1024, 'f'));
-    ASSERT_TRUE(eventually([&] { return endpoint->received().size() >= 1024 * 1024; }));
+    simulated->send(QByteArray(4 * limit, 'f'));
+    ASSERT_TRUE(eventually([&] { return endpoint->received().size() >= limit; }));
     EXPECT_FALSE(eventually([&] { return endpoint->received().size() > most; },
                             std::chrono::milliseconds(300)));
     // It goes on when there is room again.
     endpoint->received().discard(most);
     EXPECT_TRUE(eventually([&] { return endpoint->received().size() > 512 * 1024; }));
     run->stop();
+}
+
+TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
+{
+    const auto run = endpoint->beginRun();
+    OsdConnection connection(endpoint, run, thread);
+    connection.start();
+    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    const QByteArray waiting = QByteArray("OKw").repeated(6 * 1024 * 1024);
+    const QByteArray more(16 * 1024, 'm'); // as much as the system takes by itself
+    endpoint->received().append(waiting);
+    simulated->send(more);
+    simulated->hangUp(false);
+    EXPECT_TRUE(eventually([&] { return !run->deals(); }));
+    EXPECT_TRUE(endpoint->received().peek(0x7fffffff).endsWith(more));
 }
 
 // Closing a socket with something unread in it resets the connection: what is on its way is lost.

@@ -14,6 +14,7 @@
 
 #include <QElapsedTimer>
 #include <QThread>
+#include <QTranslator>
 
 #include <algorithm>
 #include <functional>
@@ -459,6 +460,131 @@ TEST_F(OsdLife, EmittingCloseSocketHangsUpAndReturns)
     socket.sendData("nobody");
     socket.onStarted();
     answer('b');
+}
+
+TEST_F(OsdLife, EveryStopEmitsCloseSocket)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    std::atomic<int> emitted{0};
+    QObject::connect(&socket, &Core_Osd_TcpSocket::closeSocket, [&emitted] { ++emitted; });
+    socket.close(); // never started
+    EXPECT_EQ(emitted, 1);
+    connectAndAnswer(socket, 'a');
+    socket.close();
+    EXPECT_EQ(emitted, 2);
+    connectAndAnswer(socket, 'b');
+    endpoint.hangUp(false);
+    EXPECT_TRUE(eventually([&] { return emitted == 3 && ended(); }));
+    socket.connectSever(address, 1); // refused
+    EXPECT_TRUE(eventually([&] { return emitted == 4 && ended(); }));
+    connectAndAnswer(socket, 'c');
+    socket.onError(QAbstractSocket::NetworkError);
+    EXPECT_EQ(emitted, 5);
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+}
+
+// What is heard late of a loss does not touch what has been started since.
+TEST_F(OsdLife, ALossIsToldBeforeTheNextStart)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    int emitted = 0;
+    QObject::connect(&socket, &Core_Osd_TcpSocket::closeSocket, [&emitted] { ++emitted; });
+    connectAndAnswer(socket, 'a');
+    endpoint.hangUp(false);
+    while (!ended()) { // without the event loop
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(emitted, 0);
+    connectAndAnswer(socket, 'b');
+    EXPECT_EQ(emitted, 1);
+    EXPECT_EQ(endpoint.connected(), 1);
+    answer('c');
+
+    // Started by another thread, that of the event loop comes too late to tell.
+    endpoint.hangUp(false);
+    while (!ended()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const int accepted = endpoint.accepted();
+    std::thread([&] { socket.connectSever(address, endpoint.port()); }).join();
+    answer('d');
+    EXPECT_EQ(endpoint.connected(), 1);
+    EXPECT_EQ(endpoint.accepted(), accepted + 1);
+    Q_EMIT socket.closeSocket();
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+}
+
+TEST_F(OsdLife, BrokenSignalsKeepTheConnectionFromBeingClosed)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    const int accepted = endpoint.accepted();
+    socket.sigDisConnect();
+    Q_EMIT socket.closeSocket();
+    socket.sigConnect();
+    answer('b');
+    EXPECT_EQ(endpoint.accepted(), accepted);
+    Q_EMIT socket.closeSocket();
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+}
+
+TEST_F(OsdLife, TheFirstAddressIsTranslated)
+{
+    class Translator : public QTranslator
+    {
+    public:
+        QString translate(const char* context, const char* text, const char* /*disambiguation*/,
+                          int /*n*/) const override
+        {
+            return qstrcmp(context, "Core_Osd_TcpSocket") == 0 && qstrcmp(text, "127.0.0.1") == 0
+                       ? QStringLiteral("127.0.0.9")
+                       : QString();
+        }
+        bool isEmpty() const override { return false; }
+    } translator;
+    QCoreApplication::installTranslator(&translator);
+    Core_Osd_TcpSocket socket(nullptr);
+    QCoreApplication::removeTranslator(&translator);
+    socket.appendBuffData("OKt");
+    std::thread parser([&socket] { socket.td_dealDataFunc(); });
+    EXPECT_TRUE(eventually([] { return osdhost::bytes().contains('t'); }));
+    EXPECT_EQ(osdhost::records().back().strIP, QStringLiteral("127.0.0.9"));
+    socket.close();
+    parser.join();
+}
+
+TEST_F(OsdLife, AFloodBeforeAHangUpIsTakenWhole)
+{
+    const QByteArray flood = QByteArray("OKf").repeated(500000);
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    const std::size_t before = osdhost::size();
+    endpoint.send(flood);
+    endpoint.hangUp(false);
+    ASSERT_TRUE(eventually([&] { return ended(); }));
+    int kept = 0;
+    for (int taken = -1; taken != 0; kept += taken) {
+        taken = socket.takeBuffData(0xffff).size();
+    }
+    EXPECT_EQ(kept + 3 * static_cast<int>(osdhost::size() - before), flood.size());
+}
+
+// The system has the frame and the endpoint takes nothing: there is nothing to wait for.
+TEST_F(OsdLife, AStopDoesNotWaitForAnEndpointThatTakesNothing)
+{
+    netns::limitReceiveBuffers();
+    const QByteArray much(512 * 1024, 'm');
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    const qint64 before = endpoint.receivedBytes();
+    endpoint.setFault(Fault::NeverRead, always);
+    endpoint.setFault(Fault::Drop, always); // an answer to a closed connection resets it
+    send('b', much);
+    socket.sendData(""); // behind the record
+    EXPECT_LT(elapsed([&] { socket.close(); }), hangUpMs / 2);
+    endpoint.setFault(Fault::NeverRead, {});
+    EXPECT_TRUE(eventually([&] { return endpoint.receivedBytes() == before + much.size() + 8; }));
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
 }
 
 TEST_F(OsdLife, ALossSlotStopsFromAnyThread)

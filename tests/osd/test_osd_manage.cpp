@@ -3,6 +3,7 @@
 #include "core_osd_tcpsocket.h"
 #include "corefactory.h"
 #include "eventually.h"
+#include "metamethods.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
@@ -10,26 +11,12 @@
 #include <gtest/gtest.h>
 
 #include <QElapsedTimer>
-#include <QMetaMethod>
 
 #include <algorithm>
 #include <memory>
 
 namespace
 {
-
-QStringList ownMethods(const QMetaObject& meta)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        names << QString::fromLatin1(method.methodType() == QMetaMethod::Signal ? "signal "
-                                     : method.methodType() == QMetaMethod::Slot ? "slot "
-                                                                                : "method ") +
-                     QString::fromLatin1(method.methodSignature());
-    }
-    return names;
-}
 
 OsdSimulatorOptions at(const QString& address)
 {
@@ -62,22 +49,18 @@ bool answered(ICoreOsdBase& manager, const QString& ip, char ch2)
 TEST(OsdMeta, DeclaresItsMethodsInOrder)
 {
     EXPECT_EQ(ownMethods(ICoreOsdBase::staticMetaObject),
-              QStringList({QStringLiteral("slot sendDatatoDevice(void*)")}));
+              QStringList({QStringLiteral("slot sendDatatoDevice(void*) parameters")}));
     EXPECT_EQ(ownMethods(core_Osd_Manage::staticMetaObject),
-              QStringList({QStringLiteral("signal sigSendDatatoDevice(model_OsdParam)"),
-                           QStringLiteral("slot sendDatatoDevice(void*)")}));
-    EXPECT_EQ(
-        ownMethods(Core_Osd_TcpSocket::staticMetaObject),
-        QStringList({QStringLiteral("signal closeSocket()"), QStringLiteral("slot onStarted()"),
-                     QStringLiteral("slot onConnected()"),
-                     QStringLiteral("slot onError(QAbstractSocket::SocketError)"),
-                     QStringLiteral("slot onDisConnected()"), QStringLiteral("slot onReadyRead()"),
-                     QStringLiteral("slot onSendDatatoDevice(model_OsdParam)"),
-                     QStringLiteral("slot onCloseSocket()")}));
-    const QMetaObject& meta = core_Osd_Manage::staticMetaObject;
-    EXPECT_EQ(meta.method(meta.methodOffset() + 1).parameterNames(),
-              QList<QByteArray>({"parameters"}));
-    EXPECT_EQ(meta.method(meta.methodOffset()).parameterNames(), QList<QByteArray>({"parameters"}));
+              QStringList({QStringLiteral("signal sigSendDatatoDevice(model_OsdParam) parameters"),
+                           QStringLiteral("slot sendDatatoDevice(void*) parameters")}));
+    EXPECT_EQ(ownMethods(Core_Osd_TcpSocket::staticMetaObject),
+              QStringList(
+                  {QStringLiteral("signal closeSocket() "), QStringLiteral("slot onStarted() "),
+                   QStringLiteral("slot onConnected() "),
+                   QStringLiteral("slot onError(QAbstractSocket::SocketError) error"),
+                   QStringLiteral("slot onDisConnected() "), QStringLiteral("slot onReadyRead() "),
+                   QStringLiteral("slot onSendDatatoDevice(model_OsdParam) parameters"),
+                   QStringLiteral("slot onCloseSocket() ")}));
 }
 
 TEST(OsdMeta, RegistersItsTypes)
@@ -258,6 +241,38 @@ TEST(OsdManage, OnlyTheSharedManagersRecordsArrive)
     ASSERT_TRUE(answered(*next, first, 'v'));
     EXPECT_EQ(far.received(), before);
     delete next;
+    CoreFactory::iOsdCore = nullptr;
+}
+
+TEST(OsdManage, TheSharedManagerIsWhatTheHostSays)
+{
+    OsdSimulator near(at(first));
+    ASSERT_TRUE(near.start());
+    {
+        const std::unique_ptr<ICoreOsdBase> own(CoreFactory::creatCoreObjInstance(ConnOsdTcp));
+        CoreFactory::iOsdCore = own.get();
+        own->openClient(first, near.port());
+        EXPECT_TRUE(answered(*own, first, 'a'));
+    }
+    // It still stands there, but is gone.
+    core_Osd_Manage another;
+    another.openClient(first, near.port());
+    ASSERT_TRUE(eventually([&] { return near.accepted() == 2; }));
+    another.closeClient(first);
+    CoreFactory::iOsdCore = nullptr;
+
+    ICoreOsdBase* const shared = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    CoreFactory::iOsdCore = nullptr;
+    shared->openClient(first, near.port());
+    ASSERT_TRUE(eventually([&] { return near.connected() == 1; }));
+    const QByteArray before = near.received();
+    send(*shared, first, 'n');
+    CoreFactory::iOsdCore = shared;
+    shared->closeClient(first);
+    shared->openClient(first, near.port());
+    EXPECT_TRUE(answered(*shared, first, 'b'));
+    EXPECT_TRUE(near.received().mid(before.size()).startsWith('b'));
+    delete shared;
     CoreFactory::iOsdCore = nullptr;
 }
 
