@@ -103,7 +103,7 @@ TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
     connection.start();
     ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
     const QByteArray waiting = QByteArray("OKw").repeated(6 * 1024 * 1024);
-    const QByteArray more(16 * 1024, 'm'); // as much as the system takes by itself
+    const QByteArray more(100 * 1024, 'm'); // the socket's 64 KiB, and what the system takes
     endpoint->received().append(waiting);
     simulated->send(more);
     simulated->hangUp(false);
