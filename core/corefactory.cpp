@@ -17,7 +17,7 @@ ICoreOsdBase* CoreFactory::iOsdCore = nullptr;
 namespace
 {
 
-// The endpoints' threads look at it whenever they start and end.
+// Endpoints look at it when they start.
 [[maybe_unused]] const bool isShared = osdrecordsource::share(CoreFactory::iOsdCore);
 
 // The memory of an object that has been destroyed. It is given back only when the next object has

@@ -44,5 +44,5 @@ public:
 
     static ICoreBase* iCORE;       ///< the shared device link; null until asked for
     static ICoreOsdBase* iOsdCore; ///< the shared endpoint manager; null until asked for. A host
-                                   ///< that assigns it does so while no endpoint starts or ends.
+                                   ///< that assigns it does so on the thread that opens endpoints.
 };

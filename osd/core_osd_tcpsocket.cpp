@@ -5,6 +5,7 @@
 #include "osdconnection.h"
 #include "osdendpoint.h"
 #include "osdframe.h"
+#include "osdrecordsource.h"
 #include "osdworkthread.h"
 
 #include <QCoreApplication>
@@ -144,7 +145,9 @@ void Core_Osd_TcpSocket::td_dealDataFunc()
 void Core_Osd_TcpSocket::sigConnect()
 {
     connectCloseSocket();
-    workThread->call([](OsdConnection& connection) { connection.connectSignals(); });
+    workThread->call([source = osdrecordsource::shared()](OsdConnection& connection) {
+        connection.connectSignals(source);
+    });
 }
 
 void Core_Osd_TcpSocket::sigDisConnect()

@@ -84,14 +84,15 @@ void OsdConnection::start()
         tcpSocket = std::make_unique<QTcpSocket>();
     }
     tcpSocket->setReadBufferSize(socketReadBuffer);
-    connectSignals();
+    connectSignals(run->source());
     startParser();
     tcpSocket->connectToHost(QHostAddress(endpoint->ip()), static_cast<quint16>(endpoint->port()));
 }
 
-void OsdConnection::connectSignals()
+void OsdConnection::connectSignals(const ICoreOsdBase* recordSource)
 {
     disconnectSignals();
+    source = recordSource;
     listenForRecords();
     if (tcpSocket) {
         QTcpSocket* const socket = tcpSocket.get();
@@ -104,7 +105,7 @@ void OsdConnection::connectSignals()
 
 void OsdConnection::listenForRecords()
 {
-    osdrecordsource::use([this](core_Osd_Manage& shared) {
+    osdrecordsource::use(source, [this](core_Osd_Manage& shared) {
         connect(&shared, &core_Osd_Manage::sigSendDatatoDevice, this,
                 &OsdConnection::onSendDatatoDevice, Qt::QueuedConnection);
     });
@@ -112,7 +113,7 @@ void OsdConnection::listenForRecords()
 
 void OsdConnection::disconnectSignals()
 {
-    osdrecordsource::use([this](core_Osd_Manage& shared) { shared.disconnect(this); });
+    osdrecordsource::use(source, [this](core_Osd_Manage& shared) { shared.disconnect(this); });
     if (tcpSocket) {
         tcpSocket->disconnect(this);
     }

@@ -25,9 +25,9 @@ public:
     /// the run has been stopped.
     void start();
 
-    /// Listens to the socket, and for records to the shared manager if there is one. Doing it twice
-    /// changes nothing.
-    void connectSignals();
+    /// Listens to the socket, and for records to that manager if it is neither null nor gone. Doing
+    /// it twice changes nothing.
+    void connectSignals(const ICoreOsdBase* recordSource);
     void disconnectSignals();
 
     void onConnected();
@@ -60,6 +60,7 @@ private:
     std::shared_ptr<OsdEndpoint> endpoint;
     std::shared_ptr<OsdEndpoint::Run> run;
     OsdWorkThread& workThread;
+    const ICoreOsdBase* source = nullptr; // what it listens to; may be gone
     std::unique_ptr<QTcpSocket> tcpSocket;
     bool bConnected = false;
     bool parserStarted = false;

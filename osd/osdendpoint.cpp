@@ -4,6 +4,7 @@
 #include "biz_osd_cmdswork.h"
 #include "detachedthread.h"
 #include "osdframe.h"
+#include "osdrecordsource.h"
 #include "processend.h"
 
 #include <chrono>
@@ -68,7 +69,7 @@ std::shared_ptr<OsdEndpoint::Run> OsdEndpoint::beginRun()
 {
     const std::lock_guard lock(runLock);
     latest->stop();
-    latest = std::make_shared<Run>();
+    latest = std::make_shared<Run>(osdrecordsource::shared());
     return latest;
 }
 

@@ -10,6 +10,8 @@
 #include <memory>
 #include <mutex>
 
+class ICoreOsdBase;
+
 /// What one endpoint's threads share: its address, the bytes it sent that are not consumed yet, and
 /// the parser that cuts its acknowledgements out of them. A Core_Osd_TcpSocket, its worker thread
 /// and its parser thread each hold a share, so that none of them has to outlive another.
@@ -23,10 +25,15 @@ public:
     class Run
     {
     public:
+        /// \a source is the manager whose records are sent, or null.
+        explicit Run(const ICoreOsdBase* source) : recordSource(source) {}
+
+        const ICoreOsdBase* source() const { return recordSource; }
         bool deals() const { return bDealRun.load(std::memory_order_acquire); }
         void stop() { bDealRun.store(false, std::memory_order_release); }
 
     private:
+        const ICoreOsdBase* const recordSource;
         std::atomic<bool> bDealRun{true};
     };
 
@@ -36,7 +43,9 @@ public:
     bool isAddressedBy(const QString& text) const; ///< exact: case and blanks count
 
     std::shared_ptr<Run> run() const; ///< the latest one
-    std::shared_ptr<Run> beginRun();  ///< ends the latest one and begins another
+
+    /// Ends the latest one and begins another, which listens to the shared manager as it is now.
+    std::shared_ptr<Run> beginRun();
     ReceiveBuffer& received() { return buffData; }
 
     /// Looks for the acknowledgement mark in bytes that were peeked off the buffer. If it is there,
@@ -64,6 +73,6 @@ private:
     std::mutex passLock;            // one parser's pass at a time; the buffer's lock goes below it
     QString strIP = QStringLiteral("127.0.0.1");
     int nPort = 10001;
-    std::shared_ptr<Run> latest = std::make_shared<Run>();
+    std::shared_ptr<Run> latest = std::make_shared<Run>(nullptr);
     ReceiveBuffer buffData;
 };

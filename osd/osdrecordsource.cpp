@@ -35,8 +35,13 @@ bool osdrecordsource::share(ICoreOsdBase*& pointer) noexcept
 
 void osdrecordsource::set(ICoreOsdBase* manager)
 {
-    const std::lock_guard lock(managers().lock);
-    *sharedPointer.load() = manager;
+    __atomic_store_n(sharedPointer.load(), manager, __ATOMIC_RELEASE);
+}
+
+const ICoreOsdBase* osdrecordsource::shared()
+{
+    ICoreOsdBase** const pointer = sharedPointer;
+    return pointer == nullptr ? nullptr : __atomic_load_n(pointer, __ATOMIC_ACQUIRE);
 }
 
 void osdrecordsource::add(core_Osd_Manage* manager)
@@ -52,13 +57,12 @@ void osdrecordsource::remove(core_Osd_Manage* manager)
     living.erase(std::remove(living.begin(), living.end(), manager), living.end());
 }
 
-void osdrecordsource::use(const std::function<void(core_Osd_Manage&)>& function)
+void osdrecordsource::use(const ICoreOsdBase* manager,
+                          const std::function<void(core_Osd_Manage&)>& function)
 {
     const std::lock_guard lock(managers().lock);
-    ICoreOsdBase** const pointer = sharedPointer;
-    const ICoreOsdBase* const shared = pointer == nullptr ? nullptr : *pointer;
     const auto& living = managers().living;
-    const auto found = std::find(living.begin(), living.end(), shared);
+    const auto found = std::find(living.begin(), living.end(), manager);
     if (found != living.end()) {
         function(**found);
     }

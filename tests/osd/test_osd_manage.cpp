@@ -295,7 +295,7 @@ TEST(OsdManage, TheSharedManagerMayGoWhileWorkersStartAndEnd)
         send(*CoreFactory::iOsdCore, first, 'x');
         if (i % 3 == 0) {
             delete CoreFactory::iOsdCore;
-            CoreFactory::iOsdCore = nullptr;
+            __atomic_store_n(&CoreFactory::iOsdCore, nullptr, __ATOMIC_RELEASE); // others open
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
