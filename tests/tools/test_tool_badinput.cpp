@@ -48,8 +48,9 @@ INSTANTIATE_TEST_SUITE_P(
     Tool, BadInput,
     ::testing::Values(
         Case{"", "give one of demo, send, listen, simulate, ports, devices, encode, decode"},
-        Case{"frob", "give one of demo, send, listen, simulate, ports, devices, encode, decode"},
-        Case{"--frob", "give one of demo, send, listen, simulate, ports, devices, encode, decode"},
+        Case{"frob", "\"frob\" is no subcommand: give one of demo, send, listen, simulate, ports"},
+        Case{"--frob", "\"--frob\" is no subcommand: give one of demo, send"},
+        Case{"sned %1 --cmd 1", "\"sned\" is no subcommand: give one of demo, send"},
         Case{"send", "link is required: see coremanage send --help"},
         Case{"send 192.168.1.20 --cmd 1", "a link is written like udp://192.168.1.20:1000"},
         Case{"send ://x --cmd 1", "a link is written like udp://192.168.1.20:1000"},
@@ -64,6 +65,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send udp://127.0.0.1:0 --cmd 1", "a number from 1 to 65535"},
         Case{"send udp://127.0.0.1:65536 --cmd 1", "give a number from 1 to 65535"},
         Case{"send udp://127.0.0.1:-1 --cmd 1", "give a number from 1 to 65535"},
+        Case{"send udp://127.0.0.1:+5 --cmd 1", "\"+5\" is no port: give a number from 1 to 65535"},
         Case{"send udp://127.0.0.1:5:6 --cmd 1", "\"5:6\" is no port"},
         Case{"send udp://0.0.0.0 --cmd 1", "give the device's own address"},
         Case{"send %1?baud=5 --cmd 1", "unknown option \"baud\": udp:// takes no options"},
@@ -190,6 +192,27 @@ TEST(BadInput, NamesEveryLinkThatThereIs)
     EXPECT_EQ(run.code, 2);
     for (const char* scheme : {"udp://", "serial://", "vela://", "usb://", "osd://"}) {
         EXPECT_TRUE(help.output.contains(scheme)) << scheme;
+TEST(BadInput, TakesNoBlankForADigit)
+{
+    const struct {
+        QStringList arguments;
+        const char* says;
+    } cases[] = {
+        {{QStringLiteral("send"), QStringLiteral("udp://127.0.0.1: 5")}, "\" 5\" is no port"},
+        {{QStringLiteral("send"), QStringLiteral("udp://127.0.0.1\n")}, "is no IPv4 address"},
+        {{QStringLiteral("listen"), QStringLiteral("usb://04b4:1008\n")}, "is no pair of ids"},
+        {{QStringLiteral("encode"), QStringLiteral("--cmd"), QStringLiteral("1\n")},
+         "give a number from 0 to 255"},
+        {{QStringLiteral("encode"), QStringLiteral("--cmd"), QStringLiteral(" 1")},
+         "give a number from 0 to 255"},
+    };
+    for (const auto& wrong : cases) {
+        const ToolRun run(wrong.arguments);
+        EXPECT_EQ(run.code, 2) << wrong.says;
+        EXPECT_TRUE(run.error.contains(QLatin1String(wrong.says))) << run.error.toStdString();
+    }
+}
+
         EXPECT_TRUE(run.error.contains(QLatin1String(scheme))) << scheme;
     }
 }
