@@ -10,6 +10,7 @@
 
 #include <array>
 
+#include <csignal>
 namespace
 {
 
@@ -54,10 +55,7 @@ int parseAndRun(int argc, char** argv)
     for (const commands::Subcommand& subcommand : subcommands) {
         if (subcommand.parser->parsed()) {
             const int code = subcommand.run();
-            if (output::lost()) {
-                throw ToolError(exitcode::failed,
-                                QStringLiteral("standard output could not be written"));
-            }
+            output::checkLoss();
             return code;
         }
     }
@@ -81,3 +79,4 @@ int main(int argc, char** argv)
         return exitcode::failed;
     }
 }
+    std::signal(SIGPIPE, SIG_IGN); // lost output is noticed where it is written

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "output.h"
 
+#include "toolerror.h"
+
 #include <cstdio>
 #include <mutex>
 
@@ -47,6 +49,13 @@ bool output::lost()
 {
     const std::lock_guard guard(lock);
     return outputLost;
+}
+
+void output::checkLoss()
+{
+    if (lost()) {
+        throw ToolError(exitcode::failed, QStringLiteral("standard output could not be written"));
+    }
 }
 
 void output::error(const QString& text)

@@ -54,6 +54,18 @@ TEST(Demo, MakesRoomWhenTheReplyPortIsTaken)
     EXPECT_FALSE(holder.hasDatagram());
 }
 
+TEST(Demo, EndsWhenNobodyReadsItAnyMore)
+{
+    const QTemporaryDir directory;
+    const ToolRun run({QStringLiteral("demo")}, {},
+                      {QStringLiteral("env"), QStringLiteral("TMPDIR=") + directory.path(),
+                       QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    EXPECT_EQ(run.output.count('\n'), 1) << run.output.constData();
+    EXPECT_EQ(run.error.toStdString(),
+              "coremanage: standard output could not be written\ncode 1\n");
+    EXPECT_TRUE(QDir(directory.path()).isEmpty()) << "its log has gone, too";
+}
+
 TEST(Demo, EndsWithCtrlC)
 {
     ToolProcess tool({QStringLiteral("demo")});

@@ -361,6 +361,21 @@ TEST_F(Listen, EndsAfterItsTime)
 TEST_F(Listen, ShowsProgressOnATerminal)
 {
     const QTemporaryDir directory;
+TEST_F(Listen, EndsWhenNobodyReadsItAnyMore)
+{
+    ToolProcess tool({QStringLiteral("listen"), addressOf(device)}, {},
+                     {QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    ASSERT_TRUE(tool.says(QStringLiteral("listening on")));
+    EXPECT_TRUE(eventually([&] {
+        device.send(replyText(0x10, 0x01));
+        return tool.hasEnded();
+    }));
+    EXPECT_EQ(tool.exitCode(), 0) << "that of head";
+    EXPECT_TRUE(tool.error().endsWith(
+        QStringLiteral("coremanage: standard output could not be written\ncode 1\n")))
+        << tool.error().toStdString();
+}
+
     QProcess terminal;
     terminal.start(QStringLiteral("script"),
                    {QStringLiteral("-qec"),
@@ -481,6 +496,22 @@ TEST_F(Simulate, SaysWhenItsPortIsTaken)
 {
     const ToolRun run(words(QStringLiteral("simulate ") + addressOf(host)));
     EXPECT_EQ(run.code, 3);
+TEST_F(Simulate, EndsWhenNobodyReadsItAnyMore)
+{
+    ToolProcess tool(words(QStringLiteral("simulate udp://127.0.0.1:0")), {},
+                     {QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    ASSERT_TRUE(tool.says(QStringLiteral("\n")));
+    port = tool.lines().value(0).section(QLatin1Char(':'), -1).toUShort();
+    EXPECT_TRUE(eventually([&] {
+        host.send("<T5a0110020000006d>", port);
+        return tool.hasEnded();
+    }));
+    EXPECT_EQ(tool.exitCode(), 0) << "that of head";
+    EXPECT_TRUE(tool.error().endsWith(
+        QStringLiteral("coremanage: standard output could not be written\ncode 1\n")))
+        << tool.error().toStdString();
+}
+
     EXPECT_TRUE(run.error.contains(QStringLiteral("is taken: give another one, or 0")))
         << run.error.toStdString();
 }

@@ -9,9 +9,24 @@
 
 #include <csignal>
 
+#include <unistd.h>
+
 QString builtTool()
 {
     return QStringLiteral(COREMANAGE);
+}
+
+QStringList toolWithoutPrivilege()
+{
+    if (geteuid() != 0) {
+        return {builtTool()};
+    }
+    return {QStringLiteral("setpriv"), QStringLiteral("--bounding-set=-dac_override"), builtTool()};
+}
+
+QString readByHead()
+{
+    return QStringLiteral("{ \"$0\" \"$@\"; echo \"code $?\" >&2; } | head -n 1");
 }
 
 QStringList words(const QString& text)
@@ -26,6 +41,7 @@ ToolProcess::ToolProcess(const QStringList& arguments, const QByteArray& input,
     environment.insert(QStringLiteral("HOME"), homeDirectory.path());
     environment.remove(QStringLiteral("XDG_STATE_HOME"));
     process.setProcessEnvironment(environment);
+    std::signal(SIGHUP, SIG_DFL); // the tool inherits it, from whoever started the tests
     process.setWorkingDirectory(homeDirectory.path());
     process.start(command.first(), command.mid(1) + arguments);
     process.waitForStarted();
@@ -49,8 +65,7 @@ void ToolProcess::collect()
 
 int ToolProcess::exitCode()
 {
-    const bool ended = eventually([this] { return process.state() == QProcess::NotRunning; },
-                                  std::chrono::seconds(60));
+    const bool ended = eventually([this] { return hasEnded(); }, std::chrono::seconds(60));
     collect();
     return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
@@ -66,6 +81,11 @@ bool ToolProcess::says(const QString& text)
 void ToolProcess::interrupt()
 {
     ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+}
+
+void ToolProcess::closeTerminal()
+{
+    ::kill(static_cast<pid_t>(process.processId()), SIGHUP);
 }
 
 QByteArray ToolProcess::output() const

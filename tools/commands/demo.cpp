@@ -93,6 +93,7 @@ int Demo::run()
         QStringLiteral("\nAll %1 things happened as they were said.").arg(narrator.expectations()));
     return exitcode::success;
 }
+    output::checkLoss();
 
 } // namespace
 
