@@ -54,6 +54,18 @@ TEST(Demo, MakesRoomWhenTheReplyPortIsTaken)
     EXPECT_FALSE(holder.hasDatagram());
 }
 
+TEST(Demo, BringsTheLoopbackInterfaceUp)
+{
+    const QStringList inside{QStringLiteral("unshare"), QStringLiteral("-rn")};
+    if (QProcess::execute(inside.first(), inside.mid(1) + QStringList(QStringLiteral("true"))) !=
+        0) {
+        GTEST_SKIP() << "this system allows no network namespace";
+    }
+    const ToolRun run({QStringLiteral("demo")}, {}, inside + QStringList(builtTool()));
+    expectAllAsSaid(run);
+    EXPECT_TRUE(run.output.contains("The loopback interface was down: it is up now."));
+}
+
 TEST(Demo, EndsWhenNobodyReadsItAnyMore)
 {
     const QTemporaryDir directory;

@@ -214,6 +214,9 @@ TEST_F(Send, SaysWhenTheReplyPortIsTaken)
                                            .arg(QCoreApplication::applicationPid())))
         << tool->error().toStdString();
     EXPECT_EQ(tool->error().count(QLatin1Char('\n')), 1);
+    EXPECT_TRUE(tool->error().endsWith(
+        QStringLiteral("; end it first, or, for simulated devices only, run: unshare -rn sh -c 'ip "
+                       "link set lo up; exec sh'\n")));
     EXPECT_FALSE(device.hasDatagram());
     if (netns::isolated()) {
         EXPECT_EQ(datagramsSent(), before);

@@ -90,7 +90,8 @@ public:
         const quint16 local = udpendpoint::localPort();
         if (!udpports::isOurs(local)) {
             throw LinkDown(QStringLiteral("%1: replies come to local port %2, which %3 has; end it "
-                                          "first, or run: unshare -rn")
+                                          "first, or, for simulated devices only, run: unshare "
+                                          "-rn sh -c 'ip link set lo up; exec sh'")
                                .arg(text.text)
                                .arg(local)
                                .arg(udpports::holder(local)));
