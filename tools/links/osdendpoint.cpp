@@ -21,6 +21,8 @@ public:
 
     FieldSet fields() const override { return FieldSet::OsdFrame; }
 
+    Faulty faulty() const override { return Faulty::Endpoint; }
+
     void add(const LinkAddress& address) override
     {
         if (address.scheme != QLatin1String("osd")) {

@@ -136,6 +136,8 @@ public:
                                      : QStringLiteral("/dev/") + text.target;
             const QString reason = serialendpoint::obstacle(path);
             throw LinkDown(QStringLiteral("%1: %2").arg(
+    Faulty faulty() const override { return Faulty::Stream; }
+
                 text.text, reason.isEmpty() ? line->port().errorString() : reason));
         }
         return SerialCoreLink<Line>::over(std::move(line), fieldSet);

@@ -60,6 +60,8 @@ public:
 
     FieldSet fields() const override { return FieldSet::TextBody; }
 
+    Faulty faulty() const override { return Faulty::Datagrams; }
+
     void check(const Command& command) const override
     {
         const int most = largestDatagram - commandframe::textLength;

@@ -83,6 +83,8 @@ public:
 
     FieldSet fields() const override { return FieldSet::TextBody; }
 
+    Faulty faulty() const override { return Faulty::Stream; }
+
     void check(const Command& command) const override
     {
         if (command.record.sendMode != 0) {
