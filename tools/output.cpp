@@ -11,14 +11,14 @@
 namespace
 {
 
-std::mutex lock; // a leaf; guards the streams and the flags
-bool progressShown = false;
+std::mutex lock;          // a leaf; guards the streams and the flags
+QByteArray progressShown; // empty: none
 bool outputLost = false;
 
 void clearProgress()
 {
-    if (progressShown) {
-        progressShown = false;
+    if (!progressShown.isEmpty()) {
+        progressShown.clear();
         std::fputs("\r\x1b[K", stderr);
         std::fflush(stderr);
     }
@@ -69,10 +69,14 @@ void output::progress(const QString& text)
     if (!onTerminal) {
         return;
     }
+    const QByteArray bytes = text.toUtf8();
     const std::lock_guard guard(lock);
-    std::fprintf(stderr, "\r%s\x1b[K", text.toUtf8().constData());
+    if (bytes == progressShown) {
+        return;
+    }
+    std::fprintf(stderr, "\r%s\x1b[K", bytes.constData());
     std::fflush(stderr);
-    progressShown = true;
+    progressShown = bytes;
 }
 
 void output::endProgress()

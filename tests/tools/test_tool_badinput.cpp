@@ -82,17 +82,14 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send %1 --cmd 1 --dat1 0x100", "--dat1: \"0x100\" will not do"},
         Case{"send %1 --cmd 1 --dat4 x", "--dat4: \"x\" will not do"},
         Case{"send %1 --cmd 1 --head 300", "--head: \"300\" will not do"},
-        Case{"send %1 --cmd 1 --cmd 2", "--cmd"},
+        Case{"send %1 --cmd 1 --cmd 2", ": --cmd comes more than once: give it once"},
+        Case{"send %1 --cmd 1 --tries 1 --tries 2", ": --tries comes more than once"},
         Case{"send %1 --cmd 1 --aux1 5", "--aux1: text frames do not carry it"},
         Case{"send %1 --cmd 1 --block 0",
              "give hexadecimal digits in pairs, like 00ff10, or @FILE"},
         Case{"send %1 --cmd 1 --block 0g", "give hexadecimal digits in pairs"},
         Case{"send %1 --cmd 1 --block @/no/such/file", "No such file or directory: give a file"},
         Case{"send %1 --cmd 1 --block @/tmp", "it is a directory: give a file"},
-        Case{"send %1 --cmd 1 --timeout 3600001", "--timeout: \"3600001\" will not do"},
-        Case{"send %1 --cmd 1 --timeout soon", "give a number from 0 to 3600000"},
-        Case{"send %1 --cmd 1 --tries 0", "give a number from 1 to 1000"},
-        Case{"send %1 --cmd 1 --replies 0", "give a number from 1 to 1000000"},
         Case{"send %1 --cmd 1 --block @", "\"\" cannot be read: that is no name: give a file"},
         Case{"send %1 --cmd 1 --block @/proc/self/mem",
              "\"/proc/self/mem\" cannot be read: Input/output error: give a file"},
@@ -101,6 +98,13 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"encode --cmd 1 --block @/proc/self/mem", "Input/output error"},
         Case{"decode @/proc/self/mem", "Input/output error"},
         Case{"decode @", "\"\" cannot be read: that is no name: give a file"},
+        Case{"send %1 --cmd 1 --timeout 3600001", "--timeout: \"3600001\" will not do"},
+        Case{"send %1 --cmd 1 --timeout soon", "give a number from 0 to 3600000"},
+        Case{"send %1 --cmd 1 --tries 0", "give a number from 1 to 1000"},
+        Case{"send %1 --cmd 1 --replies 0", "give a number from 1 to 1000000"},
+        Case{"send %1 --cmd 1 --replies 5 --timeout 0",
+             "--replies: --timeout 0 waits for no reply"},
+        Case{"send %1 --cmd 1 --tries 5 --timeout 0", "--tries: --timeout 0 waits for no reply"},
         Case{"send %1 --cmd 1 --device-type x", "--device-type: \"x\" will not do"},
         Case{"send %1 --cmd 1 --log /", "is a directory: give a file that can be written"},
         Case{"send %1 --cmd 1 --log /proc/no/such.log", "give a file that can be written"},
@@ -138,14 +142,14 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"simulate udp://127.0.0.1:0 --seed -1", "--seed: \"-1\" will not do"},
         Case{"simulate udp://127.0.0.1:0 --announced 40000", "give a number from 1 to 32767"},
         Case{"simulate udp://127.0.0.1:0 --fault refuse", "has no refuse: leave it out"},
-        Case{"simulate osd://127.0.0.1:0 --fault truncate=1", "has no truncate: leave it out"},
-        Case{"simulate osd://127.0.0.1:0 --fault refuse=3", "write refuse alone"},
-        Case{"simulate osd://127.0.0.1:0?data=-1", "data: \"-1\" will not do"},
-        Case{"simulate osd://127.0.0.1:0 osd://127.0.0.2:0", "osd://127.0.0.2:0"},
         Case{"simulate udp://127.0.0.1:0 --fault split=1", "has no split: leave it out"},
         Case{"simulate udp://127.0.0.1:0 --fault glue=1 --fault hang-up=1 --fault noise=1 "
              "--fault late-block=1 --fault block-checksum=1 --fault drop=1",
              "has no block-checksum, noise, late-block, glue, hang-up: leave it out"},
+        Case{"simulate osd://127.0.0.1:0 --fault truncate=1", "has no truncate: leave it out"},
+        Case{"simulate osd://127.0.0.1:0 --fault refuse=3", "write refuse alone"},
+        Case{"simulate osd://127.0.0.1:0?data=-1", "data: \"-1\" will not do"},
+        Case{"simulate osd://127.0.0.1:0 osd://127.0.0.2:0", "osd://127.0.0.2:0"},
         Case{"simulate udp://nowhere:0", "is no IPv4 address"}, Case{"encode", "--cmd is missing"},
         Case{"encode --cmd 1 --raw --json", "--raw excludes --json"},
         Case{"encode --cmd 1 --binary --head 1", "--head: binary frames do not carry it"},
@@ -188,15 +192,6 @@ TEST(BadInput, RefusesABlockThatIsTooLong)
     EXPECT_FALSE(peer.hasDatagram());
 }
 
-TEST(BadInput, NamesEveryLinkThatThereIs)
-{
-    const ToolRun help({QStringLiteral("send"), QStringLiteral("--help")});
-    EXPECT_EQ(help.code, 0);
-    const ToolRun run({QStringLiteral("send"), QStringLiteral("no://x"), QStringLiteral("--cmd"),
-                       QStringLiteral("1")});
-    EXPECT_EQ(run.code, 2);
-    for (const char* scheme : {"udp://", "serial://", "vela://", "usb://", "osd://"}) {
-        EXPECT_TRUE(help.output.contains(scheme)) << scheme;
 TEST(BadInput, TakesNoBlankForADigit)
 {
     const struct {
@@ -218,6 +213,15 @@ TEST(BadInput, TakesNoBlankForADigit)
     }
 }
 
+TEST(BadInput, NamesEveryLinkThatThereIs)
+{
+    const ToolRun help({QStringLiteral("send"), QStringLiteral("--help")});
+    EXPECT_EQ(help.code, 0);
+    const ToolRun run({QStringLiteral("send"), QStringLiteral("no://x"), QStringLiteral("--cmd"),
+                       QStringLiteral("1")});
+    EXPECT_EQ(run.code, 2);
+    for (const char* scheme : {"udp://", "serial://", "vela://", "usb://", "osd://"}) {
+        EXPECT_TRUE(help.output.contains(scheme)) << scheme;
         EXPECT_TRUE(run.error.contains(QLatin1String(scheme))) << scheme;
     }
 }

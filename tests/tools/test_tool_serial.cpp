@@ -25,6 +25,21 @@ TEST(SerialTool, SendsOverASerialPortAndShowsTheReply)
     EXPECT_TRUE(tool.output().contains("\"dat1\":32"));
 }
 
+TEST(SerialTool, TellsWhatABinaryFrameHasOfItsOwn)
+{
+    const SerialPeer device;
+    const ToolRun run(
+        words(QStringLiteral("send vela://%1 --cmd 6 --block 010203 --timeout 0 --json")
+                  .arg(device.portName())));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    const QJsonObject sent = run.json.value(QStringLiteral("sent")).toObject();
+    const QByteArray frame =
+        QByteArray::fromHex(sent.value(QStringLiteral("frame")).toString().toLatin1());
+    ASSERT_EQ(frame.size(), 16 + 3);
+    EXPECT_EQ(sent.value(QStringLiteral("chksum")).toInt(), static_cast<quint8>(frame.at(15)));
+    EXPECT_EQ(sent.value(QStringLiteral("aux6")).toInt(), 3);
+}
+
 TEST(SerialTool, SaysThatTheDeviceHasGone)
 {
     SerialPeer device;
