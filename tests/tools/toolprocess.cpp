@@ -57,6 +57,13 @@ ToolProcess::~ToolProcess()
     }
 }
 
+void ToolProcess::tell(int signal)
+{
+    if (!hasEnded()) { // it has no number any more then, and 0 is the test itself and its like
+        ::kill(static_cast<pid_t>(id()), signal);
+    }
+}
+
 void ToolProcess::collect()
 {
     outputSoFar += process.readAllStandardOutput();
@@ -80,12 +87,12 @@ bool ToolProcess::says(const QString& text)
 
 void ToolProcess::interrupt()
 {
-    ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+    tell(SIGINT);
 }
 
 void ToolProcess::closeTerminal()
 {
-    ::kill(static_cast<pid_t>(process.processId()), SIGHUP);
+    tell(SIGHUP);
 }
 
 QByteArray ToolProcess::output() const

@@ -46,6 +46,7 @@ public:
     QString home() const { return homeDirectory.path(); }
 
 private:
+    void tell(int signal);
     void collect();
 
     QTemporaryDir homeDirectory;
