@@ -9,13 +9,14 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <unistd.h>
+
 namespace
 {
 
 constexpr int mostByte = 0xff;
 constexpr int mostWord = 0xffff;
 constexpr int mostBlock = 65535; // DAT4 * 256 + DAT3 says no more
-constexpr qint64 mostFile = 16'777'216;
 constexpr int binaryLead = 0xf11f;
 
 // The frames that carry a field.
@@ -133,7 +134,7 @@ Command CommandFields::readOsd() const
     osd.ch9 = character("--ch9");
     osd.ch10 = character("--ch10");
     if (given("--data")) {
-        osd.arryData = typed::bytes(QStringLiteral("--data"), values.at("--data"));
+        osd.arryData = typed::bytes(QStringLiteral("--data"), values.at("--data"), typed::mostFile);
     } else if (given("--text")) {
         osd.arryData = QByteArray::fromStdString(values.at("--text"));
     }
@@ -148,14 +149,10 @@ Command CommandFields::readDevice(bool binary) const
     Command command;
     model_Protocoldata& record = command.record;
     if (given("--block")) {
-        record.arryDatablock = typed::bytes(QStringLiteral("--block"), values.at("--block"));
+        record.arryDatablock =
+            typed::bytes(QStringLiteral("--block"), values.at("--block"), mostBlock);
     }
     const int length = record.arryDatablock.size();
-    if (length > mostBlock) {
-        throw BadInput(QStringLiteral("--block: %1 bytes are too many: give at most %2")
-                           .arg(length)
-                           .arg(mostBlock));
-    }
     const auto word = [this](const char* name, int otherwise = 0) {
         return static_cast<quint16>(number(name, mostWord, otherwise));
     };
@@ -177,8 +174,9 @@ qint64 typed::number(const QString& option, const std::string& text, qint64 leas
 {
     const QString digits = QString::fromStdString(text);
     const bool isHex = digits.startsWith(QLatin1String("0x"), Qt::CaseInsensitive);
-    static const QRegularExpression plain(QStringLiteral("^(0[xX][0-9a-fA-F]+|[0-9]+)$"));
-    bool valid = plain.match(digits).hasMatch();
+    static const QRegularExpression plain(
+        QRegularExpression::anchoredPattern(QStringLiteral("0[xX][0-9a-fA-F]+|[0-9]+")));
+    bool valid = false;
     const qint64 value = isHex ? digits.mid(2).toLongLong(&valid, 16) : digits.toLongLong(&valid);
     if (!plain.match(digits).hasMatch() || !valid || value < least || value > most) {
         throw BadInput(QStringLiteral("%1: \"%2\" will not do: give a number from %3 to %4 (0x%5)")
@@ -190,41 +188,64 @@ qint64 typed::number(const QString& option, const std::string& text, qint64 leas
     return value;
 }
 
-QByteArray typed::bytes(const QString& option, const std::string& text)
+QByteArray typed::bytes(const QString& option, const std::string& text, int most)
 {
     QString digits = QString::fromStdString(text);
     if (digits.startsWith(QLatin1Char('@'))) {
-        return file(option, digits.mid(1));
+        return file(option, digits.mid(1), most);
     }
     static const QRegularExpression blanks(QStringLiteral("[\\s:]+"));
-    static const QRegularExpression pairs(QStringLiteral("^([0-9a-fA-F]{2})+$"));
+    static const QRegularExpression pairs(
+        QRegularExpression::anchoredPattern(QStringLiteral("([0-9a-fA-F]{2})+")));
     digits.remove(blanks);
     if (!pairs.match(digits).hasMatch()) {
         throw BadInput(QStringLiteral("%1: \"%2\" will not do: give hexadecimal digits in pairs, "
                                       "like 00ff10, or @FILE")
                            .arg(option, QString::fromStdString(text).left(40)));
     }
-    return QByteArray::fromHex(digits.toLatin1());
+    QByteArray bytes = QByteArray::fromHex(digits.toLatin1());
+    if (bytes.size() > most) {
+        throw BadInput(QStringLiteral("%1: %2 bytes are too many: give at most %3")
+                           .arg(option)
+                           .arg(bytes.size())
+                           .arg(most));
+    }
+    return bytes;
 }
 
-QByteArray typed::file(const QString& option, const QString& path)
+QByteArray typed::file(const QString& option, const QString& path, int most)
 {
-    QFile file(path);
-    const bool opened = path == QLatin1String("-")
-                            ? file.open(stdin, QIODevice::ReadOnly)
-                            : !QFileInfo(path).isDir() && file.open(QIODevice::ReadOnly);
-    if (!opened) {
+    const auto refuse = [&](const QString& reason) {
         throw BadInput(QStringLiteral("%1: \"%2\" cannot be read: %3: give a file, or - for "
                                       "standard input")
-                           .arg(option, path,
-                                QFileInfo(path).isDir() ? QStringLiteral("it is a directory")
-                                                        : file.errorString()));
+                           .arg(option, path, reason));
+    };
+    if (path.isEmpty()) {
+        refuse(QStringLiteral("that is no name"));
     }
-    QByteArray content = file.read(mostFile + 1);
-    if (content.size() > mostFile) {
-        throw BadInput(QStringLiteral("%1: \"%2\" has more than %3 bytes: give a shorter one")
+    if (QFileInfo(path).isDir()) {
+        refuse(QStringLiteral("it is a directory"));
+    }
+    QFile file(path);
+    // By its descriptor: as a stream it would be switched to not waiting, for whoever shares it.
+    const bool opened = path == QLatin1String("-") ? file.open(STDIN_FILENO, QIODevice::ReadOnly)
+                                                   : file.open(QIODevice::ReadOnly);
+    if (!opened) {
+        refuse(file.errorString());
+    }
+    QByteArray content;
+    QByteArray piece;
+    do { // a pipe gives what is there, and only nothing is its end
+        piece = file.read(most + 1 - content.size());
+        content += piece;
+    } while (!piece.isEmpty() && content.size() <= most);
+    if (file.error() != QFileDevice::NoError) {
+        refuse(file.errorString());
+    }
+    if (content.size() > most) {
+        throw BadInput(QStringLiteral("%1: \"%2\" has more than %3 bytes: give at most %3")
                            .arg(option, path)
-                           .arg(mostFile));
+                           .arg(most));
     }
     return content;
 }

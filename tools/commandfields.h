@@ -41,11 +41,14 @@ namespace typed
 /// which names the option.
 qint64 number(const QString& option, const std::string& text, qint64 least, qint64 most);
 
-/// The bytes of "@FILE", as they are, or of hexadecimal digits with or without blanks. Throws
-/// BadInput, which names the option.
-QByteArray bytes(const QString& option, const std::string& text);
+constexpr int mostFile = 16'777'216; ///< bytes, where nothing else limits them
 
-/// The bytes of a file; "-" is standard input. Throws BadInput.
-QByteArray file(const QString& option, const QString& path);
+/// The bytes of "@FILE", as they are, or of hexadecimal digits with or without blanks, at most
+/// \a most. Throws BadInput, which names the option.
+QByteArray bytes(const QString& option, const std::string& text, int most);
+
+/// All bytes of a file, at most \a most; "-" is standard input up to its end. Throws BadInput,
+/// also if they cannot all be read.
+QByteArray file(const QString& option, const QString& path, int most);
 
 } // namespace typed

@@ -2,6 +2,7 @@
 #include "corelink.h"
 
 #include "biz_cmdswork.h"
+#include "commandframe.h"
 #include "icorebase.h"
 #include "recordtext.h"
 
@@ -26,7 +27,14 @@ QByteArray CoreLink::frameOf(const Command& command) const
 
 QJsonObject CoreLink::jsonOf(const Command& command) const
 {
-    return recordtext::json(command, fieldSet);
+    const QByteArray frame = frameOf(command);
+    model_Protocoldata framed;
+    fieldSet == FieldSet::BinaryHead ? commandframe::decodeBinary(frame, framed)
+                                     : commandframe::decodeText(frame, framed);
+    Command computed = command;
+    computed.record.CHKSUM = framed.CHKSUM;
+    computed.record.aux6 = framed.aux6;
+    return recordtext::json(computed, fieldSet);
 }
 
 std::vector<Reply> CoreLink::takeReplies()

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "hidnode.h"
 
+#include "filerights.h"
+
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -60,20 +60,6 @@ HidNode read(const QString& entry)
     return node;
 }
 
-QString rightsOf(const QString& path)
-{
-    struct stat status {
-    };
-    if (stat(path.toLocal8Bit().constData(), &status) != 0) {
-        return QString::fromLocal8Bit(std::strerror(errno));
-    }
-    constexpr unsigned permissionBits = 0777;
-    const QFileInfo file(path);
-    return QStringLiteral("%1, owner %2, group %3")
-        .arg(status.st_mode & permissionBits, 4, 8, QLatin1Char('0'))
-        .arg(file.owner(), file.group());
-}
-
 QString hexId(quint16 id)
 {
     return QStringLiteral("%1").arg(id, 4, 16, QLatin1Char('0'));
@@ -97,7 +83,7 @@ QString HidNode::obstacle() const
         return {};
     }
     const QString reason = QString::fromLocal8Bit(std::strerror(errno));
-    return QStringLiteral("%1 (%2)").arg(reason, rightsOf(path));
+    return QStringLiteral("%1 (%2)").arg(reason, filerights::of(path));
 }
 
 // Only devices on USB have the attributes of one above them; all have their ids in their name.

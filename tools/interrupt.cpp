@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "interrupt.h"
 
+#include "output.h"
+
 #include <csignal>
 
 #include <sys/signalfd.h>
@@ -15,6 +17,12 @@ sigset_t watched()
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    struct sigaction hangUp {
+    };
+    sigaction(SIGHUP, nullptr, &hangUp);
+    if (hangUp.sa_handler != SIG_IGN) { // as nohup has it: blocked, it would come nevertheless
+        sigaddset(&signals, SIGHUP);
+    }
     return signals;
 }
 
@@ -38,4 +46,9 @@ Interrupt::~Interrupt()
     close(descriptor);
     const sigset_t signals = watched();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+bool Interrupt::happened() const
+{
+    return pressed || output::lost();
 }

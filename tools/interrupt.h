@@ -5,8 +5,9 @@
 
 #include <memory>
 
-/// Turns Ctrl-C and a termination request into a condition that can be asked for, while it exists.
-/// To be made before any other thread runs, in the thread whose event loop runs.
+/// Turns Ctrl-C, a termination request and a terminal that closes into a condition that can be
+/// asked for, while it exists. That nobody reads the output any more is one, too. To be made before
+/// any other thread runs, in the thread whose event loop runs.
 class Interrupt
 {
 public:
@@ -15,7 +16,7 @@ public:
     Interrupt(const Interrupt&) = delete;
     Interrupt& operator=(const Interrupt&) = delete;
 
-    bool happened() const { return pressed; }
+    bool happened() const;
 
 private:
     int descriptor;

@@ -31,8 +31,10 @@ LinkAddress LinkAddress::parse(const QString& text)
 
 LinkAddress::IpTarget LinkAddress::ipTarget(quint16 usualPort) const
 {
-    static const QRegularExpression dotted(
-        QStringLiteral("^(0|[1-9][0-9]{0,2})(\\.(0|[1-9][0-9]{0,2})){3}$"));
+    static const QRegularExpression dotted(QRegularExpression::anchoredPattern(
+        QStringLiteral("(0|[1-9][0-9]{0,2})(\\.(0|[1-9][0-9]{0,2})){3}")));
+    static const QRegularExpression digits(
+        QRegularExpression::anchoredPattern(QStringLiteral("[0-9]+")));
     const int colon = target.indexOf(QLatin1Char(':'));
     const QString ip = target.left(colon);
     const QHostAddress host(ip);
@@ -45,11 +47,11 @@ LinkAddress::IpTarget LinkAddress::ipTarget(quint16 usualPort) const
     if (colon < 0) {
         return {host, usualPort};
     }
+    const QString written = target.mid(colon + 1);
     bool isNumber = false;
-    const quint16 port = target.midRef(colon + 1).toUShort(&isNumber);
-    if (!isNumber) {
-        refuse(QStringLiteral("\"%1\" is no port: give a number from 1 to 65535")
-                   .arg(target.mid(colon + 1)));
+    const quint16 port = written.toUShort(&isNumber);
+    if (!isNumber || !digits.match(written).hasMatch()) {
+        refuse(QStringLiteral("\"%1\" is no port: give a number from 1 to 65535").arg(written));
     }
     return {host, port};
 }

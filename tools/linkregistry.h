@@ -21,6 +21,9 @@ public:
     /// Which fields its commands have.
     virtual FieldSet fields() const = 0;
 
+    /// Whose faults its simulated device can show.
+    virtual Faulty faulty() const = 0;
+
     /// Throws BadInput if this command cannot go over this link. Nothing is opened.
     virtual void check(const Command& command) const = 0;
 

@@ -7,27 +7,51 @@
 #include <CLI/CLI.hpp>
 
 #include <QCoreApplication>
+#include <QRegularExpression>
 
 #include <array>
+#include <csignal>
 
 namespace
 {
 
-// CLI11's own words, on one line, and where to find what would be right.
+QString withoutSubcommand(const CLI::App& application)
+{
+    const QString right = QStringLiteral("give one of demo, send, listen, simulate, ports, "
+                                         "devices, encode, decode first");
+    const std::vector<std::string> unknown = application.remaining();
+    return unknown.empty() ? right
+                           : QStringLiteral("\"%1\" is no subcommand: %2")
+                                 .arg(QString::fromStdString(unknown.front()), right);
+}
+
+// CLI11's own words, on one line, where they say what is wrong.
+QString inWords(const CLI::ParseError& error)
+{
+    static const QRegularExpression repeated(QStringLiteral("^(.+): At Most 1 required"));
+    static const QRegularExpression bare(QStringLiteral("^(.+): 1 required"));
+    QString text = QString::fromLocal8Bit(error.what());
+    text.replace(QLatin1Char('\n'), QLatin1Char(' '));
+    if (const auto match = repeated.match(text); match.hasMatch()) {
+        return QStringLiteral("%1 comes more than once: give it once").arg(match.captured(1));
+    }
+    if (const auto match = bare.match(text); match.hasMatch()) {
+        return QStringLiteral("%1 has no value: give one behind it").arg(match.captured(1));
+    }
+    return text.trimmed();
+}
+
+// What is wrong, and where to find what would be right.
 int reportParseError(const CLI::App& application, const CLI::ParseError& error)
 {
     std::string help = application.get_name();
     for (const CLI::App* subcommand : application.get_subcommands()) {
         help += ' ' + subcommand->get_name();
     }
-    QString what = QString::fromLocal8Bit(error.what());
-    if (application.get_subcommands().empty()) {
-        what = QStringLiteral("give one of demo, send, listen, simulate, ports, devices, encode, "
-                              "decode first");
-    }
-    what.replace(QLatin1Char('\n'), QLatin1Char(' '));
-    output::error(QStringLiteral("coremanage: %1: see %2 --help")
-                      .arg(what.trimmed(), QString::fromStdString(help)));
+    const QString what =
+        application.get_subcommands().empty() ? withoutSubcommand(application) : inWords(error);
+    output::error(
+        QStringLiteral("coremanage: %1: see %2 --help").arg(what, QString::fromStdString(help)));
     return exitcode::badInput;
 }
 
@@ -54,10 +78,7 @@ int parseAndRun(int argc, char** argv)
     for (const commands::Subcommand& subcommand : subcommands) {
         if (subcommand.parser->parsed()) {
             const int code = subcommand.run();
-            if (output::lost()) {
-                throw ToolError(exitcode::failed,
-                                QStringLiteral("standard output could not be written"));
-            }
+            output::checkLoss();
             return code;
         }
     }
@@ -69,6 +90,7 @@ int parseAndRun(int argc, char** argv)
 int main(int argc, char** argv)
 {
     hidemulation::prepare(argv);
+    std::signal(SIGPIPE, SIG_IGN); // lost output is noticed where it is written
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("coremanage"));
     try {

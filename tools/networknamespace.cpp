@@ -9,24 +9,27 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace
-{
-
-bool raiseLoopback()
+networknamespace::Loopback networknamespace::raiseLoopback()
 {
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};
     std::strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP | IFF_RUNNING;
-    const bool up = descriptor >= 0 && ioctl(descriptor, SIOCSIFFLAGS, &request) == 0;
+    auto state = Loopback::IsDown;
+    if (ioctl(descriptor, SIOCGIFFLAGS, &request) == 0) {
+        if ((request.ifr_flags & IFF_UP) != 0) {
+            state = Loopback::WasUp;
+        } else {
+            request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+            state = ioctl(descriptor, SIOCSIFFLAGS, &request) == 0 ? Loopback::IsUpNow
+                                                                   : Loopback::IsDown;
+        }
+    }
     close(descriptor);
-    return up;
+    return state;
 }
-
-} // namespace
 
 bool networknamespace::enter()
 {
     return (unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) &&
-           raiseLoopback();
+           raiseLoopback() != Loopback::IsDown;
 }

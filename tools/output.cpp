@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "output.h"
 
+#include "toolerror.h"
+
 #include <cstdio>
 #include <mutex>
 
@@ -9,14 +11,14 @@
 namespace
 {
 
-std::mutex lock; // a leaf; guards the streams and the flags
-bool progressShown = false;
+std::mutex lock;          // a leaf; guards the streams and the flags
+QByteArray progressShown; // empty: none
 bool outputLost = false;
 
 void clearProgress()
 {
-    if (progressShown) {
-        progressShown = false;
+    if (!progressShown.isEmpty()) {
+        progressShown.clear();
         std::fputs("\r\x1b[K", stderr);
         std::fflush(stderr);
     }
@@ -49,6 +51,13 @@ bool output::lost()
     return outputLost;
 }
 
+void output::checkLoss()
+{
+    if (lost()) {
+        throw ToolError(exitcode::failed, QStringLiteral("standard output could not be written"));
+    }
+}
+
 void output::error(const QString& text)
 {
     write(stderr, text.toUtf8() + '\n');
@@ -60,10 +69,14 @@ void output::progress(const QString& text)
     if (!onTerminal) {
         return;
     }
+    const QByteArray bytes = text.toUtf8();
     const std::lock_guard guard(lock);
-    std::fprintf(stderr, "\r%s\x1b[K", text.toUtf8().constData());
+    if (bytes == progressShown) {
+        return;
+    }
+    std::fprintf(stderr, "\r%s\x1b[K", bytes.constData());
     std::fflush(stderr);
-    progressShown = true;
+    progressShown = bytes;
 }
 
 void output::endProgress()

@@ -11,6 +11,7 @@ namespace output
 void line(const QString& text);    ///< to standard output
 void raw(const QByteArray& bytes); ///< to standard output, as they are
 bool lost();                       ///< whether some of standard output could not be written
+void checkLoss();                  ///< throws ToolError if so
 void error(const QString& text);   ///< one line to standard error
 
 /// Shows how long work is going on, on one line of standard error that is written over; nothing

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "udpports.h"
 
+#include "fileholder.h"
+
 #include <QDir>
 #include <QFile>
 #include <QSet>
@@ -50,19 +52,6 @@ QSet<QByteArray> socketLinks(quint16 port)
     return links;
 }
 
-bool holdsOneOf(const QString& process, const QSet<QByteArray>& links)
-{
-    const QString directory = QStringLiteral("/proc/%1/fd").arg(process);
-    for (const QString& name : QDir(directory).entryList(QDir::Files | QDir::System)) {
-        char target[64] = {};
-        const QByteArray path = QString(directory + QLatin1Char('/') + name).toLocal8Bit();
-        if (readlink(path.constData(), target, sizeof target - 1) > 0 && links.contains(target)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 } // namespace
 
 bool udpports::isOurs(quint16 port)
@@ -96,15 +85,7 @@ bool udpports::isFree(quint16 port)
 QString udpports::holder(quint16 port)
 {
     const QSet<QByteArray> links = socketLinks(port);
-    for (const QString& process : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool isNumber = false;
-        process.toInt(&isNumber);
-        if (isNumber && holdsOneOf(process, links)) {
-            QFile name(QStringLiteral("/proc/%1/comm").arg(process));
-            name.open(QIODevice::ReadOnly);
-            return QStringLiteral("process %1 (%2)")
-                .arg(process, QString::fromLocal8Bit(name.readAll().trimmed()));
-        }
-    }
-    return QStringLiteral("another program");
+    const QString holder =
+        fileholder::find([&links](const QByteArray& name) { return links.contains(name); });
+    return holder.isEmpty() ? QStringLiteral("another program") : holder;
 }

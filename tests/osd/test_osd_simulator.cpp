@@ -212,5 +212,5 @@ TEST(OsdSimulator, SaysWhyItCannotServe)
     options.port = first.port();
     OsdSimulator second(options);
     EXPECT_FALSE(second.start());
-    EXPECT_TRUE(second.error().contains(QStringLiteral("in use")));
+    EXPECT_TRUE(second.error().contains(QStringLiteral("is taken")));
 }

@@ -124,15 +124,20 @@ TEST(Faults, KnowsWhoCanShowThem)
     for (const Fault fault : all()) {
         ASSERT_EQ(faults.parse(setting(fault, "=20%")), QString());
     }
-    EXPECT_EQ(faults.unfit(Faulty::Device),
-              QStringList({QStringLiteral("reset"), QStringLiteral("close-after"),
-                           QStringLiteral("refuse"), QStringLiteral("never-read")}));
+    const QStringList ofEndpoints{QStringLiteral("reset"), QStringLiteral("close-after"),
+                                  QStringLiteral("refuse"), QStringLiteral("never-read")};
+    const QStringList ofStreams{QStringLiteral("block-checksum"), QStringLiteral("noise"),
+                                QStringLiteral("late-block"),     QStringLiteral("glue"),
+                                QStringLiteral("split"),          QStringLiteral("hang-up")};
+    EXPECT_EQ(faults.unfit(Faulty::Stream), ofEndpoints);
+    EXPECT_EQ(faults.unfit(Faulty::Datagrams), ofStreams + ofEndpoints);
     const QStringList notByEndpoints = faults.unfit(Faulty::Endpoint);
     for (const char* name : {"drop", "delay", "garbage", "flood", "split", "hang-up", "reset"}) {
         EXPECT_FALSE(notByEndpoints.contains(QLatin1String(name))) << name;
     }
     EXPECT_TRUE(notByEndpoints.contains(QStringLiteral("wrong-checksum")));
-    EXPECT_TRUE(Faults().unfit(Faulty::Device).isEmpty());
+    EXPECT_TRUE(Faults().unfit(Faulty::Datagrams).isEmpty());
+    EXPECT_TRUE(Faults().unfit(Faulty::Stream).isEmpty());
     EXPECT_TRUE(Faults().unfit(Faulty::Endpoint).isEmpty());
 }
 

@@ -151,6 +151,21 @@ TEST_F(PtySimulation, AHangUpWithoutANameIsTheEnd)
     EXPECT_TRUE(eventually([this] { return isLost && !line.port().isOpen(); }));
 }
 
+TEST_F(PtySimulation, ANameThatAKilledProcessLeftIsTaken)
+{
+    const QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("port"));
+    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/pts/999999"), path));
+    start(nullptr, path);
+    send(0x10);
+    ASSERT_TRUE(queued(1));
+    const QString other = directory.filePath(QStringLiteral("other"));
+    ASSERT_TRUE(QFile::link(QStringLiteral("/no/such/port"), other));
+    PtySimulator device(QStringLiteral("serial"), other, {});
+    EXPECT_FALSE(device.open());
+    EXPECT_TRUE(QFileInfo(other).isSymLink());
+}
+
 TEST_F(PtySimulation, APathThatExistsIsLeftAlone)
 {
     const QTemporaryDir directory;

@@ -48,8 +48,9 @@ INSTANTIATE_TEST_SUITE_P(
     Tool, BadInput,
     ::testing::Values(
         Case{"", "give one of demo, send, listen, simulate, ports, devices, encode, decode"},
-        Case{"frob", "give one of demo, send, listen, simulate, ports, devices, encode, decode"},
-        Case{"--frob", "give one of demo, send, listen, simulate, ports, devices, encode, decode"},
+        Case{"frob", "\"frob\" is no subcommand: give one of demo, send, listen, simulate, ports"},
+        Case{"--frob", "\"--frob\" is no subcommand: give one of demo, send"},
+        Case{"sned %1 --cmd 1", "\"sned\" is no subcommand: give one of demo, send"},
         Case{"send", "link is required: see coremanage send --help"},
         Case{"send 192.168.1.20 --cmd 1", "a link is written like udp://192.168.1.20:1000"},
         Case{"send ://x --cmd 1", "a link is written like udp://192.168.1.20:1000"},
@@ -64,12 +65,14 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send udp://127.0.0.1:0 --cmd 1", "a number from 1 to 65535"},
         Case{"send udp://127.0.0.1:65536 --cmd 1", "give a number from 1 to 65535"},
         Case{"send udp://127.0.0.1:-1 --cmd 1", "give a number from 1 to 65535"},
+        Case{"send udp://127.0.0.1:+5 --cmd 1", "\"+5\" is no port: give a number from 1 to 65535"},
         Case{"send udp://127.0.0.1:5:6 --cmd 1", "\"5:6\" is no port"},
         Case{"send udp://0.0.0.0 --cmd 1", "give the device's own address"},
         Case{"send %1?baud=5 --cmd 1", "unknown option \"baud\": udp:// takes no options"},
         Case{"send %1?baud --cmd 1", "write each once, as key=value"},
         Case{"send %1", "--cmd is missing: give the command code, like --cmd 0x8b"},
-        Case{"send %1 --cmd", "--cmd"},
+        Case{"send %1 --cmd", ": --cmd has no value: give one behind it: see coremanage send"},
+        Case{"simulate udp://127.0.0.1:0 --fault", ": --fault has no value: give one behind it"},
         Case{"send %1 --cmd 256", "--cmd: \"256\" will not do: give a number from 0 to 255 (0xff)"},
         Case{"send %1 --cmd -1", "give a number from 0 to 255"},
         Case{"send %1 --cmd 0x", "give a number from 0 to 255"},
@@ -79,17 +82,29 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send %1 --cmd 1 --dat1 0x100", "--dat1: \"0x100\" will not do"},
         Case{"send %1 --cmd 1 --dat4 x", "--dat4: \"x\" will not do"},
         Case{"send %1 --cmd 1 --head 300", "--head: \"300\" will not do"},
-        Case{"send %1 --cmd 1 --cmd 2", "--cmd"},
+        Case{"send %1 --cmd 1 --cmd 2", ": --cmd comes more than once: give it once"},
+        Case{"send %1 --cmd 1 --tries 1 --tries 2", ": --tries comes more than once"},
         Case{"send %1 --cmd 1 --aux1 5", "--aux1: text frames do not carry it"},
         Case{"send %1 --cmd 1 --block 0",
              "give hexadecimal digits in pairs, like 00ff10, or @FILE"},
         Case{"send %1 --cmd 1 --block 0g", "give hexadecimal digits in pairs"},
         Case{"send %1 --cmd 1 --block @/no/such/file", "No such file or directory: give a file"},
         Case{"send %1 --cmd 1 --block @/tmp", "it is a directory: give a file"},
+        Case{"send %1 --cmd 1 --block @", "\"\" cannot be read: that is no name: give a file"},
+        Case{"send %1 --cmd 1 --block @/proc/self/mem",
+             "\"/proc/self/mem\" cannot be read: Input/output error: give a file"},
+        Case{"send %1 --cmd 1 --block @/dev/zero", "has more than 65535 bytes: give at most 65535"},
+        Case{"send osd://127.0.0.1 --data @/proc/self/mem", "Input/output error"},
+        Case{"encode --cmd 1 --block @/proc/self/mem", "Input/output error"},
+        Case{"decode @/proc/self/mem", "Input/output error"},
+        Case{"decode @", "\"\" cannot be read: that is no name: give a file"},
         Case{"send %1 --cmd 1 --timeout 3600001", "--timeout: \"3600001\" will not do"},
         Case{"send %1 --cmd 1 --timeout soon", "give a number from 0 to 3600000"},
         Case{"send %1 --cmd 1 --tries 0", "give a number from 1 to 1000"},
         Case{"send %1 --cmd 1 --replies 0", "give a number from 1 to 1000000"},
+        Case{"send %1 --cmd 1 --replies 5 --timeout 0",
+             "--replies: --timeout 0 waits for no reply"},
+        Case{"send %1 --cmd 1 --tries 5 --timeout 0", "--tries: --timeout 0 waits for no reply"},
         Case{"send %1 --cmd 1 --device-type x", "--device-type: \"x\" will not do"},
         Case{"send %1 --cmd 1 --log /", "is a directory: give a file that can be written"},
         Case{"send %1 --cmd 1 --log /proc/no/such.log", "give a file that can be written"},
@@ -127,6 +142,10 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"simulate udp://127.0.0.1:0 --seed -1", "--seed: \"-1\" will not do"},
         Case{"simulate udp://127.0.0.1:0 --announced 40000", "give a number from 1 to 32767"},
         Case{"simulate udp://127.0.0.1:0 --fault refuse", "has no refuse: leave it out"},
+        Case{"simulate udp://127.0.0.1:0 --fault split=1", "has no split: leave it out"},
+        Case{"simulate udp://127.0.0.1:0 --fault glue=1 --fault hang-up=1 --fault noise=1 "
+             "--fault late-block=1 --fault block-checksum=1 --fault drop=1",
+             "has no block-checksum, noise, late-block, glue, hang-up: leave it out"},
         Case{"simulate osd://127.0.0.1:0 --fault truncate=1", "has no truncate: leave it out"},
         Case{"simulate osd://127.0.0.1:0 --fault refuse=3", "write refuse alone"},
         Case{"simulate osd://127.0.0.1:0?data=-1", "data: \"-1\" will not do"},
@@ -166,11 +185,32 @@ TEST(BadInput, RefusesABlockThatIsTooLong)
     EXPECT_TRUE(tooLong.error.contains(QStringLiteral("give at most 65535")));
     const ToolRun huge = send(17 * 1024 * 1024, {});
     EXPECT_EQ(huge.code, 2);
-    EXPECT_TRUE(huge.error.contains(QStringLiteral("give a shorter one")));
+    EXPECT_TRUE(huge.error.contains(QStringLiteral("give at most 65535")));
     const ToolRun broadcast = send(65489, {QStringLiteral("--broadcast")});
     EXPECT_EQ(broadcast.code, 2);
     EXPECT_TRUE(broadcast.error.contains(QStringLiteral("give at most 65488")));
     EXPECT_FALSE(peer.hasDatagram());
+}
+
+TEST(BadInput, TakesNoBlankForADigit)
+{
+    const struct {
+        QStringList arguments;
+        const char* says;
+    } cases[] = {
+        {{QStringLiteral("send"), QStringLiteral("udp://127.0.0.1: 5")}, "\" 5\" is no port"},
+        {{QStringLiteral("send"), QStringLiteral("udp://127.0.0.1\n")}, "is no IPv4 address"},
+        {{QStringLiteral("listen"), QStringLiteral("usb://04b4:1008\n")}, "is no pair of ids"},
+        {{QStringLiteral("encode"), QStringLiteral("--cmd"), QStringLiteral("1\n")},
+         "give a number from 0 to 255"},
+        {{QStringLiteral("encode"), QStringLiteral("--cmd"), QStringLiteral(" 1")},
+         "give a number from 0 to 255"},
+    };
+    for (const auto& wrong : cases) {
+        const ToolRun run(wrong.arguments);
+        EXPECT_EQ(run.code, 2) << wrong.says;
+        EXPECT_TRUE(run.error.contains(QLatin1String(wrong.says))) << run.error.toStdString();
+    }
 }
 
 TEST(BadInput, NamesEveryLinkThatThereIs)

@@ -54,6 +54,30 @@ TEST(Demo, MakesRoomWhenTheReplyPortIsTaken)
     EXPECT_FALSE(holder.hasDatagram());
 }
 
+TEST(Demo, BringsTheLoopbackInterfaceUp)
+{
+    const QStringList inside{QStringLiteral("unshare"), QStringLiteral("-rn")};
+    if (QProcess::execute(inside.first(), inside.mid(1) + QStringList(QStringLiteral("true"))) !=
+        0) {
+        GTEST_SKIP() << "this system allows no network namespace";
+    }
+    const ToolRun run({QStringLiteral("demo")}, {}, inside + QStringList(builtTool()));
+    expectAllAsSaid(run);
+    EXPECT_TRUE(run.output.contains("The loopback interface was down: it is up now."));
+}
+
+TEST(Demo, EndsWhenNobodyReadsItAnyMore)
+{
+    const QTemporaryDir directory;
+    const ToolRun run({QStringLiteral("demo")}, {},
+                      {QStringLiteral("env"), QStringLiteral("TMPDIR=") + directory.path(),
+                       QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    EXPECT_EQ(run.output.count('\n'), 1) << run.output.constData();
+    EXPECT_EQ(run.error.toStdString(),
+              "coremanage: standard output could not be written\ncode 1\n");
+    EXPECT_TRUE(QDir(directory.path()).isEmpty()) << "its log has gone, too";
+}
+
 TEST(Demo, EndsWithCtrlC)
 {
     ToolProcess tool({QStringLiteral("demo")});

@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: MIT
+#include "eventually.h"
 #include "toolprocess.h"
 
 #include <gtest/gtest.h>
 
 #include <QFile>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace
 {
@@ -70,6 +75,67 @@ TEST(Encode, SaysWhenItsOutputIsLost)
     ASSERT_TRUE(tool.waitForFinished());
     EXPECT_EQ(tool.exitCode(), 1);
     EXPECT_TRUE(tool.readAllStandardError().contains("standard output could not be written"));
+}
+
+// Starts the tool with a pipe to write to, and waits until it has taken what was written first.
+class WritingInParts
+{
+public:
+    WritingInParts(const QStringList& arguments, const QByteArray& first)
+    {
+        tool.start(builtTool(), arguments);
+        EXPECT_TRUE(tool.waitForStarted());
+        tool.write(first);
+        EXPECT_TRUE(eventually([this] { return tool.bytesToWrite() == 0 && hasReadAll(); }));
+    }
+
+    QByteArray end(const QByteArray& rest)
+    {
+        tool.write(rest);
+        tool.closeWriteChannel();
+        EXPECT_TRUE(eventually([this] { return tool.state() == QProcess::NotRunning; }));
+        EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
+        return tool.readAllStandardOutput();
+    }
+
+private:
+    bool hasReadAll() const
+    {
+        const QString input = QStringLiteral("/proc/%1/fd/0").arg(tool.processId());
+        const int descriptor =
+            open(input.toLocal8Bit().constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        int waiting = -1;
+        ioctl(descriptor, FIONREAD, &waiting);
+        close(descriptor);
+        return waiting == 0;
+    }
+
+    QProcess tool;
+};
+
+TEST(Encode, ReadsStandardInputToItsEnd)
+{
+    const QStringList arguments = words("encode --cmd 1 --raw --block @-");
+    WritingInParts parts(arguments, "abc");
+    EXPECT_EQ(parts.end(QByteArray(300, 'd')).mid(19), "abc" + QByteArray(300, 'd'));
+    const QByteArray most(65535, 'm');
+    const ToolRun run(arguments, most);
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    EXPECT_EQ(run.output.mid(19), most);
+    const ToolRun tooLong(arguments, most + 'm');
+    EXPECT_EQ(tooLong.code, 2);
+    EXPECT_TRUE(tooLong.error.contains(QStringLiteral("give at most 65535")));
+}
+
+TEST(Decode, ReadsStandardInputToItsEnd)
+{
+    WritingInParts parts(words("decode -"), "<F0102030");
+    EXPECT_TRUE(parts.end("40506071c>").startsWith("reply HEAD 01 "));
+    const QByteArray block(65535, 'b');
+    const ToolRun encoded(words("encode --cmd 1 --raw --block @-"), block);
+    const ToolRun decoded(words("decode - --json"), encoded.output);
+    EXPECT_EQ(decoded.json.value(QStringLiteral("block_length")).toInt(), block.size());
+    EXPECT_TRUE(decoded.json.value(QStringLiteral("valid")).toBool());
 }
 
 void expectReply(const ToolRun& run)

@@ -76,6 +76,7 @@ TEST_F(Send, PrintsJson)
     EXPECT_EQ(sent.value(QStringLiteral("frame")).toString(),
               QString::fromLatin1(QByteArray("<T00008e27000200b7>\x01\x02").toHex()));
     EXPECT_EQ(sent.value(QStringLiteral("dat3")).toInt(), 2);
+    EXPECT_EQ(sent.value(QStringLiteral("chksum")).toInt(), 0xb7);
     const QJsonArray replies = json.value(QStringLiteral("replies")).toArray();
     ASSERT_EQ(replies.size(), 1);
     const QJsonObject reply = replies.at(0).toObject();
@@ -213,6 +214,9 @@ TEST_F(Send, SaysWhenTheReplyPortIsTaken)
     EXPECT_TRUE(tool->error().contains(QStringLiteral("local port 5104, which process %1 (")
                                            .arg(QCoreApplication::applicationPid())))
         << tool->error().toStdString();
+    EXPECT_TRUE(tool->error().endsWith(
+        QStringLiteral("; end it first, or, for simulated devices only, run: unshare -rn sh -c 'ip "
+                       "link set lo up; exec sh'\n")));
     EXPECT_EQ(tool->error().count(QLatin1Char('\n')), 1);
     EXPECT_FALSE(device.hasDatagram());
     if (netns::isolated()) {
@@ -357,6 +361,21 @@ TEST_F(Listen, EndsAfterItsTime)
     EXPECT_EQ(fewer->exitCode(), 1) << "fewer than asked for";
 }
 
+TEST_F(Listen, EndsWhenNobodyReadsItAnyMore)
+{
+    ToolProcess tool({QStringLiteral("listen"), addressOf(device)}, {},
+                     {QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    ASSERT_TRUE(tool.says(QStringLiteral("listening on")));
+    EXPECT_TRUE(eventually([&] {
+        device.send(replyText(0x10, 0x01));
+        return tool.hasEnded();
+    }));
+    EXPECT_EQ(tool.exitCode(), 0) << "that of head";
+    EXPECT_TRUE(tool.error().endsWith(
+        QStringLiteral("coremanage: standard output could not be written\ncode 1\n")))
+        << tool.error().toStdString();
+}
+
 // script gives the tool a terminal.
 TEST_F(Listen, ShowsProgressOnATerminal)
 {
@@ -371,7 +390,7 @@ TEST_F(Listen, ShowsProgressOnATerminal)
     ASSERT_TRUE(eventually([&terminal] { return terminal.state() == QProcess::NotRunning; }));
     EXPECT_EQ(terminal.exitCode(), 0);
     const QByteArray seen = terminal.readAllStandardOutput();
-    EXPECT_TRUE(seen.contains("\rlistening, 0 replies, 0 s")) << seen.constData();
+    EXPECT_EQ(seen.count("\rlistening, 0 replies, 0 s"), 1) << seen.constData();
     EXPECT_TRUE(seen.contains("\r\x1b[K0 replies in 1")) << "the summary clears it";
 }
 
@@ -475,6 +494,22 @@ TEST_F(Simulate, AnswersAlikeForTheSameSeed)
     const QByteArray first = answers("--seed 7");
     EXPECT_EQ(answers("--seed 7"), first);
     EXPECT_NE(answers("--seed 8"), first);
+}
+
+TEST_F(Simulate, EndsWhenNobodyReadsItAnyMore)
+{
+    ToolProcess tool(words(QStringLiteral("simulate udp://127.0.0.1:0")), {},
+                     {QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    ASSERT_TRUE(tool.says(QStringLiteral("\n")));
+    port = tool.lines().value(0).section(QLatin1Char(':'), -1).toUShort();
+    EXPECT_TRUE(eventually([&] {
+        host.send("<T5a0110020000006d>", port);
+        return tool.hasEnded();
+    }));
+    EXPECT_EQ(tool.exitCode(), 0) << "that of head";
+    EXPECT_TRUE(tool.error().endsWith(
+        QStringLiteral("coremanage: standard output could not be written\ncode 1\n")))
+        << tool.error().toStdString();
 }
 
 TEST_F(Simulate, SaysWhenItsPortIsTaken)

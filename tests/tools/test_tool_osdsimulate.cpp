@@ -188,7 +188,13 @@ TEST_F(OsdSimulate, SaysWhenItsPortIsTaken)
     simulate("");
     const ToolRun run(words(QStringLiteral("simulate ") + link));
     EXPECT_EQ(run.code, 3);
-    EXPECT_TRUE(run.error.contains(QStringLiteral("in use"))) << run.error.toStdString();
+    EXPECT_TRUE(run.error.contains(QStringLiteral(": port %1 is taken: give another one, or 0")
+                                       .arg(link.section(QLatin1Char(':'), -1))))
+        << run.error.toStdString();
+    const ToolRun foreign(words(QStringLiteral("simulate osd://192.0.2.1:0")));
+    EXPECT_EQ(foreign.code, 3);
+    EXPECT_TRUE(foreign.error.contains(QStringLiteral("give one of its own, or 127.0.0.1")))
+        << foreign.error.toStdString();
 }
 
 // The tool at both ends: what one endpoint does wrong is its own affair.

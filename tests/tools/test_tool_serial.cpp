@@ -5,6 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <QFileInfo>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
 TEST(SerialTool, SendsOverASerialPortAndShowsTheReply)
 {
     SerialPeer device;
@@ -18,6 +23,21 @@ TEST(SerialTool, SendsOverASerialPortAndShowsTheReply)
     EXPECT_TRUE(device.send(replybytes::text(0x10, 0x20)));
     EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
     EXPECT_TRUE(tool.output().contains("\"dat1\":32"));
+}
+
+TEST(SerialTool, TellsWhatABinaryFrameHasOfItsOwn)
+{
+    const SerialPeer device;
+    const ToolRun run(
+        words(QStringLiteral("send vela://%1 --cmd 6 --block 010203 --timeout 0 --json")
+                  .arg(device.portName())));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    const QJsonObject sent = run.json.value(QStringLiteral("sent")).toObject();
+    const QByteArray frame =
+        QByteArray::fromHex(sent.value(QStringLiteral("frame")).toString().toLatin1());
+    ASSERT_EQ(frame.size(), 16 + 3);
+    EXPECT_EQ(sent.value(QStringLiteral("chksum")).toInt(), static_cast<quint8>(frame.at(15)));
+    EXPECT_EQ(sent.value(QStringLiteral("aux6")).toInt(), 3);
 }
 
 TEST(SerialTool, SaysThatTheDeviceHasGone)
@@ -44,6 +64,81 @@ TEST(SerialTool, RefusesWrongSettingsAndPorts)
     const ToolRun missing(words(QStringLiteral("send serial:///dev/ttyNone --cmd 1")));
     EXPECT_EQ(missing.code, 3);
     EXPECT_TRUE(missing.error.contains(QLatin1String("there is no /dev/ttyNone")));
+}
+
+TEST(SerialTool, SaysWhichRightsAreMissingAndWhatWouldHelp)
+{
+    const SerialPeer device;
+    const QByteArray path = device.portName().toLocal8Bit();
+    constexpr gid_t someGroup = 65534;
+    const bool mayChoose = chown(path.constData(), geteuid(), someGroup) == 0;
+    const QString group = QFileInfo(device.portName()).group();
+    const auto send = [&device] {
+        return ToolRun(words(QStringLiteral("send serial://%1 --cmd 1").arg(device.portName())), {},
+                       toolWithoutPrivilege());
+    };
+    ASSERT_EQ(chmod(path.constData(), 0200), 0);
+    const ToolRun none = send();
+    EXPECT_EQ(none.code, 3);
+    EXPECT_TRUE(
+        none.error.contains(QStringLiteral(": Permission denied (0200, owner %1, group %2)\n")
+                                .arg(QFileInfo(device.portName()).owner(), group)))
+        << none.error.toStdString();
+    ASSERT_EQ(chmod(path.constData(), 0060), 0);
+    const ToolRun byGroup = send();
+    EXPECT_EQ(byGroup.code, 3);
+    EXPECT_TRUE(byGroup.error.contains(
+        QStringLiteral(": Permission denied: it belongs to the group \"%1\": sudo usermod -aG %1 ")
+            .arg(group)))
+        << byGroup.error.toStdString();
+    if (mayChoose) {
+        ASSERT_EQ(chown(path.constData(), geteuid(), 0), 0);
+        EXPECT_TRUE(send().error.contains(QLatin1String(": Permission denied (0060, owner ")))
+            << "nobody joins root's group";
+    }
+}
+
+TEST(SerialTool, SaysWhoHasThePort)
+{
+    ToolProcess device(words(QStringLiteral("simulate serial://")));
+    ASSERT_TRUE(device.says(QStringLiteral("\n")));
+    const QString link = device.lines().value(0).section(QLatin1Char(' '), -1);
+    ToolProcess holder({QStringLiteral("listen"), link});
+    ASSERT_TRUE(holder.says(QStringLiteral("listening on")));
+    const ToolRun run({QStringLiteral("send"), link, QStringLiteral("--cmd"), QStringLiteral("1")});
+    EXPECT_EQ(run.code, 3);
+    EXPECT_EQ(run.error, QStringLiteral("coremanage: %1: process %2 (coremanage) has it: end that "
+                                        "first\n")
+                             .arg(link)
+                             .arg(holder.id()));
+}
+
+TEST(SerialTool, LeavesNoNameBehindWhenItsTerminalCloses)
+{
+    const QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("port"));
+    ToolProcess device({QStringLiteral("simulate"), QStringLiteral("serial://") + path});
+    ASSERT_TRUE(device.says(path));
+    ASSERT_TRUE(QFileInfo(path).isSymLink());
+    device.closeTerminal();
+    EXPECT_EQ(device.exitCode(), 0);
+    EXPECT_FALSE(QFileInfo(path).isSymLink());
+}
+
+TEST(SerialTool, ServesOnBehindNohup)
+{
+    ToolProcess device(words(QStringLiteral("simulate serial://")), {},
+                       {QStringLiteral("nohup"), builtTool()});
+    ASSERT_TRUE(device.says(QStringLiteral("serial:///dev/pts/")));
+    const QString link = device.lines().value(0).section(QLatin1Char(' '), -1);
+    device.closeTerminal();
+    for (int i = 0; i < 2; ++i) { // what the first finds answered has looked at its signals since
+        const ToolRun run(
+            {QStringLiteral("send"), link, QStringLiteral("--cmd"), QStringLiteral("1")});
+        EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    }
+    device.interrupt();
+    EXPECT_EQ(device.exitCode(), 0);
 }
 
 TEST(SerialTool, ListsPorts)

@@ -15,7 +15,6 @@
 
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 namespace
 {
@@ -39,10 +38,7 @@ QByteArray report(const QByteArray& data)
 QStringList withoutAccess(const HidTestbed& testbed)
 {
     chmod((testbed.root() + QStringLiteral("/dev/hidraw0")).toLocal8Bit().constData(), 0);
-    if (geteuid() != 0) {
-        return {builtTool()};
-    }
-    return {QStringLiteral("setpriv"), QStringLiteral("--bounding-set=-dac_override"), builtTool()};
+    return toolWithoutPrivilege();
 }
 
 // What starts the tool so that it sees the device of a simulator, as that says.
@@ -249,6 +245,16 @@ TEST(UsbToolSimulator, AnswersWithABlock)
     EXPECT_TRUE(send.output.contains("\"block_length\":145"));
     simulator.interrupt();
     EXPECT_EQ(simulator.exitCode(), 0) << simulator.error().toStdString();
+}
+
+TEST(UsbToolSimulator, LeavesNothingBehindWhenItsTerminalCloses)
+{
+    ToolProcess simulator(words(QStringLiteral("simulate usb://1209:00ab")));
+    const QString directory = toolThatSees(simulator).at(1).section(QLatin1Char('='), 1);
+    ASSERT_TRUE(QFileInfo::exists(directory));
+    simulator.closeTerminal();
+    EXPECT_EQ(simulator.exitCode(), 0);
+    EXPECT_FALSE(QFileInfo::exists(directory));
 }
 
 TEST(UsbToolSimulator, SaysWhatItLacks)

@@ -9,9 +9,24 @@
 
 #include <csignal>
 
+#include <unistd.h>
+
 QString builtTool()
 {
     return QStringLiteral(COREMANAGE);
+}
+
+QStringList toolWithoutPrivilege()
+{
+    if (geteuid() != 0) {
+        return {builtTool()};
+    }
+    return {QStringLiteral("setpriv"), QStringLiteral("--bounding-set=-dac_override"), builtTool()};
+}
+
+QString readByHead()
+{
+    return QStringLiteral("{ \"$0\" \"$@\"; echo \"code $?\" >&2; } | head -n 1");
 }
 
 QStringList words(const QString& text)
@@ -26,6 +41,7 @@ ToolProcess::ToolProcess(const QStringList& arguments, const QByteArray& input,
     environment.insert(QStringLiteral("HOME"), homeDirectory.path());
     environment.remove(QStringLiteral("XDG_STATE_HOME"));
     process.setProcessEnvironment(environment);
+    std::signal(SIGHUP, SIG_DFL); // the tool inherits it, from whoever started the tests
     process.setWorkingDirectory(homeDirectory.path());
     process.start(command.first(), command.mid(1) + arguments);
     process.waitForStarted();
@@ -41,6 +57,13 @@ ToolProcess::~ToolProcess()
     }
 }
 
+void ToolProcess::tell(int signal)
+{
+    if (!hasEnded()) { // it has no number any more then, and 0 is the test itself and its like
+        ::kill(static_cast<pid_t>(id()), signal);
+    }
+}
+
 void ToolProcess::collect()
 {
     outputSoFar += process.readAllStandardOutput();
@@ -49,8 +72,7 @@ void ToolProcess::collect()
 
 int ToolProcess::exitCode()
 {
-    const bool ended = eventually([this] { return process.state() == QProcess::NotRunning; },
-                                  std::chrono::seconds(60));
+    const bool ended = eventually([this] { return hasEnded(); }, std::chrono::seconds(60));
     collect();
     return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
@@ -65,7 +87,12 @@ bool ToolProcess::says(const QString& text)
 
 void ToolProcess::interrupt()
 {
-    ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+    tell(SIGINT);
+}
+
+void ToolProcess::closeTerminal()
+{
+    tell(SIGHUP);
 }
 
 QByteArray ToolProcess::output() const

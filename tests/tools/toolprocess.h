@@ -9,6 +9,12 @@
 /// The path of the built tool.
 QString builtTool();
 
+/// What starts the tool without root's privilege to open every file; for anyone else, by itself.
+QStringList toolWithoutPrivilege();
+
+/// A line for sh -c: runs its arguments, tells their exit code, and reads one line of the output.
+QString readByHead();
+
 /// Arguments as they are typed, none with a blank in it.
 QStringList words(const QString& text);
 
@@ -29,7 +35,10 @@ public:
     /// Waits until its standard output or error contains the text; false if it never does.
     bool says(const QString& text);
 
+    qint64 id() const { return process.processId(); }
+    bool hasEnded() const { return process.state() == QProcess::NotRunning; }
     void interrupt();          ///< presses Ctrl-C
+    void closeTerminal();      ///< as the system tells it, which nohup would keep from it
     QByteArray output() const; ///< standard output so far
     QString error() const;     ///< standard error so far
     QStringList lines() const; ///< the output's lines
@@ -37,6 +46,7 @@ public:
     QString home() const { return homeDirectory.path(); }
 
 private:
+    void tell(int signal);
     void collect();
 
     QTemporaryDir homeDirectory;

@@ -157,13 +157,14 @@ QByteArray Decode::frame() const
         return text;
     }
     if (text != "-" && !text.startsWith('@')) {
-        return typed::bytes(option, input);
+        return typed::bytes(option, input, typed::mostFile);
     }
-    const QByteArray content =
-        typed::file(option, QString::fromStdString(text == "-" ? input : input.substr(1)));
+    const QByteArray content = typed::file(
+        option, QString::fromStdString(text == "-" ? input : input.substr(1)), typed::mostFile);
     static const QRegularExpression digits(QStringLiteral("^[0-9a-fA-F\\s]+$"));
     const bool looksLikeDigits = digits.match(QString::fromLatin1(content)).hasMatch();
-    return raw || !looksLikeDigits ? content : typed::bytes(option, content.toStdString());
+    return raw || !looksLikeDigits ? content
+                                   : typed::bytes(option, content.toStdString(), typed::mostFile);
 }
 
 int Decode::showAcknowledgement(const QByteArray& bytes) const

@@ -47,6 +47,16 @@ Demo::Demo(CLI::App& application)
 // has it free.
 void Demo::makeRoom(Narrator& narrator)
 {
+    switch (networknamespace::raiseLoopback()) {
+    case networknamespace::Loopback::IsDown:
+        throw LinkDown(
+            QStringLiteral("the loopback interface is down: run sudo ip link set lo up"));
+    case networknamespace::Loopback::IsUpNow:
+        narrator.detail(QStringLiteral("The loopback interface was down: it is up now."));
+        break;
+    case networknamespace::Loopback::WasUp:
+        break;
+    }
     const quint16 port = udpendpoint::localPort();
     if (udpports::isFree(port)) {
         return;
@@ -83,6 +93,7 @@ int Demo::run()
             kind.demonstrate(narrator);
         }
     }
+    output::checkLoss();
     if (interrupt.happened()) {
         throw ToolError(exitcode::failed, QStringLiteral("interrupted"));
     }

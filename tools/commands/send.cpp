@@ -71,7 +71,8 @@ Send::Send(CLI::App& application)
     options.addTo(*parser);
     fields.addTo(*parser);
     parser->add_flag("--broadcast", broadcast,
-                     "send to every device of the network and show who answers until the time-out");
+                     "send to every device of the network, not to LINK's address, and show who "
+                     "answers until the time-out");
     parser->add_option("--to", to, "only to these of several endpoints, by address")
         ->type_name("ADDRESS")
         ->delimiter(',');
@@ -105,6 +106,11 @@ void Send::readNumbers()
     wanted = broadcast ? std::numeric_limits<qint64>::max() : 1;
     if (!repliesText.empty()) {
         wanted = typed::number(QStringLiteral("--replies"), repliesText, 1, mostReplies);
+    }
+    if (timeout.count() == 0 && (tries > 1 || !repliesText.empty())) {
+        throw BadInput(
+            QStringLiteral("%1: --timeout 0 waits for no reply: leave one of them out")
+                .arg(tries > 1 ? QStringLiteral("--tries") : QStringLiteral("--replies")));
     }
 }
 

@@ -194,8 +194,7 @@ std::unique_ptr<Simulation> Simulate::simulation()
     const auto chosen = settings();
     const auto endpoint = linkregistry::endpoint(QString::fromStdString(link));
     fields = endpoint->fields();
-    const QStringList unfit =
-        chosen.faults.unfit(fields == FieldSet::OsdFrame ? Faulty::Endpoint : Faulty::Device);
+    const QStringList unfit = chosen.faults.unfit(endpoint->faulty());
     if (!unfit.isEmpty()) {
         throw BadInput(QStringLiteral("--fault: \"%1\" has no %2: leave it out")
                            .arg(QString::fromStdString(link), unfit.join(QStringLiteral(", "))));
@@ -206,8 +205,8 @@ std::unique_ptr<Simulation> Simulate::simulation()
 int Simulate::run()
 {
     duration.read();
-    const auto simulator = simulation();
     const Interrupt interrupt;
+    const auto simulator = simulation();
     if (!simulator->open()) {
         throw LinkDown(
             QStringLiteral("%1: %2").arg(QString::fromStdString(link), simulator->error()));

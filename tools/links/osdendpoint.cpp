@@ -13,7 +13,6 @@ namespace
 {
 
 constexpr quint16 usualPort = 10001;
-constexpr int mostData = 16'777'216;
 
 class OsdEndpoints final : public Endpoint
 {
@@ -21,6 +20,8 @@ public:
     explicit OsdEndpoints(const LinkAddress& address) { add(address); }
 
     FieldSet fields() const override { return FieldSet::OsdFrame; }
+
+    Faulty faulty() const override { return Faulty::Endpoint; }
 
     void add(const LinkAddress& address) override
     {
@@ -42,7 +43,7 @@ public:
         if (address.options.contains(QStringLiteral("data"))) {
             dataLength = static_cast<int>(typed::number(
                 QStringLiteral("data"), address.options.value(QStringLiteral("data")).toStdString(),
-                0, mostData));
+                0, typed::mostFile));
         }
     }
 

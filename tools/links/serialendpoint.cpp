@@ -4,11 +4,14 @@
 #include "core_serialport.h"
 #include "corelink.h"
 #include "demo/devicedemo.h"
+#include "fileholder.h"
+#include "filerights.h"
 #include "simulator/ptysimulator.h"
 #include "toolerror.h"
 #include "utility_manage.h"
 #include "vela_core_serialport.h"
 
+#include <QFile>
 #include <QFileInfo>
 
 #include <cerrno>
@@ -57,6 +60,25 @@ Value chosen(const LinkAddress& address, const QString& key, const Choice<Value>
         right << QLatin1String(choice.text);
     }
     address.refuse(QStringLiteral("%1 is one of %2").arg(key, right.join(QStringLiteral(", "))));
+}
+
+// Why a port that this user may open is not his. A simulated device has its own port open as well,
+// but only who uses it has its lock file.
+QString refusal(const QSerialPort& port, const QString& path)
+{
+    if (port.error() != QSerialPort::PermissionError) {
+        return port.errorString();
+    }
+    const QByteArray device = QFile::encodeName(QFileInfo(path).canonicalFilePath());
+    const QByteArray lock = "/LCK.." + QFile::encodeName(port.portName()).replace('/', '_');
+    QString holder =
+        fileholder::find([&lock](const QByteArray& name) { return name.endsWith(lock); });
+    if (holder.isEmpty()) {
+        holder = fileholder::find([&device](const QByteArray& name) { return name == device; });
+    }
+    return holder.isEmpty() ? QStringLiteral("%1: another program may have it: end that first")
+                                  .arg(port.errorString())
+                            : QStringLiteral("%1 has it: end that first").arg(holder);
 }
 
 // A link over a serial line, which closes its port when the device goes.
@@ -114,6 +136,8 @@ public:
 
     FieldSet fields() const override { return fieldSet; }
 
+    Faulty faulty() const override { return Faulty::Stream; }
+
     void check(const Command& command) const override
     {
         if (command.record.sendMode != 0) {
@@ -136,7 +160,7 @@ public:
                                      : QStringLiteral("/dev/") + text.target;
             const QString reason = serialendpoint::obstacle(path);
             throw LinkDown(QStringLiteral("%1: %2").arg(
-                text.text, reason.isEmpty() ? line->port().errorString() : reason));
+                text.text, reason.isEmpty() ? refusal(line->port(), path) : reason));
         }
         return SerialCoreLink<Line>::over(std::move(line), fieldSet);
     }
@@ -190,10 +214,13 @@ QString serialendpoint::obstacle(const QString& devicePath)
         return QStringLiteral("there is no %1: coremanage ports lists what there is")
             .arg(devicePath);
     }
-    if (access(devicePath.toLocal8Bit().constData(), R_OK | W_OK) != 0) {
-        return QStringLiteral("%1: it belongs to the group \"%2\": sudo usermod -aG %2 $USER, and "
-                              "log in again")
-            .arg(QString::fromLocal8Bit(std::strerror(errno)), file.group());
+    if (access(QFile::encodeName(devicePath).constData(), R_OK | W_OK) == 0) {
+        return {};
     }
-    return {};
+    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+    return filerights::groupHelps(devicePath)
+               ? QStringLiteral("%1: it belongs to the group \"%2\": sudo usermod -aG %2 $USER, "
+                                "and log in again")
+                     .arg(reason, file.group())
+               : QStringLiteral("%1 (%2)").arg(reason, filerights::of(devicePath));
 }

@@ -60,6 +60,8 @@ public:
 
     FieldSet fields() const override { return FieldSet::TextBody; }
 
+    Faulty faulty() const override { return Faulty::Datagrams; }
+
     void check(const Command& command) const override
     {
         const int most = largestDatagram - commandframe::textLength;
@@ -90,7 +92,8 @@ public:
         const quint16 local = udpendpoint::localPort();
         if (!udpports::isOurs(local)) {
             throw LinkDown(QStringLiteral("%1: replies come to local port %2, which %3 has; end it "
-                                          "first, or run: unshare -rn")
+                                          "first, or, for simulated devices only, run: unshare "
+                                          "-rn sh -c 'ip link set lo up; exec sh'")
                                .arg(text.text)
                                .arg(local)
                                .arg(udpports::holder(local)));

@@ -83,6 +83,8 @@ public:
 
     FieldSet fields() const override { return FieldSet::TextBody; }
 
+    Faulty faulty() const override { return Faulty::Stream; }
+
     void check(const Command& command) const override
     {
         if (command.record.sendMode != 0) {
@@ -139,7 +141,8 @@ private:
 std::unique_ptr<Endpoint> usbendpoint::parse(const LinkAddress& address)
 {
     address.allowOptions({});
-    static const QRegularExpression ids(QStringLiteral("^([0-9a-fA-F]{4}):([0-9a-fA-F]{4})$"));
+    static const QRegularExpression ids(
+        QRegularExpression::anchoredPattern(QStringLiteral("([0-9a-fA-F]{4}):([0-9a-fA-F]{4})")));
     const auto match = ids.match(address.target);
     if (!match.hasMatch()) {
         address.refuse(QStringLiteral("\"%1\" is no pair of ids: write usb://04b4:1008, and see "

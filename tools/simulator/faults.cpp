@@ -6,7 +6,11 @@
 namespace
 {
 
-enum class Shown { ByAll, ByDevices, ByEndpoints };
+constexpr auto onDatagrams = static_cast<unsigned>(Faulty::Datagrams);
+constexpr auto onStreams = static_cast<unsigned>(Faulty::Stream);
+constexpr auto byEndpoints = static_cast<unsigned>(Faulty::Endpoint);
+constexpr unsigned byDevices = onDatagrams | onStreams;
+constexpr unsigned byAll = byDevices | byEndpoints;
 
 struct Row {
     Fault fault;
@@ -14,38 +18,38 @@ struct Row {
     int defaultAmount; // 0: takes none
     int mostAmount;
     const char* help;
-    Shown by = Shown::ByDevices;
+    unsigned by = byDevices;
     bool lasting = false;
 };
 
 constexpr std::array<Row, faultCount> rows{{
-    {Fault::Drop, "drop", 0, 0, "no answer at all", Shown::ByAll},
+    {Fault::Drop, "drop", 0, 0, "no answer at all", byAll},
     {Fault::Duplicate, "duplicate", 0, 0, "every piece of the answer twice"},
-    {Fault::Delay, "delay", 100, 3600000, "the answer later by AMOUNT ms", Shown::ByAll},
+    {Fault::Delay, "delay", 100, 3600000, "the answer later by AMOUNT ms", byAll},
     {Fault::WrongChecksum, "wrong-checksum", 0, 0, "the reply's checksum off by one"},
     {Fault::Truncate, "truncate", 1, 18, "the reply without its last AMOUNT bytes"},
     {Fault::Oversize, "oversize", 1, 1000, "AMOUNT bytes too many behind the reply"},
     {Fault::BlockFirst, "block-first", 0, 0, "the block before its reply"},
     {Fault::ShortBlock, "short-block", 1, 65535, "the block without its last AMOUNT bytes"},
     {Fault::LongBlock, "long-block", 1, 10000, "AMOUNT bytes too many behind the block"},
-    {Fault::BlockChecksum, "block-checksum", 0, 0, "the block's checksum off by one (streams)"},
-    {Fault::Garbage, "garbage", 32, 10000, "AMOUNT random bytes before the answer", Shown::ByAll},
-    {Fault::Flood, "flood", 1000, 10000000, "the answer AMOUNT times over", Shown::ByAll},
-    {Fault::Noise, "noise", 4, 1000, "AMOUNT random bytes inside the reply (streams)"},
-    {Fault::LateBlock, "late-block", 700, 3600000, "the block later by AMOUNT ms (streams)"},
-    {Fault::Glue, "glue", 0, 0, "the answer in one piece with the next (streams)"},
+    {Fault::BlockChecksum, "block-checksum", 0, 0, "the block's checksum off by one (streams)",
+     onStreams},
+    {Fault::Garbage, "garbage", 32, 10000, "AMOUNT random bytes before the answer", byAll},
+    {Fault::Flood, "flood", 1000, 10000000, "the answer AMOUNT times over", byAll},
+    {Fault::Noise, "noise", 4, 1000, "AMOUNT random bytes inside the reply (streams)", onStreams},
+    {Fault::LateBlock, "late-block", 700, 3600000, "the block later by AMOUNT ms (streams)",
+     onStreams},
+    {Fault::Glue, "glue", 0, 0, "the answer in one piece with the next (streams)", onStreams},
     {Fault::Split, "split", 1, 3600000, "every byte of the answer AMOUNT ms apart (streams, osd)",
-     Shown::ByAll},
+     onStreams | byEndpoints},
     {Fault::HangUp, "hang-up", 0, 0, "half the answer, then a hang-up (streams, osd)",
-     Shown::ByAll},
-    {Fault::Reset, "reset", 0, 0, "the connection reset instead of an answer (osd)",
-     Shown::ByEndpoints},
+     onStreams | byEndpoints},
+    {Fault::Reset, "reset", 0, 0, "the connection reset instead of an answer (osd)", byEndpoints},
     {Fault::CloseAfter, "close-after", 64, 1000000000,
-     "a connection closed after AMOUNT bytes (osd)", Shown::ByEndpoints},
-    {Fault::Refuse, "refuse", 0, 0, "connections refused; no =WHEN (osd)", Shown::ByEndpoints,
-     true},
+     "a connection closed after AMOUNT bytes (osd)", byEndpoints},
+    {Fault::Refuse, "refuse", 0, 0, "connections refused; no =WHEN (osd)", byEndpoints, true},
     {Fault::NeverRead, "never-read", 0, 0, "connections never read from; no =WHEN (osd)",
-     Shown::ByEndpoints, true},
+     byEndpoints, true},
 }};
 
 constexpr bool inOrder()
@@ -172,11 +176,11 @@ bool Faults::lasts(Fault fault) const
 
 QStringList Faults::unfit(Faulty who) const
 {
-    const Shown byOthers = who == Faulty::Device ? Shown::ByEndpoints : Shown::ByDevices;
     QStringList names;
     for (const Row& row : rows) {
         const Setting& setting = settings[static_cast<std::size_t>(row.fault)];
-        if (row.by == byOthers && (setting.count > 0 || setting.probability > 0)) {
+        if ((row.by & static_cast<unsigned>(who)) == 0 &&
+            (setting.count > 0 || setting.probability > 0)) {
             names << QLatin1String(row.name);
         }
     }

@@ -48,8 +48,8 @@ enum class Fault {
 
 constexpr int faultCount = static_cast<int>(Fault::NeverRead) + 1;
 
-/// Who may show a fault.
-enum class Faulty { Device, Endpoint };
+/// Who may show a fault: a device behind datagrams or a stream, or an on-screen-display endpoint.
+enum class Faulty { Datagrams = 1, Stream = 2, Endpoint = 4 };
 
 /// Which faults a device shows, and when. A fault strikes with a probability, or each of the first
 /// so many answers (closings: connections) that it can apply to; a lasting one is there or not.

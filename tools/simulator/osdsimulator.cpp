@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "osdsimulator.h"
 
+#include "bindfailure.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <deque>
 #include <list>
 #include <mutex>
@@ -139,10 +140,7 @@ bool OsdSimulator::Server::bindTo(Address local)
     const int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (listener < 0 || bind(listener, local.get(), local.length) != 0) {
-        failure = QStringLiteral("%1 port %2: %3")
-                      .arg(options.address)
-                      .arg(options.port)
-                      .arg(QString::fromLocal8Bit(std::strerror(errno)));
+        failure = bindfailure::reason(errno, options.port);
         return false;
     }
     getsockname(listener, local.get(), &local.length);

@@ -22,6 +22,13 @@ SimulatedDevice::Settings onStream(SimulatedDevice::Settings settings)
     return settings;
 }
 
+// The name of a simulated port whose process was killed before it could take it away.
+bool isLeftOver(const QFileInfo& file)
+{
+    return file.isSymLink() && !file.exists() &&
+           file.symLinkTarget().startsWith(QLatin1String("/dev/pts/"));
+}
+
 QString systemReason()
 {
     return QString::fromLocal8Bit(std::strerror(errno));
@@ -81,11 +88,13 @@ bool PtySimulator::nameIt()
     if (path.isEmpty()) {
         return true;
     }
-    if (!named && (QFileInfo::exists(path) || QFileInfo(path).isSymLink())) {
+    const QFileInfo there(path);
+    const bool isOurs = named || isLeftOver(there);
+    if (!isOurs && (there.exists() || there.isSymLink())) {
         fail(QStringLiteral("%1 exists: give another path, or none").arg(path));
         return false;
     }
-    if (named) {
+    if (isOurs) {
         QFile::remove(path);
     }
     named = QFile::link(terminal, path);

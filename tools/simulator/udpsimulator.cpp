@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "udpsimulator.h"
 
+#include "bindfailure.h"
+
 namespace
 {
 
@@ -9,22 +11,6 @@ SimulatedDevice::Settings onDatagrams(SimulatedDevice::Settings settings)
     settings.framing = devicecodec::Framing::Text;
     settings.medium = Medium::Datagrams;
     return settings;
-}
-
-QString reasonOf(const QUdpSocket& socket, quint16 port)
-{
-    switch (socket.error()) {
-    case QAbstractSocket::AddressInUseError:
-        return QStringLiteral("port %1 is taken: give another one, or 0 for a free one").arg(port);
-    case QAbstractSocket::SocketAccessError:
-        return QStringLiteral("port %1 is for root: give one from 1024 on, or 0 for a free one")
-            .arg(port);
-    case QAbstractSocket::SocketAddressNotAvailableError:
-        return QStringLiteral("this machine has not that address: give one of its own, or "
-                              "127.0.0.1");
-    default:
-        return socket.errorString();
-    }
 }
 
 } // namespace
@@ -39,7 +25,7 @@ UdpSimulator::UdpSimulator(const QHostAddress& chosenAddress, quint16 port,
 bool UdpSimulator::open()
 {
     if (!socket.bind(localAddress, localPort)) {
-        fail(reasonOf(socket, localPort));
+        fail(bindfailure::reason(socket.error(), localPort, socket.errorString()));
         return false;
     }
     constexpr int receiveBuffer = 4 * 1024 * 1024;
