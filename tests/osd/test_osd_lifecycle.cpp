@@ -393,6 +393,7 @@ TEST_F(OsdLife, ReceivedBytesOutliveAStop)
     ASSERT_TRUE(eventually([&] { return socket.getBuffData(10) == "OK"; }));
     socket.close();
     EXPECT_EQ(socket.getBuffData(10), "OK");
+    ASSERT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
     socket.connectSever(address, endpoint.port());
     ASSERT_TRUE(eventually([&] { return endpoint.connected() == 1; }));
     endpoint.send("z");
