@@ -60,12 +60,12 @@ void waitAndEmptyQueue(std::size_t expected)
 
 int sizeOf(ReplyStream& stream)
 {
-    return stream.buffData().size();
+    return stream.received().size();
 }
 
 void append(ReplyStream& stream, const QByteArray& bytes)
 {
-    stream.buffData().append(bytes);
+    stream.received().append(bytes);
 }
 
 void append(LiteralReplyStream& stream, const QByteArray& bytes)
@@ -127,7 +127,7 @@ double secondsToSkip(ReplyStream& stream, const QByteArray& noise)
         stream.pass();
     }
     const double seconds = elapsed(start);
-    stream.buffData().clear();
+    stream.received().clear();
     return seconds;
 }
 

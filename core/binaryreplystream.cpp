@@ -56,7 +56,7 @@ bool BinaryReplyStream::cut(const char* head)
 {
     model_Protocoldata record;
     if (!commandframe::decodeBinary(head, commandframe::binaryLength, record)) {
-        buffer.discard(1);
+        buffData.discard(1);
         return false;
     }
     QByteArray block;
@@ -82,7 +82,7 @@ void BinaryReplyStream::handOn(model_Protocoldata& record, QByteArray block) con
 {
     record.strKey2 = originName();
     record.bKeyFlag = originMark;
-    record.featureCode = deviceType();
+    record.featureCode = originType();
     record.arryDatablock = std::move(block);
     replyqueue::append(std::move(record));
 }

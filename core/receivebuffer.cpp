@@ -17,7 +17,7 @@ void ReceiveBuffer::append(const QByteArray& data)
 
 void ReceiveBuffer::append(const char* data, int size)
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     if (bytes.size() + size > bytes.capacity() && head >= sizeLocked()) {
         bytes.remove(0, head);
         head = 0;
@@ -27,13 +27,13 @@ void ReceiveBuffer::append(const char* data, int size)
 
 QByteArray ReceiveBuffer::peek(int count) const
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     return QByteArray(bytes.constData() + head, qBound(0, count, sizeLocked()));
 }
 
 int ReceiveBuffer::peek(char* out, int count) const
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     const int copied = qBound(0, count, sizeLocked());
     std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(copied));
     return copied;
@@ -41,7 +41,7 @@ int ReceiveBuffer::peek(char* out, int count) const
 
 QByteArray ReceiveBuffer::take(int count)
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     QByteArray taken(bytes.constData() + head, qBound(0, count, sizeLocked()));
     discardLocked(taken.size());
     return taken;
@@ -49,7 +49,7 @@ QByteArray ReceiveBuffer::take(int count)
 
 bool ReceiveBuffer::takeWhole(int count, QByteArray& out, int before)
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     discardLocked(qBound(0, before, sizeLocked()));
     if (count > sizeLocked()) {
         return false;
@@ -61,13 +61,13 @@ bool ReceiveBuffer::takeWhole(int count, QByteArray& out, int before)
 
 void ReceiveBuffer::discard(int count)
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     discardLocked(qBound(0, count, sizeLocked()));
 }
 
 bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, int size)
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     const Found found = find(bytes.constData() + head, sizeLocked());
     discardLocked(qBound(0, found.garbage, sizeLocked()));
     if (!found.isHead || size > sizeLocked()) {
@@ -79,13 +79,13 @@ bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, i
 
 int ReceiveBuffer::size() const
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     return sizeLocked();
 }
 
 void ReceiveBuffer::clear()
 {
-    const std::lock_guard locker(lock);
+    const std::lock_guard locker(buffLock);
     bytes = QByteArray();
     head = 0;
 }

@@ -52,7 +52,7 @@ private:
     int sizeLocked() const { return bytes.size() - head; }
     void discardLocked(int count);
 
-    mutable std::mutex lock;
+    mutable std::mutex buffLock;
     QByteArray bytes; // what is before head is consumed
     int head = 0;
 };

@@ -40,7 +40,7 @@ ReplyStream::~ReplyStream() = default;
 std::shared_ptr<ReplyStream> ReplyStream::successor() const
 {
     auto next = emptyStream();
-    next->setDeviceType(deviceType());
+    next->setDeviceType(originType());
     next->setOriginName(originName());
     return next;
 }
@@ -71,7 +71,7 @@ void ReplyStream::parse()
 void ReplyStream::pass()
 {
     std::array<char, longestHead> head{};
-    if (buffer.seek(search.find, head.data(), search.headLength)) {
+    if (buffData.seek(search.find, head.data(), search.headLength)) {
         cut(head.data());
     }
 }
@@ -89,14 +89,14 @@ void ReplyStream::pause(std::chrono::milliseconds duration)
 bool ReplyStream::skipTo(const QByteArray& data)
 {
     const int garbage = search.firstMark(data.constData(), data.size());
-    buffer.discard(static_cast<quint16>(garbage < 0 ? data.size() : garbage));
+    buffData.discard(static_cast<quint16>(garbage < 0 ? data.size() : garbage));
     return garbage >= 0;
 }
 
 bool ReplyStream::awaitBlock(quint16 length, QByteArray& block, int headLength)
 {
     for (int look = 0; look < blockLooks && !processend::begun(); ++look) {
-        if (buffer.takeWhole(length, block, headLength)) {
+        if (buffData.takeWhole(length, block, headLength)) {
             return true;
         }
         headLength = 0;
@@ -115,12 +115,12 @@ bool ReplyStream::isBlockIntact(const QByteArray& block)
 
 void ReplyStream::setDeviceType(model_GlobalEnum::DeviceType newType)
 {
-    type.store(newType, std::memory_order_relaxed);
+    deviceType.store(newType, std::memory_order_relaxed);
 }
 
-model_GlobalEnum::DeviceType ReplyStream::deviceType() const
+model_GlobalEnum::DeviceType ReplyStream::originType() const
 {
-    return type.load(std::memory_order_relaxed);
+    return deviceType.load(std::memory_order_relaxed);
 }
 
 void ReplyStream::setOriginName(const QString& newName)

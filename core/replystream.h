@@ -37,7 +37,7 @@ public:
     /// An empty stream of the same kind with the same stamps.
     std::shared_ptr<ReplyStream> successor() const;
 
-    ReceiveBuffer& buffData() { return buffer; }
+    ReceiveBuffer& received() { return buffData; }
 
     /// The run flag of the parsing loop: it is looked at before each pass.
     void setDealFlag(bool on) { bDealRun.store(on, std::memory_order_relaxed); }
@@ -112,16 +112,16 @@ protected:
     static bool isBlockIntact(const QByteArray& block);
 
     QString originName() const;
-    model_GlobalEnum::DeviceType deviceType() const;
+    model_GlobalEnum::DeviceType originType() const;
 
-    ReceiveBuffer buffer;
+    ReceiveBuffer buffData;
 
 private:
     const std::chrono::milliseconds interval;
     const Search search;
     std::atomic<bool> bDealRun{false};
     std::atomic<bool> bDealExit{true};
-    std::atomic<model_GlobalEnum::DeviceType> type{devicetypes::unset};
+    std::atomic<model_GlobalEnum::DeviceType> deviceType{devicetypes::unset};
     mutable std::mutex nameLock; // a leaf: name
     QString name;
 };

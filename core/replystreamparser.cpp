@@ -66,17 +66,17 @@ void ReplyStreamParser::setOriginType(model_GlobalEnum::DeviceType type)
 
 void ReplyStreamParser::appendBuffData(QByteArray data)
 {
-    stream()->buffData().append(data);
+    stream()->received().append(data);
 }
 
 QByteArray ReplyStreamParser::getBuffData(unsigned short count)
 {
-    return stream()->buffData().peek(count);
+    return stream()->received().peek(count);
 }
 
 QByteArray ReplyStreamParser::takeBuffData(unsigned short count)
 {
-    return stream()->buffData().take(count);
+    return stream()->received().take(count);
 }
 
 void ReplyStreamParser::setDealFlag(bool on)

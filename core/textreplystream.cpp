@@ -47,13 +47,13 @@ bool TextReplyStream::isFindStdCmdPreFlag(const QByteArray& data)
         return false;
     }
     std::array<char, 2> head{};
-    if (buffer.peek(head.data(), head.size()) < static_cast<int>(head.size())) {
+    if (buffData.peek(head.data(), head.size()) < static_cast<int>(head.size())) {
         return false;
     }
     if (head[1] == commandframe::replyMark) {
         return true;
     }
-    buffer.discard(1);
+    buffData.discard(1);
     return false;
 }
 
@@ -86,10 +86,10 @@ bool TextReplyStream::cut(const char* frame)
     using replykinds::Block;
     model_Protocoldata record;
     if (!decode(frame, commandframe::textLength, record)) {
-        buffer.discard(1);
+        buffData.discard(1);
         return false;
     }
-    buffer.discard(commandframe::textLength);
+    buffData.discard(commandframe::textLength);
     const replykinds::Kind kind = replykinds::kindOf(record);
     switch (kind.onStream) {
     case Block::None:
@@ -171,7 +171,7 @@ bool TextReplyStream::decode(const char* frame, int size, model_Protocoldata& re
 void TextReplyStream::stamp(model_Protocoldata& record, quint8 mark) const
 {
     record.bKeyFlag = mark;
-    record.featureCode = deviceType();
+    record.featureCode = originType();
 }
 
 QString TextReplyStream::origin() const

@@ -144,7 +144,7 @@ void Core_USB::closeDevice()
     const auto end = std::chrono::steady_clock::now() + closePause;
     stopParsing(closePause);
     std::this_thread::sleep_until(end);
-    stream()->buffData().clear();
+    stream()->received().clear();
 }
 
 bool Core_USB::startWorkers(const std::shared_ptr<HidHandle>& opened)

@@ -26,7 +26,7 @@ std::shared_ptr<HidHandle> HidHandle::open(unsigned short vendorId, unsigned sho
     return std::shared_ptr<HidHandle>(new HidHandle(opened));
 }
 
-HidHandle::HidHandle(hid_device_* opened) : device(opened) {}
+HidHandle::HidHandle(hid_device_* opened) : hidDev(opened) {}
 
 HidHandle::~HidHandle()
 {
@@ -36,15 +36,15 @@ HidHandle::~HidHandle()
 bool HidHandle::readInto(ReceiveBuffer& buffer)
 {
     std::array<unsigned char, readLength> report{};
-    const std::lock_guard lock(readLock);
+    const std::lock_guard lock(devLock);
     std::unique_lock exclusion(writeLock, std::defer_lock);
     if (hasFailed) {
         exclusion.lock();
     }
-    if (device == nullptr) {
+    if (hidDev == nullptr) {
         return false;
     }
-    const int count = hid_read_timeout(device, report.data(), report.size(), readTimeoutMs);
+    const int count = hid_read_timeout(hidDev, report.data(), report.size(), readTimeoutMs);
     if (count == failure) {
         hasFailed = true;
         return true;
@@ -66,7 +66,7 @@ bool HidHandle::write(const unsigned char* report)
             return writeLocked(report);
         }
     }
-    const std::lock_guard exclusion(readLock);
+    const std::lock_guard exclusion(devLock);
     const std::lock_guard lock(writeLock);
     const bool written = writeLocked(report);
     hasFailed = !written;
@@ -75,10 +75,10 @@ bool HidHandle::write(const unsigned char* report)
 
 bool HidHandle::writeLocked(const unsigned char* report)
 {
-    if (closing || device == nullptr) {
+    if (closing || hidDev == nullptr) {
         return false;
     }
-    if (hid_write(device, report, reportLength) == failure) {
+    if (hid_write(hidDev, report, reportLength) == failure) {
         hasFailed = true;
         return false;
     }
@@ -88,10 +88,10 @@ bool HidHandle::writeLocked(const unsigned char* report)
 void HidHandle::close()
 {
     closing = true;
-    const std::lock_guard readers(readLock);
+    const std::lock_guard readers(devLock);
     const std::lock_guard writers(writeLock);
-    if (device != nullptr) {
-        hid_close(device);
-        device = nullptr;
+    if (hidDev != nullptr) {
+        hid_close(hidDev);
+        hidDev = nullptr;
     }
 }

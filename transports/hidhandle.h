@@ -16,9 +16,9 @@ struct hid_device_;
 ///
 /// | the last call | text | a read holds        | a write holds       | so                      |
 /// |---------------|------|---------------------|---------------------|-------------------------|
-/// | succeeded     | none | readLock            | writeLock           | writes exclude writes,  |
+/// | succeeded     | none | devLock             | writeLock           | writes exclude writes,  |
 /// |               |      |                     |                     | never wait for a read   |
-/// | failed        | one  | readLock, writeLock | readLock, writeLock | all exclude each other  |
+/// | failed        | one  | devLock, writeLock  | devLock, writeLock  | all exclude each other  |
 ///
 /// A failure is noted before its call lets go of its lock, so the calls that meet a fresh text are
 /// the one that made it and at most one that was in the kernel meanwhile: each frees what it finds
@@ -57,10 +57,10 @@ private:
     explicit HidHandle(hid_device_* opened);
     bool writeLocked(const unsigned char* report);
 
-    // Lock order: readLock, writeLock.
-    std::mutex readLock;
+    // Lock order: devLock, writeLock.
+    std::mutex devLock;
     std::mutex writeLock;
-    hid_device_* device;              // written under both locks, null when closed
+    hid_device_* hidDev;              // written under both locks, null when closed
     std::atomic<bool> closing{false}; // lets close get at the locks under load
     std::atomic<bool> hasFailed{false};
 };

@@ -47,7 +47,7 @@ void SerialLine::shut(std::chrono::milliseconds patience)
     if (serialPort->isOpen()) {
         serialPort->close();
     }
-    stream()->buffData().clear();
+    stream()->received().clear();
 }
 
 void SerialLine::setDeviceIP(QString /*ip*/) {}

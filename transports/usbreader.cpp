@@ -30,7 +30,7 @@ void UsbReader::read()
 {
     while (bReadRun && !processend::begun()) {
         std::this_thread::sleep_for(pauseBeforeRead);
-        if (!handle->readInto(stream->buffData())) {
+        if (!handle->readInto(stream->received())) {
             return;
         }
     }

@@ -34,8 +34,8 @@ protected:
         }
     }
 
-    void feed(const QByteArray& bytes) { kind.stream->buffData().append(bytes); }
-    int left() { return kind.stream->buffData().size(); }
+    void feed(const QByteArray& bytes) { kind.stream->received().append(bytes); }
+    int left() { return kind.stream->received().size(); }
 
     Kind kind;
 };
@@ -67,11 +67,11 @@ TEST(BinaryReplyStreamPass, AMarkAcrossTheEndOfWhatIsInspectedIsHalfOne)
     hostqueue::clear();
     const QByteArray reply = replybytes::head(1) + QByteArray(1, '\0');
     BinaryReplyStream stream;
-    stream.buffData().append(QByteArray(inspected - 1, 'x') + reply);
+    stream.received().append(QByteArray(inspected - 1, 'x') + reply);
     stream.pass();
-    EXPECT_EQ(stream.buffData().size(), reply.size() - 1);
+    EXPECT_EQ(stream.received().size(), reply.size() - 1);
     stream.pass();
-    EXPECT_EQ(stream.buffData().size(), 0);
+    EXPECT_EQ(stream.received().size(), 0);
     EXPECT_EQ(hostqueue::size(), 0U);
 }
 

@@ -83,7 +83,7 @@ private:
     void pause(std::chrono::milliseconds) override
     {
         ++feed.pauses;
-        feed.next([this](const QByteArray& chunk) { this->buffData().append(chunk); });
+        feed.next([this](const QByteArray& chunk) { this->received().append(chunk); });
     }
 
     Feed& feed;
@@ -145,9 +145,9 @@ Outcome runOurs(ReplyStream& stream, Feed& feed)
     stream.setOriginName(QStringLiteral("pts/7"));
     runAll(
         feed, [&stream] { stream.pass(); },
-        [&stream](const QByteArray& chunk) { stream.buffData().append(chunk); },
-        [&stream] { return stream.buffData().size(); });
-    return collect(feed, stream.buffData().peek(stream.buffData().size()), capture);
+        [&stream](const QByteArray& chunk) { stream.received().append(chunk); },
+        [&stream] { return stream.received().size(); });
+    return collect(feed, stream.received().peek(stream.received().size()), capture);
 }
 
 Outcome runLiteral(LiteralReplyStream& stream, Feed& feed)
