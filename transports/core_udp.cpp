@@ -325,24 +325,24 @@ void core_UDP::route(const model_Protocoldata& record)
     }
 }
 
-// The join itself is cheap and waits for nothing; what may wait for the host is posted.
+// The join itself is cheap and waits for nothing; what may wait for the host is posted, before the
+// wait for the class-wide lock.
 void core_UDP::join(const model_Protocoldata& stamps)
 {
     model_Protocoldata record;
-    const char* failure = joined(lastDatagram, stdCMD, record);
-    {
-        const std::lock_guard lock(stdCMDlock);
-        stdCMD.clear();
-    }
-    if (failure != nullptr) {
+    const QByteArray block = lastDatagram;
+    const QByteArray reply = stdCMD;
+    if (const char* failure = joined(block, reply, record)) {
         replyqueue::postFailure(failure);
-        return;
+    } else {
+        record.strKey = stamps.strKey;
+        record.strKey2 = stamps.strKey2;
+        record.bKeyFlag = stamps.bKeyFlag;
+        record.featureCode = stamps.featureCode;
+        replyqueue::post(std::move(record));
     }
-    record.strKey = stamps.strKey;
-    record.strKey2 = stamps.strKey2;
-    record.bKeyFlag = stamps.bKeyFlag;
-    record.featureCode = stamps.featureCode;
-    replyqueue::post(std::move(record));
+    const std::lock_guard lock(stdCMDlock);
+    stdCMD.clear();
 }
 
 const char* core_UDP::joined(const QByteArray& received, const QByteArray& reply,

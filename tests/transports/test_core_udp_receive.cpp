@@ -34,6 +34,38 @@ bool logged(const QString& line)
     return eventually([&line] { return hostqueue::countLog(line) > 0; });
 }
 
+// A transport in a thread of its own, for what makes the receiving thread wait.
+class OwnThread
+{
+public:
+    OwnThread()
+    {
+        thread->start();
+        eventually([this] { return ready.load(); });
+    }
+
+    ~OwnThread()
+    {
+        stop = true;
+        thread->wait();
+    }
+
+    OwnThread(const OwnThread&) = delete;
+    OwnThread& operator=(const OwnThread&) = delete;
+
+private:
+    std::atomic<bool> ready{false};
+    std::atomic<bool> stop{false};
+    const std::unique_ptr<QThread> thread{QThread::create([this] {
+        core_UDP transport;
+        ready = true;
+        while (!stop) {
+            QCoreApplication::processEvents();
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    })};
+};
+
 } // namespace
 
 class CoreUdpReceive : public ::testing::Test
@@ -127,21 +159,8 @@ TEST_F(CoreUdpReceive, AtSignReplyWithoutLengthIsComplete)
 TEST_F(CoreUdpReceive, ImmediateReplyIsQueuedBeforeTheNextIsRead)
 {
     // With the queue's lock held the receiving thread waits here, so the receiver gets its own.
-    hostqueue::clear();
     transport.reset();
-    std::atomic<bool> ready{false};
-    std::atomic<bool> stop{false};
-    const std::unique_ptr<QThread> owner(QThread::create([&] {
-        core_UDP own;
-        ready = true;
-        while (!stop) {
-            QCoreApplication::processEvents();
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        }
-    }));
-    owner->start();
-    ASSERT_TRUE(eventually([&] { return ready.load(); }));
-    capture.clear();
+    const OwnThread receiver;
     {
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
         peer.send(replyText(0x79, 0x0c, 1));
@@ -152,8 +171,6 @@ TEST_F(CoreUdpReceive, ImmediateReplyIsQueuedBeforeTheNextIsRead)
     }
     ASSERT_TRUE(queued(2));
     EXPECT_EQ(hostqueue::records().front().CMD, 0x79);
-    stop = true;
-    owner->wait();
 }
 
 TEST_F(CoreUdpReceive, OtherRepliesNeverMakeTheReceiverWait)
@@ -319,6 +336,31 @@ TEST_F(CoreUdpReceive, StoringWaitsForTheClassWideLock)
     readAll();
     EXPECT_EQ(phase, 2);
     holder.join();
+}
+
+TEST_F(CoreUdpReceive, JoinHandsOnBeforeItWaitsForTheClassWideLock)
+{
+    transport.reset();
+    const OwnThread receiver;
+    peer.send(replyText(0x8b, 0x05));
+    readAll();
+    capture.clear();
+    {
+        const std::lock_guard lock(core_UDP::stdCMDlock);
+        peer.send(QByteArray(145, 'a'));
+        ASSERT_TRUE(queued(2));
+        peer.send("orphan");
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(capture.lines().filter(QStringLiteral("Recv data:")).size(), 1);
+    }
+    EXPECT_EQ(hostqueue::records().back().arryDatablock, QByteArray(145, 'a'));
+    ASSERT_TRUE(logged(orphanBlock));
+    readAll();
+    {
+        const std::lock_guard lock(core_UDP::stdCMDlock);
+        peer.send("another");
+        ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    }
 }
 
 TEST_F(CoreUdpReceive, JoinCalledByHostKnowsNoSender)
