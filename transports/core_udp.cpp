@@ -194,7 +194,12 @@ void core_UDP::closeSocket()
     lastDatagram.clear();
     stdCMD.clear();
     blockCMD.clear();
-    delete udpSocket;
+    if (readsUnderWay > 0) { // called by host code that a datagram led to: Qt still uses the socket
+        udpSocket->setParent(this); // goes with the transport at the latest
+        closedSockets.push_back(udpSocket);
+    } else {
+        delete udpSocket;
+    }
     udpSocket = nullptr;
 }
 
@@ -250,34 +255,47 @@ void core_UDP::sendUdpDataBroadcast(QByteArray data)
     }
 }
 
-// One system call a datagram, then a last read through the socket, which finds nothing more and
-// makes it report the next datagram.
 void core_UDP::readPendingDatagrams()
 {
-    const auto descriptor = static_cast<int>(udpSocket->socketDescriptor());
+    ++readsUnderWay;
+    while (readNext()) {
+    }
+    if (--readsUnderWay == 0) {
+        for (QUdpSocket* closed : closedSockets) {
+            closed->deleteLater(); // its readyRead may have led here
+        }
+        closedSockets.clear();
+    }
+}
+
+// One system call a datagram, then a last read through the socket, which finds nothing more and
+// makes it report the next datagram. The host's code that a datagram leads to may have put another
+// socket in place.
+bool core_UDP::readNext()
+{
     if (udpSocket->state() != QAbstractSocket::BoundState) {
-        return;
+        return false;
     }
-    for (;;) {
-        sockaddr_storage from{};
-        socklen_t length = sizeof from;
-        const ssize_t size = recvfrom(descriptor, readBuffer.data(), readBuffer.size(),
-                                      MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length);
-        if (size >= 0) {
-            readOne(static_cast<int>(size), senderText(from));
-            continue;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        QHostAddress sender;
-        const qint64 last = udpSocket->readDatagram(
-            readBuffer.data(), static_cast<qint64>(readBuffer.size()), &sender);
-        if (last < 0) {
-            return;
-        }
-        readOne(static_cast<int>(last), plainText(sender));
+    sockaddr_storage from{};
+    socklen_t length = sizeof from;
+    const ssize_t size =
+        recvfrom(static_cast<int>(udpSocket->socketDescriptor()), readBuffer.data(),
+                 readBuffer.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length);
+    if (size >= 0) {
+        readOne(static_cast<int>(size), senderText(from));
+        return true;
     }
+    if (errno == EINTR) {
+        return true;
+    }
+    QHostAddress sender;
+    const qint64 last =
+        udpSocket->readDatagram(readBuffer.data(), static_cast<qint64>(readBuffer.size()), &sender);
+    if (last < 0) {
+        return false;
+    }
+    readOne(static_cast<int>(last), plainText(sender));
+    return true;
 }
 
 QString core_UDP::senderText(const sockaddr_storage& sender)

@@ -12,9 +12,12 @@
 
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
 
 namespace
 {
@@ -64,6 +67,38 @@ private:
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
     })};
+};
+
+// A host's message handler that does something of its own, once, at the first line with a text.
+class HandlerThatActs
+{
+public:
+    HandlerThatActs(const QString& text, std::function<void()> does)
+    {
+        awaited = text;
+        action = std::move(does);
+        below = qInstallMessageHandler(nullptr);
+        qInstallMessageHandler(handle);
+    }
+
+    ~HandlerThatActs() { qInstallMessageHandler(below); }
+    HandlerThatActs(const HandlerThatActs&) = delete;
+    HandlerThatActs& operator=(const HandlerThatActs&) = delete;
+
+    bool acted() const { return !action; }
+
+private:
+    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+    {
+        below.load()(type, context, text);
+        if (QThread::currentThread() == qApp->thread() && action && text.contains(awaited)) {
+            std::exchange(action, nullptr)();
+        }
+    }
+
+    static inline QString awaited;
+    static inline std::function<void()> action;
+    static inline std::atomic<QtMessageHandler> below{nullptr};
 };
 
 } // namespace
@@ -360,6 +395,51 @@ TEST_F(CoreUdpReceive, JoinHandsOnBeforeItWaitsForTheClassWideLock)
         const std::lock_guard lock(core_UDP::stdCMDlock);
         peer.send("another");
         ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    }
+}
+
+TEST_F(CoreUdpReceive, MessageHandlerMayReInitialise)
+{
+    const std::function<void()> actions[] = {
+        [this] { transport->reInitUdp(); }, [this] { transport->reInitUdpZarn(); },
+        [this] {
+            Q_EMIT transport->signalReInitUdp();
+            QCoreApplication::processEvents();
+        },
+        [this] {
+            transport->reInitUdp();
+            peer.send(replyText(0x10, 1));
+            QCoreApplication::processEvents(); // reads it with the first read on the stack
+            transport->reInitUdpZarn();
+        }};
+    const int descriptors = processstate::descriptors();
+    for (const char* line : {"Recv data:", "host ip:", "dataLeng = "}) {
+        for (const auto& action : actions) {
+            hostqueue::clear();
+            peer.send(replyText(0xf1, 0x10, 3, 0));
+            readAll();
+            bool kept = false; // the closed socket, which is still at work below
+            const HandlerThatActs handler(QString::fromLatin1(line), [&] {
+                action();
+                kept = transport->findChild<QUdpSocket*>() != nullptr;
+            });
+            if (qstrcmp(line, "dataLeng = ") == 0) {
+                peer.send("abc");
+            } else {
+                peer.send(replyText(0x10, 2));
+            }
+            ASSERT_TRUE(eventually([&handler] { return handler.acted(); })) << line;
+            EXPECT_TRUE(kept);
+            EXPECT_TRUE(
+                eventually([this] { return transport->findChild<QUdpSocket*>() == nullptr; }));
+            peer.send(replyText(0x79, 0x09)); // through the new socket
+            ASSERT_TRUE(eventually([] {
+                const auto records = hostqueue::records();
+                return std::any_of(records.begin(), records.end(),
+                                   [](const auto& record) { return record.DAT1 == 0x09; });
+            })) << line;
+            EXPECT_EQ(processstate::descriptors(), descriptors);
+        }
     }
 }
 
