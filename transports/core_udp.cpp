@@ -105,7 +105,6 @@ core_UDP::~core_UDP()
 {
     disconnect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp);
     link->abandon();
-    udpSocket->disconnect(this);
     closeSocket();
 }
 
@@ -148,13 +147,23 @@ void core_UDP::setDeviceType(model_GlobalEnum::DeviceType type)
 
 void core_UDP::initUdp()
 {
+    rebuild(Device::Kept);
+}
+
+void core_UDP::rebuild(Device device)
+{
+    // Before the detach: sends must not wait for the host's code.
+    const bool fixedPort = usesFixedPort(Utility_Manage::getDeviceType());
     [[maybe_unused]] const QHostAddress local = firstLocalAddress();
-    if (udpSocket != nullptr) { // called by the host itself
+    if (udpSocket != nullptr) {
         link->detach();
         closeSocket();
     }
+    if (device == Device::Forgotten) {
+        link->setDeviceIP(QString()); // the host must set the address anew
+    }
     udpSocket = new QUdpSocket;
-    if (usesFixedPort(Utility_Manage::getDeviceType())) {
+    if (fixedPort) {
         link->setPort(fixedDevicePort);
         udpSocket->bind(fixedDevicePort);
     } else {
@@ -171,25 +180,19 @@ void core_UDP::initUdp()
 void core_UDP::reInitUdp()
 {
     qCDebug(debugLine) << QStringLiteral("reInitUdp()");
-    udpSocket->disconnect(this);
-    link->setDeviceIP(QString()); // the host must set the address anew
-    link->detach();
-    closeSocket();
-    initUdp();
+    rebuild(Device::Forgotten);
 }
 
 void core_UDP::reInitUdpZarn()
 {
     qCDebug(debugLine) << "========================================="
                        << QStringLiteral("reInitUdp()");
-    udpSocket->disconnect(this);
-    link->detach();
-    closeSocket();
-    initUdp();
+    rebuild(Device::Kept);
 }
 
 void core_UDP::closeSocket()
 {
+    udpSocket->disconnect(this);
     udpSocket->close(); // what is pending goes with it
     lastDatagram.clear();
     stdCMD.clear();

@@ -95,7 +95,10 @@ public:
     void combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray stdCMDIn);
 
 Q_SIGNALS:
-    void signalReInitUdp();                      ///< a send went wrong in an unknown way
+    /// A send went wrong in an unknown way. Emitted in the owner's thread for a frame of the system
+    /// plan, in the caller's thread for every other.
+    void signalReInitUdp();
+
     void signalSendReceiveMessageToUiPro(void*); ///< never emitted
 
 public Q_SLOTS:

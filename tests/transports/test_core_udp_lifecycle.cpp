@@ -9,9 +9,15 @@
 
 #include <gtest/gtest.h>
 
+#include <QThread>
+
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
+
+#include <dlfcn.h>
 
 namespace
 {
@@ -34,7 +40,19 @@ quint16 localPortSeenBy(UdpPeer& peer, core_UDP& transport)
     return peer.receive().port;
 }
 
+std::function<void()> whenAskedForTheDeviceType; // once
+
 } // namespace
+
+// Takes the place of the reference host's, which still answers.
+model_GlobalEnum::DeviceType Utility_Manage::getDeviceType()
+{
+    if (whenAskedForTheDeviceType) {
+        std::exchange(whenAskedForTheDeviceType, nullptr)();
+    }
+    using Ask = model_GlobalEnum::DeviceType (*)();
+    return reinterpret_cast<Ask>(dlsym(RTLD_NEXT, "_ZN14Utility_Manage13getDeviceTypeEv"))();
+}
 
 class CoreUdpLifecycle : public ::testing::Test
 {
@@ -296,6 +314,22 @@ TEST_F(CoreUdpLifecycle, SystemPlanReInitAndDestructionMeet)
         transport.reset(); // frames of the system plan may still be pending
     }
     SUCCEED();
+}
+
+TEST_F(CoreUdpLifecycle, HostMaySendWhileItIsAskedForTheDeviceType)
+{
+    UdpPeer peer;
+    core_UDP transport;
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    for (const char* slot : {"reInitUdpZarn", "reInitUdp"}) {
+        transport.setPort(peer.port());
+        whenAskedForTheDeviceType = [&transport] { transport.sendUdpData("frame"); };
+        const MessageCapture capture;
+        ASSERT_TRUE(QMetaObject::invokeMethod(&transport, slot));
+        EXPECT_FALSE(whenAskedForTheDeviceType);
+        EXPECT_EQ(capture.lines().mid(1), QStringList(QStringLiteral("Send successful")));
+        EXPECT_EQ(peer.receive().bytes, QByteArray("frame"));
+    }
 }
 
 TEST_F(CoreUdpLifecycle, PendingReInitRequestDiesWithTheTransport)
