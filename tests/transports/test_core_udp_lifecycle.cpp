@@ -82,6 +82,66 @@ TEST_F(CoreUdpLifecycle, TwoDeviceTypesUsePort3005)
     }
 }
 
+TEST_F(CoreUdpLifecycle, TheirDevicePortIs3005AfterEveryReInitToo)
+{
+    for (const auto type : {model_GlobalEnum::Device353100, model_GlobalEnum::Device353101}) {
+        Utility_Manage::setDeviceType(type);
+        core_UDP transport;
+        MessageCapture capture;
+        for (const char* slot : {"readPendingDatagrams", "reInitUdp", "reInitUdpZarn"}) {
+            transport.setDeviceIP(QStringLiteral("127.0.0.1")); // with that port: itself
+            ASSERT_TRUE(QMetaObject::invokeMethod(&transport, slot));
+            transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+            model_Protocoldata record = command(0x10);
+            transport.sendDatatoDevice(&record);
+            const QString line = QStringLiteral("\"Recv data:<T0000100000000010>\"");
+            EXPECT_TRUE(eventually([&] { return capture.count(line) == 1; })) << slot;
+            capture.clear();
+            transport.setPort(9);
+        }
+    }
+}
+
+TEST_F(CoreUdpLifecycle, OwnDeviceTypeChoosesNoPort)
+{
+    UdpPeer peer;
+    core_UDP transport;
+    transport.setDeviceType(model_GlobalEnum::Device353101);
+    transport.reInitUdpZarn();
+    EXPECT_EQ(localPortSeenBy(peer, transport), UdpPeer::linkPort);
+}
+
+TEST_F(CoreUdpLifecycle, PortIsNotShared)
+{
+    core_UDP transport;
+    QUdpSocket second;
+    EXPECT_FALSE(second.bind(UdpPeer::linkPort,
+                             QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint));
+}
+
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+TEST_F(CoreUdpLifecycle, OnlyTheOrdinaryPortUsesTheRandomGenerator)
+{
+    qsrand(888);
+    qrand();
+    const int second = qrand();
+    qsrand(1);
+    {
+        const core_UDP transport;
+        EXPECT_EQ(qrand(), second);
+    }
+    qsrand(1);
+    const int first = qrand();
+    for (const auto type : {model_GlobalEnum::Device353100, model_GlobalEnum::Device353101}) {
+        Utility_Manage::setDeviceType(type);
+        qsrand(1);
+        const core_UDP transport;
+        EXPECT_EQ(qrand(), first);
+    }
+}
+QT_WARNING_POP
+
 TEST_F(CoreUdpLifecycle, DefaultDevicePortIs1000)
 {
     UdpPeer peer(QStringLiteral("127.0.0.1"), 1000);
@@ -125,6 +185,54 @@ TEST_F(CoreUdpLifecycle, ReInitForgetsTheDevice)
     const auto datagram = peer.receive();
     EXPECT_EQ(datagram.bytes.size(), 19);
     EXPECT_EQ(datagram.port, UdpPeer::linkPort);
+}
+
+TEST_F(CoreUdpLifecycle, ForgottenDeviceIsTheOneWithoutAKey)
+{
+    core_UDP transport;
+    transport.reInitUdp();
+    const MessageCapture capture;
+    model_Protocoldata record = command(0x10);
+    record.strKey = QStringLiteral("100.100.100.100");
+    transport.sendDatatoDeviceForSysPlan(&record);
+    EXPECT_TRUE(capture.lines().isEmpty());
+    record.strKey.clear();
+    transport.sendDatatoDeviceForSysPlan(&record);
+    EXPECT_EQ(capture.count(QStringLiteral("\"Send data:<T0000100000000010>\"")), 1);
+    EXPECT_TRUE(
+        eventually([&] { return capture.count(QStringLiteral("Send Broadcast failed")) == 1; }));
+}
+
+TEST_F(CoreUdpLifecycle, WhatIsPendingIsDiscarded)
+{
+    UdpPeer peer;
+    auto transport = std::make_unique<core_UDP>();
+    const MessageCapture capture;
+    const std::function<void()> ends[] = {[&] { transport->reInitUdp(); },
+                                          [&] { transport->reInitUdpZarn(); },
+                                          [&] { transport.reset(); }};
+    for (const auto& end : ends) {
+        peer.send(replyText(0x79, 0x0c));
+        end();
+        QCoreApplication::processEvents();
+        EXPECT_EQ(hostqueue::size(), 0U);
+        EXPECT_TRUE(capture.lines().filter(QStringLiteral("Recv data:")).isEmpty());
+    }
+}
+
+TEST_F(CoreUdpLifecycle, NoneOfItTakesTheClassWideLock)
+{
+    const std::unique_ptr<QThread> owner(QThread::create([] {
+        core_UDP transport;
+        transport.reInitUdp();
+        transport.reInitUdpZarn();
+    }));
+    {
+        const std::lock_guard lock(core_UDP::stdCMDlock);
+        owner->start();
+        EXPECT_TRUE(eventually([&owner] { return owner->isFinished(); }));
+    }
+    owner->wait();
 }
 
 TEST_F(CoreUdpLifecycle, ReInitZarnKeepsTheDeviceAndSaysSo)
@@ -237,6 +345,10 @@ TEST_F(CoreUdpLifecycle, TakenPortIsSilentAndSendingStillWorks)
     const quint16 port = localPortSeenBy(peer, transport);
     EXPECT_NE(port, 0);
     EXPECT_NE(port, UdpPeer::linkPort);
+    peer.send(replyText(0x79, 0x0c), port); // to the port that the kernel has chosen
+    QCoreApplication::processEvents();
+    transport.readPendingDatagrams();
+    EXPECT_TRUE(capture.lines().filter(QStringLiteral("Recv data:")).isEmpty());
     transport.reInitUdp();
 }
 

@@ -235,6 +235,54 @@ TEST_F(CoreUdpReceive, OtherRepliesNeverMakeTheReceiverWait)
     ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 200; }));
 }
 
+TEST_F(CoreUdpReceive, OnlyZeroAddressCommandAndSumMakeABlock)
+{
+    const auto reply = [](int command, int address, bool sumIsZero) {
+        const int rest = 0x5a + address + command + 1 + 7;
+        return replyText(command, 1, sumIsZero ? 0x200 - rest : 0, 0, address);
+    };
+    std::size_t expected = 0;
+    for (const QByteArray& valid : {reply(0, 1, true), reply(0, 0, false), reply(0, 1, false),
+                                    reply(0x10, 0, true), reply(0x10, 0, false)}) {
+        peer.send(valid);
+        ASSERT_TRUE(queued(++expected)) << valid.constData();
+        EXPECT_EQ(hostqueue::records().back().HEAD, 0x5a);
+    }
+    for (const QByteArray& block : {reply(0, 0, true), QByteArray("<Ff30000010c000000>"),
+                                    QByteArray("<F0000000000000000>")}) {
+        peer.send(replyText(0xf1, 0x10, 19, 0));
+        peer.send(block);
+        ASSERT_TRUE(queued(++expected)) << block.constData();
+        EXPECT_EQ(hostqueue::records().back().arryDatablock, block);
+    }
+}
+
+TEST_F(CoreUdpReceive, ReceivedTextIsUtf8UpToTheFirstZeroByte)
+{
+    peer.send("gr\xc3\xbc\xc3\x9f");
+    peer.send(QByteArray("ab\0cd", 5));
+    ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    EXPECT_EQ(capture.count(QStringLiteral("\"Recv data:gr\u00fc\u00df\"")), 1);
+    EXPECT_EQ(capture.count(QStringLiteral("\"Recv data:ab\"")), 1);
+}
+
+TEST_F(CoreUdpReceive, EachReplyIsStampedWithTheTypeOfTheMoment)
+{
+    for (const int type : {0x4712, 0, -1}) {
+        transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(type));
+        readAll();
+        EXPECT_EQ(hostqueue::records().back().featureCode, type);
+    }
+}
+
+TEST_F(CoreUdpReceive, FlagStatusGoesBothWays)
+{
+    for (const bool on : {true, false, true}) {
+        transport->setRetFlagStatus(on);
+        EXPECT_EQ(hostqueue::flag(), on);
+    }
+}
+
 TEST_F(CoreUdpReceive, BlockIsJoinedAndCarriesTheStampsOfItsDatagram)
 {
     peer.send(replyText(0x8b, 0x05));
@@ -280,13 +328,28 @@ TEST_F(CoreUdpReceive, CompleteReplyLeavesTheStoredOneAlone)
 
 TEST_F(CoreUdpReceive, OrphanBlockRaisesTheFlagAndIsLogged)
 {
+    const int before = hostqueue::logLines().size();
     peer.send("no reply before this");
     ASSERT_TRUE(logged(orphanBlock));
+    EXPECT_EQ(hostqueue::logLines().mid(before), QStringList(orphanBlock));
     EXPECT_TRUE(hostqueue::flag());
     EXPECT_EQ(hostqueue::size(), 0U);
     ASSERT_TRUE(eventually([this] { return capture.lines().size() == 4; }));
     EXPECT_EQ(capture.lines().mid(2),
               QStringList({QStringLiteral("datagram.size()!=19 return"), orphanBlock}));
+}
+
+TEST_F(CoreUdpReceive, LengthOfAnAnnouncedBlockIsADebugLine)
+{
+    peer.send(replyText(0xf1, 0x10, 4, 0));
+    peer.send("long enough");
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(capture.lines().filter(QStringLiteral("dataLeng")),
+              QStringList(QStringLiteral("dataLeng =  4 4")));
+    peer.send(replyText(0x8b, 0x05, 4, 0));
+    peer.send(QByteArray(145, 'b'));
+    ASSERT_TRUE(queued(2));
+    EXPECT_EQ(capture.lines().filter(QStringLiteral("dataLeng")).size(), 1);
 }
 
 TEST_F(CoreUdpReceive, WrongLengthIsLogged)
@@ -475,11 +538,14 @@ TEST_F(CoreUdpReceive, DecoderResetsWhatItRefuses)
 {
     model_Protocoldata refused;
     refused.strReply = QLatin1String("");
+    const int before = hostqueue::logLines().size();
     for (const char* datagram : {"", "<F", "<F010203040506071c", "<F010203040506071c>>",
                                  "<T010203040506071c>", "xF010203040506071c>"}) {
         EXPECT_TRUE(sameRecord(transport->getArrayData(datagram), refused)) << datagram;
     }
     EXPECT_TRUE(sameRecord(transport->getArrayData("<F010203040506071d>"), model_Protocoldata()));
+    EXPECT_EQ(hostqueue::logLines().mid(before),
+              QStringList(QStringLiteral("CHKSUM Wrong return")));
     EXPECT_EQ(transport->getArrayData("<F010203040506071C*").CHKSUM, 0x1c);
 }
 
