@@ -317,6 +317,13 @@ TEST_F(CoreUdpReceive, SecondStoredReplyReplacesTheFirst)
     EXPECT_EQ(hostqueue::size(), 1U);
 }
 
+TEST_F(CoreUdpReceive, StoredReplyRaisesNoFlag)
+{
+    peer.send(replyText(0x8b, 0x05));
+    ASSERT_TRUE(eventually([this] { return capture.lines().size() == 2; }));
+    EXPECT_FALSE(hostqueue::flag());
+}
+
 TEST_F(CoreUdpReceive, CompleteReplyLeavesTheStoredOneAlone)
 {
     peer.send(replyText(0x8e, 0x27, 3, 0));
