@@ -105,7 +105,6 @@ core_UDP::~core_UDP()
 {
     disconnect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp);
     link->abandon();
-    udpSocket->disconnect(this);
     closeSocket();
 }
 
@@ -148,13 +147,23 @@ void core_UDP::setDeviceType(model_GlobalEnum::DeviceType type)
 
 void core_UDP::initUdp()
 {
+    rebuild(Device::Kept);
+}
+
+void core_UDP::rebuild(Device device)
+{
+    // Before the detach: sends must not wait for the host's code.
+    const bool fixedPort = usesFixedPort(Utility_Manage::getDeviceType());
     [[maybe_unused]] const QHostAddress local = firstLocalAddress();
-    if (udpSocket != nullptr) { // called by the host itself
+    if (udpSocket != nullptr) {
         link->detach();
         closeSocket();
     }
+    if (device == Device::Forgotten) {
+        link->setDeviceIP(QString()); // the host must set the address anew
+    }
     udpSocket = new QUdpSocket;
-    if (usesFixedPort(Utility_Manage::getDeviceType())) {
+    if (fixedPort) {
         link->setPort(fixedDevicePort);
         udpSocket->bind(fixedDevicePort);
     } else {
@@ -171,30 +180,29 @@ void core_UDP::initUdp()
 void core_UDP::reInitUdp()
 {
     qCDebug(debugLine) << QStringLiteral("reInitUdp()");
-    udpSocket->disconnect(this);
-    link->setDeviceIP(QString()); // the host must set the address anew
-    link->detach();
-    closeSocket();
-    initUdp();
+    rebuild(Device::Forgotten);
 }
 
 void core_UDP::reInitUdpZarn()
 {
     qCDebug(debugLine) << "========================================="
                        << QStringLiteral("reInitUdp()");
-    udpSocket->disconnect(this);
-    link->detach();
-    closeSocket();
-    initUdp();
+    rebuild(Device::Kept);
 }
 
 void core_UDP::closeSocket()
 {
+    udpSocket->disconnect(this);
     udpSocket->close(); // what is pending goes with it
     lastDatagram.clear();
     stdCMD.clear();
     blockCMD.clear();
-    delete udpSocket;
+    if (readsUnderWay > 0) { // called by host code that a datagram led to: Qt still uses the socket
+        udpSocket->setParent(this); // goes with the transport at the latest
+        closedSockets.push_back(udpSocket);
+    } else {
+        delete udpSocket;
+    }
     udpSocket = nullptr;
 }
 
@@ -250,34 +258,47 @@ void core_UDP::sendUdpDataBroadcast(QByteArray data)
     }
 }
 
-// One system call a datagram, then a last read through the socket, which finds nothing more and
-// makes it report the next datagram.
 void core_UDP::readPendingDatagrams()
 {
-    const auto descriptor = static_cast<int>(udpSocket->socketDescriptor());
+    ++readsUnderWay;
+    while (readNext()) {
+    }
+    if (--readsUnderWay == 0) {
+        for (QUdpSocket* closed : closedSockets) {
+            closed->deleteLater(); // its readyRead may have led here
+        }
+        closedSockets.clear();
+    }
+}
+
+// One system call a datagram, then a last read through the socket, which finds nothing more and
+// makes it report the next datagram. The host's code that a datagram leads to may have put another
+// socket in place.
+bool core_UDP::readNext()
+{
     if (udpSocket->state() != QAbstractSocket::BoundState) {
-        return;
+        return false;
     }
-    for (;;) {
-        sockaddr_storage from{};
-        socklen_t length = sizeof from;
-        const ssize_t size = recvfrom(descriptor, readBuffer.data(), readBuffer.size(),
-                                      MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length);
-        if (size >= 0) {
-            readOne(static_cast<int>(size), senderText(from));
-            continue;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        QHostAddress sender;
-        const qint64 last = udpSocket->readDatagram(
-            readBuffer.data(), static_cast<qint64>(readBuffer.size()), &sender);
-        if (last < 0) {
-            return;
-        }
-        readOne(static_cast<int>(last), plainText(sender));
+    sockaddr_storage from{};
+    socklen_t length = sizeof from;
+    const ssize_t size =
+        recvfrom(static_cast<int>(udpSocket->socketDescriptor()), readBuffer.data(),
+                 readBuffer.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length);
+    if (size >= 0) {
+        readOne(static_cast<int>(size), senderText(from));
+        return true;
     }
+    if (errno == EINTR) {
+        return true;
+    }
+    QHostAddress sender;
+    const qint64 last =
+        udpSocket->readDatagram(readBuffer.data(), static_cast<qint64>(readBuffer.size()), &sender);
+    if (last < 0) {
+        return false;
+    }
+    readOne(static_cast<int>(last), plainText(sender));
+    return true;
 }
 
 QString core_UDP::senderText(const sockaddr_storage& sender)
@@ -325,24 +346,24 @@ void core_UDP::route(const model_Protocoldata& record)
     }
 }
 
-// The join itself is cheap and waits for nothing; what may wait for the host is posted.
+// The join itself is cheap and waits for nothing; what may wait for the host is posted, before the
+// wait for the class-wide lock.
 void core_UDP::join(const model_Protocoldata& stamps)
 {
     model_Protocoldata record;
-    const char* failure = joined(lastDatagram, stdCMD, record);
-    {
-        const std::lock_guard lock(stdCMDlock);
-        stdCMD.clear();
-    }
-    if (failure != nullptr) {
+    const QByteArray block = lastDatagram;
+    const QByteArray reply = stdCMD;
+    if (const char* failure = joined(block, reply, record)) {
         replyqueue::postFailure(failure);
-        return;
+    } else {
+        record.strKey = stamps.strKey;
+        record.strKey2 = stamps.strKey2;
+        record.bKeyFlag = stamps.bKeyFlag;
+        record.featureCode = stamps.featureCode;
+        replyqueue::post(std::move(record));
     }
-    record.strKey = stamps.strKey;
-    record.strKey2 = stamps.strKey2;
-    record.bKeyFlag = stamps.bKeyFlag;
-    record.featureCode = stamps.featureCode;
-    replyqueue::post(std::move(record));
+    const std::lock_guard lock(stdCMDlock);
+    stdCMD.clear();
 }
 
 const char* core_UDP::joined(const QByteArray& received, const QByteArray& reply,

@@ -31,7 +31,8 @@ class UdpLink;
 /// and addToReceivedQueue may be called from any thread; sends from several threads are not
 /// serialised. Sending never blocks on the network. A transport may be destroyed with replies and
 /// frames of the system plan still pending: those replies reach the queue, those frames fail. Its
-/// destructor waits for no host code.
+/// destructor waits for no host code. The host's message handler and log may re-initialise the
+/// transport that they are called from; they must not destroy it.
 class CORE_MANAGE_EXPORT core_UDP : public ICoreBase
 {
     Q_OBJECT
@@ -94,7 +95,10 @@ public:
     void combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray stdCMDIn);
 
 Q_SIGNALS:
-    void signalReInitUdp();                      ///< a send went wrong in an unknown way
+    /// A send went wrong in an unknown way. Emitted in the owner's thread for a frame of the system
+    /// plan, in the caller's thread for every other.
+    void signalReInitUdp();
+
     void signalSendReceiveMessageToUiPro(void*); ///< never emitted
 
 public Q_SLOTS:
@@ -114,6 +118,9 @@ public Q_SLOTS:
     void processInfoDisplayonUI(void* parameters); ///< does nothing
 
 private:
+    enum class Device { Kept, Forgotten };
+    void rebuild(Device device);
+    bool readNext();
     void readOne(int size, const QString& sender);
     void route(const model_Protocoldata& record);
     void join(const model_Protocoldata& stamps);
@@ -124,6 +131,8 @@ private:
 
     QByteArray lastDatagram;
     QUdpSocket* udpSocket = nullptr;
+    int readsUnderWay = 0;                  // calls of readPendingDatagrams on the stack
+    std::vector<QUdpSocket*> closedSockets; // not deleted while one of them may be on the stack
     std::shared_ptr<UdpLink> link;          // holds strDeviceIP and nPort
     std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
     QByteArray stdCMD;                      // standard reply that waits for its block

@@ -191,12 +191,12 @@ std::shared_ptr<UdpEndpoint> UdpLink::endpointNow() const
 
 SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 {
+    const auto through = endpointNow(); // first: while it waits the destination may change
     const QHostAddress address = [this] {
         const std::lock_guard lock(destinationLock);
         return deviceAddress;
     }();
     const auto port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
-    const auto through = endpointNow();
     const qint32 sum = sendInPieces(frame, [&](const char* data, int size) {
         return through ? through->write(data, size, address, port) : -1;
     });
@@ -208,8 +208,8 @@ SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 SendOutcome UdpLink::sendBroadcast(const QByteArray& frame)
 {
     static const QHostAddress everyone(QHostAddress::Broadcast);
-    const auto port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
     const auto through = endpointNow();
+    const auto port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
     const qint64 written =
         through ? through->write(frame.constData(), frame.size(), everyone, port) : -1;
     const SendOutcome outcome = classifySent(written, frame.size());

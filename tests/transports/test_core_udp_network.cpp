@@ -155,6 +155,29 @@ TEST_F(CoreUdpNetwork, BroadcastIsOneDatagramWhateverItsSize)
     EXPECT_EQ(capture.lines(), QStringList(QStringLiteral("Send Broadcast failed")));
 }
 
+TEST_F(CoreUdpNetwork, BroadcastGoesToThePortThatWasSet)
+{
+    answerOn(4321);
+    core_UDP transport;
+    transport.setPort(4321);
+    model_Protocoldata record = command();
+    record.sendMode = 1;
+    transport.sendDatatoDevice(&record);
+    EXPECT_EQ(nextLine(), commandText + " 100.100.100.1 5104");
+}
+
+TEST_F(CoreUdpNetwork, EmptyBroadcastIsADatagramWithoutBytes)
+{
+    answerOn(1000);
+    core_UDP transport;
+    const MessageCapture capture;
+    const int before = hostqueue::logLines().size();
+    transport.sendUdpDataBroadcast(QByteArray());
+    EXPECT_EQ(capture.lines(), QStringList(QStringLiteral("Send Broadcast successful")));
+    EXPECT_EQ(hostqueue::logLines().mid(before), QStringList(QStringLiteral("Send successful:")));
+    EXPECT_EQ(nextLine(), QByteArray("100.100.100.1 5104"));
+}
+
 TEST_F(CoreUdpNetwork, FixedPortDeviceType)
 {
     Utility_Manage::setDeviceType(model_GlobalEnum::Device353101);

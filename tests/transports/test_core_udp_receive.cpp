@@ -12,9 +12,12 @@
 
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
 
 namespace
 {
@@ -33,6 +36,72 @@ bool logged(const QString& line)
 {
     return eventually([&line] { return hostqueue::countLog(line) > 0; });
 }
+
+// A transport in a thread of its own, for what makes the receiving thread wait.
+class OwnThread
+{
+public:
+    OwnThread()
+    {
+        thread->start();
+        eventually([this] { return ready.load(); });
+    }
+
+    ~OwnThread()
+    {
+        stop = true;
+        thread->wait();
+    }
+
+    OwnThread(const OwnThread&) = delete;
+    OwnThread& operator=(const OwnThread&) = delete;
+
+private:
+    std::atomic<bool> ready{false};
+    std::atomic<bool> stop{false};
+    const std::unique_ptr<QThread> thread{QThread::create([this] {
+        core_UDP transport;
+        ready = true;
+        while (!stop) {
+            QCoreApplication::processEvents();
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    })};
+};
+
+// A host's message handler that does something of its own, once, at the first line with a text.
+class HandlerThatActs
+{
+public:
+    HandlerThatActs(const QString& text, std::function<void()> does)
+    {
+        actsInThisThread = true;
+        awaited = text;
+        action = std::move(does);
+        below = qInstallMessageHandler(nullptr);
+        qInstallMessageHandler(handle);
+    }
+
+    ~HandlerThatActs() { qInstallMessageHandler(below); }
+    HandlerThatActs(const HandlerThatActs&) = delete;
+    HandlerThatActs& operator=(const HandlerThatActs&) = delete;
+
+    bool acted() const { return !action; }
+
+private:
+    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+    {
+        below.load()(type, context, text);
+        if (actsInThisThread && action && text.contains(awaited)) {
+            std::exchange(action, nullptr)();
+        }
+    }
+
+    static inline thread_local bool actsInThisThread = false;
+    static inline QString awaited;
+    static inline std::function<void()> action;
+    static inline std::atomic<QtMessageHandler> below{nullptr};
+};
 
 } // namespace
 
@@ -127,21 +196,8 @@ TEST_F(CoreUdpReceive, AtSignReplyWithoutLengthIsComplete)
 TEST_F(CoreUdpReceive, ImmediateReplyIsQueuedBeforeTheNextIsRead)
 {
     // With the queue's lock held the receiving thread waits here, so the receiver gets its own.
-    hostqueue::clear();
     transport.reset();
-    std::atomic<bool> ready{false};
-    std::atomic<bool> stop{false};
-    const std::unique_ptr<QThread> owner(QThread::create([&] {
-        core_UDP own;
-        ready = true;
-        while (!stop) {
-            QCoreApplication::processEvents();
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        }
-    }));
-    owner->start();
-    ASSERT_TRUE(eventually([&] { return ready.load(); }));
-    capture.clear();
+    const OwnThread receiver;
     {
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
         peer.send(replyText(0x79, 0x0c, 1));
@@ -152,8 +208,6 @@ TEST_F(CoreUdpReceive, ImmediateReplyIsQueuedBeforeTheNextIsRead)
     }
     ASSERT_TRUE(queued(2));
     EXPECT_EQ(hostqueue::records().front().CMD, 0x79);
-    stop = true;
-    owner->wait();
 }
 
 TEST_F(CoreUdpReceive, OtherRepliesNeverMakeTheReceiverWait)
@@ -181,6 +235,54 @@ TEST_F(CoreUdpReceive, OtherRepliesNeverMakeTheReceiverWait)
         }
     }
     ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 200; }));
+}
+
+TEST_F(CoreUdpReceive, OnlyZeroAddressCommandAndSumMakeABlock)
+{
+    const auto reply = [](int command, int address, bool sumIsZero) {
+        const int rest = 0x5a + address + command + 1 + 7;
+        return replyText(command, 1, sumIsZero ? 0x200 - rest : 0, 0, address);
+    };
+    std::size_t expected = 0;
+    for (const QByteArray& valid : {reply(0, 1, true), reply(0, 0, false), reply(0, 1, false),
+                                    reply(0x10, 0, true), reply(0x10, 0, false)}) {
+        peer.send(valid);
+        ASSERT_TRUE(queued(++expected)) << valid.constData();
+        EXPECT_EQ(hostqueue::records().back().HEAD, 0x5a);
+    }
+    for (const QByteArray& block : {reply(0, 0, true), QByteArray("<Ff30000010c000000>"),
+                                    QByteArray("<F0000000000000000>")}) {
+        peer.send(replyText(0xf1, 0x10, 19, 0));
+        peer.send(block);
+        ASSERT_TRUE(queued(++expected)) << block.constData();
+        EXPECT_EQ(hostqueue::records().back().arryDatablock, block);
+    }
+}
+
+TEST_F(CoreUdpReceive, ReceivedTextIsUtf8UpToTheFirstZeroByte)
+{
+    peer.send("gr\xc3\xbc\xc3\x9f");
+    peer.send(QByteArray("ab\0cd", 5));
+    ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    EXPECT_EQ(capture.count(QStringLiteral("\"Recv data:gr\u00fc\u00df\"")), 1);
+    EXPECT_EQ(capture.count(QStringLiteral("\"Recv data:ab\"")), 1);
+}
+
+TEST_F(CoreUdpReceive, EachReplyIsStampedWithTheTypeOfTheMoment)
+{
+    for (const int type : {0x4712, 0, -1}) {
+        transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(type));
+        readAll();
+        EXPECT_EQ(hostqueue::records().back().featureCode, type);
+    }
+}
+
+TEST_F(CoreUdpReceive, FlagStatusGoesBothWays)
+{
+    for (const bool on : {true, false, true}) {
+        transport->setRetFlagStatus(on);
+        EXPECT_EQ(hostqueue::flag(), on);
+    }
 }
 
 TEST_F(CoreUdpReceive, BlockIsJoinedAndCarriesTheStampsOfItsDatagram)
@@ -215,6 +317,13 @@ TEST_F(CoreUdpReceive, SecondStoredReplyReplacesTheFirst)
     EXPECT_EQ(hostqueue::size(), 1U);
 }
 
+TEST_F(CoreUdpReceive, StoredReplyRaisesNoFlag)
+{
+    peer.send(replyText(0x8b, 0x05));
+    ASSERT_TRUE(eventually([this] { return capture.lines().size() == 2; }));
+    EXPECT_FALSE(hostqueue::flag());
+}
+
 TEST_F(CoreUdpReceive, CompleteReplyLeavesTheStoredOneAlone)
 {
     peer.send(replyText(0x8e, 0x27, 3, 0));
@@ -228,13 +337,28 @@ TEST_F(CoreUdpReceive, CompleteReplyLeavesTheStoredOneAlone)
 
 TEST_F(CoreUdpReceive, OrphanBlockRaisesTheFlagAndIsLogged)
 {
+    const int before = hostqueue::logLines().size();
     peer.send("no reply before this");
     ASSERT_TRUE(logged(orphanBlock));
+    EXPECT_EQ(hostqueue::logLines().mid(before), QStringList(orphanBlock));
     EXPECT_TRUE(hostqueue::flag());
     EXPECT_EQ(hostqueue::size(), 0U);
     ASSERT_TRUE(eventually([this] { return capture.lines().size() == 4; }));
     EXPECT_EQ(capture.lines().mid(2),
               QStringList({QStringLiteral("datagram.size()!=19 return"), orphanBlock}));
+}
+
+TEST_F(CoreUdpReceive, LengthOfAnAnnouncedBlockIsADebugLine)
+{
+    peer.send(replyText(0xf1, 0x10, 4, 0));
+    peer.send("long enough");
+    ASSERT_TRUE(queued(1));
+    EXPECT_EQ(capture.lines().filter(QStringLiteral("dataLeng")),
+              QStringList(QStringLiteral("dataLeng =  4 4")));
+    peer.send(replyText(0x8b, 0x05, 4, 0));
+    peer.send(QByteArray(145, 'b'));
+    ASSERT_TRUE(queued(2));
+    EXPECT_EQ(capture.lines().filter(QStringLiteral("dataLeng")).size(), 1);
 }
 
 TEST_F(CoreUdpReceive, WrongLengthIsLogged)
@@ -321,6 +445,76 @@ TEST_F(CoreUdpReceive, StoringWaitsForTheClassWideLock)
     holder.join();
 }
 
+TEST_F(CoreUdpReceive, JoinHandsOnBeforeItWaitsForTheClassWideLock)
+{
+    transport.reset();
+    const OwnThread receiver;
+    peer.send(replyText(0x8b, 0x05));
+    readAll();
+    capture.clear();
+    {
+        const std::lock_guard lock(core_UDP::stdCMDlock);
+        peer.send(QByteArray(145, 'a'));
+        ASSERT_TRUE(queued(2));
+        peer.send("orphan");
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(capture.lines().filter(QStringLiteral("Recv data:")).size(), 1);
+    }
+    EXPECT_EQ(hostqueue::records().back().arryDatablock, QByteArray(145, 'a'));
+    ASSERT_TRUE(logged(orphanBlock));
+    readAll();
+    {
+        const std::lock_guard lock(core_UDP::stdCMDlock);
+        peer.send("another");
+        ASSERT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    }
+}
+
+TEST_F(CoreUdpReceive, MessageHandlerMayReInitialise)
+{
+    const std::function<void()> actions[] = {
+        [this] { transport->reInitUdp(); }, [this] { transport->reInitUdpZarn(); },
+        [this] {
+            Q_EMIT transport->signalReInitUdp();
+            QCoreApplication::processEvents();
+        },
+        [this] {
+            transport->reInitUdp();
+            peer.send(replyText(0x10, 1));
+            QCoreApplication::processEvents(); // reads it with the first read on the stack
+            transport->reInitUdpZarn();
+        }};
+    const int descriptors = processstate::descriptors();
+    for (const char* line : {"Recv data:", "host ip:", "dataLeng = "}) {
+        for (const auto& action : actions) {
+            hostqueue::clear();
+            peer.send(replyText(0xf1, 0x10, 3, 0));
+            readAll();
+            bool kept = false; // the closed socket, which is still at work below
+            const HandlerThatActs handler(QString::fromLatin1(line), [&] {
+                action();
+                kept = transport->findChild<QUdpSocket*>() != nullptr;
+            });
+            if (qstrcmp(line, "dataLeng = ") == 0) {
+                peer.send("abc");
+            } else {
+                peer.send(replyText(0x10, 2));
+            }
+            ASSERT_TRUE(eventually([&handler] { return handler.acted(); })) << line;
+            EXPECT_TRUE(kept);
+            EXPECT_TRUE(
+                eventually([this] { return transport->findChild<QUdpSocket*>() == nullptr; }));
+            peer.send(replyText(0x79, 0x09)); // through the new socket
+            ASSERT_TRUE(eventually([] {
+                const auto records = hostqueue::records();
+                return std::any_of(records.begin(), records.end(),
+                                   [](const auto& record) { return record.DAT1 == 0x09; });
+            })) << line;
+            EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
+        }
+    }
+}
+
 TEST_F(CoreUdpReceive, JoinCalledByHostKnowsNoSender)
 {
     transport->combineSTDCMDandBloackCMD("0123456789abcdef!", replyText(0xf1, 0x10, 0x10, 0));
@@ -353,11 +547,14 @@ TEST_F(CoreUdpReceive, DecoderResetsWhatItRefuses)
 {
     model_Protocoldata refused;
     refused.strReply = QLatin1String("");
+    const int before = hostqueue::logLines().size();
     for (const char* datagram : {"", "<F", "<F010203040506071c", "<F010203040506071c>>",
                                  "<T010203040506071c>", "xF010203040506071c>"}) {
         EXPECT_TRUE(sameRecord(transport->getArrayData(datagram), refused)) << datagram;
     }
     EXPECT_TRUE(sameRecord(transport->getArrayData("<F010203040506071d>"), model_Protocoldata()));
+    EXPECT_EQ(hostqueue::logLines().mid(before),
+              QStringList(QStringLiteral("CHKSUM Wrong return")));
     EXPECT_EQ(transport->getArrayData("<F010203040506071C*").CHKSUM, 0x1c);
 }
 

@@ -109,6 +109,22 @@ TEST_F(CoreUdpSend, ByFeaturesTakesOnlyItsCode)
     EXPECT_EQ(peer.receive().bytes, commandText);
 }
 
+TEST_F(CoreUdpSend, ByFeaturesGivesTheCallersRecordToTheVirtualOperation)
+{
+    class Recorder : public core_UDP
+    {
+    public:
+        void sendDatatoDevice(void* parameters) override { given = parameters; }
+        void* given = nullptr;
+    } recorder;
+    model_Protocoldata record = command();
+    recorder.sendDatatoDeviceByFeatures(&record);
+    EXPECT_EQ(recorder.given, nullptr);
+    record.featureCode = 0x3200;
+    recorder.sendDatatoDeviceByFeatures(&record);
+    EXPECT_EQ(recorder.given, &record);
+}
+
 TEST_F(CoreUdpSend, DeviceWithAnIpv6Address)
 {
     UdpPeer device(QStringLiteral("::1"));
@@ -179,6 +195,7 @@ TEST_F(CoreUdpSend, BlockBytesForgeNoLogLine)
 
 TEST_F(CoreUdpSend, EmptyOrMalformedAddressFailsAndNothingLeaves)
 {
+    const QStringList log = hostqueue::logLines();
     for (const char* address : {"", "no address", "127.0.0.1 x", "300.1.1.1"}) {
         transport.setDeviceIP(QString::fromLatin1(address));
         model_Protocoldata record = command();
@@ -190,7 +207,7 @@ TEST_F(CoreUdpSend, EmptyOrMalformedAddressFailsAndNothingLeaves)
         EXPECT_EQ(capture.lines().size(), 2); // no re-initialisation
         capture.clear();
     }
-    EXPECT_EQ(hostqueue::countLog(logLine), 0);
+    EXPECT_EQ(hostqueue::logLines(), log);
 }
 
 TEST_F(CoreUdpSend, LongFrameToNowhereAsksForReInit)
@@ -216,8 +233,10 @@ TEST_F(CoreUdpSend, SystemPlanTakesOnlyItsDevice)
     record.strKey = QStringLiteral("127.0.0.1 ");
     transport.sendDatatoDeviceForSysPlan(&record);
     record.strKey = QStringLiteral("127.0.0.1");
-    record.sendMode = 1;
-    transport.sendDatatoDeviceForSysPlan(&record);
+    for (const int mode : {1, 2, 255}) {
+        record.sendMode = static_cast<quint8>(mode);
+        transport.sendDatatoDeviceForSysPlan(&record);
+    }
     EXPECT_TRUE(capture.lines().isEmpty());
     record.sendMode = 0;
     record.featureCode = 0x400000; // the system plan sends these too
@@ -278,22 +297,32 @@ TEST_F(CoreUdpSend, SystemPlanFailureReInitsInTheOwnersThread)
 
 TEST_F(CoreUdpSend, SettersTakeTheClassWideLockAndSendsDoNot)
 {
-    std::atomic<bool> set{false};
-    std::thread setter;
+    std::atomic<int> started{0};
+    std::atomic<int> set{0};
+    std::thread ip;
+    std::thread port;
     {
         const std::lock_guard lock(core_UDP::stdCMDlock);
-        setter = std::thread([&] {
+        ip = std::thread([&] {
+            ++started;
             transport.setDeviceIP(QStringLiteral("127.0.0.9"));
-            transport.setPort(1);
-            set = true;
+            ++set;
         });
+        port = std::thread([&] {
+            ++started;
+            transport.setPort(1);
+            ++set;
+        });
+        EXPECT_TRUE(eventually([&] { return started == 2; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
         model_Protocoldata record = command();
         transport.sendDatatoDevice(&record); // would hang
         EXPECT_EQ(peer.receive().bytes, commandText);
-        EXPECT_FALSE(set);
+        EXPECT_EQ(set, 0);
     }
-    setter.join();
-    EXPECT_TRUE(set);
+    ip.join();
+    port.join();
+    EXPECT_EQ(set, 2);
 }
 
 TEST_F(CoreUdpSend, SendsFromSeveralThreadsArriveWhole)

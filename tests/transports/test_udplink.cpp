@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "udplink.h"
 
+#include "udppeer.h"
+
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <thread>
 #include <vector>
 
 namespace
@@ -111,4 +115,25 @@ TEST(UdpEndpoint, NullAddressOrNoSocketFailsEveryWrite)
     UdpEndpoint none(-1);
     EXPECT_EQ(none.write("x", 1, QHostAddress(QHostAddress::LocalHost), 9), -1);
     none.retire();
+}
+
+TEST(UdpLink, SendThatWaitsForARebuildTakesTheDestinationAfterIt)
+{
+    UdpPeer before;
+    UdpPeer after(QStringLiteral("127.0.0.2"));
+    QUdpSocket socket;
+    ASSERT_TRUE(socket.bind());
+    const auto link = std::make_shared<UdpLink>(nullptr);
+    link->setDeviceIP(QStringLiteral("127.0.0.1"));
+    link->setPort(before.port());
+    link->detach();
+    std::thread sender([&link] { link->sendUnicast("frame"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // or it does not wait at all
+    link->setDeviceIP(QStringLiteral("127.0.0.2"));
+    link->setPort(after.port());
+    link->attach(std::make_shared<UdpEndpoint>(socket.socketDescriptor()));
+    sender.join();
+    EXPECT_EQ(after.receive().bytes, QByteArray("frame"));
+    EXPECT_FALSE(before.hasDatagram());
+    link->abandon();
 }
