@@ -35,6 +35,14 @@ else()
         target_compile_options(core_manage_flags INTERFACE -fcf-protection)
     endif()
 endif()
+
+# Of every shared library: keeps what its own code instantiates of other libraries' templates inside.
+add_library(core_manage_shared INTERFACE)
+target_link_options(core_manage_shared INTERFACE
+    "LINKER:--version-script=${CMAKE_CURRENT_LIST_DIR}/exports.map")
+set_target_properties(core_manage_shared PROPERTIES
+    INTERFACE_LINK_DEPENDS "${CMAKE_CURRENT_LIST_DIR}/exports.map")
+
 # Of every executable, besides core_manage_flags.
 add_library(core_manage_executable INTERFACE)
 if(CORE_MANAGE_SANITIZE STREQUAL "thread")
