@@ -51,4 +51,10 @@ endif()
 if(CORE_MANAGE_COVERAGE)
     target_compile_options(core_manage_flags INTERFACE --coverage)
     target_link_options(core_manage_flags INTERFACE --coverage)
+elseif(NOT CORE_MANAGE_SANITIZE)
+    # What is handed on names no directory of the machine that built it; gdb finds the sources when
+    # it is started in the source directory.
+    target_compile_options(core_manage_flags INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
+        $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${CMAKE_BINARY_DIR}=.>)
 endif()
