@@ -4,6 +4,7 @@
 function(refused expected)
     execute_process(COMMAND ${CMAKE_COMMAND} ${ARGN} -P "${SOURCE_DIR}/cmake/HostLibrary.cmake"
         RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    string(REGEX REPLACE "[ \n]+" " " output "${output}") # CMake breaks the lines of a message
     if(result EQUAL 0 OR NOT output MATCHES "${expected}")
         message(FATAL_ERROR "${ARGN} gave ${result}, expected \"${expected}\"\n${output}")
     endif()

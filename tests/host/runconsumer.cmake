@@ -2,6 +2,7 @@
 # Builds and runs the consumer program in one of the ways a host can take part:
 #   cmake -DWAY=installed|target|library|open -DSOURCE_DIR=… -DWORK_DIR=… -DBUILD_DIR=… … -P runconsumer.cmake
 # What is installed is consumed twice, through the CMake package and through pkg-config.
+cmake_minimum_required(VERSION 3.22)
 
 set(here "${SOURCE_DIR}/tests/host")
 set(consumer "-DCONSUMER_SOURCE=${here}/consumer/main.cpp")
