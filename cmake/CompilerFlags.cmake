@@ -35,6 +35,14 @@ else()
         target_compile_options(core_manage_flags INTERFACE -fcf-protection)
     endif()
 endif()
+
+# Of every shared library: keeps what its own code instantiates of other libraries' templates inside.
+add_library(core_manage_shared INTERFACE)
+target_link_options(core_manage_shared INTERFACE
+    "LINKER:--version-script=${CMAKE_CURRENT_LIST_DIR}/exports.map")
+set_target_properties(core_manage_shared PROPERTIES
+    INTERFACE_LINK_DEPENDS "${CMAKE_CURRENT_LIST_DIR}/exports.map")
+
 # Of every executable, besides core_manage_flags.
 add_library(core_manage_executable INTERFACE)
 if(CORE_MANAGE_SANITIZE STREQUAL "thread")
@@ -43,4 +51,10 @@ endif()
 if(CORE_MANAGE_COVERAGE)
     target_compile_options(core_manage_flags INTERFACE --coverage)
     target_link_options(core_manage_flags INTERFACE --coverage)
+elseif(NOT CORE_MANAGE_SANITIZE)
+    # What is handed on names no directory of the machine that built it; gdb finds the sources when
+    # it is started in the source directory.
+    target_compile_options(core_manage_flags INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
+        $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${CMAKE_BINARY_DIR}=.>)
 endif()

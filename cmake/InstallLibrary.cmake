@@ -9,12 +9,21 @@ install(TARGETS Core_Manage EXPORT Core_ManageTargets
 install(FILES
     core/core_manage.h core/corefactory.h core/icorebase.h core/icoreosdbase.h
     core/replystreamparser.h
+    osd/core_osd_manage.h osd/core_osd_tcpsocket.h
     transports/core_serialport.h transports/core_udp.h transports/core_usb.h transports/serialline.h
     transports/vela_core_serialport.h
     "${PROJECT_BINARY_DIR}/core/core_manage_export.h"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
 
+# Where consumers find the host: headers and a library outside the package, unless it brings them.
+# The host of an enclosing project is that project's to bring.
 set(CORE_MANAGE_INSTALLS_HOST_HEADERS OFF)
+set(CORE_MANAGE_OUTER_HOST_INCLUDE_DIR "")
+set(CORE_MANAGE_OUTER_HOST_LIBRARY "")
+if(NOT CORE_MANAGE_HOST_KIND STREQUAL "target")
+    set(CORE_MANAGE_OUTER_HOST_INCLUDE_DIR "${CORE_MANAGE_HOST_INCLUDE_DIR}")
+    set(CORE_MANAGE_OUTER_HOST_LIBRARY "${CORE_MANAGE_HOST_LIBRARY}")
+endif()
 if(TARGET Core_ManageHost)
     set(CORE_MANAGE_INSTALLS_HOST_HEADERS ON)
     install(DIRECTORY host/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage/host"
@@ -39,11 +48,24 @@ install(FILES
     "${PROJECT_BINARY_DIR}/Core_ManageConfigVersion.cmake"
     DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
 
-set(CORE_MANAGE_PC_HOST "")
+set(pc_directory "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+file(RELATIVE_PATH CORE_MANAGE_PC_PREFIX
+    "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" CORE_MANAGE_PC_PREFIX "${CORE_MANAGE_PC_PREFIX}")
+cmake_path(APPEND CORE_MANAGE_PC_LIBDIR "\${prefix}" "${CMAKE_INSTALL_LIBDIR}")
+cmake_path(APPEND CORE_MANAGE_PC_INCLUDEDIR "\${prefix}" "${CMAKE_INSTALL_INCLUDEDIR}")
+set(CORE_MANAGE_PC_HOST_CFLAGS "")
+set(CORE_MANAGE_PC_HOST_LIBS "${CORE_MANAGE_OUTER_HOST_LIBRARY}")
+if(CORE_MANAGE_INSTALLS_HOST_HEADERS)
+    set(CORE_MANAGE_PC_HOST_CFLAGS "-I\${includedir}/core_manage/host")
+elseif(CORE_MANAGE_OUTER_HOST_INCLUDE_DIR)
+    set(CORE_MANAGE_PC_HOST_CFLAGS "-I${CORE_MANAGE_OUTER_HOST_INCLUDE_DIR}")
+endif()
 if(CORE_MANAGE_HOST_KIND STREQUAL "reference")
-    set(CORE_MANAGE_PC_HOST "-lCore_ManageHost")
+    set(CORE_MANAGE_PC_HOST_LIBS "-lCore_ManageHost")
 endif()
 configure_file(packaging/core_manage.pc.in "${PROJECT_BINARY_DIR}/core_manage.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/core_manage.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+install(FILES "${PROJECT_BINARY_DIR}/core_manage.pc" DESTINATION "${pc_directory}")
+install(FILES LICENSE README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 # Below the prefix, which udev reads as /usr and /usr/local.
 install(FILES packaging/70-core-manage.rules DESTINATION lib/udev/rules.d)

@@ -1,11 +1,27 @@
 # SPDX-License-Identifier: MIT
-# The library holds no copy of a host symbol, and exports its own classes only:
-#   cmake -DNM=nm -DLIBRARY=libCore_Manage.so -P checksymbols.cmake
-execute_process(COMMAND ${NM} -DC --defined-only ${LIBRARY} OUTPUT_VARIABLE defined RESULT_VARIABLE result)
-if(NOT result EQUAL 0)
-    message(FATAL_ERROR "nm cannot read ${LIBRARY}")
+# The library holds no copy of a host symbol, and exports its own classes only, as does the
+# reference host:
+#   cmake -DNM=nm -DLIBRARY=libCore_Manage.so -DHOST_LIBRARY=libCore_ManageHost.so -P checksymbols.cmake
+function(read_symbols library)
+    execute_process(COMMAND ${NM} -DC --defined-only ${library}
+        OUTPUT_VARIABLE defined RESULT_VARIABLE result)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR "nm cannot read ${library}")
+    endif()
+    string(REGEX REPLACE "[0-9a-f]+ ([A-Za-z]) ([^\n]*)" "\\1 \\2" defined "${defined}")
+    if(defined MATCHES "(^|\n)[A-Za-z] ([^(\n]* )?(std|__gnu_cxx|spdlog|fmt)::[^\n]*")
+        message(FATAL_ERROR "${library} exports another library's template: ${CMAKE_MATCH_0}")
+    endif()
+    set(defined "${defined}" PARENT_SCOPE)
+endfunction()
+
+if(HOST_LIBRARY)
+    read_symbols(${HOST_LIBRARY})
+    if(NOT defined MATCHES "B biz_CMDSWork::receivequeueHexCmd")
+        message(FATAL_ERROR "the host's queue is not exported")
+    endif()
 endif()
-string(REGEX REPLACE "[0-9a-f]+ ([A-Za-z]) ([^\n]*)" "\\1 \\2" defined "${defined}")
+read_symbols(${LIBRARY})
 foreach(symbol biz_CMDSWork:: biz_Osd_CMDSWork:: Utility_Manage::)
     if(defined MATCHES "[TDBRVWu] ${symbol}[^\n]*")
         message(FATAL_ERROR "a copy of a host symbol: ${CMAKE_MATCH_0}")
@@ -17,6 +33,9 @@ foreach(internal replyqueue:: commandframe:: blockjoin:: replykinds:: UdpLink:: 
         message(FATAL_ERROR "an internal symbol is exported: ${CMAKE_MATCH_0}")
     endif()
 endforeach()
-if(NOT defined MATCHES "T CoreFactory::creatCoreObj\\(ConnType\\)")
-    message(FATAL_ERROR "the factory is not exported")
-endif()
+foreach(public "T CoreFactory::creatCoreObj\\(ConnType\\)" "typeinfo for core_UDP" "vtable for ICoreBase"
+         "core_Osd_Manage::staticMetaObject")
+    if(NOT defined MATCHES "${public}")
+        message(FATAL_ERROR "not exported: ${public}")
+    endif()
+endforeach()

@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 # Builds and runs the consumer program in one of the ways a host can take part:
-#   cmake -DWAY=installed|target|library|open -DSOURCE_DIR=… -DWORK_DIR=… -DBUILD_DIR=… -P runconsumer.cmake
+#   cmake -DWAY=installed|target|library|open -DSOURCE_DIR=… -DWORK_DIR=… -DBUILD_DIR=… … -P runconsumer.cmake
+# What is installed is consumed twice, through the CMake package and through pkg-config.
+cmake_minimum_required(VERSION 3.22)
 
 set(here "${SOURCE_DIR}/tests/host")
 set(consumer "-DCONSUMER_SOURCE=${here}/consumer/main.cpp")
@@ -24,11 +26,65 @@ function(build source directory)
     run(${CMAKE_COMMAND} --build "${directory}")
 endfunction()
 
+# As a reader of the documentation does it, without a word about the kind of build.
+function(build_installed_library)
+    set(common -G Ninja)
+    build("${SOURCE_DIR}" "${WORK_DIR}/library" ${library_only} ${ARGN})
+    run(${CMAKE_COMMAND} --install "${WORK_DIR}/library" --prefix "${prefix}")
+    if(EXISTS "${prefix}/include/core_manage/host")
+        message(FATAL_ERROR "the reference host's headers are installed beside the own ones")
+    endif()
+    file(STRINGS "${WORK_DIR}/library/CMakeCache.txt" kind REGEX "^CMAKE_BUILD_TYPE:")
+    if(NOT kind MATCHES "=RelWithDebInfo$")
+        message(FATAL_ERROR "without a build type, the library is built as \"${kind}\"")
+    endif()
+endfunction()
+
+function(build_with_pkgconfig)
+    run(${CMAKE_COMMAND} -E env "PKG_CONFIG_PATH=${prefix}/${LIBDIR}/pkgconfig"
+        ${PKG_CONFIG} --cflags --libs core_manage)
+    separate_arguments(flags UNIX_COMMAND "${output}")
+    run(${CXX} ${ARGN} ${flags} -o "${WORK_DIR}/pkgconfig-consumer")
+    set(flags "${flags}" PARENT_SCOPE)
+endfunction()
+
+function(check_headers)
+    file(GLOB headers "${prefix}/include/core_manage/*.h" "${prefix}/include/core_manage/host/*.h")
+    foreach(required core_osd_manage core_osd_tcpsocket core_udp icorebase host/biz_cmdswork)
+        if(NOT "${prefix}/include/core_manage/${required}.h" IN_LIST headers)
+            message(FATAL_ERROR "${required}.h is not installed")
+        endif()
+    endforeach()
+    run(${CXX} -w -x c++ -fsyntax-only ${headers} -x none ${flags})
+endfunction()
+
+function(check_installed_files)
+    foreach(file LICENSE README.md)
+        if(NOT EXISTS "${prefix}/${DOCDIR}/${file}")
+            message(FATAL_ERROR "${file} is not installed")
+        endif()
+    endforeach()
+    execute_process(COMMAND grep -rlF "${SOURCE_DIR}" "${prefix}" OUTPUT_VARIABLE files)
+    if(files AND NOT CONFIG STREQUAL "Debug")
+        message(FATAL_ERROR "the source directory is named in ${files}")
+    endif()
+endfunction()
+
+function(run_consumer program)
+    run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${library_path}" "${WORK_DIR}/${program}" ${host_argument})
+    if(NOT output MATCHES "reply received")
+        message(FATAL_ERROR "the consumer said: ${output}")
+    endif()
+endfunction()
+
 set(host_argument own)
 set(library_path "")
 if(WAY STREQUAL "installed")
     run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+    check_installed_files()
     build("${here}/projects/installed" "${WORK_DIR}/consumer" ${consumer} "-DCMAKE_PREFIX_PATH=${prefix}")
+    build_with_pkgconfig("${here}/consumer/main.cpp")
+    check_headers()
     set(host_argument reference)
     set(library_path "${prefix}/${LIBDIR}")
 elseif(WAY STREQUAL "target")
@@ -36,24 +92,22 @@ elseif(WAY STREQUAL "target")
         "-DLIBRARY_SOURCE_DIR=${SOURCE_DIR}")
 elseif(WAY STREQUAL "library")
     build("${here}/projects/library" "${WORK_DIR}/host" ${own_host})
-    build("${SOURCE_DIR}" "${WORK_DIR}/library" ${library_only}
-        "-DCORE_MANAGE_HOST_INCLUDE_DIR=${here}/ownhost"
+    build_installed_library("-DCORE_MANAGE_HOST_INCLUDE_DIR=${here}/ownhost"
         "-DCORE_MANAGE_HOST_LIBRARY=${WORK_DIR}/host/libownhost.so")
-    run(${CMAKE_COMMAND} --install "${WORK_DIR}/library" --prefix "${prefix}")
     build("${here}/projects/installed" "${WORK_DIR}/consumer" ${consumer} "-DCMAKE_PREFIX_PATH=${prefix}")
+    build_with_pkgconfig("${here}/consumer/main.cpp")
     set(library_path "${prefix}/${LIBDIR}:${WORK_DIR}/host")
 elseif(WAY STREQUAL "open")
-    build("${SOURCE_DIR}" "${WORK_DIR}/library" ${library_only} -DCORE_MANAGE_HOST=none
-        "-DCORE_MANAGE_HOST_INCLUDE_DIR=${here}/ownhost")
-    run(${CMAKE_COMMAND} --install "${WORK_DIR}/library" --prefix "${prefix}")
+    build_installed_library(-DCORE_MANAGE_HOST=none "-DCORE_MANAGE_HOST_INCLUDE_DIR=${here}/ownhost")
     build("${here}/projects/open" "${WORK_DIR}/consumer" ${consumer} ${own_host}
         "-DCMAKE_PREFIX_PATH=${prefix}")
+    build_with_pkgconfig(-rdynamic "${here}/consumer/main.cpp" "${here}/ownhost/ownhost.cpp")
     set(library_path "${prefix}/${LIBDIR}")
 else()
     message(FATAL_ERROR "unknown WAY \"${WAY}\"")
 endif()
 
-run(${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${library_path}" "${WORK_DIR}/consumer/consumer" ${host_argument})
-if(NOT output MATCHES "reply received")
-    message(FATAL_ERROR "the consumer said: ${output}")
+run_consumer(consumer/consumer)
+if(NOT WAY STREQUAL "target")
+    run_consumer(pkgconfig-consumer)
 endif()

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A host program: sends one command to a device on loopback and waits for the reply in its queue.
 #include "biz_cmdswork.h"
+#include "core_udp.h"
 #include "corefactory.h"
 #include "icorebase.h"
 #include "utility_manage.h"
@@ -73,6 +74,10 @@ int main(int argc, char** argv)
         return failed("no port for the device");
     }
     const std::unique_ptr<ICoreBase> transport(CoreFactory::creatCoreObjInstance(ConnUdp));
+    if (qobject_cast<core_UDP*>(transport.get()) != dynamic_cast<core_UDP*>(transport.get()) ||
+        dynamic_cast<core_UDP*>(transport.get()) == nullptr) {
+        return failed("the link is not what the factory was asked for");
+    }
     transport->setDeviceIP(QStringLiteral("127.0.0.1"));
     transport->setPort(device.localPort());
     model_Protocoldata record;
