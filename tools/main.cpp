@@ -1,91 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "commands/commands.h"
+#include "commandline.h"
 #include "hidemulation.h"
-#include "output.h"
-#include "toolerror.h"
-
-#include <CLI/CLI.hpp>
 
 #include <QCoreApplication>
-#include <QRegularExpression>
 
-#include <array>
 #include <csignal>
-
-namespace
-{
-
-QString withoutSubcommand(const CLI::App& application)
-{
-    const QString right = QStringLiteral("give one of demo, send, listen, simulate, ports, "
-                                         "devices, encode, decode first");
-    const std::vector<std::string> unknown = application.remaining();
-    return unknown.empty() ? right
-                           : QStringLiteral("\"%1\" is no subcommand: %2")
-                                 .arg(QString::fromStdString(unknown.front()), right);
-}
-
-// CLI11's own words, on one line, where they say what is wrong.
-QString inWords(const CLI::ParseError& error)
-{
-    static const QRegularExpression repeated(QStringLiteral("^(.+): At Most 1 required"));
-    static const QRegularExpression bare(QStringLiteral("^(.+): 1 required"));
-    QString text = QString::fromLocal8Bit(error.what());
-    text.replace(QLatin1Char('\n'), QLatin1Char(' '));
-    if (const auto match = repeated.match(text); match.hasMatch()) {
-        return QStringLiteral("%1 comes more than once: give it once").arg(match.captured(1));
-    }
-    if (const auto match = bare.match(text); match.hasMatch()) {
-        return QStringLiteral("%1 has no value: give one behind it").arg(match.captured(1));
-    }
-    return text.trimmed();
-}
-
-// What is wrong, and where to find what would be right.
-int reportParseError(const CLI::App& application, const CLI::ParseError& error)
-{
-    std::string help = application.get_name();
-    for (const CLI::App* subcommand : application.get_subcommands()) {
-        help += ' ' + subcommand->get_name();
-    }
-    const QString what =
-        application.get_subcommands().empty() ? withoutSubcommand(application) : inWords(error);
-    output::error(
-        QStringLiteral("coremanage: %1: see %2 --help").arg(what, QString::fromStdString(help)));
-    return exitcode::badInput;
-}
-
-int parseAndRun(int argc, char** argv)
-{
-    CLI::App application("Talks to a device, or plays one", "coremanage");
-    application.set_version_flag("--version", COREMANAGE_VERSION);
-    application.require_subcommand(1);
-    const std::array subcommands{
-        commands::addDemo(application),   commands::addSend(application),
-        commands::addListen(application), commands::addSimulate(application),
-        commands::addPorts(application),  commands::addDevices(application),
-        commands::addEncode(application), commands::addDecode(application)};
-    application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
-                       "\nExit codes: 0 done, 1 the operation failed (no reply, no valid frame),\n"
-                       "2 wrong input and nothing sent, 3 a link could not be opened.");
-    try {
-        application.parse(argc, argv);
-    } catch (const CLI::Success& help) {
-        return application.exit(help);
-    } catch (const CLI::ParseError& error) {
-        return reportParseError(application, error);
-    }
-    for (const commands::Subcommand& subcommand : subcommands) {
-        if (subcommand.parser->parsed()) {
-            const int code = subcommand.run();
-            output::checkLoss();
-            return code;
-        }
-    }
-    return exitcode::badInput;
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
@@ -93,13 +12,5 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN); // lost output is noticed where it is written
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("coremanage"));
-    try {
-        return parseAndRun(argc, argv);
-    } catch (const ToolError& error) {
-        output::error(QStringLiteral("coremanage: ") + QString::fromUtf8(error.what()));
-        return error.code();
-    } catch (const std::exception& error) {
-        output::error(QStringLiteral("coremanage: ") + QString::fromLocal8Bit(error.what()));
-        return exitcode::failed;
-    }
+    return commandline::run(argc, argv);
 }
