@@ -14,18 +14,20 @@ QByteArray osdframe::encode(const model_OsdParam& record)
 {
     const int dataSize = record.arryData.size();
     QByteArray frame(headLength + dataSize + tailLength, Qt::Uninitialized);
-    char* out = frame.data();
+    char* const head = frame.data();
     // ch5 goes before ch4: endpoints expect it there.
-    for (const char byte :
-         {record.ch2, record.ch3, record.ch5, record.ch4, record.ch7, record.ch8}) {
-        *out++ = byte;
-    }
+    head[0] = record.ch2;
+    head[1] = record.ch3;
+    head[2] = record.ch5;
+    head[3] = record.ch4;
+    head[4] = record.ch7;
+    head[5] = record.ch8;
+    char* const data = head + headLength;
     if (dataSize > 0) {
-        std::memcpy(out, record.arryData.constData(), static_cast<std::size_t>(dataSize));
-        out += dataSize;
+        std::memcpy(data, record.arryData.constData(), static_cast<std::size_t>(dataSize));
     }
-    *out++ = record.ch9;
-    *out = record.ch10;
+    data[dataSize] = record.ch9;
+    data[dataSize + 1] = record.ch10;
     return frame;
 }
 
