@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "linkaddress.h"
 
+#include "decimal.h"
 #include "toolerror.h"
 
 #include <QRegularExpression>
+
+#include <limits>
 
 LinkAddress LinkAddress::parse(const QString& text)
 {
@@ -33,8 +36,6 @@ LinkAddress::IpTarget LinkAddress::ipTarget(quint16 usualPort) const
 {
     static const QRegularExpression dotted(QRegularExpression::anchoredPattern(
         QStringLiteral("(0|[1-9][0-9]{0,2})(\\.(0|[1-9][0-9]{0,2})){3}")));
-    static const QRegularExpression digits(
-        QRegularExpression::anchoredPattern(QStringLiteral("[0-9]+")));
     const int colon = target.indexOf(QLatin1Char(':'));
     const QString ip = target.left(colon);
     const QHostAddress host(ip);
@@ -48,12 +49,11 @@ LinkAddress::IpTarget LinkAddress::ipTarget(quint16 usualPort) const
         return {host, usualPort};
     }
     const QString written = target.mid(colon + 1);
-    bool isNumber = false;
-    const quint16 port = written.toUShort(&isNumber);
-    if (!isNumber || !digits.match(written).hasMatch()) {
+    const int port = decimal(written).value_or(-1);
+    if (port < 0 || port > std::numeric_limits<quint16>::max()) {
         refuse(QStringLiteral("\"%1\" is no port: give a number from 1 to 65535").arg(written));
     }
-    return {host, port};
+    return {host, static_cast<quint16>(port)};
 }
 
 void LinkAddress::refuse(const QString& reason) const

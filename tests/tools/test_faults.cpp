@@ -85,6 +85,13 @@ TEST(Faults, SaysWhatIsWrongAndWhatWouldBeRight)
         {"drop=-1%", "write drop=10%"},
         {"drop=nan%", "write drop=10%"},
         {"drop=x", "write drop=10%"},
+        {"drop=+1", "write drop=10%"},
+        {"drop= 1", "write drop=10%"},
+        {"drop=2147483648", "write drop=10%"},
+        {"drop=+5%", "write drop=10%"},
+        {"drop= 5%", "write drop=10%"},
+        {"drop=1e1%", "write drop=10%"},
+        {"drop=%", "write drop=10%"},
         {"drop=1:5", "drop takes no amount"},
         {"refuse=3", "refuse is there all the time: write refuse alone"},
         {"never-read=100%", "write never-read alone"},
@@ -92,6 +99,7 @@ TEST(Faults, SaysWhatIsWrongAndWhatWouldBeRight)
         {"delay=1:0", "a number from 1 to 3600000"},
         {"delay=1:", "a number from 1 to 3600000"},
         {"delay=1:x", "a number from 1 to 3600000"},
+        {"delay=1:+5", "a number from 1 to 3600000"},
         {"truncate=1:19", "a number from 1 to 18"},
     };
     for (const auto& wrong : cases) {

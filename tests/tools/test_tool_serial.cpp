@@ -53,7 +53,8 @@ TEST(SerialTool, SaysThatTheDeviceHasGone)
 TEST(SerialTool, RefusesWrongSettingsAndPorts)
 {
     for (const char* link :
-         {"serial:///dev/ttyS0?baud=fast", "serial:///dev/ttyS0?data=9",
+         {"serial:///dev/ttyS0?baud=fast", "serial:///dev/ttyS0?baud=+9600",
+          "serial:///dev/ttyS0?baud= 9600", "serial:///dev/ttyS0?data=9",
           "vela:///dev/ttyS0?parity=some", "serial:///dev/ttyS0?speed=1", "serial://"}) {
         EXPECT_EQ(ToolRun({QStringLiteral("send"), QLatin1String(link), QStringLiteral("--cmd"),
                            QStringLiteral("1")})

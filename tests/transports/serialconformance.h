@@ -19,6 +19,18 @@ inline QStringList serialLineSlots()
             QStringLiteral("slot handleError(QSerialPort::SerialPortError) error")};
 }
 
+/// A serial transport that notes what it was given to send, instead of sending it.
+template <class Transport>
+class NotingLine : public Transport
+{
+public:
+    using Transport::reportWritten;
+    void drop(bool on) { Transport::bBaseFlag = !on; }
+    void sendDatatoDevice(void* parameters) override { taken = parameters; }
+
+    void* taken = nullptr;
+};
+
 /// A serial transport with a scripted device on a pseudo-terminal, for StreamLinkConformance.
 template <class Transport>
 class SerialLinkUnderTest

@@ -164,21 +164,13 @@ TEST_F(CoreSerialPortTest, AClosedPortTakesNoFrame)
 namespace
 {
 
-class Outcomes : public Core_SerialPort
-{
-public:
-    using SerialLine::reportWritten;
-    void drop(bool on) { bBaseFlag = !on; }
-    void sendDatatoDevice(void* parameters) override { taken = parameters; }
-
-    void* taken = nullptr;
-};
+using Noting = NotingLine<Core_SerialPort>;
 
 } // namespace
 
 TEST_F(CoreSerialPortTest, SendingByFeaturesIsSending)
 {
-    Outcomes own;
+    Noting own;
     model_Protocoldata record;
     own.sendDatatoDeviceByFeatures(&record);
     EXPECT_EQ(own.taken, &record);
@@ -186,7 +178,7 @@ TEST_F(CoreSerialPortTest, SendingByFeaturesIsSending)
 
 TEST_F(CoreSerialPortTest, SentTextsAreUtf8)
 {
-    Outcomes::reportWritten(3, "\xc3\xa9!");
+    Noting::reportWritten(3, "\xc3\xa9!");
     EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:\u00e9!")));
 }
 
@@ -246,19 +238,19 @@ TEST_F(CoreSerialPortTest, ALostPortKeepsTheBuffer)
 
 TEST_F(CoreSerialPortTest, OnlyWholeAndFailedWritesAreReported)
 {
-    Outcomes::reportWritten(3, "abcd");
-    Outcomes::reportWritten(0, "abcd");
+    Noting::reportWritten(3, "abcd");
+    Noting::reportWritten(0, "abcd");
     EXPECT_TRUE(capture.lines().isEmpty());
-    Outcomes::reportWritten(-1, "abcd");
+    Noting::reportWritten(-1, "abcd");
     EXPECT_EQ(capture.lines(), QStringList(QStringLiteral("Send failed")));
     EXPECT_TRUE(hostqueue::logLines().isEmpty());
-    Outcomes::reportWritten(4, "abcd");
+    Noting::reportWritten(4, "abcd");
     EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:abcd")));
 }
 
 TEST_F(CoreSerialPortTest, BytesAreDroppedWhileTheBaseFlagIsClear)
 {
-    SerialLinkUnderTest<Outcomes> dropping;
+    SerialLinkUnderTest<Noting> dropping;
     ASSERT_TRUE(dropping.open());
     dropping.line.drop(true);
     bool wasRead = false; // by the line, which was connected first

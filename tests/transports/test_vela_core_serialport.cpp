@@ -64,16 +64,9 @@ TEST_F(VelaCoreSerialPortTest, EveryChunkIsShownWithThePortsName)
 namespace
 {
 
-class Watched : public Vela_Core_SerialPort
-{
-public:
-    void drop(bool on) { bBaseFlag = !on; }
-    void sendDatatoDevice(void* parameters) override { taken = parameters; }
+using Noting = NotingLine<Vela_Core_SerialPort>;
 
-    void* taken = nullptr;
-};
-
-Watched* watched = nullptr;
+Noting* watched = nullptr;
 QByteArray bufferedAtLine;
 
 void noteBuffer(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& text)
@@ -86,7 +79,7 @@ void noteBuffer(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const
 TEST_F(VelaCoreSerialPortTest, AChunkIsShownBeforeItIsBufferedAndNotWhileItIsDropped)
 {
     const int threads = processstate::threads();
-    SerialLinkUnderTest<Watched> own;
+    SerialLinkUnderTest<Noting> own;
     bool wasRead = false; // by the line, which was connected first
     QObject::connect(&own.line.port(), &QSerialPort::readyRead, &own.line,
                      [&wasRead] { wasRead = true; });
@@ -109,7 +102,7 @@ TEST_F(VelaCoreSerialPortTest, AChunkIsShownBeforeItIsBufferedAndNotWhileItIsDro
 
 TEST_F(VelaCoreSerialPortTest, SendingByFeaturesIsSending)
 {
-    Watched own;
+    Noting own;
     model_Protocoldata record;
     own.sendDatatoDeviceByFeatures(&record);
     EXPECT_EQ(own.taken, &record);

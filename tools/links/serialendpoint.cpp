@@ -3,6 +3,7 @@
 
 #include "core_serialport.h"
 #include "corelink.h"
+#include "decimal.h"
 #include "demo/devicedemo.h"
 #include "fileholder.h"
 #include "filerights.h"
@@ -121,11 +122,10 @@ public:
     {
         text.allowOptions({QStringLiteral("baud"), QStringLiteral("data"), QStringLiteral("parity"),
                            QStringLiteral("stop"), QStringLiteral("flow")});
-        bool isNumber = true;
         if (text.options.contains(QStringLiteral("baud"))) {
-            baud = text.options.value(QStringLiteral("baud")).toInt(&isNumber);
+            baud = decimal(text.options.value(QStringLiteral("baud"))).value_or(0);
         }
-        if (!isNumber || baud < 1 || baud > mostBaud) {
+        if (baud < 1 || baud > mostBaud) {
             text.refuse(QStringLiteral("baud is a number from 1 to %1").arg(mostBaud));
         }
         dataBits = chosen(text, QStringLiteral("data"), dataBitChoices, QSerialPort::Data8);

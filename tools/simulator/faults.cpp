@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "faults.h"
 
+#include "decimal.h"
+
+#include <QRegularExpression>
+
 #include <limits>
 
 namespace
@@ -137,29 +141,28 @@ QString Faults::parse(const QString& text)
         return {};
     }
     const QString value = text.section(QLatin1Char('='), 1);
-    QString when = value.section(QLatin1Char(':'), 0, 0);
+    const QString when = value.section(QLatin1Char(':'), 0, 0);
     const QString howMuch = value.section(QLatin1Char(':'), 1);
     Setting setting;
-    bool valid = false;
-    if (when.endsWith(QLatin1Char('%'))) {
-        when.chop(1);
-        setting.probability = when.toDouble(&valid) / 100.0;
-        valid = valid && setting.probability >= 0 && setting.probability <= 1;
+    static const QRegularExpression percentage(
+        QRegularExpression::anchoredPattern(QStringLiteral("([0-9]+(?:\\.[0-9]+)?)%")));
+    const QRegularExpressionMatch chance = percentage.match(when);
+    if (chance.hasMatch()) {
+        setting.probability = chance.captured(1).toDouble() / 100.0;
     } else {
-        setting.count = when.toInt(&valid);
-        valid = valid && setting.count > 0;
+        setting.count = decimal(when).value_or(0);
     }
-    if (!valid) {
+    if (setting.probability > 1 || (!chance.hasMatch() && setting.count < 1)) {
         return QStringLiteral("\"%1\" does not say when: write %2=10% (a chance of 0 to 100%) or "
                               "%2=3 (the first three times)")
             .arg(text, name);
     }
     if (value.contains(QLatin1Char(':'))) {
-        setting.amount = howMuch.toInt(&valid);
+        setting.amount = decimal(howMuch).value_or(0);
         if (row->defaultAmount == 0) {
             return QStringLiteral("\"%1\": %2 takes no amount").arg(text, name);
         }
-        if (!valid || setting.amount < 1 || setting.amount > row->mostAmount) {
+        if (setting.amount < 1 || setting.amount > row->mostAmount) {
             return QStringLiteral("\"%1\": the amount of %2 is a number from 1 to %3")
                 .arg(text, name)
                 .arg(row->mostAmount);
