@@ -81,14 +81,14 @@ void frames()
         ratio::inTurns([&] { size += library.produceCmds(record).size(); },
                        [&] { size += literal.produceCmds(record).size(); }, 200);
     ratio::printFaster("frame with 64 KiB", literalLarge, large, 3);
-    const auto [again, copy] =
-        ratio::inTurns([&] { size += library.produceCmds(record).size(); },
-                       [&] {
-                           QByteArray bytes(record.arryData.size() + 8, Qt::Uninitialized);
-                           std::memcpy(bytes.data() + 6, record.arryData.constData(), 64 * 1024);
-                           size += bytes.size();
-                       },
-                       2000);
+    const auto [again, copy] = ratio::inTurns(
+        [&] { size += library.produceCmds(record).size(); },
+        [&] {
+            QByteArray bytes(record.arryData.size() + 8, Qt::Uninitialized);
+            std::memcpy(bytes.data() + 6, record.arryData.constData(), std::size_t{64} * 1024);
+            size += bytes.size();
+        },
+        2000);
     ratio::printTimes("frame with 64 KiB, to one allocation and copy", copy, again, 1.5);
     if (size == 0) {
         std::puts("");

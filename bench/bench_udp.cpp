@@ -14,6 +14,7 @@
 #include <QUdpSocket>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <thread>
 
@@ -45,7 +46,10 @@ public:
     {
         sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
-        bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        if (bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            std::perror("bench_udp: bind");
+            std::exit(1);
+        }
         getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
         port = ntohs(address.sin_port);
         const timeval pause{0, 100000};

@@ -65,6 +65,7 @@ void LiteralOsdSocket::sendData(QByteArray data)
 
 void LiteralOsdSocket::addToReceivedQueue(model_OsdParam record)
 {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): part of what is measured
     const model_OsdParam copy = record;
     biz_Osd_CMDSWork::addToReceiveQueue(copy);
 }
@@ -84,7 +85,7 @@ QByteArray LiteralOsdSocket::getBuffData(unsigned short count)
 QByteArray LiteralOsdSocket::takeBuffData(unsigned short count)
 {
     const QMutexLocker locker(&buffLock);
-    const QByteArray taken = buffData.mid(0, count);
+    QByteArray taken = buffData.mid(0, count);
     buffData.remove(0, count);
     return taken;
 }

@@ -301,6 +301,7 @@ TEST(ReplyQueue, PostersOnSeveralThreadsLoseNothing)
     hostqueue::clear();
     constexpr int each = 20000;
     std::vector<std::thread> posters;
+    posters.reserve(4);
     for (int poster = 0; poster < 4; ++poster) {
         posters.emplace_back([poster] {
             for (int i = 0; i < each; ++i) {
@@ -317,7 +318,7 @@ TEST(ReplyQueue, PostersOnSeveralThreadsLoseNothing)
     for (std::thread& poster : posters) {
         poster.join();
     }
-    ASSERT_TRUE(eventually([] { return hostqueue::size() == 4 * each; }));
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == std::size_t{4} * each; }));
     int next[4] = {0, 0, 0, 0};
     for (const model_Protocoldata& record : hostqueue::records()) {
         ASSERT_EQ(record.aux7, next[record.HEAD]++); // each poster's records stay in its order

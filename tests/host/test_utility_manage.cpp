@@ -57,6 +57,7 @@ TEST(WriteLog, EveryCodePointStaysOnItsLine)
 TEST(WriteLog, LinesOfSeveralThreadsStayWhole)
 {
     std::vector<std::thread> writers;
+    writers.reserve(4);
     for (int writer = 0; writer < 4; ++writer) {
         writers.emplace_back([writer] {
             for (int i = 0; i < 500; ++i) {

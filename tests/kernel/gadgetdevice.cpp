@@ -3,6 +3,8 @@
 
 #include "eventually.h"
 
+#include <gtest/gtest.h>
+
 #include <QDir>
 #include <QFile>
 
@@ -19,11 +21,16 @@ constexpr int sendTimeoutMs = 5000;
 const QString gadget = QStringLiteral("/sys/kernel/config/usb_gadget/hid/");
 const QString controller = QStringLiteral("dummy_udc.0");
 
-void put(const QString& name, const QByteArray& value)
+bool accepts(const QString& name, const QByteArray& value)
 {
     QFile file(gadget + name);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) ||
-        file.write(value) != value.size()) {
+    return file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) &&
+           file.write(value) == value.size();
+}
+
+void put(const QString& name, const QByteArray& value)
+{
+    if (!accepts(name, value)) {
         throw std::runtime_error("configfs refuses " + name.toStdString());
     }
 }
@@ -100,7 +107,7 @@ void GadgetDevice::unplug()
     if (node < 0) {
         return;
     }
-    put(QStringLiteral("UDC"), "\n");
+    EXPECT_TRUE(accepts(QStringLiteral("UDC"), "\n")) << "configfs refuses to unbind the gadget";
     stopCollecting();
     close(node);
     node = -1;

@@ -41,8 +41,8 @@ TEST(OsdFrames, PutsTheBytesInTheirPlaces)
     model_OsdParam record;
     char* const members[] = {&record.ch2, &record.ch3, &record.ch4, &record.ch5, &record.ch6,
                              &record.ch7, &record.ch8, &record.ch9, &record.ch10};
-    for (char i = 0; i < 9; ++i) {
-        *members[static_cast<int>(i)] = static_cast<char>(i + 1);
+    for (int i = 0; i < 9; ++i) {
+        *members[i] = static_cast<char>(i + 1);
     }
     record.ch0 = 0x70;
     record.ch1 = 0x71;

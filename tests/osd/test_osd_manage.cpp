@@ -282,6 +282,7 @@ TEST(OsdManage, TheSharedManagerMayGoWhileWorkersStartAndEnd)
     ASSERT_TRUE(near.start());
     std::atomic<bool> ending{false};
     std::vector<std::thread> openers;
+    openers.reserve(4);
     for (int i = 0; i < 4; ++i) {
         openers.emplace_back([&, i] {
             while (!ending) {

@@ -95,7 +95,7 @@ TEST(OsdSimulator, SplitsGarblesFloodsAndIsLate)
     QElapsedTimer waited;
     waited.start();
     pair.client.write(goodCommand);
-    ASSERT_TRUE(eventually([&] { return pair.client.bytesAvailable() == 3 * (16 + 3); }));
+    ASSERT_TRUE(eventually([&] { return pair.client.bytesAvailable() == qint64{3} * (16 + 3); }));
     EXPECT_GE(waited.elapsed(), 3 * (50 + 3 * 20));
     const QByteArray first = pair.client.readAll();
     EXPECT_TRUE(first.endsWith("OK!"));

@@ -19,7 +19,8 @@ int main(int argc, char** argv)
     std::thread([] {}).join(); // a sanitizer's own thread starts with the first one
     QCoreApplication application(argc, argv);
     const QTemporaryDir logDirectory;
-    Utility_Manage::setLogFile(logDirectory.filePath(QStringLiteral("test.log")), 64 * 1024 * 1024);
+    Utility_Manage::setLogFile(logDirectory.filePath(QStringLiteral("test.log")),
+                               qint64{64} * 1024 * 1024);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

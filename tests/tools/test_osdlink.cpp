@@ -59,7 +59,7 @@ TEST(OsdLink, SendsNothingTwice)
 {
     OsdPeer peer(address.toLatin1().constData());
     const auto late = [] {
-        const auto seen = tcpconnections::established();
+        auto seen = tcpconnections::established();
         std::this_thread::sleep_for(std::chrono::milliseconds(30)); // it is sent meanwhile
         return seen;
     };

@@ -66,7 +66,8 @@ public:
         port = ntohs(address.sin_port);
         for (int& client : clients) {
             client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+            static_cast<void>(
+                connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address));
         }
     }
     ~HangingEndpoint()
@@ -113,7 +114,7 @@ TEST_F(OsdTool, SendsToSeveralEndpointsAndTellsWhoAcknowledgedWhat)
     EXPECT_EQ(json.value(QStringLiteral("sent")).toObject().value(QStringLiteral("frame")),
               QString::fromLatin1(frame.toHex()));
     QStringList seen;
-    for (const QJsonValue& value : json.value(QStringLiteral("replies")).toArray()) {
+    for (const QJsonValue value : json.value(QStringLiteral("replies")).toArray()) {
         const QJsonObject reply = value.toObject();
         seen << reply.value(QStringLiteral("from")).toString() + QLatin1Char('=') +
                     reply.value(QStringLiteral("acknowledgement")).toString();

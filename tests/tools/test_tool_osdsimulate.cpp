@@ -135,12 +135,12 @@ TEST_F(OsdSimulate, SendsGarbageBeforeAndFloods)
 {
     simulate("--fault garbage=1:7 --fault flood=2:100000");
     send(command);
-    EXPECT_TRUE(eventually([this] { return host.bytesAvailable() == 100'000 * (7 + 3); }));
+    EXPECT_TRUE(eventually([this] { return host.bytesAvailable() == qint64{100'000} * (7 + 3); }));
     const QByteArray first = host.readAll();
     EXPECT_EQ(first.count("OK!"), 100'000);
     EXPECT_FALSE(first.left(7).contains('O'));
     send(command);
-    EXPECT_TRUE(eventually([this] { return host.bytesAvailable() == 100'000 * 3; }));
+    EXPECT_TRUE(eventually([this] { return host.bytesAvailable() == qint64{100'000} * 3; }));
 }
 
 TEST_F(OsdSimulate, HangsUpOrResets)

@@ -412,6 +412,7 @@ TEST_F(CoreUdpLifecycle, SystemPlanReInitAndDestructionMeet)
         std::atomic<int> sends{0};
         std::atomic<bool> stop{false};
         std::vector<std::thread> senders;
+        senders.reserve(3);
         for (int sender = 0; sender < 3; ++sender) {
             senders.emplace_back([&, sender] {
                 model_Protocoldata record = command(sender);

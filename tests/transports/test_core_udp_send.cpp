@@ -330,6 +330,7 @@ TEST_F(CoreUdpSend, SendsFromSeveralThreadsArriveWhole)
     constexpr int threads = 4;
     constexpr int each = 100;
     std::vector<std::thread> senders;
+    senders.reserve(threads);
     for (int sender = 0; sender < threads; ++sender) {
         senders.emplace_back([this, sender] {
             model_Protocoldata record = command();

@@ -33,6 +33,7 @@ constexpr quint16 updateProduct = 0x100A;
 std::vector<QByteArray> reports(const std::vector<QByteArray>& data)
 {
     std::vector<QByteArray> all;
+    all.reserve(data.size());
     for (const QByteArray& bytes : data) {
         all.push_back(QByteArray(1, '\0') + bytes.leftJustified(64, '\0'));
     }
