@@ -3,10 +3,14 @@
 
 #include <QDir>
 
+#include <gio/gio.h>
 #include <umockdev.h>
 
 HidTestbed::HidTestbed() : bed(umockdev_testbed_new())
 {
+    // Starts GLib's own thread now instead of somewhen: whoever counts threads or descriptors from
+    // here on sees it.
+    g_type_ensure(G_TYPE_TASK);
     QDir(root()).mkdir(QStringLiteral("dev"));
 }
 
