@@ -31,8 +31,8 @@ public:
     /// object.
     static ICoreBase* creatCoreObj(ConnType type);
 
-    /// The shared endpoint manager, made anew: the one before, if any, is destroyed first and
-    /// iOsdCore is null meanwhile.
+    /// The shared endpoint manager, made anew: the one before, if any, is destroyed first;
+    /// iOsdCore is null while the new one is made.
     static ICoreOsdBase* createOsdCoreObj(ConnOsdType type);
 
     /// A new link of its own; the caller owns it. The shared ones are not touched.

@@ -94,12 +94,11 @@ private:
         for (;;) {
             {
                 const std::lock_guard lock(state.lock);
-                if (state.pending.empty() || processend::over()) {
-                    state.pending.clear();
+                batch.swap(state.pending); // and not destroyed below the lock
+                if (batch.empty() || processend::over()) {
                     state.draining = false;
                     return;
                 }
-                batch.swap(state.pending);
             }
             state.handler(batch);
             batch.clear();

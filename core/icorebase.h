@@ -35,13 +35,15 @@ public:
     virtual void clearQueue() = 0;
 
     /// Serial links: configures and opens the port, false if it cannot be opened. Owner's thread.
-    /// A port that is open is closed first, which waits for its parser (at most 600 ms).
+    /// A port that is open is closed first, which waits for its parser (at most 600 ms, or
+    /// 1000 if that waits for the host).
     virtual bool openSerialPort(QString portName, QSerialPort::BaudRate baudRate,
                                 QSerialPort::StopBits stopBits, QSerialPort::Parity parity,
                                 QSerialPort::FlowControl flowControl,
                                 QSerialPort::DataBits dataBits) = 0;
 
-    /// Serial links: stops the parser (at most 600 ms) and closes the port. Owner's thread.
+    /// Serial links: stops the parser (at most 600 ms, or 1000 if that waits for the host) and
+    /// closes the port. Owner's thread.
     virtual void closeSerialPort() = 0;
 
     /// USB: opens the first HID device with these ids, false if there is none or it cannot be

@@ -135,7 +135,11 @@ bool appendedAtOnce(model_Protocoldata& record)
 
 void replyqueue::append(model_Protocoldata record)
 {
+    backlog().drainHere(); // what was refused a thread: a clear among it must not take this record
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+    if (processend::over()) {
+        return;
+    }
     biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
     setRetFlag(true);
 }

@@ -24,12 +24,13 @@ OsdWorkThread::OsdWorkThread(std::shared_ptr<OsdEndpoint> of) : endpoint(std::mo
 
 void OsdWorkThread::run()
 {
-    OsdConnection worker(endpoint, endpoint->run(), *this);
+    // Not on this thread's stack, which whoever posts to it would have to bring in page by page.
+    const auto worker = std::make_unique<OsdConnection>(endpoint, endpoint->run(), *this);
     {
         const std::lock_guard lock(connectionLock);
-        connection = &worker;
+        connection = worker.get();
     }
-    worker.start();
+    worker->start();
     exec();
     const std::lock_guard lock(connectionLock);
     connection = nullptr;

@@ -316,18 +316,20 @@ QString core_UDP::senderText(const sockaddr_storage& sender)
 
 void core_UDP::readOne(int size, const QString& sender)
 {
-    lastDatagram = QByteArray(readBuffer.data(), size);
-    qCDebug(debugLine) << textWithBytes("Recv data:", lastDatagram);
+    // The host's code below may have the socket rebuilt, or the next datagrams read.
+    const QByteArray datagram(readBuffer.data(), size);
+    lastDatagram = datagram;
+    qCDebug(debugLine) << textWithBytes("Recv data:", datagram);
     qCDebug(debugLine) << QString(QLatin1String("host ip:") + sender);
-    model_Protocoldata record = getArrayData(lastDatagram);
+    model_Protocoldata record = getArrayData(datagram);
     record.strKey = sender;
     record.strKey2 = sender;
     record.bKeyFlag = 0;
     record.featureCode = deviceType.load(std::memory_order_relaxed);
-    route(record);
+    route(record, datagram);
 }
 
-void core_UDP::route(const model_Protocoldata& record)
+void core_UDP::route(const model_Protocoldata& record, const QByteArray& datagram)
 {
     using replykinds::Block;
     Block block = replykinds::kindOf(record).onUdp;
@@ -338,9 +340,9 @@ void core_UDP::route(const model_Protocoldata& record)
         addToReceivedQueue(record);
     } else if (block != Block::None) {
         const std::lock_guard lock(stdCMDlock);
-        stdCMD = lastDatagram;
+        stdCMD = datagram;
     } else if (record.ADDR == 0 && record.CMD == 0 && record.CHKSUM == 0) {
-        join(record);
+        join(record, datagram);
     } else {
         replyqueue::post(record);
     }
@@ -348,10 +350,9 @@ void core_UDP::route(const model_Protocoldata& record)
 
 // The join itself is cheap and waits for nothing; what may wait for the host is posted, before the
 // wait for the class-wide lock.
-void core_UDP::join(const model_Protocoldata& stamps)
+void core_UDP::join(const model_Protocoldata& stamps, const QByteArray& block)
 {
     model_Protocoldata record;
-    const QByteArray block = lastDatagram;
     const QByteArray reply = stdCMD;
     if (const char* failure = joined(block, reply, record)) {
         replyqueue::postFailure(failure);
@@ -363,7 +364,9 @@ void core_UDP::join(const model_Protocoldata& stamps)
         replyqueue::post(std::move(record));
     }
     const std::lock_guard lock(stdCMDlock);
-    stdCMD.clear();
+    if (stdCMD.isSharedWith(reply)) { // else the host's code had another one read and stored
+        stdCMD.clear();
+    }
 }
 
 const char* core_UDP::joined(const QByteArray& received, const QByteArray& reply,

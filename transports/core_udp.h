@@ -55,8 +55,8 @@ public:
     void closeUSB() override;
     void setDeviceType(model_GlobalEnum::DeviceType type) override;
 
-    /// Makes and binds a new socket; the one before must have been closed. Sets the device port
-    /// back to its default. Owner's thread.
+    /// Closes the socket, with a reply that waits for its block, and makes and binds a new one.
+    /// Sets the device port back to its default. Owner's thread.
     void initUdp();
 
     /// Sends a frame to the device in datagrams of at most 540 bytes. An outcome that is neither
@@ -96,7 +96,9 @@ public:
 
 Q_SIGNALS:
     /// A send went wrong in an unknown way. Emitted in the owner's thread for a frame of the system
-    /// plan, in the caller's thread for every other.
+    /// plan, in the caller's thread for every other. The transport's own slots forget the device
+    /// address then, some of them behind a slot of the host's: one that sets the address again must
+    /// be connected queued and do so through one more queued call.
     void signalReInitUdp();
 
     void signalSendReceiveMessageToUiPro(void*); ///< never emitted
@@ -122,8 +124,8 @@ private:
     void rebuild(Device device);
     bool readNext();
     void readOne(int size, const QString& sender);
-    void route(const model_Protocoldata& record);
-    void join(const model_Protocoldata& stamps);
+    void route(const model_Protocoldata& record, const QByteArray& datagram);
+    void join(const model_Protocoldata& stamps, const QByteArray& block);
     const char* joined(const QByteArray& received, const QByteArray& reply,
                        model_Protocoldata& record);
     QString senderText(const sockaddr_storage& sender);

@@ -189,16 +189,37 @@ std::shared_ptr<UdpEndpoint> UdpLink::endpointNow() const
     }
 }
 
+UdpLink::Route UdpLink::routeNow() const
+{
+    Route route;
+    route.through = endpointNow(); // first: while it waits the destination may change
+    route.port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
+    const std::lock_guard lock(destinationLock);
+    route.address = deviceAddress;
+    return route;
+}
+
+// A socket that is rebuilt meanwhile is no failure: what is left goes through the new one. What has
+// begun to one device ends there.
 SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 {
-    const auto through = endpointNow(); // first: while it waits the destination may change
-    const QHostAddress address = [this] {
-        const std::lock_guard lock(destinationLock);
-        return deviceAddress;
-    }();
-    const auto port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
-    const qint32 sum = sendInPieces(frame, [&](const char* data, int size) {
-        return through ? through->write(data, size, address, port) : -1;
+    Route route = routeNow();
+    bool begun = false;
+    const qint32 sum = sendInPieces(frame, [&](const char* data, int size) -> qint64 {
+        while (route.through) {
+            const qint64 written = route.through->write(data, size, route.address, route.port);
+            if (written >= 0 || !route.through->isRetired()) {
+                begun = true;
+                return written;
+            }
+            Route next = routeNow();
+            if (begun) {
+                route.through = std::move(next.through);
+            } else {
+                route = std::move(next);
+            }
+        }
+        return -1;
     });
     const SendOutcome outcome = classifySent(sum, frame.size());
     report(outcome, unicastTexts, frame);
@@ -208,10 +229,13 @@ SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 SendOutcome UdpLink::sendBroadcast(const QByteArray& frame)
 {
     static const QHostAddress everyone(QHostAddress::Broadcast);
-    const auto through = endpointNow();
-    const auto port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
-    const qint64 written =
-        through ? through->write(frame.constData(), frame.size(), everyone, port) : -1;
+    qint64 written = -1;
+    for (Route route = routeNow(); route.through; route = routeNow()) {
+        written = route.through->write(frame.constData(), frame.size(), everyone, route.port);
+        if (written >= 0 || !route.through->isRetired()) {
+            break;
+        }
+    }
     const SendOutcome outcome = classifySent(written, frame.size());
     report(outcome, broadcastTexts, frame);
     return outcome;

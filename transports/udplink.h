@@ -27,6 +27,8 @@ public:
     /// writes that are under way, which never block.
     void retire();
 
+    bool isRetired() const { return retired.load(); }
+
 private:
     int descriptor;
     bool mapsIpv4 = false; // an IPv6 socket that carries both: IPv4 goes as ::ffff:a.b.c.d
@@ -51,7 +53,8 @@ public:
     void attach(std::shared_ptr<UdpEndpoint> endpoint);
 
     /// The socket may be closed when this returns. Until the next attach, which must follow at
-    /// once, sends wait: they are not to fail because the socket is being rebuilt.
+    /// once, sends wait, also between two datagrams of a frame: they are not to fail because the
+    /// socket is being rebuilt.
     void detach();
 
     /// The transport is being destroyed; frames that are pending fail.
@@ -73,7 +76,14 @@ public:
     void sendLater(QByteArray frame);
 
 private:
+    struct Route {
+        std::shared_ptr<UdpEndpoint> through; // null while there is no socket
+        QHostAddress address;
+        quint16 port = 0;
+    };
+
     std::shared_ptr<UdpEndpoint> endpointNow() const;
+    Route routeNow() const;
     std::shared_ptr<UdpEndpoint> exchange(std::shared_ptr<UdpEndpoint> next, bool rebuild);
     void requestReInit();
     struct Pending;

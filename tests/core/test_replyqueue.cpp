@@ -231,6 +231,21 @@ TEST(ReplyQueue, ARefusedClearIsDoneLater)
     EXPECT_TRUE(eventually([&] { return work.use_count() == 1; }));
 }
 
+TEST(ReplyQueue, ARefusedClearTakesNothingThatComesLater)
+{
+    hostqueue::clear();
+    replyqueue::append(numbered(7));
+    const auto work = std::make_shared<biz_CMDSWork>();
+    {
+        const ThreadRefusal refusal;
+        replyqueue::clearElsewhere(work);
+    }
+    replyqueue::append(numbered(0));
+    EXPECT_TRUE(inOrder(1));
+    EXPECT_EQ(work.use_count(), 1);
+    EXPECT_FALSE(eventually([] { return hostqueue::size() != 1; }, std::chrono::milliseconds(50)));
+}
+
 TEST(ReplyQueue, RefusedThreadsEndWithTheNextReply)
 {
     hostqueue::clear();

@@ -449,6 +449,39 @@ TEST_F(CoreUdpLifecycle, SystemPlanReInitAndDestructionMeet)
     ASSERT_TRUE(eventually([threads] { return processstate::threads() <= threads; }));
 }
 
+TEST_F(CoreUdpLifecycle, ARebuildBreaksNoFrame)
+{
+    UdpPeer peer;
+    const MessageCapture capture;
+    core_UDP transport;
+    transport.setDeviceIP(QStringLiteral("127.0.0.1"));
+    std::atomic<int> sends{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> senders;
+    senders.reserve(3);
+    for (int sender = 0; sender < 3; ++sender) {
+        senders.emplace_back([&, sender] {
+            while (!stop) {
+                transport.sendUdpData(QByteArray(sender == 0 ? 19 : 1620, 'x'));
+                ++sends;
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) {
+        const int before = sends;
+        transport.reInitUdpZarn();
+        transport.setPort(peer.port());
+        EXPECT_TRUE(eventually([&] { return sends > before; }));
+    }
+    stop = true;
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    const QStringList lines = capture.lines();
+    EXPECT_EQ(lines.filter(QStringLiteral("failed")), QStringList());
+    EXPECT_EQ(lines.filter(QStringLiteral("unknown")), QStringList());
+}
+
 TEST_F(CoreUdpLifecycle, HostMaySendWhileItIsAskedForTheDeviceType)
 {
     UdpPeer peer;

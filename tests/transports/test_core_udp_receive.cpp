@@ -515,6 +515,53 @@ TEST_F(CoreUdpReceive, MessageHandlerMayReInitialise)
     }
 }
 
+TEST_F(CoreUdpReceive, TheDatagramInHandOutlivesARebuildByTheMessageHandler)
+{
+    for (const char* line : {"Recv data:", "host ip:"}) {
+        hostqueue::clear();
+        const HandlerThatActs handler(QString::fromLatin1(line),
+                                      [this] { transport->reInitUdpZarn(); });
+        peer.send(replyText(0x10, 2));
+        ASSERT_TRUE(eventually([] { return hostqueue::flag(); })) << line;
+        ASSERT_EQ(hostqueue::size(), 1U) << line;
+        EXPECT_EQ(hostqueue::records()[0].DAT1, 2) << line;
+        EXPECT_TRUE(hostqueue::logLines().isEmpty()) << line;
+    }
+}
+
+TEST_F(CoreUdpReceive, TheDatagramInHandOutlivesOneThatTheMessageHandlerReads)
+{
+    for (const char* line : {"Recv data:", "host ip:"}) {
+        hostqueue::clear();
+        const HandlerThatActs handler(QString::fromLatin1(line), [this] {
+            peer.send(replyText(0x10, 1));
+            transport->readPendingDatagrams();
+        });
+        peer.send(replyText(0x10, 2));
+        ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; })) << line;
+        EXPECT_EQ(hostqueue::records()[0].DAT1, 1) << line;
+        EXPECT_EQ(hostqueue::records()[1].DAT1, 2) << line;
+    }
+}
+
+TEST_F(CoreUdpReceive, AReplyThatTheMessageHandlerHasStoredWaitsForItsBlock)
+{
+    const HandlerThatActs handler(QStringLiteral("dataLeng = "), [this] {
+        peer.send(replyText(0xf1, 0x11, 3, 0));
+        transport->readPendingDatagrams();
+    });
+    peer.send(replyText(0xf1, 0x10, 3, 0));
+    readAll();
+    hostqueue::clear();
+    peer.send("abc");
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+    peer.send("def");
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+    EXPECT_EQ(hostqueue::records()[0].arryDatablock, "abc");
+    EXPECT_EQ(hostqueue::records()[1].arryDatablock, "def");
+    EXPECT_EQ(hostqueue::records()[1].DAT1, 0x11);
+}
+
 TEST_F(CoreUdpReceive, JoinCalledByHostKnowsNoSender)
 {
     transport->combineSTDCMDandBloackCMD("0123456789abcdef!", replyText(0xf1, 0x10, 0x10, 0));
