@@ -13,9 +13,14 @@
 #include <QHostAddress>
 #include <QTimer>
 
+#include <array>
+
+#include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace
 {
@@ -24,7 +29,7 @@ constexpr int writeWaitMs = 2000;
 constexpr int writeWaitSliceMs = 10; // how soon a write notices that the run has been stopped
 constexpr int disconnectWaitMs = 3000;
 constexpr int deliveryLookMs = 1;
-constexpr int stalledMs = 250; // an endpoint that takes nothing for so long is not waited for
+constexpr int stalledMs = 1000; // an endpoint that takes nothing for so long is not waited for
 constexpr int parserRetryMs = 10;
 
 // An endpoint that sends faster than its acknowledgements can be taken is held back by TCP instead
@@ -59,6 +64,8 @@ OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> of,
 OsdConnection::~OsdConnection()
 {
     disconnectSignals();
+    dropSpare();
+    run->stop(); // a host may have begun it while its thread was being ended
 }
 
 bool OsdConnection::event(QEvent* event)
@@ -133,6 +140,8 @@ void OsdConnection::startParser()
 void OsdConnection::onConnected()
 {
     bConnected = true;
+    dropSpare();
+    spare = fcntl(static_cast<int>(tcpSocket->socketDescriptor()), F_DUPFD_CLOEXEC, 0);
 }
 
 // A write that has not been taken within its wait is reported as an error by Qt; here it is none.
@@ -146,7 +155,7 @@ void OsdConnection::onError(QAbstractSocket::SocketError error)
 void OsdConnection::onLost()
 {
     disconnectSignals();
-    takeAvailable();
+    takeRest();
     run->stop();
     Q_EMIT workThread.lost();
     workThread.quit();
@@ -176,6 +185,30 @@ void OsdConnection::takeAvailable()
     }
 }
 
+// What the connection that is gone has left, also what a reset kept Qt from reading.
+void OsdConnection::takeRest()
+{
+    takeAvailable();
+    std::array<char, 64 * 1024> bytes{};
+    ssize_t size = 0;
+    for (int total = 0; spare >= 0 && total < mostUnparsed; total += static_cast<int>(size)) {
+        size = recv(spare, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (size <= 0) {
+            break;
+        }
+        endpoint->received().append(QByteArray(bytes.data(), static_cast<int>(size)));
+    }
+    dropSpare();
+}
+
+void OsdConnection::dropSpare()
+{
+    if (spare >= 0) {
+        close(spare);
+        spare = -1;
+    }
+}
+
 void OsdConnection::onSendDatatoDevice(const model_OsdParam& record)
 {
     if (endpoint->isAddressedBy(record.strIP)) {
@@ -185,12 +218,11 @@ void OsdConnection::onSendDatatoDevice(const model_OsdParam& record)
 
 void OsdConnection::send(const QByteArray& bytes)
 {
-    if (!tcpSocket || !bConnected) {
+    if (!tcpSocket || !bConnected || tcpSocket->state() != QAbstractSocket::ConnectedState) {
         return;
     }
     writing = true;
-    tcpSocket->write(bytes);
-    tcpSocket->flush();
+    tcpSocket->write(bytes); // and the wait sends it, and reads what has come
     QElapsedTimer waited;
     waited.start();
     // A stop takes what is left along: closing sends it.
@@ -243,6 +275,7 @@ void OsdConnection::closeSocket()
     disconnect(tcpSocket.get(), &QTcpSocket::disconnected, this, nullptr);
     if (bConnected) {
         deliverPending();
+        dropSpare();
         tcpSocket->disconnectFromHost();
         takeAvailable();
         tcpSocket->close();

@@ -55,6 +55,8 @@ private:
     void listenForRecords();
     void startParser();
     void takeAvailable();
+    void takeRest();
+    void dropSpare();
     void deliverPending();
 
     std::shared_ptr<OsdEndpoint> endpoint;
@@ -62,6 +64,7 @@ private:
     OsdWorkThread& workThread;
     const ICoreOsdBase* source = nullptr; // what it listens to; may be gone
     std::unique_ptr<QTcpSocket> tcpSocket;
+    int spare = -1; // of the connection: Qt has closed its own when it reports that one is gone
     bool bConnected = false;
     bool parserStarted = false;
     bool readingPaused = false;

@@ -195,10 +195,10 @@ QByteArray typed::bytes(const QString& option, const std::string& text, int most
         return file(option, digits.mid(1), most);
     }
     static const QRegularExpression blanks(QStringLiteral("[\\s:]+"));
-    static const QRegularExpression pairs(
-        QRegularExpression::anchoredPattern(QStringLiteral("([0-9a-fA-F]{2})+")));
+    static const QRegularExpression hexadecimal(
+        QRegularExpression::anchoredPattern(QStringLiteral("[0-9a-fA-F]+")));
     digits.remove(blanks);
-    if (!pairs.match(digits).hasMatch()) {
+    if (digits.size() % 2 != 0 || !hexadecimal.match(digits).hasMatch()) {
         throw BadInput(QStringLiteral("%1: \"%2\" will not do: give hexadecimal digits in pairs, "
                                       "like 00ff10, or @FILE")
                            .arg(option, QString::fromStdString(text).left(40)));

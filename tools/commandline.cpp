@@ -10,6 +10,7 @@
 #include <QRegularExpression>
 
 #include <array>
+#include <sstream>
 
 namespace
 {
@@ -70,7 +71,11 @@ int parseAndRun(int argc, char** argv)
     try {
         application.parse(argc, argv);
     } catch (const CLI::Success& help) {
-        return application.exit(help);
+        std::ostringstream text;
+        const int code = application.exit(help, text, text);
+        output::raw(QByteArray::fromStdString(text.str()));
+        output::checkLoss();
+        return code;
     } catch (const CLI::ParseError& error) {
         return reportParseError(application, error);
     }

@@ -17,11 +17,14 @@
 #include <QTranslator>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <limits>
 #include <memory>
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -76,6 +79,71 @@ public:
 private:
     int listener = -1;
     int filler = -1;
+    int nPort = 0;
+};
+
+// A server that closes its connection with commands unread, which is a reset.
+class ResettingServer
+{
+public:
+    ResettingServer()
+    {
+        sockaddr_in own{};
+        own.sin_family = AF_INET;
+        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof own;
+        listener = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
+        EXPECT_EQ(listen(listener, 1), 0);
+        getsockname(listener, reinterpret_cast<sockaddr*>(&own), &length);
+        nPort = ntohs(own.sin_port);
+    }
+    ~ResettingServer()
+    {
+        close(connection);
+        close(listener);
+    }
+    ResettingServer(const ResettingServer&) = delete;
+    ResettingServer& operator=(const ResettingServer&) = delete;
+
+    int port() const { return nPort; }
+    void accept() { connection = ::accept(listener, nullptr, nullptr); }
+
+    /// True if something had come; takes all of it.
+    bool takeAll()
+    {
+        std::array<char, 4096> bytes{};
+        bool any = false;
+        while (recv(connection, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
+            any = true;
+        }
+        return any;
+    }
+
+    /// Acknowledges so many commands of eight bytes; returns when the other side has all of that
+    /// and more commands have come.
+    void answer(int commands) const
+    {
+        std::array<char, 8> bytes{};
+        for (int i = 0; i < commands; ++i) {
+            EXPECT_EQ(recv(connection, bytes.data(), bytes.size(), MSG_WAITALL), 8);
+            EXPECT_EQ(::send(connection, "OK1", 3, MSG_NOSIGNAL), 3);
+        }
+        EXPECT_EQ(recv(connection, bytes.data(), 1, MSG_PEEK), 1);
+        for (int unacknowledged = 1; unacknowledged > 0;) {
+            ASSERT_EQ(ioctl(connection, SIOCOUTQ, &unacknowledged), 0);
+        }
+    }
+
+    void hangUp()
+    {
+        close(connection);
+        connection = -1;
+    }
+
+private:
+    int listener = -1;
+    int connection = -1;
     int nPort = 0;
 };
 
@@ -571,6 +639,57 @@ TEST_F(OsdLife, AFloodBeforeAHangUpIsTakenWhole)
 }
 
 // The system has the frame and the endpoint takes nothing: there is nothing to wait for.
+TEST_F(OsdLife, WhatWasAnsweredBeforeAResetCounts)
+{
+    for (int round = 0; round < 20; ++round) {
+        const std::size_t before = osdhost::size();
+        ResettingServer server;
+        Core_Osd_TcpSocket socket(nullptr);
+        socket.connectSever(address, server.port());
+        server.accept();
+        ASSERT_TRUE(eventually([&] {
+            send('a');
+            return server.takeAll();
+        }));
+        send('z');
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        server.takeAll();
+        std::thread peer([&server, round] {
+            server.answer(round % 2 == 0 ? 1 : 5);
+            server.hangUp();
+        });
+        for (int i = 0; i < 40; ++i) {
+            send('b');
+        }
+        peer.join();
+        EXPECT_TRUE(eventually([&] { return ended(); }));
+        EXPECT_EQ(static_cast<int>(osdhost::size() - before) +
+                      socket.getBuffData(1024).count("OK1"),
+                  round % 2 == 0 ? 1 : 5)
+            << round;
+    }
+}
+
+TEST_F(OsdLife, AReconnectDuringTheDestructionLeavesNoThread)
+{
+    for (int i = 0; i < 5; ++i) {
+        auto* const socket = new Core_Osd_TcpSocket(nullptr);
+        connectAndAnswer(*socket, 'a');
+        endpoint.hangUp(false);
+        ASSERT_TRUE(eventually([this] { return ended(); }));
+        bool reconnected = false;
+        QObject::connect(
+            socket, &Core_Osd_TcpSocket::closeSocket, socket,
+            [&] {
+                socket->connectSever(address, endpoint.port());
+                reconnected = true;
+            },
+            Qt::DirectConnection);
+        delete socket;
+        EXPECT_TRUE(reconnected);
+    }
+}
+
 TEST_F(OsdLife, AStopDoesNotWaitForAnEndpointThatTakesNothing)
 {
     netns::limitReceiveBuffers();

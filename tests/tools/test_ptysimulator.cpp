@@ -166,6 +166,25 @@ TEST_F(PtySimulation, ANameThatAKilledProcessLeftIsTaken)
     EXPECT_TRUE(QFileInfo(other).isSymLink());
 }
 
+TEST_F(PtySimulation, ANameThatLeadsToTheNewTerminalIsTaken)
+{
+    const QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("port"));
+    // The system gives the same number again unless another process has taken it meanwhile.
+    EXPECT_TRUE(eventually([&path] {
+        auto killed = std::make_unique<PtySimulator>(QStringLiteral("serial"), path,
+                                                     SimulatedDevice::Settings{});
+        EXPECT_TRUE(killed->open());
+        const QString terminal = QFileInfo(path).symLinkTarget();
+        killed.reset();
+        EXPECT_TRUE(QFile::link(terminal, path));
+        PtySimulator next(QStringLiteral("serial"), path, SimulatedDevice::Settings{});
+        const bool opened = next.open();
+        QFile::remove(path);
+        return opened;
+    }));
+}
+
 TEST_F(PtySimulation, APathThatExistsIsLeftAlone)
 {
     const QTemporaryDir directory;

@@ -50,6 +50,9 @@ TEST(Encode, TakesTheBlocksLengthForTheFieldsThatAreNotGiven)
     EXPECT_EQ(both.output.size(), 19 + 0x0203);
     const ToolRun given(arguments + words("--dat3 9"));
     EXPECT_EQ(given.output.left(19), QByteArray("<T000001000009020c>"));
+    const ToolRun digits(words("encode --cmd 1 --raw --block") +
+                         QStringList(QString(2 * 65535, QLatin1Char('b'))));
+    EXPECT_EQ(digits.output.mid(19), QByteArray(65535, '\xbb'));
     const ToolRun none(words("encode --cmd 1 --raw"));
     EXPECT_EQ(none.output, QByteArray("<T0000010000000001>"));
 }
@@ -69,12 +72,14 @@ TEST(Encode, WritesBinaryFrames)
 
 TEST(Encode, SaysWhenItsOutputIsLost)
 {
-    QProcess tool;
-    tool.setStandardOutputFile(QStringLiteral("/dev/full"));
-    tool.start(QStringLiteral(COREMANAGE), words("encode --cmd 1"));
-    ASSERT_TRUE(tool.waitForFinished());
-    EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_TRUE(tool.readAllStandardError().contains("standard output could not be written"));
+    for (const char* arguments : {"encode --cmd 1", "--help", "--version", "send --help"}) {
+        QProcess tool;
+        tool.setStandardOutputFile(QStringLiteral("/dev/full"));
+        tool.start(QStringLiteral(COREMANAGE), words(arguments));
+        ASSERT_TRUE(tool.waitForFinished());
+        EXPECT_EQ(tool.exitCode(), 1) << arguments;
+        EXPECT_TRUE(tool.readAllStandardError().contains("standard output could not be written"));
+    }
 }
 
 // Starts the tool with a pipe to write to, and waits until it has taken what was written first.

@@ -22,11 +22,13 @@ SimulatedDevice::Settings onStream(SimulatedDevice::Settings settings)
     return settings;
 }
 
-// The name of a simulated port whose process was killed before it could take it away.
-bool isLeftOver(const QFileInfo& file)
+// The name of a simulated port whose process was killed before it could take it away. Terminals'
+// numbers are given again: it may lead to the one that has just been made.
+bool isLeftOver(const QFileInfo& file, const QString& terminal)
 {
-    return file.isSymLink() && !file.exists() &&
-           file.symLinkTarget().startsWith(QLatin1String("/dev/pts/"));
+    const QString target = file.symLinkTarget();
+    return file.isSymLink() && (target == terminal ||
+                                (!file.exists() && target.startsWith(QLatin1String("/dev/pts/"))));
 }
 
 QString systemReason()
@@ -89,7 +91,7 @@ bool PtySimulator::nameIt()
         return true;
     }
     const QFileInfo there(path);
-    const bool isOurs = named || isLeftOver(there);
+    const bool isOurs = named || isLeftOver(there, terminal);
     if (!isOurs && (there.exists() || there.isSymLink())) {
         fail(QStringLiteral("%1 exists: give another path, or none").arg(path));
         return false;
