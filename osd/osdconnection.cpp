@@ -189,7 +189,7 @@ void OsdConnection::takeAvailable()
 void OsdConnection::takeRest()
 {
     takeAvailable();
-    std::array<char, 64 * 1024> bytes{};
+    std::array<char, socketReadBuffer> bytes{};
     ssize_t size = 0;
     for (int total = 0; spare >= 0 && total < mostUnparsed; total += static_cast<int>(size)) {
         size = recv(spare, bytes.data(), bytes.size(), MSG_DONTWAIT);

@@ -48,66 +48,59 @@ OsdSimulatorOptions endpointOptions()
     return options;
 }
 
+// A listening socket on a free port of the loopback address.
+class Listener
+{
+public:
+    explicit Listener(int backlog)
+    {
+        own.sin_family = AF_INET;
+        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof own;
+        EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
+        EXPECT_EQ(listen(descriptor, backlog), 0);
+        getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length);
+    }
+    ~Listener() { close(descriptor); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    int port() const { return ntohs(own.sin_port); }
+    int accept() const { return ::accept(descriptor, nullptr, nullptr); }
+    const sockaddr* name() const { return reinterpret_cast<const sockaddr*>(&own); }
+
+private:
+    int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in own{};
+};
+
 // A server that lets connections hang: its queue is full and nobody takes them.
 class FullServer
 {
 public:
-    FullServer()
-    {
-        sockaddr_in own{};
-        own.sin_family = AF_INET;
-        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof own;
-        listener = socket(AF_INET, SOCK_STREAM, 0);
-        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
-        EXPECT_EQ(listen(listener, 0), 0);
-        getsockname(listener, reinterpret_cast<sockaddr*>(&own), &length);
-        nPort = ntohs(own.sin_port);
-        filler = socket(AF_INET, SOCK_STREAM, 0);
-        EXPECT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
-    }
-    ~FullServer()
-    {
-        close(filler);
-        close(listener);
-    }
+    FullServer() { EXPECT_EQ(connect(filler, listener.name(), sizeof(sockaddr_in)), 0); }
+    ~FullServer() { close(filler); }
     FullServer(const FullServer&) = delete;
     FullServer& operator=(const FullServer&) = delete;
 
-    int port() const { return nPort; }
+    int port() const { return listener.port(); }
 
 private:
-    int listener = -1;
-    int filler = -1;
-    int nPort = 0;
+    const Listener listener{0};
+    int filler = socket(AF_INET, SOCK_STREAM, 0);
 };
 
 // A server that closes its connection with commands unread, which is a reset.
 class ResettingServer
 {
 public:
-    ResettingServer()
-    {
-        sockaddr_in own{};
-        own.sin_family = AF_INET;
-        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof own;
-        listener = socket(AF_INET, SOCK_STREAM, 0);
-        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
-        EXPECT_EQ(listen(listener, 1), 0);
-        getsockname(listener, reinterpret_cast<sockaddr*>(&own), &length);
-        nPort = ntohs(own.sin_port);
-    }
-    ~ResettingServer()
-    {
-        close(connection);
-        close(listener);
-    }
+    ResettingServer() = default;
+    ~ResettingServer() { hangUp(); }
     ResettingServer(const ResettingServer&) = delete;
     ResettingServer& operator=(const ResettingServer&) = delete;
 
-    int port() const { return nPort; }
-    void accept() { connection = ::accept(listener, nullptr, nullptr); }
+    int port() const { return listener.port(); }
+    void accept() { connection = listener.accept(); }
 
     /// True if something had come; takes all of it.
     bool takeAll()
@@ -137,14 +130,15 @@ public:
 
     void hangUp()
     {
-        close(connection);
-        connection = -1;
+        if (connection >= 0) {
+            close(connection);
+            connection = -1;
+        }
     }
 
 private:
-    int listener = -1;
+    const Listener listener{1};
     int connection = -1;
-    int nPort = 0;
 };
 
 // Something of the host's that shares an endpoint's thread and keeps it for itself.
