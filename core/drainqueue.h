@@ -4,6 +4,7 @@
 #include "detachedthread.h"
 #include "processend.h"
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -36,6 +37,7 @@ public:
                 return true;
             }
             state->draining = true;
+            state->stranded.store(false, std::memory_order_release);
         }
         return start();
     }
@@ -51,10 +53,11 @@ public:
     /// Tries again to start a thread for what is pending. True if there is nothing left to do.
     [[nodiscard]] bool drainElsewhere() { return !claim() || start(); }
 
-    /// Hands on what is pending on the calling thread, unless a thread is already at it.
+    /// Hands on what is pending on the calling thread, unless a thread is already at it. Costs
+    /// nothing worth mentioning if there is nothing to do.
     void drainHere()
     {
-        if (claim()) {
+        if (state->stranded.load(std::memory_order_acquire) && claim()) {
             drain(*state);
         }
     }
@@ -66,6 +69,7 @@ private:
         mutable std::mutex lock; // a leaf: nothing is called while it is held
         std::deque<Item> pending;
         bool draining = false;
+        std::atomic<bool> stranded{false}; // pending though nobody is draining; set under the lock
     };
 
     bool claim()
@@ -75,6 +79,7 @@ private:
             return false;
         }
         state->draining = true;
+        state->stranded.store(false, std::memory_order_release);
         return true;
     }
 
@@ -85,6 +90,7 @@ private:
         }
         const std::lock_guard lock(state->lock);
         state->draining = false;
+        state->stranded.store(true, std::memory_order_release);
         return false;
     }
 
