@@ -106,6 +106,19 @@ bool decodeAnyText(const QString& text, model_Protocoldata& record)
     return sent == body.back(); // as parsed: "-1" is not 0xff
 }
 
+bool decodeDigits(const char* frame, int size, model_Protocoldata& record)
+{
+    using namespace commandframe;
+    Body body{};
+    if (size >= digitsOffset + digitsLength && decodePlainDigits(frame + digitsOffset, body)) {
+        const quint8 sent = body.back();
+        body.back() = checksum(body, body.size() - 1);
+        setBody(record, body);
+        return sent == body.back();
+    }
+    return decodeAnyText(digitsOf(QByteArray(frame, size)), record);
+}
+
 void putWord(QByteArray& out, quint16 value)
 {
     out.append(static_cast<char>(Utility_Manage::getHighByte(value)));
@@ -172,14 +185,11 @@ bool commandframe::decodeText(const QByteArray& frame, model_Protocoldata& recor
 
 bool commandframe::decodeText(const char* frame, int size, model_Protocoldata& record)
 {
-    Body body{};
-    if (size >= digitsOffset + digitsLength && decodePlainDigits(frame + digitsOffset, body)) {
-        const quint8 sent = body.back();
-        body.back() = checksum(body, body.size() - 1);
-        setBody(record, body);
-        return sent == body.back();
+    const bool isIntact = decodeDigits(frame, size, record);
+    if (isIntact) {
+        record.arryDatablock.clear(); // whatever the host's constructor has left there
     }
-    return decodeAnyText(digitsOf(QByteArray(frame, size)), record);
+    return isIntact;
 }
 
 QString commandframe::digitsOf(const QByteArray& frame)
@@ -212,5 +222,6 @@ bool commandframe::decodeBinary(const char* head, int size, model_Protocoldata& 
     record.DAT3 = bytes[13];
     record.DAT4 = bytes[14];
     record.CHKSUM = bytes[15];
+    record.arryDatablock.clear();
     return checksum(bytes, bytes.size() - 1) == bytes.back();
 }

@@ -16,6 +16,10 @@
 class ReceiveBuffer
 {
 public:
+    /// How many unparsed bytes a link lets wait here: from then on it leaves what comes to the
+    /// medium's own flow control. Append itself takes whatever it is given.
+    static constexpr int limit = 16 * 1024 * 1024;
+
     void append(const QByteArray& data);
     void append(const char* data, int size);
 
@@ -46,6 +50,7 @@ public:
     bool seek(Found (*find)(const char* data, int size), char* out, int size);
 
     int size() const;
+    bool isFull() const { return size() >= limit; }
     void clear(); ///< empties it and gives its memory back
 
 private:

@@ -2,140 +2,120 @@
 #include "replyqueue.h"
 
 #include "biz_cmdswork.h"
-#include "debugline.h"
-#include "detachedthread.h"
-#include "drainqueue.h"
+#include "handoverthread.h"
 #include "processend.h"
-#include "utility_manage.h"
+#include "receivebuffer.h"
 
-#include <QCoreApplication>
-#include <QTimer>
-
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <optional>
+#include <thread>
 
 namespace
 {
 
-constexpr int retryPauseMs = 10;
+constexpr std::chrono::milliseconds lockPause{1};
 
-// A record, or a failure to report, or business whose queue is to be cleared.
-struct Handover {
-    model_Protocoldata record;
-    const char* failure = nullptr;
-    std::shared_ptr<biz_CMDSWork> cleared;
+// A record, or nothing: the flag alone is to be raised.
+using Delivery = std::optional<model_Protocoldata>;
 
-    bool isRecord() const { return failure == nullptr && cleared == nullptr; }
-};
+std::atomic<qint64> waitingBytes{0};
+std::atomic<bool> raiseWanted{false};
 
-void appendRecords(std::deque<Handover>& batch, std::size_t& next)
+qint64 weight(const model_Protocoldata& record)
 {
-    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    if (processend::over()) {
-        return;
-    }
-    for (; next < batch.size() && batch[next].isRecord(); ++next) {
-        biz_CMDSWork::receivequeueHexCmd.push_back(std::move(batch[next].record));
-    }
-    replyqueue::setRetFlag(true);
+    return static_cast<qint64>(sizeof record) + record.arryDatablock.size();
 }
 
-void handOver(std::deque<Handover>& batch)
+void raise()
 {
-    std::size_t next = 0;
-    while (next < batch.size() && !processend::over()) {
-        const Handover& handover = batch[next];
-        if (handover.isRecord()) {
-            appendRecords(batch, next);
-            continue;
-        }
-        if (handover.failure != nullptr) {
-            replyqueue::reportFailure(handover.failure);
-        } else {
-            handover.cleared->clearQueue();
-        }
-        ++next;
-    }
+    raiseWanted = false;
+    biz_CMDSWork::bRetFlag = true;
 }
 
-// Never destroyed: a detached thread may still drain it while the process ends.
-DrainQueue<Handover>& backlog()
+bool raisedAtOnce()
 {
-    static auto* const instance = new DrainQueue<Handover>(handOver);
-    return *instance;
+    const std::unique_lock lock(biz_CMDSWork::HexCmdlock, std::try_to_lock);
+    if (lock) {
+        raise();
+    }
+    return lock.owns_lock();
 }
 
-std::atomic<bool> retryPending{false};
-
-// The one retry that is pending. It goes with its timer, so that an application object that ends
-// before the timer does leaves none pending for the next one.
-class Retry
+template <class Append>
+bool appendedAtOnce(Append&& append)
 {
-public:
-    Retry() = default;
-    ~Retry() { end(); }
-    Retry(const Retry&) = delete;
-    Retry& operator=(const Retry&) = delete;
-
-    void end()
-    {
-        if (!ended) {
-            ended = true;
-            retryPending = false;
-        }
-    }
-
-private:
-    bool ended = false;
-};
-
-// The calling thread may have no event loop, so the timer is started by the main thread's.
-void retryLater()
-{
-    QCoreApplication* const application = QCoreApplication::instance();
-    if (application == nullptr || retryPending.exchange(true)) {
-        return;
-    }
-    const auto startTimer = [application, retry = std::make_shared<Retry>()] {
-        QTimer::singleShot(retryPauseMs, application, [retry] {
-            retry->end();
-            if (!backlog().drainElsewhere()) {
-                retryLater();
-            }
-        });
-    };
-    QMetaObject::invokeMethod(application, startTimer, Qt::QueuedConnection);
-}
-
-void putInBacklog(Handover handover)
-{
-    if (!backlog().put(std::move(handover))) {
-        retryLater();
-    }
-}
-
-bool appendedAtOnce(model_Protocoldata& record)
-{
-    if (!backlog().idle()) {
-        return false;
-    }
     const std::unique_lock queueLock(biz_CMDSWork::receiveHexCmdlock, std::try_to_lock);
     if (!queueLock) {
         return false;
     }
     const std::unique_lock flagLock(biz_CMDSWork::HexCmdlock, std::try_to_lock);
-    if (!flagLock) {
-        return false;
+    if (flagLock) {
+        append();
+        raise();
     }
-    biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
-    biz_CMDSWork::bRetFlag = true;
-    return true;
+    return flagLock.owns_lock();
+}
+
+void appendAll(std::deque<Delivery>& batch)
+{
+    for (Delivery& delivery : batch) {
+        if (delivery) {
+            waitingBytes -= weight(*delivery);
+            biz_CMDSWork::receivequeueHexCmd.push_back(std::move(*delivery));
+        }
+    }
+}
+
+// Tries both locks in turn: a host that keeps one of them does not keep the flag from being raised.
+void deliver(std::deque<Delivery>& batch)
+{
+    const auto isRecord = [](const Delivery& delivery) { return delivery.has_value(); };
+    const bool hasRecords = std::any_of(batch.begin(), batch.end(), isRecord);
+    while (!processend::over()) {
+        if (hasRecords && appendedAtOnce([&batch] { appendAll(batch); })) {
+            return;
+        }
+        if ((!raiseWanted || raisedAtOnce()) && !hasRecords) {
+            return;
+        }
+        std::this_thread::sleep_for(lockPause);
+    }
+}
+
+void clearAll(std::deque<std::shared_ptr<biz_CMDSWork>>& batch)
+{
+    for (const auto& work : batch) {
+        if (processend::over()) {
+            return;
+        }
+        work->clearQueue();
+    }
+}
+
+// Never destroyed: their threads may be at work while the process ends.
+HandOverThread<Delivery>& deliveries()
+{
+    static auto* const instance = new HandOverThread<Delivery>(deliver);
+    return *instance;
+}
+
+HandOverThread<std::shared_ptr<biz_CMDSWork>>& clears()
+{
+    static auto* const instance = new HandOverThread<std::shared_ptr<biz_CMDSWork>>(clearAll);
+    return *instance;
 }
 
 } // namespace
 
+bool replyqueue::start()
+{
+    return deliveries().start() && clears().start();
+}
+
 void replyqueue::append(model_Protocoldata record)
 {
-    backlog().drainHere(); // what was refused a thread: a clear among it must not take this record
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
     if (processend::over()) {
         return;
@@ -146,21 +126,19 @@ void replyqueue::append(model_Protocoldata record)
 
 void replyqueue::post(model_Protocoldata record)
 {
-    if (!appendedAtOnce(record)) {
-        putInBacklog({std::move(record), nullptr, nullptr});
+    const auto append = [&record] {
+        biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
+    };
+    if (deliveries().size() == 0 && appendedAtOnce(append)) {
+        return;
     }
+    waitingBytes += weight(record);
+    deliveries().put(std::move(record));
 }
 
-void replyqueue::reportFailure(const char* text)
+bool replyqueue::isFull()
 {
-    setRetFlag(true);
-    qCDebug(debugLine) << text;
-    Utility_Manage::writeLog(QLatin1String(text));
-}
-
-void replyqueue::postFailure(const char* text)
-{
-    putInBacklog({model_Protocoldata{}, text, nullptr});
+    return waitingBytes >= ReceiveBuffer::limit;
 }
 
 void replyqueue::setRetFlag(bool on)
@@ -169,9 +147,14 @@ void replyqueue::setRetFlag(bool on)
     biz_CMDSWork::bRetFlag = on;
 }
 
+void replyqueue::raiseRetFlag()
+{
+    if (!raisedAtOnce() && !raiseWanted.exchange(true)) {
+        deliveries().put(std::nullopt);
+    }
+}
+
 void replyqueue::clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work)
 {
-    if (!startDetached([work] { work->clearQueue(); })) {
-        putInBacklog({model_Protocoldata{}, nullptr, work});
-    }
+    clears().put(work);
 }

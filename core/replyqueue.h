@@ -7,33 +7,36 @@
 
 class biz_CMDSWork;
 
-/// The one way from the links to the business layer: its reply queue and its reply flag.
+/// The one way from the links to the business layer: its reply queue and its reply flag. Records,
+/// flags and clears never wait for each other, nor for anything else that the host does.
 ///
 /// Lock order everywhere: biz_CMDSWork::receiveHexCmdlock, then biz_CMDSWork::HexCmdlock.
 namespace replyqueue
 {
 
+/// Starts the two threads that deliver what the host keeps waiting, for the life of the process. A
+/// link calls it before it opens: false if the system refuses a thread, and the link stays closed.
+[[nodiscard]] bool start();
+
 /// Appends one record and raises the flag, on the calling thread. Waits for the host's locks.
 void append(model_Protocoldata record);
 
-/// Appends one record and raises the flag without ever waiting: at once if both locks are free,
-/// else, in order, on a detached thread. Nothing is lost when the thread is refused: the record
-/// follows with the next one, or when the main event loop comes round.
+/// Appends one record and raises the flag without waiting: at once if both locks are free, else, in
+/// order, on the thread that start has started.
 void post(model_Protocoldata record);
 
-/// For a reply that cannot be completed: raises the flag, then writes \a text as a debug line and
-/// to the log, on the calling thread. Waits for the flag's lock.
-void reportFailure(const char* text);
-
-/// reportFailure on the detached thread, in order with the records posted before. \a text must live
-/// for ever. Never waits.
-void postFailure(const char* text);
+/// Whether the records that wait for the host's locks have reached their bound, 16 MiB: then a link
+/// is to leave further replies where they are.
+bool isFull();
 
 /// Sets the flag on the calling thread. Waits for its lock.
 void setRetFlag(bool on);
 
-/// Runs biz_CMDSWork::clearQueue on a detached thread that shares ownership of \a work. Never
-/// waits. A refused thread is tried again as for post.
+/// Raises the flag without waiting: at once if its lock is free, else on that thread.
+void raiseRetFlag();
+
+/// Runs biz_CMDSWork::clearQueue on another thread, which shares ownership of \a work meanwhile:
+/// one call after the other. Does not wait.
 void clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work);
 
 } // namespace replyqueue

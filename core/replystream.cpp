@@ -3,6 +3,7 @@
 
 #include "detachedthread.h"
 #include "processend.h"
+#include "replyqueue.h"
 
 #include <array>
 #include <numeric>
@@ -50,7 +51,7 @@ bool ReplyStream::startParser(const std::shared_ptr<ReplyStream>& stream)
     // Before the thread starts: a stop that comes before its first instruction must wait for it.
     stream->bDealExit.store(false, std::memory_order_relaxed);
     stream->setDealFlag(true);
-    if (startDetached([stream] { stream->parse(); })) {
+    if (replyqueue::start() && startDetached([stream] { stream->parse(); })) {
         return true;
     }
     stream->setDealFlag(false);

@@ -12,14 +12,10 @@
 #include "udplink.h"
 #include "utility_manage.h"
 
+#include <QElapsedTimer>
 #include <QNetworkInterface>
-#include <QUdpSocket>
-
-#include <cerrno>
-#include <cstring>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <QSocketNotifier>
+#include <QTimer>
 
 std::mutex core_UDP::stdCMDlock;
 
@@ -32,8 +28,8 @@ constexpr qint32 featureHandledByUsb = 0x400000;
 constexpr qint32 featureForUdp = 0x3200;
 constexpr quint8 unicastMode = 0;
 constexpr quint8 broadcastMode = 1;
-constexpr std::size_t largestDatagram = 65536;
-constexpr int receiveBufferBytes = 4 * 1024 * 1024; // 2,000 replies with the kernel's overhead
+constexpr int readSliceMs = 5; // then the other events of the thread have their turn
+constexpr int heldBackMs = 20;
 
 // Looked up as hosts have always seen it done; the socket binds to every interface all the same.
 QHostAddress firstLocalAddress()
@@ -53,15 +49,6 @@ bool usesFixedPort(model_GlobalEnum::DeviceType type)
     return type == devicetypes::fixedPortA || type == devicetypes::fixedPortB;
 }
 
-void askForReceiveBuffer(QUdpSocket& socket)
-{
-    const auto descriptor = static_cast<int>(socket.socketDescriptor());
-    if (setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferBytes,
-                   sizeof receiveBufferBytes) != 0) { // needs a privilege
-        socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, receiveBufferBytes);
-    }
-}
-
 // A socket for both protocols reports an IPv4 sender as ::ffff:a.b.c.d; hosts compare a.b.c.d.
 QString plainText(const QHostAddress& address)
 {
@@ -70,23 +57,19 @@ QString plainText(const QHostAddress& address)
     return (isIpv4 ? QHostAddress(ipv4) : address).toString();
 }
 
-unsigned scopeOf(const sockaddr_storage& address)
-{
-    sockaddr_in6 in6{};
-    std::memcpy(&in6, &address, sizeof in6);
-    return in6.sin6_family == AF_INET6 ? in6.sin6_scope_id : 0;
-}
-
 void clearBody(model_Protocoldata& record)
 {
     record.HEAD = record.ADDR = record.CMD = record.CHKSUM = 0;
     record.DAT1 = record.DAT2 = record.DAT3 = record.DAT4 = 0;
 }
 
+// A host's new record may hold anything.
 model_Protocoldata undecodable(const char* reason)
 {
     qCDebug(debugLine) << reason;
     model_Protocoldata record;
+    clearBody(record);
+    record.arryDatablock.clear();
     record.strReply = QLatin1String("");
     return record;
 }
@@ -94,8 +77,9 @@ model_Protocoldata undecodable(const char* reason)
 } // namespace
 
 core_UDP::core_UDP()
-    : link(std::make_shared<UdpLink>(this)), cmdsWork(std::make_shared<biz_CMDSWork>()),
-      readBuffer(largestDatagram)
+    : link(std::make_shared<UdpLink>(
+          UdpLink::Transport{this, [this] { listen(); }, [this] { Q_EMIT signalReInitUdp(); }})),
+      cmdsWork(std::make_shared<biz_CMDSWork>())
 {
     initUdp();
     link->setDeviceIP(QStringLiteral("100.100.100.100"));
@@ -104,8 +88,8 @@ core_UDP::core_UDP()
 core_UDP::~core_UDP()
 {
     disconnect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp);
+    stopListening();
     link->abandon();
-    closeSocket();
 }
 
 void core_UDP::setDeviceIP(QString ip)
@@ -152,29 +136,47 @@ void core_UDP::initUdp()
 
 void core_UDP::rebuild(Device device)
 {
+    if (device == Device::Forgotten) {
+        link->setDeviceIP(QString()); // the host must set the address anew, as soon as from here on
+    }
     // Before the detach: sends must not wait for the host's code.
     const bool fixedPort = usesFixedPort(Utility_Manage::getDeviceType());
     [[maybe_unused]] const QHostAddress local = firstLocalAddress();
-    if (udpSocket != nullptr) {
-        link->detach();
-        closeSocket();
-    }
-    if (device == Device::Forgotten) {
-        link->setDeviceIP(QString()); // the host must set the address anew
-    }
-    udpSocket = new QUdpSocket;
-    if (fixedPort) {
-        link->setPort(fixedDevicePort);
-        udpSocket->bind(fixedDevicePort);
-    } else {
-        link->setPort(defaultDevicePort);
-        udpSocket->bind(fixedLocalPort());
-    }
-    askForReceiveBuffer(*udpSocket);
-    link->attach(std::make_shared<UdpEndpoint>(udpSocket->socketDescriptor()));
-    connect(udpSocket, &QUdpSocket::readyRead, this, &core_UDP::readPendingDatagrams);
+    stopListening();
+    link->detach(); // what is pending goes with the socket
+    forgetReceived();
+    link->setPort(fixedPort ? fixedDevicePort : defaultDevicePort);
+    udpSocket = link->attach(fixedPort ? fixedDevicePort : fixedLocalPort());
+    listen();
     // One more connection each time: hosts count on every re-initialisation multiplying the runs.
     connect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp, Qt::QueuedConnection);
+}
+
+void core_UDP::listen()
+{
+    if (readable == nullptr && udpSocket->readable() >= 0) {
+        readable = new QSocketNotifier(udpSocket->readable(), QSocketNotifier::Read, this);
+        connect(readable, &QSocketNotifier::activated, this, &core_UDP::onReadable);
+    }
+    if (readable != nullptr) {
+        readable->setEnabled(true);
+    }
+}
+
+void core_UDP::stopListening()
+{
+    if (readable != nullptr) {
+        readable->setEnabled(false);
+        readable->deleteLater(); // its signal may have led here
+        readable = nullptr;
+    }
+}
+
+void core_UDP::forgetReceived()
+{
+    lastDatagram.clear();
+    stdCMD.clear();
+    blockCMD.clear();
 }
 
 void core_UDP::reInitUdp()
@@ -188,22 +190,6 @@ void core_UDP::reInitUdpZarn()
     qCDebug(debugLine) << "========================================="
                        << QStringLiteral("reInitUdp()");
     rebuild(Device::Kept);
-}
-
-void core_UDP::closeSocket()
-{
-    udpSocket->disconnect(this);
-    udpSocket->close(); // what is pending goes with it
-    lastDatagram.clear();
-    stdCMD.clear();
-    blockCMD.clear();
-    if (readsUnderWay > 0) { // called by host code that a datagram led to: Qt still uses the socket
-        udpSocket->setParent(this); // goes with the transport at the latest
-        closedSockets.push_back(udpSocket);
-    } else {
-        delete udpSocket;
-    }
-    udpSocket = nullptr;
 }
 
 void core_UDP::sendDatatoDevice(void* parameters)
@@ -236,12 +222,13 @@ void core_UDP::sendDatatoDeviceByFeatures(void* parameters)
 void core_UDP::sendDatatoDeviceForSysPlan(void* parameters)
 {
     const auto record = callerRecord<model_Protocoldata>(parameters);
-    if (!record || record->sendMode != unicastMode || record->strKey != link->deviceIP()) {
+    if (!record || record->sendMode != unicastMode) {
         return;
     }
     const QByteArray frame = commandframe::encodeText(*record);
-    link->sendLater(frame);
-    qCDebug(debugLine) << textWithBytes("Send data:", frame);
+    if (link->sendTo(record->strKey, frame)) {
+        qCDebug(debugLine) << textWithBytes("Send data:", frame);
+    }
 }
 
 void core_UDP::sendUdpData(QByteArray data)
@@ -260,64 +247,35 @@ void core_UDP::sendUdpDataBroadcast(QByteArray data)
 
 void core_UDP::readPendingDatagrams()
 {
-    ++readsUnderWay;
     while (readNext()) {
     }
-    if (--readsUnderWay == 0) {
-        for (QUdpSocket* closed : closedSockets) {
-            closed->deleteLater(); // its readyRead may have led here
-        }
-        closedSockets.clear();
+}
+
+// The notifier reports again what is left. While the host keeps too much waiting the kernel's
+// buffer takes what comes, and then drops it.
+void core_UDP::onReadable()
+{
+    if (UdpLink::isBehind() || replyqueue::isFull()) {
+        readable->setEnabled(false);
+        QTimer::singleShot(heldBackMs, this, &core_UDP::listen);
+        return;
+    }
+    QElapsedTimer slice;
+    slice.start();
+    while (readNext() && !slice.hasExpired(readSliceMs)) {
     }
 }
 
-// One system call a datagram, then a last read through the socket, which finds nothing more and
-// makes it report the next datagram. The host's code that a datagram leads to may have put another
-// socket in place.
+// The host's code that a datagram leads to may have another socket put in place, or the next
+// datagrams read.
 bool core_UDP::readNext()
 {
-    if (udpSocket->state() != QAbstractSocket::BoundState) {
+    QByteArray datagram;
+    QHostAddress address;
+    if (!udpSocket->read(datagram, address)) {
         return false;
     }
-    sockaddr_storage from{};
-    socklen_t length = sizeof from;
-    const ssize_t size =
-        recvfrom(static_cast<int>(udpSocket->socketDescriptor()), readBuffer.data(),
-                 readBuffer.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &length);
-    if (size >= 0) {
-        readOne(static_cast<int>(size), senderText(from));
-        return true;
-    }
-    if (errno == EINTR) {
-        return true;
-    }
-    QHostAddress sender;
-    const qint64 last =
-        udpSocket->readDatagram(readBuffer.data(), static_cast<qint64>(readBuffer.size()), &sender);
-    if (last < 0) {
-        return false;
-    }
-    readOne(static_cast<int>(last), plainText(sender));
-    return true;
-}
-
-QString core_UDP::senderText(const sockaddr_storage& sender)
-{
-    QHostAddress address(reinterpret_cast<const sockaddr*>(&sender));
-    if (const unsigned scope = scopeOf(sender)) {
-        address.setScopeId(QNetworkInterface::interfaceNameFromIndex(static_cast<int>(scope)));
-    }
-    if (address != lastSender || address.scopeId() != lastSender.scopeId()) {
-        lastSender = address;
-        lastSenderText = plainText(address);
-    }
-    return lastSenderText;
-}
-
-void core_UDP::readOne(int size, const QString& sender)
-{
-    // The host's code below may have the socket rebuilt, or the next datagrams read.
-    const QByteArray datagram(readBuffer.data(), size);
+    const QString sender = senderText(address);
     lastDatagram = datagram;
     qCDebug(debugLine) << textWithBytes("Recv data:", datagram);
     qCDebug(debugLine) << QString(QLatin1String("host ip:") + sender);
@@ -327,6 +285,16 @@ void core_UDP::readOne(int size, const QString& sender)
     record.bKeyFlag = 0;
     record.featureCode = deviceType.load(std::memory_order_relaxed);
     route(record, datagram);
+    return true;
+}
+
+QString core_UDP::senderText(const QHostAddress& sender)
+{
+    if (sender != lastSender || sender.scopeId() != lastSender.scopeId()) {
+        lastSender = sender;
+        lastSenderText = plainText(sender);
+    }
+    return lastSenderText;
 }
 
 void core_UDP::route(const model_Protocoldata& record, const QByteArray& datagram)
@@ -355,7 +323,8 @@ void core_UDP::join(const model_Protocoldata& stamps, const QByteArray& block)
     model_Protocoldata record;
     const QByteArray reply = stdCMD;
     if (const char* failure = joined(block, reply, record)) {
-        replyqueue::postFailure(failure);
+        replyqueue::raiseRetFlag();
+        UdpLink::reportFailure(failure);
     } else {
         record.strKey = stamps.strKey;
         record.strKey2 = stamps.strKey2;
@@ -389,7 +358,9 @@ void core_UDP::combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray st
 {
     model_Protocoldata record;
     if (const char* failure = joined(arrayreceived, stdCMDIn, record)) {
-        replyqueue::reportFailure(failure);
+        replyqueue::setRetFlag(true);
+        qCDebug(debugLine) << failure;
+        Utility_Manage::writeLog(QLatin1String(failure));
     } else {
         addToReceivedQueue(record);
     }

@@ -10,11 +10,10 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <vector>
 
-struct sockaddr_storage;
-class QUdpSocket;
+class QSocketNotifier;
 class UdpLink;
+class UdpSocket;
 
 /// The device over UDP. Commands go out as text frames in datagrams of at most 540 bytes; a reply
 /// is one datagram of 19 bytes, and a reply that carries a block is followed by the block in a
@@ -122,26 +121,26 @@ public Q_SLOTS:
 private:
     enum class Device { Kept, Forgotten };
     void rebuild(Device device);
+    void listen();
+    void stopListening();
+    void onReadable();
     bool readNext();
-    void readOne(int size, const QString& sender);
+    QString senderText(const QHostAddress& sender);
     void route(const model_Protocoldata& record, const QByteArray& datagram);
     void join(const model_Protocoldata& stamps, const QByteArray& block);
     const char* joined(const QByteArray& received, const QByteArray& reply,
                        model_Protocoldata& record);
-    QString senderText(const sockaddr_storage& sender);
-    void closeSocket();
+    void forgetReceived();
 
     QByteArray lastDatagram;
-    QUdpSocket* udpSocket = nullptr;
-    int readsUnderWay = 0;                  // calls of readPendingDatagrams on the stack
-    std::vector<QUdpSocket*> closedSockets; // not deleted while one of them may be on the stack
+    std::shared_ptr<UdpSocket> udpSocket;   // shared with the sending threads
+    QSocketNotifier* readable = nullptr;    // watches udpSocket; a child
     std::shared_ptr<UdpLink> link;          // holds strDeviceIP and nPort
-    std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
+    std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the thread of clearQueue
     QByteArray stdCMD;                      // standard reply that waits for its block
     QByteArray blockCMD;                    // cleared with stdCMD, used nowhere
     std::atomic<model_GlobalEnum::DeviceType> deviceType{model_GlobalEnum::DeviceType{}};
 
-    std::vector<char> readBuffer; // room for the largest datagram
-    QHostAddress lastSender;      // what lastSenderText was made from
+    QHostAddress lastSender; // what lastSenderText was made from
     QString lastSenderText;
 };

@@ -1,26 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include "udplink.h"
 
-#include "core_udp.h"
 #include "debugline.h"
-#include "processend.h"
+#include "handoverthread.h"
+#include "replyqueue.h"
 #include "utility_manage.h"
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <thread>
+#include <QObject>
 
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <chrono>
+#include <thread>
 
 namespace
 {
 
-constexpr std::chrono::milliseconds retirePause{1};
 constexpr std::chrono::milliseconds rebuildPause{1};
 constexpr int rebuildLooks = 1000; // a rebuild takes a millisecond or two
+constexpr std::size_t reportLimit = 65536;
 
 // The result of an operation that is still in progress, as the device's first driver returned it.
 constexpr qint64 inProgress = -115;
@@ -57,93 +53,54 @@ void report(SendOutcome outcome, const SentTexts& texts, const QByteArray& frame
     }
 }
 
-struct SocketAddress {
-    sockaddr_storage storage{};
-    socklen_t length = 0;
-};
+using Report = std::function<void()>;
 
-SocketAddress toSocketAddress(const QHostAddress& address, quint16 port, bool mapsIpv4)
+void reportAll(std::deque<Report>& batch)
 {
-    SocketAddress result;
-    bool isIpv4 = false;
-    const quint32 ipv4 = address.toIPv4Address(&isIpv4);
-    if (isIpv4 && !mapsIpv4) {
-        sockaddr_in in{};
-        in.sin_family = AF_INET;
-        in.sin_port = htons(port);
-        in.sin_addr.s_addr = htonl(ipv4);
-        std::memcpy(&result.storage, &in, sizeof in);
-        result.length = sizeof in;
-        return result;
+    for (const Report& next : batch) {
+        if (processend::over()) {
+            return;
+        }
+        next();
     }
-    sockaddr_in6 in6{};
-    in6.sin6_family = AF_INET6;
-    in6.sin6_port = htons(port);
-    const Q_IPV6ADDR bytes = address.toIPv6Address(); // an IPv4 address comes out mapped
-    std::memcpy(&in6.sin6_addr, &bytes, sizeof in6.sin6_addr);
-    const QString scope = address.scopeId();
-    if (!scope.isEmpty()) {
-        bool isNumber = false;
-        const unsigned number = scope.toUInt(&isNumber);
-        in6.sin6_scope_id = isNumber ? number : if_nametoindex(scope.toLatin1().constData());
-    }
-    std::memcpy(&result.storage, &in6, sizeof in6);
-    result.length = sizeof in6;
-    return result;
+}
+
+// Never destroyed: its thread may be at work while the process ends.
+HandOverThread<Report>& reports()
+{
+    static auto* const instance = new HandOverThread<Report>(reportAll);
+    return *instance;
+}
+
+bool hasThreads()
+{
+    return replyqueue::start() && reports().start();
 }
 
 } // namespace
 
-UdpEndpoint::UdpEndpoint(qintptr socketDescriptor) : descriptor(static_cast<int>(socketDescriptor))
-{
-    sockaddr_storage local{};
-    socklen_t length = sizeof local;
-    mapsIpv4 = descriptor >= 0 &&
-               getsockname(descriptor, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
-               local.ss_family == AF_INET6;
-}
+UdpLink::UdpLink(Transport owner) : transport(std::move(owner)) {}
 
-qint64 UdpEndpoint::write(const char* data, qint64 size, const QHostAddress& address, quint16 port)
+std::shared_ptr<UdpSocket> UdpLink::exchange(std::shared_ptr<UdpSocket> next, bool rebuild)
 {
-    // A null address must be caught here: the kernel would send to loopback.
-    if (descriptor < 0 || address.isNull()) {
-        return -1;
-    }
-    qint64 written = -1;
-    writesUnderWay.fetch_add(1);
-    if (!retired.load()) {
-        const SocketAddress to = toSocketAddress(address, port, mapsIpv4);
-        do {
-            written = sendto(descriptor, data, static_cast<std::size_t>(size),
-                             MSG_DONTWAIT | MSG_NOSIGNAL,
-                             reinterpret_cast<const sockaddr*>(&to.storage), to.length);
-        } while (written < 0 && errno == EINTR);
-    }
-    writesUnderWay.fetch_sub(1);
-    return written;
-}
-
-void UdpEndpoint::retire()
-{
-    retired.store(true);
-    while (writesUnderWay.load() != 0) {
-        std::this_thread::sleep_for(retirePause);
-    }
-}
-
-UdpLink::UdpLink(core_UDP* owner) : transport(owner) {}
-
-std::shared_ptr<UdpEndpoint> UdpLink::exchange(std::shared_ptr<UdpEndpoint> next, bool rebuild)
-{
-    const std::lock_guard lock(endpointLock);
+    const std::lock_guard lock(socketLock);
     rebuilding = rebuild;
-    endpoint.swap(next);
+    socket.swap(next);
     return next;
 }
 
-void UdpLink::attach(std::shared_ptr<UdpEndpoint> next)
+std::shared_ptr<UdpSocket> UdpLink::attach(quint16 localPort)
 {
-    exchange(std::move(next), false);
+    auto next = std::make_shared<UdpSocket>(localPort);
+    const bool isServed = hasThreads();
+    if (isServed) {
+        next->open();
+    }
+    exchange(next, false);
+    if (!isServed) {
+        Utility_Manage::writeLog(QStringLiteral("UDP: the system refuses a thread, link closed"));
+    }
+    return next;
 }
 
 void UdpLink::detach()
@@ -159,7 +116,7 @@ void UdpLink::abandon()
         last->retire();
     }
     const std::lock_guard lock(transportLock);
-    transport = nullptr;
+    transport.object = nullptr;
 }
 
 void UdpLink::setDeviceIP(const QString& ip)
@@ -170,103 +127,113 @@ void UdpLink::setDeviceIP(const QString& ip)
     deviceAddress = parsed;
 }
 
-QString UdpLink::deviceIP() const
+quint16 UdpLink::port() const
 {
-    const std::lock_guard lock(destinationLock);
-    return strDeviceIP;
+    return static_cast<quint16>(nPort.load(std::memory_order_relaxed));
 }
 
-std::shared_ptr<UdpEndpoint> UdpLink::endpointNow() const
+std::shared_ptr<UdpSocket> UdpLink::socketNow() const
 {
     for (int look = 0;; ++look) {
         {
-            const std::lock_guard lock(endpointLock);
+            const std::lock_guard lock(socketLock);
             if (!rebuilding || look == rebuildLooks) {
-                return endpoint;
+                return socket;
             }
         }
         std::this_thread::sleep_for(rebuildPause);
     }
 }
 
-UdpLink::Route UdpLink::routeNow() const
+// A socket that is rebuilt meanwhile is no failure: the datagram goes through the new one.
+qint64 UdpLink::write(const char* data, int size, const Destination& to)
 {
-    Route route;
-    route.through = endpointNow(); // first: while it waits the destination may change
-    route.port = static_cast<quint16>(nPort.load(std::memory_order_relaxed));
-    const std::lock_guard lock(destinationLock);
-    route.address = deviceAddress;
-    return route;
+    for (auto through = socketNow(); through; through = socketNow()) {
+        if (!through->isOpen() && hasThreads() && through->open()) {
+            invoke(&Transport::listen);
+        }
+        const qint64 written = through->write(data, size, to.address, to.port);
+        if (written >= 0 || !through->isRetired()) {
+            return written;
+        }
+    }
+    return -1;
 }
 
-// A socket that is rebuilt meanwhile is no failure: what is left goes through the new one. What has
-// begun to one device ends there.
+SendOutcome UdpLink::send(const QByteArray& frame, const Destination& to)
+{
+    const qint32 sum =
+        sendInPieces(frame, [&](const char* data, int size) { return write(data, size, to); });
+    return classifySent(sum, frame.size());
+}
+
 SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 {
-    Route route = routeNow();
-    bool begun = false;
-    const qint32 sum = sendInPieces(frame, [&](const char* data, int size) -> qint64 {
-        while (route.through) {
-            const qint64 written = route.through->write(data, size, route.address, route.port);
-            if (written >= 0 || !route.through->isRetired()) {
-                begun = true;
-                return written;
-            }
-            Route next = routeNow();
-            if (begun) {
-                route.through = std::move(next.through);
-            } else {
-                route = std::move(next);
-            }
-        }
-        return -1;
-    });
-    const SendOutcome outcome = classifySent(sum, frame.size());
+    (void)socketNow(); // a rebuild that it waits for changes the destination
+    Destination device;
+    {
+        const std::lock_guard lock(destinationLock);
+        device = {deviceAddress, port()};
+    }
+    const SendOutcome outcome = send(frame, device);
     report(outcome, unicastTexts, frame);
     return outcome;
 }
 
 SendOutcome UdpLink::sendBroadcast(const QByteArray& frame)
 {
-    static const QHostAddress everyone(QHostAddress::Broadcast);
-    qint64 written = -1;
-    for (Route route = routeNow(); route.through; route = routeNow()) {
-        written = route.through->write(frame.constData(), frame.size(), everyone, route.port);
-        if (written >= 0 || !route.through->isRetired()) {
-            break;
-        }
-    }
-    const SendOutcome outcome = classifySent(written, frame.size());
+    const Destination everyone{QHostAddress(QHostAddress::Broadcast), port()};
+    const SendOutcome outcome =
+        classifySent(write(frame.constData(), frame.size(), everyone), frame.size());
     report(outcome, broadcastTexts, frame);
     return outcome;
 }
 
-void UdpLink::sendLater(QByteArray frame)
+bool UdpLink::sendTo(const QString& ip, const QByteArray& frame)
 {
-    if (!outbox.put({shared_from_this(), std::move(frame)})) {
-        outbox.drainHere();
+    Destination device;
+    {
+        const std::lock_guard lock(destinationLock);
+        if (strDeviceIP != ip) {
+            return false;
+        }
+        device = {deviceAddress, port()};
     }
+    const SendOutcome outcome = send(frame, device);
+    const auto tell = [link = shared_from_this(), outcome, frame] {
+        report(outcome, unicastTexts, frame);
+        if (outcome == SendOutcome::Unknown) {
+            link->invoke(&Transport::reInit);
+        }
+    };
+    if (isBehind()) {
+        tell(); // the host's log holds back who fills it
+    } else {
+        reports().put(tell);
+    }
+    return true;
 }
 
-void UdpLink::sendPending(std::deque<Pending>& batch)
+void UdpLink::reportFailure(const char* text)
 {
-    for (const Pending& pending : batch) {
-        if (processend::over()) {
-            return;
-        }
-        if (pending.link->sendUnicast(pending.frame) == SendOutcome::Unknown) {
-            pending.link->requestReInit();
-        }
-    }
+    reports().put([text] {
+        qCDebug(debugLine) << text;
+        Utility_Manage::writeLog(QLatin1String(text));
+    });
 }
 
-// Through the transport's event queue: a slot connected to the signal is host code, which the
-// transport's destructor must not wait for.
-void UdpLink::requestReInit()
+bool UdpLink::isBehind()
+{
+    return reports().size() >= reportLimit;
+}
+
+// Through the transport's event queue: what it leads to is host code, which the transport's
+// destructor must not wait for.
+void UdpLink::invoke(std::function<void()> Transport::*call)
 {
     const std::lock_guard lock(transportLock);
-    if (transport != nullptr) {
-        QMetaObject::invokeMethod(transport, "signalReInitUdp", Qt::QueuedConnection);
+    if (transport.object != nullptr) {
+        QMetaObject::invokeMethod(transport.object, transport.*call, Qt::QueuedConnection);
     }
 }
 

@@ -1,40 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "drainqueue.h"
+#include "udpsocket.h"
 
 #include <QByteArray>
 #include <QHostAddress>
 #include <QString>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 
-class core_UDP;
-
-/// One open UDP socket as its senders see it: a descriptor that several threads may write at once.
-class UdpEndpoint
-{
-public:
-    /// Borrows the descriptor of a bound socket; -1 for none, and every write then fails.
-    explicit UdpEndpoint(qintptr descriptor);
-
-    /// Sends one datagram. Returns its size, or -1 and nothing has left. Never blocks; any thread.
-    qint64 write(const char* data, qint64 size, const QHostAddress& address, quint16 port);
-
-    /// After it returns no write uses the descriptor any more: it may be closed. Waits for the
-    /// writes that are under way, which never block.
-    void retire();
-
-    bool isRetired() const { return retired.load(); }
-
-private:
-    int descriptor;
-    bool mapsIpv4 = false; // an IPv6 socket that carries both: IPv4 goes as ::ffff:a.b.c.d
-    std::atomic<int> writesUnderWay{0};
-    std::atomic<bool> retired{false};
-};
+class QObject;
 
 /// How one frame went out.
 enum class SendOutcome { Successful, Failed, BroadcastFailed, Unknown };
@@ -47,21 +25,28 @@ enum class SendOutcome { Successful, Failed, BroadcastFailed, Unknown };
 class UdpLink : public std::enable_shared_from_this<UdpLink>
 {
 public:
-    explicit UdpLink(core_UDP* transport);
+    /// What senders have the transport do, in its own thread.
+    struct Transport {
+        QObject* object;
+        std::function<void()> listen; ///< the socket is open now
+        std::function<void()> reInit; ///< a frame of the system plan went wrong in an unknown way
+    };
 
-    /// From now on datagrams go through this endpoint.
-    void attach(std::shared_ptr<UdpEndpoint> endpoint);
+    explicit UdpLink(Transport transport);
 
-    /// The socket may be closed when this returns. Until the next attach, which must follow at
-    /// once, sends wait, also between two datagrams of a frame: they are not to fail because the
-    /// socket is being rebuilt.
+    /// Opens a socket that datagrams go through from now on, and returns it. Without a descriptor,
+    /// or a thread for what the host may keep waiting, the next send tries again to open it, and
+    /// has the transport listen then; a thread that is refused is noted in the log.
+    std::shared_ptr<UdpSocket> attach(quint16 localPort);
+
+    /// Closes the socket. Until the next attach, which must follow at once, sends wait, also
+    /// between two datagrams of a frame: they are not to fail because the socket is being rebuilt.
     void detach();
 
-    /// The transport is being destroyed; frames that are pending fail.
+    /// Closes the socket for good: the transport is being destroyed.
     void abandon();
 
     void setDeviceIP(const QString& ip);
-    QString deviceIP() const;
     void setPort(int port) { nPort.store(port, std::memory_order_relaxed); }
 
     /// Sends a frame in datagrams of at most 540 bytes to the device and reports the outcome in the
@@ -71,41 +56,42 @@ public:
     /// Sends a frame as one datagram to 255.255.255.255, reported alike.
     SendOutcome sendBroadcast(const QByteArray& frame);
 
-    /// sendUnicast on a detached thread, in order with the other frames sent this way. An unknown
-    /// outcome makes the transport emit signalReInitUdp in its own thread.
-    void sendLater(QByteArray frame);
+    /// sendUnicast if the device's address is exactly \a ip, else false. The outcome is reported on
+    /// another thread; one that is unknown makes the transport emit signalReInitUdp in its own.
+    bool sendTo(const QString& ip, const QByteArray& frame);
+
+    /// Has \a text, which must live for ever, written as a debug line and to the log, by another
+    /// thread.
+    static void reportFailure(const char* text);
+
+    /// Whether what waits for the host's log has reached its bound: then nothing more is to be
+    /// read.
+    static bool isBehind();
 
 private:
-    struct Route {
-        std::shared_ptr<UdpEndpoint> through; // null while there is no socket
+    struct Destination {
         QHostAddress address;
         quint16 port = 0;
     };
 
-    std::shared_ptr<UdpEndpoint> endpointNow() const;
-    Route routeNow() const;
-    std::shared_ptr<UdpEndpoint> exchange(std::shared_ptr<UdpEndpoint> next, bool rebuild);
-    void requestReInit();
-    struct Pending;
-    static void sendPending(std::deque<Pending>& batch);
+    quint16 port() const;
+    std::shared_ptr<UdpSocket> socketNow() const;
+    std::shared_ptr<UdpSocket> exchange(std::shared_ptr<UdpSocket> next, bool rebuild);
+    SendOutcome send(const QByteArray& frame, const Destination& to);
+    qint64 write(const char* data, int size, const Destination& to);
+    void invoke(std::function<void()> Transport::*call);
 
     // Each a leaf.
     mutable std::mutex destinationLock; // strDeviceIP, deviceAddress
-    mutable std::mutex endpointLock;    // endpoint, rebuilding
+    mutable std::mutex socketLock;      // socket, rebuilding
     std::mutex transportLock;           // transport
 
     QString strDeviceIP;
     QHostAddress deviceAddress; // strDeviceIP parsed
     std::atomic<int> nPort{0};
-    std::shared_ptr<UdpEndpoint> endpoint;
-    bool rebuilding = false; // an attach follows at once
-    core_UDP* transport;     // null once the transport is being destroyed
-
-    struct Pending {
-        std::shared_ptr<UdpLink> link; // keeps it until the frame is out
-        QByteArray frame;
-    };
-    DrainQueue<Pending> outbox{sendPending};
+    std::shared_ptr<UdpSocket> socket; // null while there is none
+    bool rebuilding = false;           // an attach follows at once
+    Transport transport;               // its object is null once it is being destroyed
 };
 
 /// The size of a datagram's share of a frame, in bytes.

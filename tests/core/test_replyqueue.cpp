@@ -2,12 +2,10 @@
 #include "biz_cmdswork.h"
 #include "eventually.h"
 #include "hostqueue.h"
-#include "messagecapture.h"
 #include "processstate.h"
 #include "recordequality.h"
 #include "replyqueue.h"
 #include "threadrefusal.h"
-#include "warningcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -60,17 +58,6 @@ model_Protocoldata filled()
     record.sendMode = 0xF3;
     record.featureCode = -0x70000002;
     return record;
-}
-
-// Two records for which no thread can be had.
-void postRefused()
-{
-    const ThreadRefusal refusal;
-    const int before = ThreadRefusal::refused();
-    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    replyqueue::post(numbered(0));
-    replyqueue::post(numbered(1));
-    EXPECT_GE(ThreadRefusal::refused(), before + 2);
 }
 
 // Whether the record is in the queue although its flag cannot be up yet and nobody has the lock.
@@ -136,22 +123,23 @@ TEST(ReplyQueue, PostIsThereAtOnceWhenTheHostHoldsNothing)
     EXPECT_TRUE(hostqueue::flag());
 }
 
-TEST(ReplyQueue, PostNeverWaitsAndOneThreadBringsABurstInOrder)
+TEST(ReplyQueue, PostNeverWaitsAndABurstComesInOrderWithoutAFurtherThread)
 {
+    const int before = processstate::threads();
+    ASSERT_TRUE(replyqueue::start());
+    ASSERT_TRUE(eventually([before] { return processstate::threads() == before; }));
     for (std::mutex* held : {&biz_CMDSWork::receiveHexCmdlock, &biz_CMDSWork::HexCmdlock}) {
         hostqueue::clear();
-        const int before = processstate::threads();
         {
             const std::lock_guard lock(*held);
             for (int i = 0; i < 100000; ++i) {
                 replyqueue::post(numbered(i));
             }
-            EXPECT_LE(processstate::threads(), before + 1);
+            EXPECT_EQ(processstate::threads(), before);
         }
         ASSERT_TRUE(eventually([] { return hostqueue::size() == 100000; }));
         EXPECT_TRUE(inOrder(100000));
         EXPECT_TRUE(hostqueue::flag());
-        ASSERT_TRUE(eventually([before] { return processstate::threads() == before; }));
     }
 }
 
@@ -172,110 +160,117 @@ TEST(ReplyQueue, OrderHoldsAcrossTheEndOfABacklog)
     EXPECT_TRUE(inOrder(next));
 }
 
-TEST(ReplyQueue, RefusedThreadLosesNothing)
+TEST(ReplyQueue, ThreadsRefusedAfterTheStartChangeNothing)
 {
-    const WarningCapture warnings;
-    const int threads = processstate::threads();
-    // A thread that is still there takes what is posted.
-    const auto isIdle = [threads] { return processstate::threads() <= threads; };
+    ASSERT_TRUE(replyqueue::start());
+    const auto work = std::make_shared<biz_CMDSWork>();
     for (int round = 0; round < 3; ++round) {
-        ASSERT_TRUE(eventually(isIdle));
         hostqueue::clear();
-        postRefused();
-        // No further reply comes: the event loop brings them.
-        ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; })) << round;
+        replyqueue::append(numbered(7));
+        {
+            const ThreadRefusal refusal;
+            const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+            replyqueue::clearElsewhere(work); // waits for none of the host's locks
+        }
+        ASSERT_TRUE(eventually([] { return hostqueue::size() == 0; }));
+        {
+            const ThreadRefusal refusal;
+            const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+            replyqueue::post(numbered(0));
+            replyqueue::post(numbered(1));
+        }
+        // No further reply comes, and no event loop turns.
+        ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; }));
         EXPECT_TRUE(inOrder(2));
         EXPECT_TRUE(hostqueue::flag());
-
-        // The same from a thread that has no event loop, as those of the links have none.
-        ASSERT_TRUE(eventually(isIdle));
-        hostqueue::clear();
-        std::thread(postRefused).join();
-        ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; })) << round;
-        EXPECT_TRUE(inOrder(2));
     }
-    EXPECT_EQ(warnings.lines(), QStringList());
-}
-
-TEST(ReplyQueue, RefusedThreadIsTriedAgainByTheNextApplicationToo)
-{
-    static int argc = 1;
-    static char name[] = "test";
-    static char* argv[] = {name, nullptr};
-    hostqueue::clear();
-    QCoreApplication* const application = QCoreApplication::instance();
-    for (int lives = 0; lives < 3; ++lives) {
-        postRefused();
-        application->~QCoreApplication(); // with a retry pending
-        new (application) QCoreApplication(argc, argv);
-        if (lives == 1) {
-            QCoreApplication::sendPostedEvents(); // the timer runs, and goes with this application
-        }
-    }
-    postRefused();
-    EXPECT_TRUE(eventually([] { return hostqueue::size() == 8; }));
-}
-
-TEST(ReplyQueue, ARefusedClearIsDoneLater)
-{
-    const auto work = std::make_shared<biz_CMDSWork>();
-    hostqueue::clear();
-    replyqueue::append(numbered(0));
-    {
-        const ThreadRefusal refusal;
-        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-        replyqueue::clearElsewhere(work); // does not wait for the lock
-    }
-    EXPECT_EQ(hostqueue::size(), 1U);
-    EXPECT_TRUE(eventually([] { return hostqueue::size() == 0; }));
     EXPECT_TRUE(eventually([&] { return work.use_count() == 1; }));
 }
 
-TEST(ReplyQueue, ARefusedClearTakesNothingThatComesLater)
-{
-    hostqueue::clear();
-    replyqueue::append(numbered(7));
-    const auto work = std::make_shared<biz_CMDSWork>();
-    {
-        const ThreadRefusal refusal;
-        replyqueue::clearElsewhere(work);
-    }
-    replyqueue::append(numbered(0));
-    EXPECT_TRUE(inOrder(1));
-    EXPECT_EQ(work.use_count(), 1);
-    EXPECT_FALSE(eventually([] { return hostqueue::size() != 1; }, std::chrono::milliseconds(50)));
-}
-
-TEST(ReplyQueue, RefusedThreadsEndWithTheNextReply)
+TEST(ReplyQueue, RefusedTheirThreadsRecordsWaitForTheNextLink)
 {
     hostqueue::clear();
     {
         const ThreadRefusal refusal;
+        EXPECT_FALSE(replyqueue::start());
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
         replyqueue::post(numbered(0));
+        replyqueue::post(numbered(1));
     }
-    replyqueue::post(numbered(1));
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (hostqueue::size() < 2 && std::chrono::steady_clock::now() < end) { // no event loop
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    EXPECT_EQ(hostqueue::size(), 0U);
+    EXPECT_TRUE(replyqueue::start());
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; }));
     EXPECT_TRUE(inOrder(2));
 }
 
-TEST(ReplyQueue, FailureRaisesTheFlagThenReports)
+TEST(ReplyQueue, TheFlagIsRaisedAlthoughRecordsWaitForTheQueuesLock)
 {
     hostqueue::clear();
-    const MessageCapture capture;
     {
-        const std::lock_guard lock(biz_CMDSWork::HexCmdlock);
-        replyqueue::postFailure("no block came");
-        EXPECT_EQ(capture.count(QStringLiteral("no block came")), 0);
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        replyqueue::post(numbered(0));
+        replyqueue::raiseRetFlag();
+        EXPECT_TRUE(hostqueue::flag());
     }
-    ASSERT_TRUE(
-        eventually([] { return hostqueue::countLog(QStringLiteral("no block came")) == 1; }));
-    EXPECT_EQ(capture.count(QStringLiteral("no block came")), 1);
-    EXPECT_TRUE(hostqueue::flag());
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        hostqueue::setFlag(false);
+        {
+            const std::lock_guard flagLock(biz_CMDSWork::HexCmdlock);
+            replyqueue::post(numbered(1));
+            replyqueue::raiseRetFlag(); // does not wait
+            replyqueue::raiseRetFlag();
+        }
+        EXPECT_TRUE(eventually([] { return hostqueue::flag(); }));
+        EXPECT_EQ(biz_CMDSWork::receivequeueHexCmd.size(), 1U);
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+}
+
+TEST(ReplyQueue, AFlagAloneIsRaisedOnceItsLockIsFree)
+{
+    hostqueue::clear();
+    {
+        const std::lock_guard flagLock(biz_CMDSWork::HexCmdlock);
+        replyqueue::raiseRetFlag();
+        EXPECT_FALSE(biz_CMDSWork::bRetFlag);
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::flag(); }));
     EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST(ReplyQueue, AClearThatTakesLongHoldsUpNoRecord)
+{
+    const auto work = std::make_shared<biz_CMDSWork>();
+    hostqueue::clear();
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        replyqueue::clearElsewhere(work); // waits for the lock
+        replyqueue::raiseRetFlag();
+        EXPECT_TRUE(hostqueue::flag());
+    }
+    ASSERT_TRUE(eventually([&] { return work.use_count() == 1; }));
+    replyqueue::post(numbered(0));
+    EXPECT_EQ(hostqueue::size(), 1U);
+}
+
+TEST(ReplyQueue, WhatWaitsForTheHostHasABound)
+{
+    hostqueue::clear();
+    model_Protocoldata record;
+    record.arryDatablock = QByteArray(1024 * 1024, 'b');
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        for (int i = 0; i < 15; ++i) {
+            replyqueue::post(record);
+            EXPECT_FALSE(replyqueue::isFull());
+        }
+        replyqueue::post(record);
+        EXPECT_TRUE(replyqueue::isFull());
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 16; }));
+    EXPECT_FALSE(replyqueue::isFull());
 }
 
 // The process ends with replies pending: freely, and with the host's lock never let go.
@@ -287,7 +282,7 @@ TEST(ReplyQueueDeathTest, ExitWithRepliesPending)
                 biz_CMDSWork::receiveHexCmdlock.lock();
                 for (int i = 0; i < 1000; ++i) {
                     replyqueue::post(numbered(i));
-                    replyqueue::postFailure("late");
+                    replyqueue::raiseRetFlag();
                 }
                 if (!forever) {
                     biz_CMDSWork::receiveHexCmdlock.unlock();

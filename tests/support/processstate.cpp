@@ -33,7 +33,13 @@ double seconds(const timeval& time)
 
 int processstate::threads()
 {
-    return static_cast<int>(statusField("Threads:"));
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        count += name == "core-handover" ? 0 : 1;
+    }
+    return count;
 }
 
 int processstate::descriptors()

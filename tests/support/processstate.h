@@ -5,7 +5,9 @@
 namespace processstate
 {
 
-int threads();       ///< number of threads
+/// Number of threads, but for those that the library starts once, with its first link.
+int threads();
+
 int descriptors();   ///< number of open file descriptors
 long residentKiB();  ///< resident memory, KiB
 double cpuSeconds(); ///< processor time used so far by all threads, s

@@ -490,20 +490,13 @@ TEST_F(CoreUdpReceive, MessageHandlerMayReInitialise)
             hostqueue::clear();
             peer.send(replyText(0xf1, 0x10, 3, 0));
             readAll();
-            bool kept = false; // the closed socket, which is still at work below
-            const HandlerThatActs handler(QString::fromLatin1(line), [&] {
-                action();
-                kept = transport->findChild<QUdpSocket*>() != nullptr;
-            });
+            const HandlerThatActs handler(QString::fromLatin1(line), action);
             if (qstrcmp(line, "dataLeng = ") == 0) {
                 peer.send("abc");
             } else {
                 peer.send(replyText(0x10, 2));
             }
             ASSERT_TRUE(eventually([&handler] { return handler.acted(); })) << line;
-            EXPECT_TRUE(kept);
-            EXPECT_TRUE(
-                eventually([this] { return transport->findChild<QUdpSocket*>() == nullptr; }));
             peer.send(replyText(0x79, 0x09)); // through the new socket
             ASSERT_TRUE(eventually([] {
                 const auto records = hostqueue::records();

@@ -110,20 +110,23 @@ TEST(ClassifySent, InTheOrderOfTheTable)
     EXPECT_EQ(classifySent(20, 19), SendOutcome::Unknown);
 }
 
-TEST(UdpEndpoint, NullAddressOrNoSocketFailsEveryWrite)
+TEST(UdpSocket, NullAddressOrNoSocketFailsEveryWrite)
 {
-    UdpEndpoint none(-1);
-    EXPECT_EQ(none.write("x", 1, QHostAddress(QHostAddress::LocalHost), 9), -1);
-    none.retire();
+    const QHostAddress here(QHostAddress::LocalHost);
+    UdpSocket socket(0);
+    EXPECT_EQ(socket.write("x", 1, here, 9), -1);
+    ASSERT_TRUE(socket.open());
+    EXPECT_EQ(socket.write("x", 1, here, 9), 1);
+    EXPECT_EQ(socket.write("x", 1, QHostAddress(), 9), -1);
+    socket.retire();
+    EXPECT_EQ(socket.write("x", 1, here, 9), -1);
 }
 
 TEST(UdpLink, SendThatWaitsForARebuildTakesTheDestinationAfterIt)
 {
     UdpPeer before;
     UdpPeer after(QStringLiteral("127.0.0.2"));
-    QUdpSocket socket;
-    ASSERT_TRUE(socket.bind());
-    const auto link = std::make_shared<UdpLink>(nullptr);
+    const auto link = std::make_shared<UdpLink>(UdpLink::Transport{nullptr, {}, {}});
     link->setDeviceIP(QStringLiteral("127.0.0.1"));
     link->setPort(before.port());
     link->detach();
@@ -131,7 +134,7 @@ TEST(UdpLink, SendThatWaitsForARebuildTakesTheDestinationAfterIt)
     std::this_thread::sleep_for(std::chrono::milliseconds(20)); // or it does not wait at all
     link->setDeviceIP(QStringLiteral("127.0.0.2"));
     link->setPort(after.port());
-    link->attach(std::make_shared<UdpEndpoint>(socket.socketDescriptor()));
+    link->attach(0);
     sender.join();
     EXPECT_EQ(after.receive().bytes, QByteArray("frame"));
     EXPECT_FALSE(before.hasDatagram());

@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: MIT
+#include "udpsocket.h"
+
+#include <QNetworkInterface>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr std::chrono::milliseconds retirePause{1};
+constexpr std::size_t largestDatagram = 65536;
+constexpr int receiveBufferBytes = 4 * 1024 * 1024; // 2,000 replies with the kernel's overhead
+
+struct SocketAddress {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+};
+
+template <class Address>
+SocketAddress toSocketAddress(const Address& address)
+{
+    SocketAddress result;
+    std::memcpy(&result.storage, &address, sizeof address);
+    result.length = sizeof address;
+    return result;
+}
+
+SocketAddress ipv4Address(quint32 address, quint16 port)
+{
+    sockaddr_in in{};
+    in.sin_family = AF_INET;
+    in.sin_port = htons(port);
+    in.sin_addr.s_addr = htonl(address);
+    return toSocketAddress(in);
+}
+
+SocketAddress ipv6Address(const QHostAddress& address, quint16 port)
+{
+    sockaddr_in6 in6{};
+    in6.sin6_family = AF_INET6;
+    in6.sin6_port = htons(port);
+    const Q_IPV6ADDR bytes = address.toIPv6Address(); // an IPv4 address comes out mapped
+    std::memcpy(&in6.sin6_addr, &bytes, sizeof in6.sin6_addr);
+    const QString scope = address.scopeId();
+    if (!scope.isEmpty()) {
+        bool isNumber = false;
+        const unsigned number = scope.toUInt(&isNumber);
+        in6.sin6_scope_id = isNumber ? number : if_nametoindex(scope.toLatin1().constData());
+    }
+    return toSocketAddress(in6);
+}
+
+SocketAddress toSocketAddress(const QHostAddress& address, quint16 port, bool mapsIpv4)
+{
+    bool isIpv4 = false;
+    const quint32 ipv4 = address.toIPv4Address(&isIpv4);
+    return isIpv4 && !mapsIpv4 ? ipv4Address(ipv4, port) : ipv6Address(address, port);
+}
+
+unsigned scopeOf(const sockaddr_storage& address)
+{
+    sockaddr_in6 in6{};
+    std::memcpy(&in6, &address, sizeof in6);
+    return in6.sin6_family == AF_INET6 ? in6.sin6_scope_id : 0;
+}
+
+void setOption(int descriptor, int level, int option, int value)
+{
+    setsockopt(descriptor, level, option, &value, sizeof value);
+}
+
+void askForReceiveBuffer(int descriptor)
+{
+    setOption(descriptor, SOL_SOCKET, SO_RCVBUF, receiveBufferBytes);
+    setOption(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, receiveBufferBytes); // needs a privilege
+}
+
+} // namespace
+
+UdpSocket::~UdpSocket()
+{
+    retire();
+}
+
+bool UdpSocket::open()
+{
+    const std::lock_guard lock(openLock);
+    if (isOpen()) {
+        return true;
+    }
+    return !retired && (openFamily(AF_INET6) || (errno == EAFNOSUPPORT && openFamily(AF_INET)));
+}
+
+bool UdpSocket::openFamily(int family)
+{
+    const int opened = socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (opened < 0) {
+        return false;
+    }
+    mapsIpv4 = family == AF_INET6;
+    if (mapsIpv4) {
+        setOption(opened, IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    }
+    setOption(opened, SOL_SOCKET, SO_BROADCAST, 1);
+    askForReceiveBuffer(opened);
+    const SocketAddress any = mapsIpv4 ? ipv6Address(QHostAddress(QHostAddress::AnyIPv6), localPort)
+                                       : ipv4Address(INADDR_ANY, localPort);
+    isBound = bind(opened, any.get(), any.length) == 0;
+    descriptor = opened;
+    return true;
+}
+
+qint64 UdpSocket::write(const char* data, qint64 size, const QHostAddress& address, quint16 port)
+{
+    // A null address must be caught here: the kernel would send to loopback.
+    if (address.isNull()) {
+        return -1;
+    }
+    qint64 written = -1;
+    ++writesUnderWay;
+    if (!retired && isOpen()) {
+        const SocketAddress to = toSocketAddress(address, port, mapsIpv4);
+        do {
+            written = sendto(descriptor, data, static_cast<std::size_t>(size),
+                             MSG_DONTWAIT | MSG_NOSIGNAL, to.get(), to.length);
+        } while (written < 0 && errno == EINTR);
+    }
+    --writesUnderWay;
+    return written;
+}
+
+bool UdpSocket::read(QByteArray& datagram, QHostAddress& sender)
+{
+    const int source = readable();
+    if (source < 0) {
+        return false;
+    }
+    readBuffer.resize(largestDatagram);
+    sockaddr_storage from{};
+    ssize_t size = -1;
+    do {
+        socklen_t length = sizeof from;
+        size = recvfrom(source, readBuffer.data(), readBuffer.size(), MSG_DONTWAIT,
+                        reinterpret_cast<sockaddr*>(&from), &length);
+    } while (size < 0 && errno == EINTR);
+    if (size < 0) {
+        return false;
+    }
+    datagram = QByteArray(readBuffer.data(), static_cast<int>(size));
+    sender.setAddress(reinterpret_cast<const sockaddr*>(&from));
+    if (const unsigned scope = scopeOf(from)) {
+        sender.setScopeId(QNetworkInterface::interfaceNameFromIndex(static_cast<int>(scope)));
+    }
+    return true;
+}
+
+void UdpSocket::retire()
+{
+    if (retired.exchange(true)) {
+        return;
+    }
+    while (writesUnderWay != 0) {
+        std::this_thread::sleep_for(retirePause);
+    }
+    if (isOpen()) {
+        close(descriptor);
+    }
+}
