@@ -26,13 +26,14 @@ enum ConnOsdType : std::int32_t {
 class CORE_MANAGE_EXPORT CoreFactory
 {
 public:
-    /// The shared device link, made anew: the one before, if any, is destroyed first. While the new
+    /// The shared device link, made anew: the one before, if any, is deleted first, a host's own
+    /// included. While the new
     /// one is being made iCORE keeps its old value, so if that throws iCORE designates a destroyed
     /// object.
     static ICoreBase* creatCoreObj(ConnType type);
 
-    /// The shared endpoint manager, made anew: the one before, if any, is destroyed first;
-    /// iOsdCore is null while the new one is made.
+    /// The shared endpoint manager, made anew: the one before, if any, is deleted first, a host's
+    /// own included; iOsdCore is null while the new one is made.
     static ICoreOsdBase* createOsdCoreObj(ConnOsdType type);
 
     /// A new link of its own; the caller owns it. The shared ones are not touched.

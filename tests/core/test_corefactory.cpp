@@ -50,14 +50,38 @@ TEST(CoreFactory, AskingAgainDestroysTheOneBefore)
     EXPECT_EQ(CoreFactory::iCORE, second);
 }
 
-TEST(CoreFactory, TheNewObjectHasAnAddressOfItsOwn)
+// A manager of the host's, whose memory only its own class knows to give back.
+class HostsManager : public ICoreOsdBase
 {
-    for (const ConnType kind : {ConnUdp, ConnSerial, ConnVelaSerial, ConnUsb}) {
-        const ICoreBase* const first = CoreFactory::creatCoreObj(kind);
-        EXPECT_NE(CoreFactory::creatCoreObj(kind), first);
+public:
+    ~HostsManager() override { ++destroyed; }
+    static void* operator new(std::size_t size)
+    {
+        return static_cast<char*>(::operator new(size + offset)) + offset;
     }
-    const ICoreOsdBase* const first = CoreFactory::createOsdCoreObj(ConnOsdTcp);
-    EXPECT_NE(CoreFactory::createOsdCoreObj(ConnOsdTcp), first);
+    static void operator delete(void* memory)
+    {
+        ++freed;
+        ::operator delete(static_cast<char*>(memory) - offset);
+    }
+    void openClient(QString, int) override {}
+    void closeClient(QString) override {}
+    void sendDatatoDevice(void*) override {}
+
+    static inline int destroyed = 0;
+    static inline int freed = 0;
+
+private:
+    static constexpr std::size_t offset = 64;
+};
+
+TEST(CoreFactory, DeletesWhatTheHostPutThere)
+{
+    CoreFactory::iOsdCore = new HostsManager;
+    const ICoreOsdBase* const made = CoreFactory::createOsdCoreObj(ConnOsdTcp);
+    EXPECT_EQ(HostsManager::destroyed, 1);
+    EXPECT_EQ(HostsManager::freed, 1);
+    EXPECT_EQ(CoreFactory::iOsdCore, made);
 }
 
 // The one before is gone when the next one asks for its port.

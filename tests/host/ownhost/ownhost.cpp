@@ -8,11 +8,14 @@ bool biz_CMDSWork::bRetFlag = false;
 std::mutex biz_CMDSWork::receiveHexCmdlock;
 std::deque<model_Protocoldata> biz_CMDSWork::receivequeueHexCmd;
 int biz_CMDSWork::cleared = 0;
-int Utility_Manage::linesWritten = 0;
+std::atomic<int> Utility_Manage::linesWritten{0};
 
+// What a new record holds is the host's own affair.
 model_Protocoldata::model_Protocoldata()
-    : bKeyFlag(0), HEAD(0), aux1(0), aux2(0), aux3(0), aux4(0), aux5(0), aux6(0), ADDR(0), CMD(0),
-      DAT1(0), DAT2(0), DAT3(0), DAT4(0), CHKSUM(0), aux7(0), sendMode(0), featureCode(0)
+    : strKey("key"), bKeyFlag(0x11), strKey2("key2"), HEAD(0x11), aux1(0x1111), aux2(0x1111),
+      aux3(0x11), aux4(0x1111), aux5(0x1111), aux6(0x1111), ADDR(0x11), CMD(0x11), DAT1(0x11),
+      DAT2(0x11), DAT3(0x11), DAT4(0x11), CHKSUM(0x11), aux7(0x11), strReply("reply"),
+      arryDatablock("block"), sendMode(0x11), featureCode(0x11)
 {
 }
 model_Protocoldata::model_Protocoldata(const model_Protocoldata& other) = default;

@@ -3,6 +3,8 @@
 
 #include "records.h"
 
+#include <atomic>
+
 class OWN_HOST_API Utility_Manage
 {
 public:
@@ -11,5 +13,5 @@ public:
     static unsigned char getHighByte(unsigned short value);
     static unsigned char getLowByte(unsigned short value);
     static model_GlobalEnum::DeviceType getDeviceType();
-    static int linesWritten;
+    static std::atomic<int> linesWritten;
 };

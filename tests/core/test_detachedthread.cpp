@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+#include "biz_cmdswork.h"
+#include "detachedthread.h"
+#include "eventually.h"
+#include "replyqueue.h"
+#include "threadrefusal.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+namespace
+{
+
+std::atomic<int> detachCalls{0};
+
+} // namespace
+
+// Takes the place of the C library's function in this program and the libraries it loads.
+extern "C" __attribute__((visibility("default"))) int pthread_detach(pthread_t thread) noexcept
+{
+    ++detachCalls;
+    using Detach = int (*)(pthread_t);
+    static const auto next = reinterpret_cast<Detach>(dlsym(RTLD_NEXT, "pthread_detach"));
+    return next(thread);
+}
+
+// Detaching a thread that has started can fail, and then the process ends.
+TEST(DetachedThread, IsCreatedDetached)
+{
+    std::atomic<int> ran{0};
+    for (int i = 0; i < 500; ++i) {
+        ASSERT_TRUE(eventually([&ran] { return startDetached([&ran] { ++ran; }); }));
+    }
+    EXPECT_TRUE(replyqueue::start());
+    const auto work = std::make_shared<biz_CMDSWork>();
+    replyqueue::clearElsewhere(work);
+    EXPECT_TRUE(eventually([&] { return ran == 500 && work.use_count() == 1; }));
+    EXPECT_EQ(detachCalls, 0);
+}
+
+TEST(DetachedThread, GivesUpWhatItOwnsWhenItEndsOrIsRefused)
+{
+    const auto owned = std::make_shared<int>(7);
+    std::atomic<int> seen{0};
+    EXPECT_TRUE(startDetached([owned, &seen] { seen = *owned; }));
+    EXPECT_TRUE(eventually([&] { return owned.use_count() == 1; }));
+    EXPECT_EQ(seen, 7);
+    const ThreadRefusal refusal;
+    EXPECT_FALSE(startDetached([owned, &seen] { seen = 8; }));
+    EXPECT_EQ(owned.use_count(), 1);
+    EXPECT_EQ(seen, 7);
+}
