@@ -149,6 +149,20 @@ TEST(TextReply, EitherCaseOfDigits)
     EXPECT_TRUE(sameRecord(lower, upper));
 }
 
+// A host's new record may hold anything.
+TEST(TextReply, BodyAndBlockAreSetWhateverTheRecordHeld)
+{
+    model_Protocoldata record;
+    record.HEAD = record.ADDR = record.CMD = record.CHKSUM = 0x11;
+    record.DAT1 = record.DAT2 = record.DAT3 = record.DAT4 = 0x11;
+    record.arryDatablock = "left over";
+    model_Protocoldata head = record;
+    EXPECT_TRUE(commandframe::decodeText("<F0000000000000000>", record));
+    EXPECT_EQ(commandframe::encodeText(record), QByteArray("<T0000000000000000>"));
+    EXPECT_TRUE(commandframe::decodeBinary(QByteArray(16, '\0'), head));
+    EXPECT_TRUE(head.arryDatablock.isEmpty());
+}
+
 TEST(TextReply, MissingBytesReadAsNothing)
 {
     model_Protocoldata record;
