@@ -31,7 +31,7 @@ public:
     /// thread; does not block.
     virtual void setPort(int port) = 0;
 
-    /// Runs biz_CMDSWork::clearQueue on a thread of its own and returns at once. Any thread.
+    /// Has biz_CMDSWork::clearQueue run on another thread and returns at once. Any thread.
     virtual void clearQueue() = 0;
 
     /// Serial links: configures and opens the port, false if it cannot be opened. Owner's thread.

@@ -21,7 +21,7 @@ public:
     biz_CMDSWork& operator=(const biz_CMDSWork&) = delete;
 
     /// Empties the reply queue. Any thread; waits for receiveHexCmdlock. The links call it on a
-    /// thread of its own, which may outlive the link.
+    /// thread that may outlive them, one call after the other.
     void clearQueue();
 
     static std::mutex HexCmdlock;        ///< guards bRetFlag

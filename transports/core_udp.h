@@ -28,10 +28,9 @@ class UdpSocket;
 /// The object lives in the thread that made it, which must run a Qt event loop: datagrams are read
 /// there. The send operations, setDeviceIP, setPort, setDeviceType, clearQueue, setRetFlagStatus
 /// and addToReceivedQueue may be called from any thread; sends from several threads are not
-/// serialised. Sending never blocks on the network. A transport may be destroyed with replies and
-/// frames of the system plan still pending: those replies reach the queue, those frames fail. Its
-/// destructor waits for no host code. The host's message handler and log may re-initialise the
-/// transport that they are called from; they must not destroy it.
+/// serialised. Sending never blocks on the network. A transport may be destroyed with replies still
+/// pending: they reach the queue. Its destructor waits for no host code. The host's message handler
+/// and log may re-initialise the transport that they are called from; they must not destroy it.
 class CORE_MANAGE_EXPORT core_UDP : public ICoreBase
 {
     Q_OBJECT
