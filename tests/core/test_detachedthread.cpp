@@ -33,8 +33,17 @@ extern "C" __attribute__((visibility("default"))) int pthread_detach(pthread_t t
 TEST(DetachedThread, IsCreatedDetached)
 {
     std::atomic<int> ran{0};
+    const auto run = [&ran] {
+        pthread_attr_t attributes;
+        int state = PTHREAD_CREATE_JOINABLE;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+            pthread_attr_getdetachstate(&attributes, &state);
+            pthread_attr_destroy(&attributes);
+        }
+        ran += state == PTHREAD_CREATE_DETACHED ? 1 : 0;
+    };
     for (int i = 0; i < 500; ++i) {
-        ASSERT_TRUE(eventually([&ran] { return startDetached([&ran] { ++ran; }); }));
+        ASSERT_TRUE(eventually([&run] { return startDetached(run); }));
     }
     EXPECT_TRUE(replyqueue::start());
     const auto work = std::make_shared<biz_CMDSWork>();

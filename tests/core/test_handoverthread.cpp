@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+#include "eventually.h"
+#include "handoverthread.h"
+#include "threadrefusal.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+namespace
+{
+
+std::atomic<int> mayHandOn{0}; // so many batches
+std::mutex handedOnLock;
+std::vector<int> handedOn;
+
+void hold(std::deque<int>& batch)
+{
+    while (mayHandOn == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    --mayHandOn;
+    const std::lock_guard lock(handedOnLock);
+    handedOn.insert(handedOn.end(), batch.begin(), batch.end());
+}
+
+std::size_t countHandedOn()
+{
+    const std::lock_guard lock(handedOnLock);
+    return handedOn.size();
+}
+
+// Never destroyed, as the library's.
+HandOverThread<int>& queue()
+{
+    static auto* const instance = new HandOverThread<int>(hold);
+    return *instance;
+}
+
+} // namespace
+
+TEST(HandOverThread, CountsAnItemUntilItIsHandedOn)
+{
+    ASSERT_TRUE(queue().start());
+    queue().put(0);
+    EXPECT_EQ(queue().size(), 1U);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // or it is not at work yet
+    queue().put(1);
+    queue().put(2);
+    EXPECT_EQ(queue().size(), 3U);
+    ++mayHandOn;
+    ASSERT_TRUE(eventually([] { return countHandedOn() > 0; }));
+    const std::size_t first = countHandedOn();
+    EXPECT_TRUE(eventually([first] { return queue().size() == 3 - first; }));
+    mayHandOn += 2;
+    ASSERT_TRUE(eventually([] { return countHandedOn() == 3; }));
+    EXPECT_EQ(handedOn, (std::vector<int>{0, 1, 2}));
+    EXPECT_TRUE(eventually([] { return queue().size() == 0; }));
+}
+
+TEST(HandOverThread, TheEndOfTheProcessWaitsForWhatIsPending)
+{
+    EXPECT_EXIT(
+        {
+            static std::atomic<bool> isDone{false};
+            std::atexit([] { _exit(isDone ? 0 : 1); }); // before the first thread: runs last
+            static auto* const late = new HandOverThread<int>([](std::deque<int>&) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                isDone = true;
+            });
+            late->put(1);
+            std::exit(2);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST(HandOverThread, RefusedItsThreadItAsksAgainWithTheNextItem)
+{
+    mayHandOn = 100;
+    {
+        const ThreadRefusal refusal;
+        EXPECT_FALSE(queue().start());
+        queue().put(0);
+    }
+    EXPECT_EQ(queue().size(), 1U);
+    queue().put(1);
+    ASSERT_TRUE(eventually([] { return countHandedOn() == 2; }));
+    EXPECT_EQ(handedOn, (std::vector<int>{0, 1}));
+}
