@@ -8,6 +8,7 @@
 #include "hidtestbed.h"
 #include "messagecapture.h"
 #include "metamethods.h"
+#include "openhidnodes.h"
 #include "processstate.h"
 #include "replybytes.h"
 #include "tests/core/parserloop.h"
@@ -638,18 +639,49 @@ TEST_F(CoreUsb, WorkersEndWithTheDevice)
     }
     line.closeUSB();
     EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
-    EXPECT_TRUE(eventually([&] { return processstate::descriptors() <= descriptors; }));
+    EXPECT_TRUE(eventually(
+        [&] { return plain.openFiles() == 0 && processstate::descriptors() <= descriptors; }));
 }
 
 TEST_F(CoreUsb, TheDeviceIsClosedWhenCloseReturns)
 {
-    const int descriptors = processstate::descriptors();
     for (int round = 0; round < 8; ++round) {
         ASSERT_TRUE(line.openUSB(vendor, plainProduct));
-        EXPECT_GT(processstate::descriptors(), descriptors);
+        EXPECT_EQ(openHidNodes(), 2);
         line.closeUSB();
-        EXPECT_EQ(processstate::descriptors(), descriptors);
+        EXPECT_EQ(openHidNodes(), 0);
     }
+}
+
+TEST_F(CoreUsb, AStuckReportHoldsTheCloseForASecond)
+{
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    plain.holdWrites(true);
+    std::thread sender([this] { line.sendUSBData(blockOf(100)); });
+    ASSERT_TRUE(eventually([this] { return plain.held() == 1; }));
+    const auto start = Clock::now();
+    line.closeUSB(); // returns while the report is held
+    EXPECT_GE(Clock::now() - start, milliseconds(1100));
+    EXPECT_TRUE(messages.lines().isEmpty());
+    plain.holdWrites(false);
+    sender.join();
+    EXPECT_EQ(plain.written().size(), 1U);
+    EXPECT_EQ(messages.lines(), QStringList{QStringLiteral("Send failed")});
+    EXPECT_TRUE(eventually([this] { return plain.openFiles() == 0; }));
+    EXPECT_EQ(openHidNodes(), 0);
+    EXPECT_TRUE(line.openUSB(vendor, plainProduct));
+}
+
+TEST_F(CoreUsb, ASecondOpenThatFailsLeavesItClosed)
+{
+    const int threads = processstate::threads();
+    plain.allowOpens(1);
+    EXPECT_FALSE(line.openUSB(vendor, plainProduct));
+    EXPECT_EQ(openHidNodes(), 0);
+    EXPECT_EQ(processstate::threads(), threads);
+    line.sendUSBData("x");
+    EXPECT_TRUE(plain.written().empty());
+    EXPECT_TRUE(messages.lines().isEmpty());
 }
 
 TEST_F(CoreUsb, ARefusedReaderEndsTheParser)
