@@ -10,6 +10,7 @@
 #include "metamethods.h"
 #include "openhidnodes.h"
 #include "processstate.h"
+#include "receivebuffer.h"
 #include "replybytes.h"
 #include "tests/core/parserloop.h"
 #include "threadrefusal.h"
@@ -563,6 +564,41 @@ TEST_F(CoreUsb, OneReportIsReadPerTurn)
     const auto start = Clock::now();
     ASSERT_TRUE(eventually([&] { return plain.unread() == 0; }));
     EXPECT_GE(Clock::now() - start, milliseconds(500));
+}
+
+TEST_F(CoreUsb, AFullBufferLeavesReportsToTheKernel)
+{
+    constexpr int count = 20;
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    {
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        line.appendBuffData(replybytes::text(0x79, 0x0C)); // the parser waits for the host with it
+        ASSERT_TRUE(eventually([this] { return line.getBuffData(1).isEmpty(); }));
+        line.appendBuffData(QByteArray(ReceiveBuffer::limit, 'x'));
+        for (int i = 1; i <= count; ++i) {
+            ASSERT_TRUE(plain.sendPadded(replybytes::text(0x10, 0x20, 0, 0, i)));
+        }
+        // A read that was under way takes one.
+        EXPECT_FALSE(eventually([this] { return plain.unread() < count - 1; }, milliseconds(1500)));
+    }
+    ASSERT_TRUE(queued(1 + count));
+    for (std::size_t i = 1; i <= count; ++i) {
+        EXPECT_EQ(hostqueue::records()[i].ADDR, i);
+    }
+}
+
+TEST_F(CoreUsb, AClosedLinkIsNotHeldBack)
+{
+    const int threads = processstate::threads();
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    {
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        line.appendBuffData(replybytes::text(0x79, 0x0C));
+        ASSERT_TRUE(eventually([this] { return line.getBuffData(1).isEmpty(); }));
+        line.appendBuffData(QByteArray(ReceiveBuffer::limit, 'x'));
+        line.closeUSB();
+    }
+    EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
 }
 
 TEST_F(CoreUsb, ClosePausesAlways)
