@@ -144,6 +144,41 @@ TEST(HidHandle, WhatTheWritersHandleCannotKeepIsRead)
     }
 }
 
+// Under ThreadSanitizer: what the emulation shares is below its lock, all of it.
+TEST(HidHandle, ReportsPassBetweenThreads)
+{
+    HidTestbed testbed;
+    std::atomic<int> heard{0};
+    EmulatedHid device(testbed, vendor, product,
+                       [&heard](const std::string& report) { heard += report[1] == 'x' ? 1 : 0; });
+    const auto handle = HidHandle::open(vendor, product);
+    ASSERT_NE(handle, nullptr);
+    constexpr int count = 2000;
+    std::atomic<bool> isRunning{true};
+    std::thread sender([&] {
+        const QByteArray reply(100, 'r');
+        while (isRunning) {
+            device.sendPadded(reply);
+        }
+    });
+    std::thread writer([&handle] {
+        const unsigned char report[HidHandle::reportLength] = {0, 'x'};
+        for (int i = 0; i < count; ++i) {
+            EXPECT_TRUE(handle->write(report));
+        }
+    });
+    ReceiveBuffer buffer;
+    EXPECT_TRUE(eventually([&] {
+        handle->readInto(buffer);
+        return buffer.size() >= count * EmulatedHid::reportData;
+    }));
+    writer.join();
+    isRunning = false;
+    sender.join();
+    EXPECT_EQ(heard, count);
+    EXPECT_EQ(device.written().size(), static_cast<std::size_t>(count));
+}
+
 TEST(HidHandle, ClosesAfterTheWrite)
 {
     HidTestbed testbed;
