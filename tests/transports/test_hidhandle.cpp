@@ -153,14 +153,7 @@ TEST(HidHandle, ReportsPassBetweenThreads)
                        [&heard](const std::string& report) { heard += report[1] == 'x' ? 1 : 0; });
     const auto handle = HidHandle::open(vendor, product);
     ASSERT_NE(handle, nullptr);
-    constexpr int count = 2000;
-    std::atomic<bool> isRunning{true};
-    std::thread sender([&] {
-        const QByteArray reply(100, 'r');
-        while (isRunning) {
-            device.sendPadded(reply);
-        }
-    });
+    constexpr int count = 100;
     std::thread writer([&handle] {
         const unsigned char report[HidHandle::reportLength] = {0, 'x'};
         for (int i = 0; i < count; ++i) {
@@ -168,13 +161,19 @@ TEST(HidHandle, ReportsPassBetweenThreads)
         }
     });
     ReceiveBuffer buffer;
-    EXPECT_TRUE(eventually([&] {
-        handle->readInto(buffer);
-        return buffer.size() >= count * EmulatedHid::reportData;
-    }));
+    std::atomic<bool> isRunning{true};
+    std::thread reader([&] {
+        while (isRunning && handle->readInto(buffer)) {
+        }
+    });
+    const QByteArray reply(EmulatedHid::reportData, 'r');
+    for (int i = 1; i <= count; ++i) {
+        EXPECT_TRUE(device.sendPadded(reply));
+        EXPECT_TRUE(eventually([&] { return buffer.size() == i * EmulatedHid::reportData; })) << i;
+    }
     writer.join();
     isRunning = false;
-    sender.join();
+    reader.join();
     EXPECT_EQ(heard, count);
     EXPECT_EQ(device.written().size(), static_cast<std::size_t>(count));
 }
