@@ -174,7 +174,7 @@ TEST(HidHandle, ReportsPassBetweenThreads)
     writer.join();
     isRunning = false;
     reader.join();
-    EXPECT_EQ(heard, count);
+    EXPECT_TRUE(eventually([&heard] { return heard == count; }));
     EXPECT_EQ(device.written().size(), static_cast<std::size_t>(count));
 }
 
