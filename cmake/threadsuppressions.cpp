@@ -2,9 +2,7 @@
 
 // ThreadSanitizer does not see the locks inside Qt, its event loop and what emulates the HID
 // devices, which are not built for it: what they do with their own memory under them looks like a
-// race, and so does what a queued slot reads of the record that another thread has emitted. The
-// same goes for hidapi's error text, which the first failures of a read and a write at a time may
-// hand from one to the other.
+// race, and so does what a queued slot reads of the record that another thread has emitted.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions()
 {
@@ -14,7 +12,6 @@ extern "C" const char* __tsan_default_suppressions()
            "called_from_lib:libglib-2.0.so\n"
            "race:libglib-2.0.so\n"
            "race:libgobject-2.0.so\n"
-           "called_from_lib:libhidapi-hidraw.so\n"
            "race:libumockdev.so\n"
            "race:QObjectPrivate::ConnectionData::deleteOrphaned\n"
            "race:OsdConnection::onSendDatatoDevice\n"

@@ -47,10 +47,12 @@ public:
     virtual void closeSerialPort() = 0;
 
     /// USB: opens the first HID device with these ids, false if there is none or it cannot be
-    /// opened. Takes 100 ms.
+    /// opened. What is open is closed first. Takes as long as closeUSB, and a search of all HID
+    /// devices of the system.
     virtual bool openUSB(unsigned short vendorId, unsigned short productId) = 0;
 
-    /// USB: closes the device and stops its workers. Takes 100 ms.
+    /// USB: closes the device and stops its workers. Takes 100 to 200 ms, and up to a second more
+    /// while a report that is being sent is stuck in the kernel.
     virtual void closeUSB() = 0;
 
     /// The device model that every received record is stamped with (featureCode). Any thread.

@@ -64,7 +64,9 @@ void ReplyStream::parse()
     bDealExit.store(false, std::memory_order_relaxed);
     while (bDealRun.load(std::memory_order_relaxed) && !processend::begun()) {
         pause(interval);
-        pass();
+        if (!replyqueue::isFull()) {
+            pass();
+        }
     }
     bDealExit.store(true, std::memory_order_release);
 }

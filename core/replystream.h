@@ -50,7 +50,8 @@ public:
     /// set before it starts. False, and the flags as without a parser, when the thread is refused.
     [[nodiscard]] static bool startParser(const std::shared_ptr<ReplyStream>& stream);
 
-    /// The parsing loop: a pause and a pass until the run flag is clear.
+    /// The parsing loop: a pause and a pass until the run flag is clear. While the replies that
+    /// wait for the host are at their bound it makes no pass, and the buffer fills.
     void parse();
 
     /// One pass of the loop without its pause.

@@ -52,16 +52,17 @@ public:
                         QSerialPort::FlowControl, QSerialPort::DataBits) override; ///< false
     void closeSerialPort() override;                                               ///< does nothing
 
-    /// Closes what is open, pauses 100 ms, opens the first device with these ids and starts the
-    /// workers. False, with nothing open, if it cannot be opened or the system refuses a thread.
-    /// Devices 04b4:1008, 04b4:100a and 04b4:100c make the object
-    /// take the update path for the rest of its life.
+    /// Closes what is open as closeUSB does, with its pause, opens the first device with these ids
+    /// and starts the workers. False, with nothing open, if it cannot be opened or the system
+    /// refuses a thread. Devices 04b4:1008, 04b4:100a and 04b4:100c make the object take the update
+    /// path for the rest of its life.
     bool openUSB(unsigned short vendorId, unsigned short productId) override;
 
-    /// Closes the device after the read and the write in the kernel, stops the workers, empties the
-    /// receive buffer and pauses 100 ms. A worker that waits for a block or for the host then is
-    /// left behind, and touches nothing of this object any more. While nothing is open it pauses,
-    /// and changes nothing.
+    /// Closes the device after the read in the kernel (up to 100 ms) and the write there (up to a
+    /// second), stops the workers, empties the receive buffer and pauses 100 ms. A report that the
+    /// kernel takes longer to write keeps the device open until its sender has it back. A worker
+    /// that waits for a block or for the host is left behind, and touches nothing of this object
+    /// any more. While nothing is open it pauses, and changes nothing.
     void closeUSB() override;
 
     void setDeviceType(model_GlobalEnum::DeviceType type) override;

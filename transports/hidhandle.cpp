@@ -6,52 +6,66 @@
 #include <hidapi.h>
 
 #include <array>
+#include <chrono>
+#include <string>
+#include <thread>
 
 namespace
 {
 
 constexpr int failure = -1;
+constexpr std::chrono::seconds writePatience{1};
+constexpr std::chrono::milliseconds writePause{5};
 
 std::mutex openLock; // a leaf: hidapi's error text of opening, one for the process
 
+// As hid_open chooses it: 0 in the search stands for any id, but not in an id that is asked for.
+std::string pathOfFirst(unsigned short vendorId, unsigned short productId)
+{
+    const std::unique_ptr<hid_device_info, decltype(&hid_free_enumeration)> found(
+        hid_enumerate(vendorId, productId), hid_free_enumeration);
+    for (const hid_device_info* info = found.get(); info != nullptr; info = info->next) {
+        if (info->vendor_id == vendorId && info->product_id == productId) {
+            return info->path;
+        }
+    }
+    return {};
+}
+
 } // namespace
 
+// While a handle is open the kernel gives the number in its path to no other device: both are of
+// the same node.
 std::shared_ptr<HidHandle> HidHandle::open(unsigned short vendorId, unsigned short productId)
 {
     const std::lock_guard lock(openLock);
-    hid_device* const opened = hid_open(vendorId, productId, nullptr);
-    if (opened == nullptr) {
+    const std::string path = pathOfFirst(vendorId, productId);
+    Handle forReads(path.empty() ? nullptr : hid_open_path(path.c_str()));
+    Handle forWrites(forReads == nullptr ? nullptr : hid_open_path(path.c_str()));
+    if (forWrites == nullptr) {
         return nullptr;
     }
-    return std::shared_ptr<HidHandle>(new HidHandle(opened));
+    return std::shared_ptr<HidHandle>(new HidHandle(std::move(forReads), std::move(forWrites)));
 }
 
-HidHandle::HidHandle(hid_device_* opened) : hidDev(opened) {}
-
-HidHandle::~HidHandle()
+HidHandle::HidHandle(Handle forReads, Handle forWrites)
+    : reader(std::move(forReads)), writer(std::move(forWrites))
 {
-    close();
+}
+
+void HidHandle::Closer::operator()(hid_device_* handle) const
+{
+    hid_close(handle);
 }
 
 bool HidHandle::readInto(ReceiveBuffer& buffer)
 {
     std::array<unsigned char, readLength> report{};
     const std::lock_guard lock(devLock);
-    std::unique_lock exclusion(writeLock, std::defer_lock);
-    if (hasFailed) {
-        exclusion.lock();
-    }
-    if (hidDev == nullptr) {
+    if (isClosed) {
         return false;
     }
-    const int count = hid_read_timeout(hidDev, report.data(), report.size(), readTimeoutMs);
-    if (count == failure) {
-        hasFailed = true;
-        return true;
-    }
-    if (exclusion) {
-        hasFailed = false;
-    }
+    const int count = hid_read_timeout(reader.get(), report.data(), report.size(), readTimeoutMs);
     if (count > 0) {
         buffer.append(reinterpret_cast<const char*>(report.data()), count);
     }
@@ -60,38 +74,22 @@ bool HidHandle::readInto(ReceiveBuffer& buffer)
 
 bool HidHandle::write(const unsigned char* report)
 {
-    {
-        const std::lock_guard lock(writeLock);
-        if (!hasFailed) {
-            return writeLocked(report);
-        }
-    }
-    const std::lock_guard exclusion(devLock);
     const std::lock_guard lock(writeLock);
-    const bool written = writeLocked(report);
-    hasFailed = !written;
-    return written;
-}
-
-bool HidHandle::writeLocked(const unsigned char* report)
-{
-    if (closing || hidDev == nullptr) {
-        return false;
-    }
-    if (hid_write(hidDev, report, reportLength) == failure) {
-        hasFailed = true;
-        return false;
-    }
-    return true;
+    return !isClosed && hid_write(writer.get(), report, reportLength) != failure;
 }
 
 void HidHandle::close()
 {
-    closing = true;
+    isClosed = true;
     const std::lock_guard readers(devLock);
-    const std::lock_guard writers(writeLock);
-    if (hidDev != nullptr) {
-        hid_close(hidDev);
-        hidDev = nullptr;
+    std::unique_lock writers(writeLock, std::try_to_lock);
+    const auto end = std::chrono::steady_clock::now() + writePatience;
+    while (!writers && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(writePause);
+        [[maybe_unused]] const bool isFree = writers.try_lock();
+    }
+    if (writers) {
+        reader.reset();
+        writer.reset();
     }
 }

@@ -10,23 +10,12 @@ struct hid_device_;
 
 /// One open HID device, and the only place that calls hidapi.
 ///
-/// hidapi keeps one error text per handle: a read frees it at its start, and reads and writes free
-/// it at their ends, without any lock. Two calls at a time free it twice once there is one, that
-/// is, once a call has failed. What holds them apart:
+/// hidapi keeps an error text in each handle, which reads and writes free without a lock. So the
+/// device is opened twice: one handle only reads, the other only writes, each under a lock of its
+/// own, and a read and a write have nothing in common. What the kernel keeps for the handle that
+/// writes, up to 63 input reports, nobody reads.
 ///
-/// | the last call | text | a read holds        | a write holds       | so                      |
-/// |---------------|------|---------------------|---------------------|-------------------------|
-/// | succeeded     | none | devLock             | writeLock           | writes exclude writes,  |
-/// |               |      |                     |                     | never wait for a read   |
-/// | failed        | one  | devLock, writeLock  | devLock, writeLock  | all exclude each other  |
-///
-/// A failure is noted before its call lets go of its lock, so the calls that meet a fresh text are
-/// the one that made it and at most one that was in the kernel meanwhile: each frees what it finds
-/// once. A call that succeeds while it excludes all others has left no text behind, and the handle
-/// is back in the first state.
-///
-/// Any thread may call any operation. The handle is closed once, after the read and the write that
-/// are in the kernel.
+/// Any thread may call any operation. Whoever is in one shares ownership of the object.
 class HidHandle
 {
 public:
@@ -34,33 +23,35 @@ public:
     static constexpr int readLength = 1024;   ///< most that one input report may hold
     static constexpr int readTimeoutMs = 100; ///< how long a read waits for a report
 
-    /// Opens the first device with these ids; null if there is none or it refuses. Opens exclude
-    /// each other. Looks through all HID devices of the system.
+    /// Opens the first device with these ids; null, with nothing left open, if there is none or it
+    /// refuses. Opens exclude each other. Looks through all HID devices of the system.
     static std::shared_ptr<HidHandle> open(unsigned short vendorId, unsigned short productId);
 
-    ~HidHandle(); ///< closes it
-    HidHandle(const HidHandle&) = delete;
-    HidHandle& operator=(const HidHandle&) = delete;
-
     /// Waits up to 100 ms for one input report and appends it to \a buffer as it came; nothing is
-    /// appended after close has returned. A failure is as no report. False if the handle is closed.
+    /// appended after close has returned. A failure is as no report. False if it is closed.
     bool readInto(ReceiveBuffer& buffer);
 
     /// Writes one output report of reportLength bytes and waits until the kernel has taken it.
-    /// False if that fails or the handle is closed.
+    /// False if that fails or it is closed.
     bool write(const unsigned char* report);
 
-    /// Closes the device: waits for a read in the kernel, up to 100 ms, and for a write there.
+    /// Closes the device: waits for a read in the kernel, up to 100 ms, and for a write there, up
+    /// to a second. If that takes longer, both handles are left to the writer and are closed with
+    /// the last owner: the kernel lets nobody close a handle of a device while it writes.
     void close();
 
 private:
-    explicit HidHandle(hid_device_* opened);
-    bool writeLocked(const unsigned char* report);
+    struct Closer {
+        void operator()(hid_device_* handle) const;
+    };
+    using Handle = std::unique_ptr<hid_device_, Closer>;
+
+    HidHandle(Handle forReads, Handle forWrites);
 
     // Lock order: devLock, writeLock.
     std::mutex devLock;
     std::mutex writeLock;
-    hid_device_* hidDev;              // written under both locks, null when closed
-    std::atomic<bool> closing{false}; // lets close get at the locks under load
-    std::atomic<bool> hasFailed{false};
+    Handle reader; // under devLock
+    Handle writer; // under writeLock
+    std::atomic<bool> isClosed{false};
 };

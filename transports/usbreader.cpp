@@ -30,7 +30,8 @@ void UsbReader::read()
 {
     while (bReadRun && !processend::begun()) {
         std::this_thread::sleep_for(pauseBeforeRead);
-        if (!handle->readInto(stream->received())) {
+        const bool isHeldBack = stream->received().isFull(); // what follows waits in the kernel
+        if (!isHeldBack && !handle->readInto(stream->received())) {
             return;
         }
     }

@@ -9,7 +9,8 @@ class ReplyStream;
 
 /// The reading half of one open USB device: moves its input reports to the receive buffer of one
 /// stream, a report per turn. A turn is a pause of 100 ms and a read of up to 100 ms, also when
-/// reports are waiting.
+/// reports are waiting. While the receive buffer is full it reads nothing: what the device sends
+/// then is the kernel's to keep or to drop.
 ///
 /// Its thread shares ownership of it, and of the device and the stream, and touches nothing else: a
 /// reader that is still on its way when the next device is opened ends on its own.

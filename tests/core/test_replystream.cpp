@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "binaryreplystream.h"
+#include "biz_cmdswork.h"
+#include "eventually.h"
 #include "hostqueue.h"
 #include "replybytes.h"
+#include "replyqueue.h"
 #include "textreplystream.h"
 
 #include <gtest/gtest.h>
@@ -60,6 +63,22 @@ TEST_P(ReplyStreamPass, FindsAReplyThatBeginsWithTheLastInspectedByte)
     kind.stream->pass();
     EXPECT_EQ(left(), 0);
     EXPECT_EQ(hostqueue::size(), 1U);
+}
+
+TEST_P(ReplyStreamPass, WaitsWhileTheHostsRecordsAreAtTheirBound)
+{
+    model_Protocoldata record;
+    record.arryDatablock = QByteArray(ReceiveBuffer::limit, 'b');
+    ASSERT_TRUE(ReplyStream::startParser(kind.stream));
+    {
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        replyqueue::post(record);
+        feed(kind.reply);
+        EXPECT_FALSE(eventually([this] { return left() == 0; }, std::chrono::milliseconds(300)));
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+    kind.stream->setDealFlag(false);
+    EXPECT_TRUE(eventually([this] { return !kind.stream->hasParser(); }));
 }
 
 TEST(BinaryReplyStreamPass, AMarkAcrossTheEndOfWhatIsInspectedIsHalfOne)

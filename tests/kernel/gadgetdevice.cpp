@@ -113,6 +113,11 @@ void GadgetDevice::unplug()
     node = -1;
 }
 
+void GadgetDevice::takeReports(bool on)
+{
+    on ? startCollecting() : stopCollecting();
+}
+
 bool GadgetDevice::readOne(QByteArray& report)
 {
     report.clear();

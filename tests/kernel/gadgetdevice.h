@@ -16,6 +16,9 @@ public:
     bool send(const QByteArray& report) override;
     void unplug() override;
 
+    /// Takes output reports off the bus or leaves them there: the kernel then waits 5 s for each.
+    void takeReports(bool on);
+
 private:
     bool readOne(QByteArray& report) override;
 

@@ -32,7 +32,6 @@ export PATH=/bin LC_ALL=C.UTF-8 HOME=/tmp
 mount -t proc none /proc
 mount -t sysfs none /sys
 mount -t devtmpfs none /dev
-mount -t tmpfs none /tmp
 for module in /modules/*.ko; do insmod $module || echo "cannot load $module"; done
 mount -t configfs none /sys/kernel/config
 cd /tmp

@@ -60,6 +60,10 @@ protected:
     Core_USB line;
 };
 
+class KernelClose : public KernelUsb<GadgetDevice>
+{
+};
+
 using Devices = ::testing::Types<UhidDevice, GadgetDevice>;
 TYPED_TEST_SUITE(KernelUsb, Devices);
 
@@ -151,6 +155,49 @@ TYPED_TEST(KernelUsb, ReopensAfterAnUnplug)
     ASSERT_TRUE(this->line.openUSB(vendor, plainProduct));
     ASSERT_TRUE(this->deliver(device, replybytes::text(0x10, 0x20)));
     EXPECT_TRUE(this->queued(1));
+}
+
+TEST_F(KernelClose, DoesNotWaitForAReportThatIsStuck)
+{
+    GadgetDevice device(vendor, plainProduct);
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    const int descriptors = processstate::descriptors();
+    device.takeReports(false);
+    std::atomic<bool> isBack{false};
+    std::thread sender([&] {
+        line.sendUSBData(QByteArray(1000, 'x'));
+        isBack = true;
+    });
+    EXPECT_FALSE(eventually([&isBack] { return isBack.load(); }, std::chrono::seconds(1)));
+    line.closeUSB();
+    EXPECT_FALSE(isBack);
+    EXPECT_EQ(processstate::descriptors(), descriptors); // left to the sender
+    sender.join();
+    EXPECT_EQ(processstate::descriptors(), descriptors - 2);
+    EXPECT_EQ(messages.lines(), QStringList{QStringLiteral("Send failed")});
+    device.takeReports(true);
+    EXPECT_TRUE(line.openUSB(vendor, plainProduct));
+    line.sendUSBData("again");
+    EXPECT_TRUE(eventually([&device] { return device.written().back() == padded("again"); }));
+}
+
+TEST(KernelTwins, OneOfTwoEqualDevicesIsReadAndWritten)
+{
+    hostqueue::clear();
+    UhidDevice first(vendor, plainProduct);
+    UhidDevice second(vendor, plainProduct);
+    Core_USB line;
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    line.sendUSBData("x");
+    const auto heard = [](const UhidDevice& device) { return device.written().size(); };
+    ASSERT_TRUE(eventually([&] { return heard(first) + heard(second) == 1; }));
+    UhidDevice& opened = heard(first) == 1 ? first : second;
+    UhidDevice& other = heard(first) == 1 ? second : first;
+    ASSERT_TRUE(other.send(padded(replybytes::text(0x10, 0x21))));
+    ASSERT_TRUE(opened.send(padded(replybytes::text(0x10, 0x20))));
+    ASSERT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+    EXPECT_EQ(hostqueue::records().front().DAT1, 0x20);
+    EXPECT_FALSE(eventually([] { return hostqueue::size() > 1; }, std::chrono::seconds(1)));
 }
 
 TEST(KernelQueue, KeepsTheOldestReports)

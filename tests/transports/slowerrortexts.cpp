@@ -35,10 +35,3 @@ extern "C" __attribute__((visibility("default"))) size_t mbstowcs(wchar_t* out, 
     }
     return real(out, text, size);
 }
-
-// The first failures of a read and a write at a time may leave one of their two texts behind.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:libhidapi-hidraw.so\n";
-}

@@ -8,7 +8,9 @@
 #include "hidtestbed.h"
 #include "messagecapture.h"
 #include "metamethods.h"
+#include "openhidnodes.h"
 #include "processstate.h"
+#include "receivebuffer.h"
 #include "replybytes.h"
 #include "tests/core/parserloop.h"
 #include "threadrefusal.h"
@@ -490,13 +492,14 @@ TEST_F(CoreUsb, BlocksOfSixReportsAreJoinedAndLongerOnesLost)
         EXPECT_TRUE(eventually([this] { return plain.unread() == 0; }));
         return hostqueue::size() == 1 && hostqueue::records().front().arryDatablock == block;
     };
-    // The five reports behind the first take 500 ms of the 600, if nothing else takes its time.
+    // The five reports behind the first take 500 ms of the 600, if nothing else takes its time. On
+    // a busy machine the wait takes longer too, but hardly the 4 s that the long block needs.
     bool isLongestJoined = false;
-    for (int attempt = 0; attempt < 5 && !isLongestJoined; ++attempt) {
+    for (int attempt = 0; attempt < 30 && !isLongestJoined; ++attempt) {
         isLongestJoined = isJoined(45 + 5 * 64);
     }
     EXPECT_TRUE(isLongestJoined);
-    EXPECT_FALSE(isJoined(45 + 8 * 64));
+    EXPECT_FALSE(isJoined(45 + 40 * 64));
 }
 
 TEST_F(CoreUsb, LostBlocksAreTold)
@@ -562,6 +565,44 @@ TEST_F(CoreUsb, OneReportIsReadPerTurn)
     const auto start = Clock::now();
     ASSERT_TRUE(eventually([&] { return plain.unread() == 0; }));
     EXPECT_GE(Clock::now() - start, milliseconds(500));
+}
+
+TEST_F(CoreUsb, AFullBufferLeavesReportsToTheKernel)
+{
+    constexpr int count = 20;
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    {
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        line.appendBuffData(replybytes::text(0x79, 0x0C)); // the parser waits for the host with it
+        ASSERT_TRUE(eventually([this] { return line.getBuffData(1).isEmpty(); }));
+        line.appendBuffData(QByteArray(ReceiveBuffer::limit, 'x'));
+        for (int i = 1; i <= count; ++i) {
+            ASSERT_TRUE(plain.sendPadded(replybytes::text(0x10, 0x20, 0, 0, i)));
+        }
+        // A read that was under way takes one.
+        EXPECT_FALSE(eventually([this] { return plain.unread() < count - 1; }, milliseconds(1500)));
+        while (line.getBuffData(1) == "x") {
+            line.takeBuffData(1024);
+        }
+    }
+    ASSERT_TRUE(queued(1 + count));
+    for (std::size_t i = 1; i <= count; ++i) {
+        EXPECT_EQ(hostqueue::records()[i].ADDR, i);
+    }
+}
+
+TEST_F(CoreUsb, AClosedLinkIsNotHeldBack)
+{
+    const int threads = processstate::threads();
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    {
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        line.appendBuffData(replybytes::text(0x79, 0x0C));
+        ASSERT_TRUE(eventually([this] { return line.getBuffData(1).isEmpty(); }));
+        line.appendBuffData(QByteArray(ReceiveBuffer::limit, 'x'));
+        line.closeUSB();
+    }
+    EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
 }
 
 TEST_F(CoreUsb, ClosePausesAlways)
@@ -638,18 +679,49 @@ TEST_F(CoreUsb, WorkersEndWithTheDevice)
     }
     line.closeUSB();
     EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
-    EXPECT_TRUE(eventually([&] { return processstate::descriptors() <= descriptors; }));
+    EXPECT_TRUE(eventually(
+        [&] { return plain.openFiles() == 0 && processstate::descriptors() <= descriptors; }));
 }
 
 TEST_F(CoreUsb, TheDeviceIsClosedWhenCloseReturns)
 {
-    const int descriptors = processstate::descriptors();
     for (int round = 0; round < 8; ++round) {
         ASSERT_TRUE(line.openUSB(vendor, plainProduct));
-        EXPECT_GT(processstate::descriptors(), descriptors);
+        EXPECT_EQ(openHidNodes(), 2);
         line.closeUSB();
-        EXPECT_EQ(processstate::descriptors(), descriptors);
+        EXPECT_EQ(openHidNodes(), 0);
     }
+}
+
+TEST_F(CoreUsb, AStuckReportHoldsTheCloseForASecond)
+{
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    plain.holdWrites(true);
+    std::thread sender([this] { line.sendUSBData(blockOf(100)); });
+    ASSERT_TRUE(eventually([this] { return plain.held() == 1; }));
+    const auto start = Clock::now();
+    line.closeUSB(); // returns while the report is held
+    EXPECT_GE(Clock::now() - start, milliseconds(1100));
+    EXPECT_TRUE(messages.lines().isEmpty());
+    plain.holdWrites(false);
+    sender.join();
+    EXPECT_EQ(plain.written().size(), 1U);
+    EXPECT_EQ(messages.lines(), QStringList{QStringLiteral("Send failed")});
+    EXPECT_TRUE(eventually([this] { return plain.openFiles() == 0; }));
+    EXPECT_EQ(openHidNodes(), 0);
+    EXPECT_TRUE(line.openUSB(vendor, plainProduct));
+}
+
+TEST_F(CoreUsb, ASecondOpenThatFailsLeavesItClosed)
+{
+    const int threads = processstate::threads();
+    plain.allowOpens(1);
+    EXPECT_FALSE(line.openUSB(vendor, plainProduct));
+    EXPECT_EQ(openHidNodes(), 0);
+    EXPECT_EQ(processstate::threads(), threads);
+    line.sendUSBData("x");
+    EXPECT_TRUE(plain.written().empty());
+    EXPECT_TRUE(messages.lines().isEmpty());
 }
 
 TEST_F(CoreUsb, ARefusedReaderEndsTheParser)

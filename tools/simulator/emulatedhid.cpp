@@ -3,11 +3,11 @@
 
 #include "hidtestbed.h"
 
-#include <QFile>
-
 #include <umockdev.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <linux/hidraw.h>
 #include <pty.h>
 #include <stdexcept>
@@ -57,10 +57,13 @@ private:
 
 EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard)
     : bed(testbed), listener(std::move(heard)),
-      node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber()))
+      node(QStringLiteral("/dev/hidraw%1").arg(testbed.nextNumber())),
+      path((testbed.root() + node).toStdString())
 {
     addToBus(vendorId, productId);
-    makeNode();
+    if (!makeNode()) {
+        throw std::runtime_error("no pseudo-terminal for an emulated HID device");
+    }
     attachHandlers();
 }
 
@@ -74,7 +77,11 @@ EmulatedHid::~EmulatedHid()
         released.wait(guard, [this] { return handling == 0; });
     }
     g_object_unref(handlers);
-    close(slave);
+    for (auto& [client, file] : files) {
+        g_object_unref(client);
+        close(file.slave);
+    }
+    close(next.slave);
 }
 
 void EmulatedHid::addToBus(quint16 vendorId, quint16 productId)
@@ -103,16 +110,25 @@ void EmulatedHid::addToBus(quint16 vendorId, quint16 productId)
     umockdev_testbed_set_attribute_link(testbed, hidrawPath.toUtf8().constData(), "device", "..");
 }
 
-void EmulatedHid::makeNode()
+// Replaces the node in one step: it is never missing for who opens it meanwhile.
+bool EmulatedHid::makeNode()
 {
     termios settings{};
     cfmakeraw(&settings);
     settings.c_cflag |= CREAD | CS8;
     char name[PATH_MAX];
-    if (openpty(&master, &slave, name, &settings, nullptr) != 0) {
-        throw std::runtime_error("no pseudo-terminal for an emulated HID device");
+    OpenFile made;
+    if (openpty(&made.master, &made.slave, name, &settings, nullptr) != 0) {
+        return false;
     }
-    QFile::link(QString::fromLocal8Bit(name), bed.root() + node);
+    const std::string fresh = path + ".next";
+    if (symlink(name, fresh.c_str()) != 0 || rename(fresh.c_str(), path.c_str()) != 0) {
+        close(made.master);
+        close(made.slave);
+        return false;
+    }
+    next = std::move(made);
+    return true;
 }
 
 void EmulatedHid::attachHandlers()
@@ -136,7 +152,7 @@ int EmulatedHid::onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
     }
     auto* const hid = static_cast<EmulatedHid*>(self);
     const Handling handling(*hid);
-    hid->empty();
+    hid->noteOpen(client);
     gint size = descriptorSize();
     UMockdevIoctlData* const answer = umockdev_ioctl_data_resolve(
         umockdev_ioctl_client_get_arg(client), 0, sizeof(size), nullptr);
@@ -150,20 +166,14 @@ int EmulatedHid::onRead(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* s
 {
     auto* const hid = static_cast<EmulatedHid*>(self);
     const Handling handling(*hid);
-    QByteArray report;
-    {
-        const std::lock_guard guard(hid->lock);
-        if (hid->master < 0 || hid->input.empty()) {
-            umockdev_ioctl_client_complete(client, -1, hid->master < 0 ? EIO : EAGAIN);
-            return TRUE;
-        }
-        report = hid->input.front();
-        hid->input.pop_front();
-        char mark = 0;
-        [[maybe_unused]] const auto taken = read(hid->slave, &mark, 1);
+    std::string report;
+    const int error = hid->take(client, report);
+    if (error != 0) {
+        umockdev_ioctl_client_complete(client, -1, error);
+        return TRUE;
     }
     UMockdevIoctlData* const buffer = umockdev_ioctl_client_get_arg(client);
-    const int size = qMin(report.size(), buffer->data_len);
+    const int size = qMin(static_cast<int>(report.size()), buffer->data_len);
     umockdev_ioctl_data_update(buffer, 0, reinterpret_cast<guint8*>(report.data()), size);
     umockdev_ioctl_client_complete(client, size, 0);
     return TRUE;
@@ -176,7 +186,7 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
     guint8* bytes = nullptr;
     gint size = 0;
     umockdev_ioctl_data_retrieve(umockdev_ioctl_client_get_arg(client), &bytes, &size);
-    const QByteArray report(reinterpret_cast<const char*>(bytes), size);
+    const std::string report(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size));
     g_free(bytes);
     int error = 0;
     int count = -1;
@@ -184,7 +194,7 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
         std::unique_lock guard(hid->lock);
         hid->heldWrites += hid->isHolding ? 1 : 0;
         hid->released.wait(guard, [hid] { return !hid->isHolding; });
-        if (hid->master < 0) {
+        if (!hid->isPlugged) {
             error = ENODEV;
         } else if (hid->writesLeft == 0) {
             error = EPIPE;
@@ -201,22 +211,71 @@ int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* 
     return TRUE;
 }
 
-void EmulatedHid::empty()
+// Where there is no further pseudo-terminal, files that are opened from then on share this one, and
+// hear nothing.
+void EmulatedHid::noteOpen(UMockdevIoctlClient* client)
 {
     const std::lock_guard guard(lock);
-    input.clear();
-    tcflush(slave, TCIFLUSH);
+    forgetClosed();
+    OpenFile opened = std::move(next);
+    if (!isPlugged || !makeNode()) {
+        next = std::move(opened);
+        return;
+    }
+    files.emplace(static_cast<UMockdevIoctlClient*>(g_object_ref(client)), std::move(opened));
+    opensLeft -= opensLeft > 0 ? 1 : 0;
+    if (opensLeft == 0) {
+        unlink(path.c_str());
+    }
+}
+
+// The error of a read, or 0 and the report.
+int EmulatedHid::take(UMockdevIoctlClient* client, std::string& report)
+{
+    const std::lock_guard guard(lock);
+    const auto found = files.find(client);
+    if (!isPlugged) {
+        return EIO;
+    }
+    if (found == files.end() || found->second.input.empty()) {
+        return EAGAIN;
+    }
+    OpenFile& file = found->second;
+    report = std::move(file.input.front());
+    file.input.pop_front();
+    char mark = 0;
+    return read(file.slave, &mark, 1) == 1 ? 0 : EIO;
+}
+
+void EmulatedHid::forgetClosed()
+{
+    for (auto file = files.begin(); file != files.end();) {
+        if (umockdev_ioctl_client_get_connected(file->first)) {
+            ++file;
+            continue;
+        }
+        g_object_unref(file->first);
+        close(file->second.slave);
+        if (isPlugged) {
+            close(file->second.master);
+        }
+        file = files.erase(file);
+    }
 }
 
 bool EmulatedHid::send(const QByteArray& report)
 {
     const std::lock_guard guard(lock);
-    if (master < 0 || input.size() >= queueLength) {
-        return false;
+    forgetClosed();
+    bool isTaken = false;
+    for (auto& [client, file] : files) {
+        if (isPlugged && file.input.size() < queueLength) {
+            file.input.push_back(report.toStdString());
+            const char mark = 1;
+            isTaken = write(file.master, &mark, 1) == 1 || isTaken;
+        }
     }
-    input.push_back(report);
-    const char mark = 1;
-    return write(master, &mark, 1) == 1;
+    return isTaken;
 }
 
 bool EmulatedHid::sendPadded(const QByteArray& bytes)
@@ -228,16 +287,33 @@ bool EmulatedHid::sendPadded(const QByteArray& bytes)
     return isTaken;
 }
 
-int EmulatedHid::unread() const
+int EmulatedHid::unread()
 {
     const std::lock_guard guard(lock);
-    return static_cast<int>(input.size());
+    forgetClosed();
+    const auto fewest =
+        std::min_element(files.begin(), files.end(), [](const auto& left, const auto& right) {
+            return left.second.input.size() < right.second.input.size();
+        });
+    return fewest == files.end() ? 0 : static_cast<int>(fewest->second.input.size());
+}
+
+int EmulatedHid::openFiles()
+{
+    const std::lock_guard guard(lock);
+    forgetClosed();
+    return static_cast<int>(files.size());
 }
 
 std::vector<QByteArray> EmulatedHid::written() const
 {
     const std::lock_guard guard(lock);
-    return output;
+    std::vector<QByteArray> reports;
+    reports.reserve(output.size());
+    for (const std::string& report : output) {
+        reports.push_back(QByteArray::fromStdString(report));
+    }
+    return reports;
 }
 
 void EmulatedHid::refuseWrites(bool on)
@@ -257,6 +333,12 @@ void EmulatedHid::countWritesAs(int count)
     writeCount = count;
 }
 
+void EmulatedHid::allowOpens(int count)
+{
+    const std::lock_guard guard(lock);
+    opensLeft = count;
+}
+
 void EmulatedHid::holdWrites(bool on)
 {
     const std::lock_guard guard(lock);
@@ -274,13 +356,16 @@ void EmulatedHid::unplug()
 {
     {
         const std::lock_guard guard(lock);
-        if (master < 0) {
+        if (!isPlugged) {
             return;
         }
-        close(master);
-        master = -1;
-        input.clear();
+        isPlugged = false;
+        close(next.master);
+        for (auto& [client, file] : files) {
+            close(file.master);
+            file.input.clear();
+        }
     }
     umockdev_testbed_remove_device(bed.testbed(), usbPath.toUtf8().constData());
-    QFile::remove(bed.root() + node);
+    unlink(path.c_str());
 }

@@ -35,7 +35,7 @@ bool HidSimulator::open()
     try {
         testbed = std::make_unique<HidTestbed>();
         hid = std::make_unique<EmulatedHid>(*testbed, vendor, product,
-                                            [this](const QByteArray& report) { arrive(report); });
+                                            [this](const std::string& report) { arrive(report); });
     } catch (const std::exception& error) {
         fail(QString::fromLocal8Bit(error.what()));
         return false;
@@ -62,23 +62,24 @@ void HidSimulator::hangUp()
     Q_EMIT lost(QStringLiteral("unplugged, as asked"));
 }
 
-void HidSimulator::arrive(const QByteArray& report)
+void HidSimulator::arrive(const std::string& report)
 {
     {
         const std::lock_guard guard(lock);
-        arrived.push_back(report.mid(1));
+        arrived.push_back(report);
     }
     QMetaObject::invokeMethod(this, "take", Qt::QueuedConnection);
 }
 
 void HidSimulator::take()
 {
-    std::deque<QByteArray> taken;
+    std::deque<std::string> taken;
     {
         const std::lock_guard guard(lock);
         taken.swap(arrived);
     }
-    for (const QByteArray& data : taken) {
+    for (const std::string& report : taken) {
+        const QByteArray data = QByteArray::fromStdString(report).mid(1);
         received(isLoneCommand(data) ? data.left(devicecodec::textHeadSize) : data,
                  [this](const QByteArray& bytes) { return write(bytes); });
     }

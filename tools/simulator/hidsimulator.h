@@ -8,6 +8,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 
 /// A simulated device on an emulated hidraw node, which this process sees, and every one that is
 /// started with the environment of hint.
@@ -32,16 +33,16 @@ protected:
     void hangUp() override;
 
 private:
-    void arrive(const QByteArray& report); // on a thread of the testbed
-    Q_INVOKABLE void take();               // posted by name: no object of ours crosses the threads
+    void arrive(const std::string& report); // on a thread of the testbed
+    Q_INVOKABLE void take();                // posted by name: no object of ours crosses the threads
     qint64 write(const QByteArray& bytes);
     void flush();
 
     quint16 vendor;
     quint16 product;
-    std::mutex lock;                // a leaf: arrived
-    std::deque<QByteArray> arrived; // reports without their numbers
-    QByteArray pending;             // an answer whose rest may follow
+    std::mutex lock;                 // a leaf: arrived
+    std::deque<std::string> arrived; // reports with their numbers
+    QByteArray pending;              // an answer whose rest may follow
     std::unique_ptr<HidTestbed> testbed;
     std::unique_ptr<EmulatedHid> hid;
 };
