@@ -6,6 +6,7 @@
 #include "narrator.h"
 #include "output.h"
 #include "recordtext.h"
+#include "toolerror.h"
 #include "waiting.h"
 
 #include <algorithm>
@@ -151,11 +152,10 @@ private:
 bool devicedemo::run(Narrator& narrator, const QString& place, Pace pace)
 {
     const auto simulator = linkregistry::endpoint(place)->simulate({});
-    const bool serves = simulator->open();
-    if (!narrator.expect(serves, QStringLiteral("a simulated device serves at ") +
-                                     (serves ? simulator->address() : simulator->error()))) {
-        return false;
+    if (!simulator->open()) {
+        throw LinkDown(QStringLiteral("%1: %2").arg(place, simulator->error()));
     }
+    narrator.expect(true, QStringLiteral("a simulated device serves at ") + simulator->address());
     const auto endpoint = linkregistry::endpoint(simulator->address());
     const auto link = endpoint->open(false);
     const bool isBinary = endpoint->fields() == FieldSet::BinaryHead;
