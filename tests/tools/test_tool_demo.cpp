@@ -103,6 +103,21 @@ TEST(Demo, EndsWhenNobodyReadsItAnyMore)
     EXPECT_TRUE(QDir(directory.path()).isEmpty()) << "its log has gone, too";
 }
 
+// The tool stands still as if all others had their turn first, where it waits for what comes soon.
+TEST(Demo, WaitsAsLongAsALoadedMachineNeeds)
+{
+    constexpr std::chrono::seconds pause{5};
+    ToolProcess tool({QStringLiteral("demo")});
+    for (const char* step : {"One answers in pieces", "never reads; the others go on"}) {
+        ASSERT_TRUE(tool.says(QLatin1String(step)));
+        tool.stop();
+        std::this_thread::sleep_for(pause);
+        tool.goOn();
+    }
+    EXPECT_EQ(tool.exitCode(), 0) << tool.output().constData() << tool.error().toStdString();
+    EXPECT_FALSE(tool.output().contains("FAILED"));
+}
+
 TEST(Demo, EndsWithCtrlC)
 {
     ToolProcess tool({QStringLiteral("demo")});

@@ -164,10 +164,15 @@ TEST_F(Send, SaysWhatWasRefused)
         QByteArray block;
         const char* says;
     } cases[] = {
-        {"<F5a0110020000006e>", {}, "a reply with a wrong checksum"},
-        {"what is this?", {}, "bytes that are no reply"},
-        {replyText(0x8e, 0x27, 5), "four", "a block of another length than announced"},
-        {replyText(0x8e, 0x27, 0), "four", "a block that no reply announced"},
+        {"<F5a0110020000006e>",
+         {},
+         "a reply with a wrong checksum from 127.0.0.1: <F5a0110020000006e>"},
+        {"what is this?", {}, "bytes that are no reply from 127.0.0.1: what is this?"},
+        {replyText(0x8e, 0x27, 5), "four",
+         "a block of another length than announced, 4 bytes instead of 5 from 127.0.0.1: four"},
+        {replyText(0x8e, 0x27, 0), "four", "a block that no reply announced from 127.0.0.1: four"},
+        {replyText(0x8e, 0x27, 20), "<F5a0110020000006e>",
+         "a reply with a wrong checksum from 127.0.0.1: <F5a0110020000006e>"},
     };
     for (const auto& wrong : cases) {
         const auto tool = send("--cmd 1 --timeout 500");
@@ -177,10 +182,23 @@ TEST_F(Send, SaysWhatWasRefused)
             device.send(wrong.block);
         }
         EXPECT_EQ(tool->exitCode(), 1);
-        EXPECT_TRUE(tool->error().contains(QStringLiteral("came but refused: "))) << wrong.says;
-        EXPECT_TRUE(tool->error().contains(QLatin1String(wrong.says)))
-            << tool->error().toStdString();
+        EXPECT_TRUE(tool->error().endsWith(
+            QStringLiteral("; came but refused: %1\n").arg(QLatin1String(wrong.says))))
+            << wrong.says << ": " << tool->error().toStdString();
     }
+}
+
+TEST_F(Send, CountsWhatWasRefusedBehindTheFirst)
+{
+    const auto tool = send("--cmd 1 --timeout 1000");
+    device.receive();
+    for (int i = 0; i < 12; ++i) {
+        device.send("noise");
+    }
+    EXPECT_EQ(tool->exitCode(), 1);
+    EXPECT_EQ(tool->error().count(QStringLiteral("bytes that are no reply")), 5);
+    EXPECT_TRUE(tool->error().endsWith(QStringLiteral("no reply from 127.0.0.1: noise, 7 more\n")))
+        << tool->error().toStdString();
 }
 
 TEST_F(Send, TakesNoReplyOfAnotherDevice)
@@ -334,6 +352,37 @@ TEST_F(Listen, ShowsRepliesAsTheyComeUntilCtrlC)
         << tool->lines().at(0).toStdString();
     EXPECT_TRUE(tool->error().contains(QStringLiteral("\n2 replies in ")));
     EXPECT_FALSE(tool->error().contains(QLatin1Char('\r'))) << "no progress in a pipe";
+}
+
+TEST_F(Listen, ReportsEachDamagedReplyOnceWithItsSenderAndBytes)
+{
+    UdpPeer other(QStringLiteral("127.0.0.9"));
+    ASSERT_TRUE(other.bound());
+    const auto tool = listen("");
+    device.send("<F5a0110020000006e>");
+    other.send("<F5a0110020000006e>");
+    device.send("<F5a0110020000006e>");
+    other.send(replyText(0x8b, 0x05)); // whatever comes then is its block
+    other.send("<T5a0110020000006e>");
+    other.send("\"noise\"\n\x01");
+    EXPECT_TRUE(tool->says(QStringLiteral("\\u0001\n")));
+    EXPECT_TRUE(tool->says(QStringLiteral("block 19 bytes")));
+    tool->interrupt();
+    EXPECT_EQ(tool->exitCode(), 0);
+    QStringList refused;
+    for (const QString& line : tool->error().split(QLatin1Char('\n'))) {
+        if (line.contains(QLatin1String("refused"))) {
+            refused << line.section(QLatin1Char(' '), 1);
+        }
+    }
+    const QString wrong = QStringLiteral("refused: a reply with a wrong checksum from %1: "
+                                         "<F5a0110020000006e>");
+    EXPECT_EQ(refused, QStringList({wrong.arg(QLatin1String("127.0.0.1")),
+                                    wrong.arg(QLatin1String("127.0.0.9")),
+                                    wrong.arg(QLatin1String("127.0.0.1")),
+                                    QStringLiteral("refused: bytes that are no reply from "
+                                                   "127.0.0.9: \\\"noise\\\"\\n\\u0001")}))
+        << refused.join(QLatin1Char('\n')).toStdString();
 }
 
 TEST_F(Listen, EndsAfterSoMany)

@@ -93,7 +93,7 @@ void ToolProcess::collect()
 
 int ToolProcess::exitCode()
 {
-    const bool ended = eventually([this] { return hasEnded(); }, std::chrono::seconds(60));
+    const bool ended = eventually([this] { return hasEnded(); }, std::chrono::minutes(5));
     collect();
     return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
@@ -109,6 +109,16 @@ bool ToolProcess::says(const QString& text)
 void ToolProcess::interrupt()
 {
     tell(SIGINT);
+}
+
+void ToolProcess::stop()
+{
+    tell(SIGSTOP);
+}
+
+void ToolProcess::goOn()
+{
+    tell(SIGCONT);
 }
 
 void ToolProcess::closeTerminal()

@@ -46,6 +46,8 @@ public:
     qint64 id() const { return process.processId(); }
     bool hasEnded() const { return process.state() == QProcess::NotRunning; }
     void interrupt();          ///< presses Ctrl-C
+    void stop();               ///< it does nothing
+    void goOn();               ///< until then
     void closeTerminal();      ///< as the system tells it, which nohup would keep from it
     QByteArray output() const; ///< standard output so far
     QString error() const;     ///< standard error so far

@@ -26,6 +26,7 @@ public:
 private:
     bool look(DeviceLink& link);
     void show(const Reply& reply) const;
+    void showRefusals() const;
 
     LinkOptions options;
     Duration duration;
@@ -56,6 +57,18 @@ void Listen::show(const Reply& reply) const
                       : recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
 }
 
+void Listen::showRefusals() const
+{
+    const linknotes::Refusals refusals = linknotes::takeRefusals();
+    const QString begin = recordtext::timeOfDay() + QStringLiteral(" refused: ");
+    for (const Refusal& refusal : refusals.kept) {
+        output::error(begin + refusal.text(options.link()));
+    }
+    if (refusals.more > 0) {
+        output::error(begin + QStringLiteral("%1 more").arg(refusals.more));
+    }
+}
+
 bool Listen::look(DeviceLink& link)
 {
     for (const Reply& reply : link.takeReplies()) {
@@ -64,9 +77,7 @@ bool Listen::look(DeviceLink& link)
             show(reply);
         }
     }
-    for (const QString& refusal : linknotes::takeRefusals()) {
-        output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") + refusal);
-    }
+    showRefusals();
     for (QString text = link.warning(); !text.isEmpty(); text = link.warning()) {
         output::error(recordtext::timeOfDay() + QLatin1Char(' ') + text);
     }
