@@ -4,7 +4,7 @@
 #include "commandframe.h"
 #include "replykinds.h"
 
-#include <QRegularExpression>
+#include <QStringList>
 
 #include <utility>
 
@@ -24,7 +24,6 @@ QString quotedBehind(const QString& line, const char* text)
 
 std::optional<Refusal> DatagramNotes::take(const QString& line)
 {
-    static const QRegularExpression lengths(QStringLiteral("^dataLeng = +(-?[0-9]+) +([0-9]+)$"));
     if (const QString shown = quotedBehind(line, "Recv data:"); !shown.isNull()) {
         begin(shown);
     } else if (const QString sender = quotedBehind(line, "host ip:"); !sender.isNull()) {
@@ -34,8 +33,8 @@ std::optional<Refusal> DatagramNotes::take(const QString& line)
     } else if (line == QLatin1String("datagram.size()!=19 return") ||
                line == QLatin1String("no '<' 'F'")) {
         return undecodable(false);
-    } else if (const auto match = lengths.match(line); match.hasMatch()) {
-        return judgeLength(match.captured(1), match.captured(2));
+    } else if (line.startsWith(QLatin1String("dataLeng = "))) {
+        return judgeLength(line);
     } else if (line.endsWith(QLatin1String("\"reInitUdp()\""))) {
         awaited = Awaited::Nothing;
         isDecoded = false;
@@ -92,8 +91,12 @@ std::optional<Refusal> DatagramNotes::undecodable(bool isReply)
     return std::nullopt;
 }
 
-std::optional<Refusal> DatagramNotes::judgeLength(const QString& announced, const QString& taken)
+std::optional<Refusal> DatagramNotes::judgeLength(const QString& line)
 {
+    const QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    constexpr int announcedWord = 2; // "dataLeng = ANNOUNCED TAKEN"
+    const QString announced = words.value(announcedWord);
+    const QString taken = words.value(announcedWord + 1);
     if (std::exchange(isJudged, true) || announced == taken) {
         return std::nullopt;
     }

@@ -29,7 +29,7 @@ private:
 
     void begin(const QString& shown);
     std::optional<Refusal> undecodable(bool isReply);
-    std::optional<Refusal> judgeLength(const QString& announced, const QString& taken);
+    std::optional<Refusal> judgeLength(const QString& line);
     std::optional<Refusal> refuse(const QString& reason);
     static std::optional<Awaited> awaitedAfter(const QByteArray& reply);
 

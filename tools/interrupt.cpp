@@ -33,16 +33,10 @@ Interrupt::Interrupt()
     const sigset_t signals = watched();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
-    QObject::connect(notifier.get(), &QSocketNotifier::activated, notifier.get(), [this] {
-        signalfd_siginfo info{};
-        pressed = read(descriptor, &info, sizeof info) == sizeof info || pressed;
-    });
 }
 
 Interrupt::~Interrupt()
 {
-    notifier.reset();
     close(descriptor);
     const sigset_t signals = watched();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
@@ -50,5 +44,7 @@ Interrupt::~Interrupt()
 
 bool Interrupt::happened() const
 {
+    signalfd_siginfo info{};
+    pressed = pressed || read(descriptor, &info, sizeof info) == sizeof info;
     return pressed || output::lost();
 }

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QSocketNotifier>
-
-#include <memory>
-
 /// Turns Ctrl-C, a termination request and a terminal that closes into a condition that can be
-/// asked for, while it exists. That nobody reads the output any more is one, too. To be made before
-/// any other thread runs, in the thread whose event loop runs.
+/// asked for, while it exists: no event loop needs to run. That nobody reads the output any more is
+/// one, too. To be made before any other thread runs, and asked by the thread that made it.
 class Interrupt
 {
 public:
@@ -20,6 +16,5 @@ public:
 
 private:
     int descriptor;
-    std::unique_ptr<QSocketNotifier> notifier;
-    bool pressed = false;
+    mutable bool pressed = false;
 };

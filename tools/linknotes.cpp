@@ -18,9 +18,19 @@ constexpr const char* sendFailures[] = {"Send failed", "Send Broadcast failed", 
                                         "Send Broadcast unknown"};
 constexpr std::size_t mostKept = 10000; // until they are taken; the others are counted
 
-std::mutex lock; // a leaf; guards the notes and the refusals
-DatagramNotes datagrams;
-linknotes::Refusals refusals;
+struct Notes {
+    std::mutex lock; // a leaf
+    DatagramNotes datagrams;
+    linknotes::Refusals refusals;
+};
+
+// Never destroyed: the links' threads may still write debug lines while the process ends.
+Notes& notes()
+{
+    static Notes* const instance = new Notes;
+    return *instance;
+}
+
 std::atomic<bool> sendFailed{false};
 std::atomic<bool> showsAll{false};
 
@@ -48,13 +58,14 @@ void note(const QString& line)
         std::any_of(std::begin(sendFailures), std::end(sendFailures),
                     [&line](const char* text) { return line == QLatin1String(text); });
     sendFailed = sendFailed || isSendFailure;
-    const std::lock_guard guard(lock);
-    auto refusal = datagrams.take(line);
+    Notes& all = notes();
+    const std::lock_guard guard(all.lock);
+    auto refusal = all.datagrams.take(line);
     refusal = refusal ? refusal : refusedOfStream(line);
-    if (refusal && refusals.kept.size() < mostKept) {
-        refusals.kept.push_back(std::move(*refusal));
+    if (refusal && all.refusals.kept.size() < mostKept) {
+        all.refusals.kept.push_back(std::move(*refusal));
     } else if (refusal) {
-        ++refusals.more;
+        ++all.refusals.more;
     }
 }
 
@@ -85,6 +96,6 @@ bool linknotes::takeSendFailure()
 
 linknotes::Refusals linknotes::takeRefusals()
 {
-    const std::lock_guard guard(lock);
-    return std::exchange(refusals, {});
+    const std::lock_guard guard(notes().lock);
+    return std::exchange(notes().refusals, {});
 }

@@ -24,9 +24,9 @@ public:
     int run();
 
 private:
-    bool look(DeviceLink& link);
+    bool look(DeviceLink& link, const Interrupt& interrupt);
     void show(const Reply& reply) const;
-    void showRefusals() const;
+    void showRefusals(const Interrupt& interrupt) const;
 
     LinkOptions options;
     Duration duration;
@@ -57,11 +57,14 @@ void Listen::show(const Reply& reply) const
                       : recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
 }
 
-void Listen::showRefusals() const
+void Listen::showRefusals(const Interrupt& interrupt) const
 {
     const linknotes::Refusals refusals = linknotes::takeRefusals();
     const QString begin = recordtext::timeOfDay() + QStringLiteral(" refused: ");
     for (const Refusal& refusal : refusals.kept) {
+        if (interrupt.happened()) {
+            return;
+        }
         output::error(begin + refusal.text(options.link()));
     }
     if (refusals.more > 0) {
@@ -69,15 +72,16 @@ void Listen::showRefusals() const
     }
 }
 
-bool Listen::look(DeviceLink& link)
+bool Listen::look(DeviceLink& link, const Interrupt& interrupt)
 {
     for (const Reply& reply : link.takeReplies()) {
-        if (!duration.reached(shown)) {
-            ++shown;
-            show(reply);
+        if (duration.reached(shown) || interrupt.happened()) {
+            return true;
         }
+        ++shown;
+        show(reply);
     }
-    showRefusals();
+    showRefusals(interrupt);
     for (QString text = link.warning(); !text.isEmpty(); text = link.warning()) {
         output::error(recordtext::timeOfDay() + QLatin1Char(' ') + text);
     }
@@ -95,7 +99,7 @@ int Listen::run()
     const auto link = endpoint->open(false);
     clock.start();
     output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(options.link()));
-    waitFor([&] { return look(*link); }, duration.limit(), interrupt);
+    waitFor([&] { return look(*link, interrupt); }, duration.limit(), interrupt);
     output::endProgress();
     output::error(QStringLiteral("%1 replies in %2 s")
                       .arg(shown)
