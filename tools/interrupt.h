@@ -2,8 +2,8 @@
 #pragma once
 
 /// Turns Ctrl-C, a termination request and a terminal that closes into a condition that can be
-/// asked for, while it exists: no event loop needs to run. That nobody reads the output any more is
-/// one, too. To be made before any other thread runs, and asked by the thread that made it.
+/// asked for, while it exists: no event loop needs to run, and output that blocks ends. That nobody
+/// reads the output any more is one, too. To be made before any other thread runs.
 class Interrupt
 {
 public:
@@ -16,5 +16,4 @@ public:
 
 private:
     int descriptor;
-    mutable bool pressed = false;
 };

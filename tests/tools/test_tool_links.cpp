@@ -10,8 +10,11 @@
 #include <QJsonDocument>
 
 #include <atomic>
+#include <fcntl.h>
 #include <limits>
+#include <sys/ioctl.h>
 #include <thread>
+#include <unistd.h>
 
 namespace
 {
@@ -520,6 +523,30 @@ TEST_F(Listen, EndsWithinASecondOfCtrlCInAFlood)
         }
         EXPECT_LE(best, 1000) << datagram.constData();
     }
+}
+
+// As behind a pager: the pipe is full, and nobody takes anything.
+TEST_F(Listen, EndsWithCtrlCThoughNobodyReadsItsOutput)
+{
+    ToolProcess tool({QStringLiteral("listen"), addressOf(device)}, {},
+                     {QStringLiteral("sh"), QStringLiteral("-c"),
+                      QStringLiteral("mkfifo pipe && exec 3<>pipe && exec \"$0\" \"$@\" >pipe"),
+                      builtTool()});
+    ASSERT_TRUE(tool.says(QStringLiteral("listening on")));
+    const int pipe = open((tool.home() + QStringLiteral("/pipe")).toLocal8Bit().constData(),
+                          O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int half = fcntl(pipe, F_GETPIPE_SZ) / 2;
+    EXPECT_TRUE(eventually([&] {
+        device.send(replyText(0x10, 0x01));
+        int waiting = 0;
+        return ioctl(pipe, FIONREAD, &waiting) == 0 && waiting >= half;
+    }));
+    for (int i = 0; i < 1000; ++i) { // more than the other half
+        device.send(replyText(0x10, 0x01));
+    }
+    tool.interrupt();
+    EXPECT_TRUE(eventually([&tool] { return tool.hasEnded(); }));
+    close(pipe);
 }
 
 class Simulate : public ::testing::Test
