@@ -1,9 +1,87 @@
 // SPDX-License-Identifier: MIT
 #include "hidemulation.h"
 
+#include "output.h"
+#include "scratch.h"
 #include "simulator/hidsimulator.h"
+#include "toolerror.h"
 
-void hidemulation::prepare(char** /*arguments*/) {}
+#include <glib.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace
+{
+
+constexpr qint64 filesOfADevice = 256 * 1024; // forty small ones, each in a block of its own
+
+std::mutex warningLock; // a leaf
+QString warning;        // GLib's first one
+
+QString refusal(const QString& reason)
+{
+    return scratch::refusal(QStringLiteral("the files of a simulated USB device"), reason);
+}
+
+// GLib ends the process where a file cannot be made: it ends in the tool's way.
+[[noreturn]] void end(const QString& reason)
+{
+    output::error(QStringLiteral("coremanage: ") + refusal(reason));
+    std::exit(exitcode::linkDown);
+}
+
+GLogWriterOutput takeMessage(GLogLevelFlags level, const GLogField* fields, gsize count,
+                             gpointer /*data*/)
+{
+    for (gsize i = 0; i < count; ++i) {
+        if (std::strcmp(fields[i].key, "MESSAGE") != 0) {
+            continue;
+        }
+        const QString message = QString::fromUtf8(static_cast<const char*>(fields[i].value),
+                                                  static_cast<int>(fields[i].length));
+        if ((level & G_LOG_LEVEL_ERROR) != 0) {
+            end(message);
+        }
+        const std::lock_guard guard(warningLock);
+        if ((level & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING)) != 0 && warning.isEmpty()) {
+            warning = message;
+        }
+    }
+    return G_LOG_WRITER_HANDLED;
+}
+
+void takeFailedAssertion(const gchar* text)
+{
+    end(QString::fromUtf8(text));
+}
+
+// Of some files umockdev only warns, and the device does not answer without them.
+class WatchedHidSimulator : public HidSimulator
+{
+public:
+    using HidSimulator::HidSimulator;
+
+    bool open() override
+    {
+        const bool serves = HidSimulator::open();
+        const std::lock_guard guard(warningLock);
+        if (serves && warning.isEmpty()) {
+            return true;
+        }
+        fail(refusal(serves ? warning : error()));
+        return false;
+    }
+};
+
+} // namespace
+
+void hidemulation::prepare(char** /*arguments*/)
+{
+    g_log_set_writer_func(takeMessage, nullptr, nullptr);
+    g_set_printerr_handler(takeFailedAssertion);
+}
 
 QString hidemulation::obstacle()
 {
@@ -13,5 +91,7 @@ QString hidemulation::obstacle()
 std::unique_ptr<Simulation> hidemulation::device(quint16 vendorId, quint16 productId,
                                                  const SimulatedDevice::Settings& settings)
 {
-    return std::make_unique<HidSimulator>(vendorId, productId, settings);
+    scratch::require(filesOfADevice);
+    qputenv("TMPDIR", scratch::path().toLocal8Bit()); // what umockdev leaves there goes, too
+    return std::make_unique<WatchedHidSimulator>(vendorId, productId, settings);
 }

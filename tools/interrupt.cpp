@@ -5,6 +5,7 @@
 
 #include <csignal>
 
+#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -33,22 +34,22 @@ Interrupt::Interrupt()
     const sigset_t signals = watched();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
-    QObject::connect(notifier.get(), &QSocketNotifier::activated, notifier.get(), [this] {
-        signalfd_siginfo info{};
-        pressed = read(descriptor, &info, sizeof info) == sizeof info || pressed;
-    });
+    output::stopAt(descriptor);
 }
 
 Interrupt::~Interrupt()
 {
-    notifier.reset();
+    output::stopAt(-1);
+    for (signalfd_siginfo taken{}; read(descriptor, &taken, sizeof taken) == sizeof taken;) {
+    }
     close(descriptor);
     const sigset_t signals = watched();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
+// The signal stays where it is: whoever else watches the descriptor is to see it, too.
 bool Interrupt::happened() const
 {
-    return pressed || output::lost();
+    pollfd pending{descriptor, POLLIN, 0};
+    return poll(&pending, 1, 0) == 1 || output::lost();
 }

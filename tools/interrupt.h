@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QSocketNotifier>
-
-#include <memory>
-
 /// Turns Ctrl-C, a termination request and a terminal that closes into a condition that can be
-/// asked for, while it exists. That nobody reads the output any more is one, too. To be made before
-/// any other thread runs, in the thread whose event loop runs.
+/// asked for, while it exists: no event loop needs to run, and output that blocks ends. That nobody
+/// reads the output any more is one, too. To be made before any other thread runs.
 class Interrupt
 {
 public:
@@ -20,6 +16,4 @@ public:
 
 private:
     int descriptor;
-    std::unique_ptr<QSocketNotifier> notifier;
-    bool pressed = false;
 };

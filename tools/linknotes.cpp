@@ -5,65 +5,67 @@
 
 #include <QLoggingCategory>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 namespace
 {
 
-struct Row {
-    const char* debugLine;
-    const char* meaning; // null: a frame did not go out
+constexpr const char* sendFailures[] = {"Send failed", "Send Broadcast failed", "Send unknown",
+                                        "Send Broadcast unknown"};
+constexpr std::size_t mostKept = 10000; // until they are taken; the others are counted
+
+struct Notes {
+    std::mutex lock; // a leaf
+    DatagramNotes datagrams;
+    linknotes::Refusals refusals;
 };
 
-constexpr Row rows[] = {
-    {"Send failed", nullptr},
-    {"Send Broadcast failed", nullptr},
-    {"Send unknown", nullptr},
-    {"Send Broadcast unknown", nullptr},
-    {"CHKSUM Wrong return", "a reply with a wrong checksum"},
-    {"arrayreceived.isEmpty()||stdCMDIn.isEmpty()", "bytes that are no reply"},
-    {"arraylen=!arrayreceived.size() return", "a block that no reply announced"},
-    {"combineTwoByte(parameters.DAT3, parameters.DAT4) != parameters.arryDatablock.size() return",
-     "a block of another length than announced"},
-};
+// Never destroyed: the links' threads may still write debug lines while the process ends.
+Notes& notes()
+{
+    static Notes* const instance = new Notes;
+    return *instance;
+}
 
-// Lines that carry what was received.
-constexpr Row fragments[] = {
-    {"::getArrayData   dataStr==", "a reply with a wrong checksum"},
-    {"CheckBlock default:", "a reply whose block came too late or damaged"},
-};
-
-std::mutex lock; // a leaf; guards refusals
-QStringList refusals;
 std::atomic<bool> sendFailed{false};
 std::atomic<bool> showsAll{false};
 
-void refuse(const char* meaning)
+// Of what a stream link refuses, which has one device.
+std::optional<Refusal> refusedOfStream(const QString& line)
 {
-    const std::lock_guard guard(lock);
-    if (!refusals.contains(QLatin1String(meaning))) {
-        refusals << QLatin1String(meaning);
+    constexpr const char* digitsMark = "::getArrayData   dataStr==";
+    if (line.endsWith(QLatin1String("CheckBlock default:\""))) {
+        return Refusal{QStringLiteral("a reply whose block came too late or damaged"), QString(),
+                       quotedBehind(line, "Recv data:")};
     }
+    const int digits = line.indexOf(QLatin1String(digitsMark));
+    if (digits < 0) {
+        return std::nullopt;
+    }
+    QString shown = line.mid(digits + static_cast<int>(qstrlen(digitsMark)));
+    shown.chop(1); // the closing quote
+    return Refusal{QStringLiteral("a reply with a wrong checksum"), QString(),
+                   QStringLiteral("<F%1>").arg(shown)};
 }
 
 void note(const QString& line)
 {
-    for (const Row& row : fragments) {
-        if (line.contains(QLatin1String(row.debugLine))) {
-            refuse(row.meaning);
-        }
-    }
-    for (const Row& row : rows) {
-        if (line != QLatin1String(row.debugLine)) {
-            continue;
-        }
-        if (row.meaning == nullptr) {
-            sendFailed = true;
-            return;
-        }
-        refuse(row.meaning);
+    const bool isSendFailure =
+        std::any_of(std::begin(sendFailures), std::end(sendFailures),
+                    [&line](const char* text) { return line == QLatin1String(text); });
+    sendFailed = sendFailed || isSendFailure;
+    Notes& all = notes();
+    const std::lock_guard guard(all.lock);
+    auto refusal = all.datagrams.take(line);
+    refusal = refusal ? refusal : refusedOfStream(line);
+    if (refusal && all.refusals.kept.size() < mostKept) {
+        all.refusals.kept.push_back(std::move(*refusal));
+    } else if (refusal) {
+        ++all.refusals.more;
     }
 }
 
@@ -92,10 +94,8 @@ bool linknotes::takeSendFailure()
     return sendFailed.exchange(false);
 }
 
-QStringList linknotes::takeRefusals()
+linknotes::Refusals linknotes::takeRefusals()
 {
-    const std::lock_guard guard(lock);
-    QStringList taken;
-    taken.swap(refusals);
-    return taken;
+    const std::lock_guard guard(notes().lock);
+    return std::exchange(notes().refusals, {});
 }

@@ -3,17 +3,25 @@
 
 #include "toolerror.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <mutex>
 
+#include <poll.h>
 #include <unistd.h>
 
 namespace
 {
 
-std::mutex lock;          // a leaf; guards the streams and the flags
+constexpr int graceMs = 500; // for a slow reader, once the person has had enough
+
+std::mutex lock;          // a leaf; guards the streams and what follows
 QByteArray progressShown; // empty: none
+int stopDescriptor = -1;
 bool outputLost = false;
+bool errorLost = false;
 
 void clearProgress()
 {
@@ -24,25 +32,47 @@ void clearProgress()
     }
 }
 
-void write(std::FILE* stream, const QByteArray& bytes)
+// A reader that does not read must not keep Ctrl-C from being seen, so what may block is asked
+// first; a pipe with room has it for so many bytes.
+bool writeAll(int descriptor, const QByteArray& bytes)
+{
+    int done = 0;
+    while (done < bytes.size()) {
+        pollfd watched[] = {{descriptor, POLLOUT, 0}, {stopDescriptor, POLLIN, 0}};
+        poll(watched, 2, -1);
+        const bool isStopped = watched[0].revents == 0 && watched[1].revents != 0;
+        if (isStopped && poll(watched, 1, graceMs) == 0) {
+            return false;
+        }
+        const int piece = std::min(bytes.size() - done, PIPE_BUF);
+        const ssize_t size =
+            ::write(descriptor, bytes.constData() + done, static_cast<std::size_t>(piece));
+        if (size < 0 && errno != EINTR && errno != EAGAIN) {
+            return false;
+        }
+        done += static_cast<int>(std::max<ssize_t>(size, 0));
+    }
+    return true;
+}
+
+void write(int descriptor, const QByteArray& bytes)
 {
     const std::lock_guard guard(lock);
     clearProgress();
-    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stream);
-    std::fflush(stream);
-    outputLost = outputLost || (stream == stdout && std::ferror(stdout) != 0);
+    bool& lost = descriptor == STDOUT_FILENO ? outputLost : errorLost;
+    lost = lost || !writeAll(descriptor, bytes);
 }
 
 } // namespace
 
 void output::line(const QString& text)
 {
-    write(stdout, text.toUtf8() + '\n');
+    write(STDOUT_FILENO, text.toUtf8() + '\n');
 }
 
 void output::raw(const QByteArray& bytes)
 {
-    write(stdout, bytes);
+    write(STDOUT_FILENO, bytes);
 }
 
 bool output::lost()
@@ -58,9 +88,15 @@ void output::checkLoss()
     }
 }
 
+void output::stopAt(int descriptor)
+{
+    const std::lock_guard guard(lock);
+    stopDescriptor = descriptor;
+}
+
 void output::error(const QString& text)
 {
-    write(stderr, text.toUtf8() + '\n');
+    write(STDERR_FILENO, text.toUtf8() + '\n');
 }
 
 void output::progress(const QString& text)

@@ -14,6 +14,10 @@ bool lost();                       ///< whether some of standard output could no
 void checkLoss();                  ///< throws ToolError if so
 void error(const QString& text);   ///< one line to standard error
 
+/// From when this descriptor is readable, output that nobody takes within half a second is lost;
+/// -1: there is none, and a reader that does not read is waited for.
+void stopAt(int descriptor);
+
 /// Shows how long work is going on, on one line of standard error that is written over; nothing
 /// where that is no terminal. The next line of any kind clears it.
 void progress(const QString& text);

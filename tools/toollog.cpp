@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "toollog.h"
 
+#include "scratch.h"
 #include "toolerror.h"
 #include "utility_manage.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 
 namespace
 {
@@ -61,9 +61,8 @@ void toollog::choose(const QString& path)
 
 void toollog::chooseTemporary()
 {
-    static const QTemporaryDir directory(QDir::tempPath() + QStringLiteral("/coremanage-XXXXXX"));
-    if (directory.isValid()) {
-        Utility_Manage::setLogFile(directory.filePath(QStringLiteral("coremanage.log")), mostBytes,
+    if (!scratch::path().isEmpty()) {
+        Utility_Manage::setLogFile(scratch::path() + QStringLiteral("/coremanage.log"), mostBytes,
                                    olderFiles);
     }
 }

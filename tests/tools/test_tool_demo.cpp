@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace
 {
 
@@ -66,16 +68,56 @@ TEST(Demo, BringsTheLoopbackInterfaceUp)
     EXPECT_TRUE(run.output.contains("The loopback interface was down: it is up now."));
 }
 
+TEST(Demo, SaysThatTheTemporaryDirectoryCannotBeUsed)
+{
+    const QTemporaryDir directory;
+    std::vector<QStringList> commands{withTemporary(QStringLiteral("/nonexistent"))};
+    for (const char* shortage : {"ro", "size=64k", "nr_inodes=2"}) {
+        commands.push_back(withTemporary(directory.path(), QLatin1String(shortage)));
+    }
+#ifdef CORE_MANAGE_SHOWS_USB // enough for the log, not for a device
+    commands.push_back(withTemporary(directory.path(), QStringLiteral("nr_inodes=20")));
+#endif
+    for (const QStringList& command : commands) {
+        if (command.isEmpty()) {
+            GTEST_SKIP() << "this system allows nobody a mount of his own";
+        }
+        const ToolRun run({QStringLiteral("demo")}, {}, command);
+        EXPECT_EQ(run.code, 3);
+        EXPECT_TRUE(run.error.startsWith(QStringLiteral("coremanage: the temporary directory ")))
+            << run.error.toStdString();
+        EXPECT_EQ(run.error.count(QLatin1Char('\n')), 1) << run.error.toStdString();
+        EXPECT_FALSE(run.output.contains("FAILED"));
+        EXPECT_FALSE(run.output.contains("coremanage-")) << "left behind";
+    }
+}
+
 TEST(Demo, EndsWhenNobodyReadsItAnyMore)
 {
     const QTemporaryDir directory;
-    const ToolRun run({QStringLiteral("demo")}, {},
-                      {QStringLiteral("env"), QStringLiteral("TMPDIR=") + directory.path(),
-                       QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
+    const ToolRun run(
+        {QStringLiteral("demo")}, {},
+        withTemporary(directory.path()).mid(0, 2) +
+            QStringList{QStringLiteral("sh"), QStringLiteral("-c"), readByHead(), builtTool()});
     EXPECT_EQ(run.output.count('\n'), 1) << run.output.constData();
     EXPECT_EQ(run.error.toStdString(),
               "coremanage: standard output could not be written\ncode 1\n");
     EXPECT_TRUE(QDir(directory.path()).isEmpty()) << "its log has gone, too";
+}
+
+// The tool stands still as if all others had their turn first, where it waits for what comes soon.
+TEST(Demo, WaitsAsLongAsALoadedMachineNeeds)
+{
+    constexpr std::chrono::seconds pause{5};
+    ToolProcess tool({QStringLiteral("demo")});
+    for (const char* step : {"One answers in pieces", "never reads; the others go on"}) {
+        ASSERT_TRUE(tool.says(QLatin1String(step)));
+        tool.stop();
+        std::this_thread::sleep_for(pause);
+        tool.goOn();
+    }
+    EXPECT_EQ(tool.exitCode(), 0) << tool.output().constData() << tool.error().toStdString();
+    EXPECT_FALSE(tool.output().contains("FAILED"));
 }
 
 TEST(Demo, EndsWithCtrlC)

@@ -232,6 +232,49 @@ TEST(Decode, SaysWhatIsWrongWithAFrame)
     }
 }
 
+TEST(Decode, SaysWhatIsWrongBehindAFrame)
+{
+    const struct {
+        const char* options;
+        QByteArray frame;
+        const char* says; // null: nothing is wrong
+    } cases[] = {
+        {"", "<F0000102000000030>", nullptr},
+        {"", "<F0000102000000030>abc", "a reply of its kind has no block, and 3 bytes follow it"},
+        {"", "<F0000790c00000085>abc", "a reply of its kind has no block, and 3 bytes follow it"},
+        {"", "<F00008e27000400b9>", nullptr},
+        {"", "<F00008e27000400b9>abcd", nullptr},
+        {"", "<F00008e27000400b9>abc", "it announces 4 block bytes and has 3"},
+        {"", "<F00008e27000400b9>abcde", "it announces 4 block bytes and has 5"},
+        {"", "<F00008b0500000090>" + QByteArray(145, 'b'), nullptr},
+        {"", "<F00008b0500000090>" + QByteArray(144, 'b'),
+         "a reply of its kind has a block of 145 bytes, and 144 follow it"},
+        {"", "<F0000690900000072>" + QByteArray(33, 'b'), nullptr},
+        {"", "<F0000690900000072>" + QByteArray(129, 'b'), nullptr},
+        {"", "<F0000690900000072>" + QByteArray(130, 'b'),
+         "a reply of its kind has a block of 129 bytes, and 130 follow it"},
+        {"", "<T00008b0500040094>", nullptr},
+        {"", "<T00008b0500040094>abcd", nullptr},
+        {"", "<T00008b0500040094>abc", "it announces 4 block bytes and has 3"},
+        {"", "<T00008b0500000090>abc", "it announces 0 block bytes and has 3"},
+        {" --binary", QByteArray::fromHex("f11f0203000400050003060708090a49010203"), nullptr},
+        {" --binary", QByteArray::fromHex("f11f0203000400050003060708090a4901020304"),
+         "it announces 3 block bytes and has 4"},
+    };
+    for (const auto& each : cases) {
+        const ToolRun run(words(QStringLiteral("decode - --json") + QLatin1String(each.options)),
+                          each.frame);
+        EXPECT_EQ(run.code, each.says == nullptr ? 0 : 1) << each.frame.constData();
+        EXPECT_EQ(run.json.value(QStringLiteral("valid")).toBool(), each.says == nullptr)
+            << each.frame.constData();
+        if (each.says != nullptr) {
+            EXPECT_EQ(
+                run.error,
+                QStringLiteral("coremanage: no valid frame: %1\n").arg(QLatin1String(each.says)));
+        }
+    }
+}
+
 TEST(Osd, FramesGoThereAndBack)
 {
     const ToolRun run(words("encode --osd --ch2 1 --ch3 2 --ch4 3 --ch5 4 --ch7 6 --ch8 7 --ch9 8 "

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <QFileInfo>
+#include <QJsonDocument>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,6 +39,51 @@ TEST(SerialTool, TellsWhatABinaryFrameHasOfItsOwn)
     ASSERT_EQ(frame.size(), 16 + 3);
     EXPECT_EQ(sent.value(QStringLiteral("chksum")).toInt(), static_cast<quint8>(frame.at(15)));
     EXPECT_EQ(sent.value(QStringLiteral("aux6")).toInt(), 3);
+}
+
+TEST(SerialTool, TellsWhatABinaryCommandHadOfItsOwn)
+{
+    ToolProcess device(words(QStringLiteral("simulate vela:// --json")));
+    ASSERT_TRUE(device.says(QStringLiteral("\n")));
+    const QString link = device.json().value(QStringLiteral("simulating")).toString();
+    const ToolRun run(words(QStringLiteral("send %1 --cmd 6 --dat1 7 --addr 2 --aux1 0x1234 "
+                                           "--aux3 3 --aux4 0x405 --aux5 0x506 --block 010203 "
+                                           "--json")
+                                .arg(link)));
+    EXPECT_EQ(run.code, 0) << run.error.toStdString();
+    ASSERT_TRUE(device.says(QStringLiteral("\"answer\"")));
+    const QJsonObject told = QJsonDocument::fromJson(device.lines().value(1).toUtf8()).object();
+    const QJsonObject sent = run.json.value(QStringLiteral("sent")).toObject();
+    for (const char* field : {"aux1", "aux2", "aux3", "aux4", "aux5", "aux6", "addr", "cmd", "dat1",
+                              "dat2", "dat3", "dat4", "chksum", "block_length", "block"}) {
+        EXPECT_TRUE(told.contains(QLatin1String(field))) << field;
+        EXPECT_EQ(told.value(QLatin1String(field)), sent.value(QLatin1String(field))) << field;
+    }
+    EXPECT_EQ(told.value(QStringLiteral("aux1")).toInt(), 0x1234);
+    EXPECT_EQ(told.value(QStringLiteral("aux6")).toInt(), 3);
+    EXPECT_FALSE(told.contains(QStringLiteral("head"))) << "no binary frame has it";
+}
+
+TEST(SerialTool, ReportsADamagedReplyOnce)
+{
+    SerialPeer device;
+    const QString link = QStringLiteral("serial://") + device.portName();
+    ToolProcess tool({QStringLiteral("listen"), link});
+    ASSERT_TRUE(tool.says(QStringLiteral("listening on")));
+    EXPECT_TRUE(device.send("<F5a0110020000006e>"));
+    EXPECT_TRUE(device.send(replybytes::text(0x10, 0x20)));
+    EXPECT_TRUE(tool.says(QStringLiteral("CMD 10 DAT1 20")));
+    EXPECT_TRUE(tool.says(QStringLiteral(" refused: a reply with a wrong checksum from %1: "
+                                         "<F5a0110020000006e>\n")
+                              .arg(link)));
+    const QByteArray withBlock = replybytes::text(0x8b, 0x05);
+    EXPECT_TRUE(device.send(withBlock + QByteArray(145, 'x')));
+    EXPECT_TRUE(tool.says(QStringLiteral(" refused: a reply whose block came too late or damaged "
+                                         "from %1: %2\n")
+                              .arg(link, QString::fromLatin1(withBlock))));
+    tool.interrupt();
+    EXPECT_EQ(tool.exitCode(), 0);
+    EXPECT_EQ(tool.error().count(QStringLiteral("refused")), 2) << tool.error().toStdString();
 }
 
 TEST(SerialTool, SaysThatTheDeviceHasGone)

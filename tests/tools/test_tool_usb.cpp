@@ -280,3 +280,56 @@ TEST(UsbToolSimulator, SaysWhatItLacks)
         << without.error.toStdString();
     EXPECT_EQ(without.error.count(QLatin1Char('\n')), 1);
 }
+
+TEST(UsbToolSimulator, SaysThatItsTemporaryDirectoryIsNotThere)
+{
+    const ToolRun run(words(QStringLiteral("simulate usb://04b4:1008")), {},
+                      withTemporary(QStringLiteral("/nonexistent")));
+    EXPECT_EQ(run.code, 3);
+    EXPECT_TRUE(run.output.isEmpty());
+    EXPECT_TRUE(run.error.contains(QStringLiteral("the temporary directory /nonexistent does not "
+                                                  "take")))
+        << run.error.toStdString();
+    EXPECT_EQ(run.error.count(QLatin1Char('\n')), 1);
+}
+
+class FullTemporaryDirectory : public ::testing::Test
+{
+protected:
+    /// Whether it serves on a file system with these options; if not, checks what it says.
+    bool serves(const QString& options)
+    {
+        const ToolRun run(words(QStringLiteral("simulate usb://04b4:1008 --for 1")), {},
+                          withTemporary(directory.path(), options));
+        if (!run.output.isEmpty()) {
+            return true;
+        }
+        EXPECT_EQ(run.code, 3) << options.toStdString();
+        EXPECT_TRUE(run.error.contains(
+            QStringLiteral("the temporary directory %1 does not take").arg(directory.path())))
+            << options.toStdString() << ": " << run.error.toStdString();
+        EXPECT_EQ(run.error.count(QLatin1Char('\n')), 1) << run.error.toStdString();
+        return false;
+    }
+
+    const QTemporaryDir directory;
+};
+
+// Every place where it may run out of files, then where it may run out of blocks.
+TEST_F(FullTemporaryDirectory, IsSaidToBe)
+{
+    if (withTemporary(directory.path(), QStringLiteral("ro")).isEmpty()) {
+        GTEST_SKIP() << "this system allows nobody a mount of his own";
+    }
+    EXPECT_FALSE(serves(QStringLiteral("ro")));
+    constexpr int mostFiles = 200;
+    int files = 1;
+    while (files < mostFiles && !serves(QStringLiteral("nr_inodes=%1").arg(files))) {
+        ++files;
+    }
+    EXPECT_GT(files, 10);
+    EXPECT_LT(files, mostFiles);
+    for (int blocks = 1; blocks <= 16; ++blocks) {
+        EXPECT_FALSE(serves(QStringLiteral("size=%1").arg(blocks * 4096))) << blocks;
+    }
+}

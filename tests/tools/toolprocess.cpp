@@ -29,6 +29,27 @@ QString readByHead()
     return QStringLiteral("{ \"$0\" \"$@\"; echo \"code $?\" >&2; } | head -n 1");
 }
 
+QStringList withTemporary(const QString& directory)
+{
+    return {QStringLiteral("env"), QStringLiteral("TMPDIR=") + directory, builtTool()};
+}
+
+QStringList withTemporary(const QString& directory, const QString& options)
+{
+    const QStringList mounted{
+        QStringLiteral("unshare"),
+        QStringLiteral("-rm"),
+        QStringLiteral("sh"),
+        QStringLiteral("-c"),
+        QStringLiteral("mount -t tmpfs -o \"$0\" none \"$TMPDIR\" && { \"$@\"; code=$?; "
+                       "ls -A \"$TMPDIR\"; exit $code; }"),
+        options};
+    const QStringList where = withTemporary(directory).mid(0, 2) + mounted;
+    const bool isAllowed =
+        QProcess::execute(where.first(), where.mid(1) + QStringList(QStringLiteral("true"))) == 0;
+    return isAllowed ? where + QStringList(builtTool()) : QStringList();
+}
+
 QStringList words(const QString& text)
 {
     return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -72,7 +93,7 @@ void ToolProcess::collect()
 
 int ToolProcess::exitCode()
 {
-    const bool ended = eventually([this] { return hasEnded(); }, std::chrono::seconds(60));
+    const bool ended = eventually([this] { return hasEnded(); }, std::chrono::minutes(5));
     collect();
     return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
@@ -88,6 +109,16 @@ bool ToolProcess::says(const QString& text)
 void ToolProcess::interrupt()
 {
     tell(SIGINT);
+}
+
+void ToolProcess::stop()
+{
+    tell(SIGSTOP);
+}
+
+void ToolProcess::goOn()
+{
+    tell(SIGCONT);
 }
 
 void ToolProcess::closeTerminal()

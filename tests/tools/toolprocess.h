@@ -15,6 +15,14 @@ QStringList toolWithoutPrivilege();
 /// A line for sh -c: runs its arguments, tells their exit code, and reads one line of the output.
 QString readByHead();
 
+/// What starts the tool with this temporary directory.
+QStringList withTemporary(const QString& directory);
+
+/// The same on a file system of its own, which is mounted there with these options (man tmpfs) and
+/// goes with the tool; what the tool leaves there is listed on standard output. Empty where this
+/// system does not allow that.
+QStringList withTemporary(const QString& directory, const QString& options);
+
 /// Arguments as they are typed, none with a blank in it.
 QStringList words(const QString& text);
 
@@ -38,6 +46,8 @@ public:
     qint64 id() const { return process.processId(); }
     bool hasEnded() const { return process.state() == QProcess::NotRunning; }
     void interrupt();          ///< presses Ctrl-C
+    void stop();               ///< it does nothing
+    void goOn();               ///< until then
     void closeTerminal();      ///< as the system tells it, which nohup would keep from it
     QByteArray output() const; ///< standard output so far
     QString error() const;     ///< standard error so far

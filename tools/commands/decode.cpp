@@ -6,6 +6,7 @@
 #include "osdframe.h"
 #include "output.h"
 #include "recordtext.h"
+#include "replykinds.h"
 #include "toolerror.h"
 
 #include <CLI/CLI.hpp>
@@ -28,6 +29,43 @@ QString wrongChecksum(int sent, int right)
     return QStringLiteral("its checksum is %1, and %2 would be right")
         .arg(sent, 2, 16, QLatin1Char('0'))
         .arg(right, 2, 16, QLatin1Char('0'));
+}
+
+QString wrongLength(int announced, int has)
+{
+    return announced == has
+               ? QString()
+               : QStringLiteral("it announces %1 block bytes and has %2").arg(announced).arg(has);
+}
+
+// A reply that stands alone may have its block in another datagram.
+QString wrongBlockOfReply(const model_Protocoldata& reply)
+{
+    using replykinds::Block;
+    const replykinds::Kind kind = replykinds::kindOf(reply);
+    const int has = reply.arryDatablock.size();
+    if (has == 0) {
+        return {};
+    }
+    if (kind.onStream == Block::None || kind.onStream == Block::Immediate) {
+        return QStringLiteral("a reply of its kind has no block, and %1 bytes follow it").arg(has);
+    }
+    if (kind.onStream == Block::Announced) {
+        return wrongLength(replykinds::announcedLength(reply), has);
+    }
+    const int right = replykinds::fixedLength(kind.onStream);
+    const bool isRight = has == right || (kind.mayBeShort && has == replykinds::fixedLengthAShort);
+    return isRight ? QString()
+                   : QStringLiteral("a reply of its kind has a block of %1 bytes, and %2 follow it")
+                         .arg(right)
+                         .arg(has);
+}
+
+// A command without a block may have anything in the fields that announce its length.
+QString wrongBlockOfCommand(const model_Protocoldata& command)
+{
+    const int has = command.arryDatablock.size();
+    return has == 0 ? QString() : wrongLength(replykinds::announcedLength(command), has);
 }
 
 Verdict judgeText(const QByteArray& frame)
@@ -58,6 +96,9 @@ Verdict judgeText(const QByteArray& frame)
             wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), verdict.command.record.CHKSUM);
     } else if (frame.at(commandframe::textLength - 1) != commandframe::endMark) {
         verdict.wrong = QStringLiteral("it does not end with >");
+    } else {
+        verdict.wrong = isReply ? wrongBlockOfReply(verdict.command.record)
+                                : wrongBlockOfCommand(verdict.command.record);
     }
     return verdict;
 }
@@ -81,10 +122,9 @@ Verdict judgeBinary(const QByteArray& frame)
             sum += static_cast<quint8>(byte);
         }
         verdict.wrong = wrongChecksum(verdict.command.record.CHKSUM, sum & 0xff);
-    } else if (verdict.command.record.aux6 != verdict.command.record.arryDatablock.size()) {
-        verdict.wrong = QStringLiteral("it announces %1 block bytes and has %2")
-                            .arg(verdict.command.record.aux6)
-                            .arg(verdict.command.record.arryDatablock.size());
+    } else {
+        verdict.wrong =
+            wrongLength(verdict.command.record.aux6, verdict.command.record.arryDatablock.size());
     }
     return verdict;
 }

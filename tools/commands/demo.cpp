@@ -7,6 +7,7 @@
 #include "links/udpendpoint.h"
 #include "networknamespace.h"
 #include "output.h"
+#include "scratch.h"
 #include "toolerror.h"
 #include "toollog.h"
 #include "udpports.h"
@@ -16,6 +17,8 @@
 
 namespace
 {
+
+constexpr qint64 mostScratch = qint64{4} * 1024 * 1024; // the log and the simulated devices' files
 
 class Demo
 {
@@ -78,6 +81,7 @@ void Demo::makeRoom(Narrator& narrator)
 int Demo::run()
 {
     if (log.empty()) {
+        scratch::require(mostScratch);
         toollog::chooseTemporary();
     } else {
         toollog::choose(QString::fromStdString(log));

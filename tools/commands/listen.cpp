@@ -24,8 +24,9 @@ public:
     int run();
 
 private:
-    bool look(DeviceLink& link);
+    bool look(DeviceLink& link, const Interrupt& interrupt);
     void show(const Reply& reply) const;
+    void showRefusals(const Interrupt& interrupt) const;
 
     LinkOptions options;
     Duration duration;
@@ -56,17 +57,31 @@ void Listen::show(const Reply& reply) const
                       : recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
 }
 
-bool Listen::look(DeviceLink& link)
+void Listen::showRefusals(const Interrupt& interrupt) const
+{
+    const linknotes::Refusals refusals = linknotes::takeRefusals();
+    const QString begin = recordtext::timeOfDay() + QStringLiteral(" refused: ");
+    for (const Refusal& refusal : refusals.kept) {
+        if (interrupt.happened()) {
+            return;
+        }
+        output::error(begin + refusal.text(options.link()));
+    }
+    if (refusals.more > 0) {
+        output::error(begin + QStringLiteral("%1 more").arg(refusals.more));
+    }
+}
+
+bool Listen::look(DeviceLink& link, const Interrupt& interrupt)
 {
     for (const Reply& reply : link.takeReplies()) {
-        if (!duration.reached(shown)) {
-            ++shown;
-            show(reply);
+        if (duration.reached(shown) || interrupt.happened()) {
+            return true;
         }
+        ++shown;
+        show(reply);
     }
-    for (const QString& refusal : linknotes::takeRefusals()) {
-        output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") + refusal);
-    }
+    showRefusals(interrupt);
     for (QString text = link.warning(); !text.isEmpty(); text = link.warning()) {
         output::error(recordtext::timeOfDay() + QLatin1Char(' ') + text);
     }
@@ -84,7 +99,7 @@ int Listen::run()
     const auto link = endpoint->open(false);
     clock.start();
     output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(options.link()));
-    waitFor([&] { return look(*link); }, duration.limit(), interrupt);
+    waitFor([&] { return look(*link, interrupt); }, duration.limit(), interrupt);
     output::endProgress();
     output::error(QStringLiteral("%1 replies in %2 s")
                       .arg(shown)

@@ -22,6 +22,7 @@ namespace
 constexpr qint64 mostMilliseconds = 3'600'000;
 constexpr qint64 mostTries = 1000;
 constexpr qint64 mostReplies = 1000000;
+constexpr int mostRefusalsShown = 5;
 constexpr qint64 progressAfter = 300; // ms: a quick reply shows none
 
 class Send
@@ -43,6 +44,7 @@ private:
     void takeReplies(DeviceLink& link);
     int report(const DeviceLink& link, const Command& command, WaitEnd end);
     void printJson(const DeviceLink& link, const Command& command, bool ok) const;
+    QString refused() const;
     QString failure(const DeviceLink& link, WaitEnd end) const;
     QString failuresOfDevices(const DeviceLink& link) const;
 
@@ -255,6 +257,24 @@ QString Send::failuresOfDevices(const DeviceLink& link) const
     return failures.join(QStringLiteral("; "));
 }
 
+QString Send::refused() const
+{
+    const linknotes::Refusals refusals = linknotes::takeRefusals();
+    QStringList shown;
+    for (const Refusal& refusal : refusals.kept) {
+        if (shown.size() < mostRefusalsShown) {
+            shown << refusal.text(options.link());
+        }
+    }
+    const qint64 more = static_cast<qint64>(refusals.kept.size()) - shown.size() + refusals.more;
+    if (more > 0) {
+        shown << QStringLiteral("%1 more").arg(more);
+    }
+    return shown.isEmpty()
+               ? QString()
+               : QStringLiteral("; came but refused: ") + shown.join(QStringLiteral(", "));
+}
+
 QString Send::failure(const DeviceLink& link, WaitEnd end) const
 {
     if (!devices.isEmpty() && end != WaitEnd::Interrupted) {
@@ -276,10 +296,7 @@ QString Send::failure(const DeviceLink& link, WaitEnd end) const
     } else if (tried > 1) {
         text += QStringLiteral(", %1 tries").arg(tried);
     }
-    const QStringList refusals = linknotes::takeRefusals();
-    if (!refusals.isEmpty()) {
-        text += QStringLiteral("; came but refused: ") + refusals.join(QStringLiteral(", "));
-    }
+    text += refused();
     if (!strangers.isEmpty()) {
         text += QStringLiteral("; replies of others: ") + strangers.join(QStringLiteral(", "));
     }

@@ -155,14 +155,25 @@ QJsonObject Simulate::fieldsOf(const Exchange& exchange) const
         return recordtext::json(recordtext::osdCommand(exchange.command.block), fields);
     }
     const devicecodec::Head& head = exchange.command.head;
-    return {{QStringLiteral("head"), head.head},
-            {QStringLiteral("addr"), head.addr},
-            {QStringLiteral("cmd"), head.cmd},
-            {QStringLiteral("dat1"), head.dat1},
-            {QStringLiteral("dat2"), head.dat2},
-            {QStringLiteral("dat3"), head.dat3},
-            {QStringLiteral("dat4"), head.dat4},
-            {QStringLiteral("block"), QString::fromLatin1(exchange.command.block.toHex())}};
+    Command command;
+    model_Protocoldata& record = command.record;
+    record.HEAD = head.head;
+    record.ADDR = head.addr;
+    record.CMD = head.cmd;
+    record.DAT1 = head.dat1;
+    record.DAT2 = head.dat2;
+    record.DAT3 = head.dat3;
+    record.DAT4 = head.dat4;
+    record.CHKSUM = head.sum;
+    record.aux1 = head.lead;
+    record.aux3 = head.aux3;
+    record.aux4 = head.aux4;
+    record.aux5 = head.aux5;
+    record.aux6 = head.blockLength;
+    record.arryDatablock = exchange.command.block;
+    QJsonObject object = recordtext::json(command, fields);
+    object.insert(QStringLiteral("block"), QString::fromLatin1(record.arryDatablock.toHex()));
+    return object;
 }
 
 void Simulate::showJson(const Exchange& exchange) const

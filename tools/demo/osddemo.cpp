@@ -5,9 +5,8 @@
 #include "osdlink.h"
 #include "recordtext.h"
 #include "simulator/osdsimulation.h"
+#include "toolerror.h"
 #include "waiting.h"
-
-#include <QElapsedTimer>
 
 #include <algorithm>
 #include <functional>
@@ -16,8 +15,7 @@
 namespace
 {
 
-constexpr std::chrono::milliseconds replyTime{4000};
-constexpr std::chrono::milliseconds settleTime{10000};
+constexpr std::chrono::milliseconds patience{120000}; // on a machine that has much else to do
 constexpr Faults::Setting once{0, 1, 0};
 constexpr Faults::Setting always{1.0, 0, 0};
 constexpr int wallSize = 3;
@@ -33,7 +31,7 @@ class Wall
 public:
     explicit Wall(Narrator& teller) : narrator(teller) {}
 
-    bool serve()
+    void serve()
     {
         std::vector<OsdLink::Endpoint> places;
         for (int i = 0; i < wallSize; ++i) {
@@ -42,17 +40,17 @@ public:
             options.port = 0;
             endpoints.push_back(std::make_unique<OsdSimulation>(options));
             OsdSimulation& endpoint = *endpoints.back();
-            const bool serves = endpoint.open();
-            if (!narrator.expect(serves, QStringLiteral("a simulated endpoint serves at ") +
-                                             (serves ? endpoint.address() : endpoint.error()))) {
-                return false;
+            if (!endpoint.open()) {
+                throw LinkDown(
+                    QStringLiteral("osd://%1: %2").arg(options.address, endpoint.error()));
             }
+            narrator.expect(true,
+                            QStringLiteral("a simulated endpoint serves at ") + endpoint.address());
             places.push_back(
                 {ipOf(i),
                  static_cast<quint16>(endpoint.address().section(QLatin1Char(':'), -1).toUInt())});
         }
         link = std::make_unique<OsdLink>(places);
-        return true;
     }
 
     void connect()
@@ -101,6 +99,7 @@ public:
         narrator.say(QStringLiteral("%1 comes back: close and open").arg(ipOf(leaving)));
         endpoints[leaving]->setFault(Fault::Refuse, {});
         link->reopen(ipOf(leaving));
+        waitUntil([this] { return link->isConnected(ipOf(leaving)); });
         sendToAll("Gate closed");
         expectReplies({0, 1, 2});
     }
@@ -125,7 +124,7 @@ private:
             }
             return condition();
         };
-        return waitFor(look, settleTime, narrator.interrupt()) == WaitEnd::Done;
+        return waitFor(look, patience, narrator.interrupt()) == WaitEnd::Done;
     }
 
     void sendToAll(const char* text)
@@ -152,16 +151,14 @@ private:
         const auto all = [&] {
             return std::all_of(from.begin(), from.end(), [this](int one) { return has(one); });
         };
-        QElapsedTimer clock;
-        clock.start();
-        const bool came = waitUntil(all) && clock.elapsed() < replyTime.count();
+        const bool came = waitUntil(all);
         QStringList names;
         for (const int endpoint : from) {
             names << ipOf(endpoint);
         }
-        narrator.expect(came && replies.size() >= from.size(),
-                        (why.isEmpty() ? QString() : why + QStringLiteral(": ")) +
-                            names.join(QStringLiteral(", ")) + QStringLiteral(" acknowledged"));
+        narrator.expect(came, (why.isEmpty() ? QString() : why + QStringLiteral(": ")) +
+                                  names.join(QStringLiteral(", ")) +
+                                  QStringLiteral(" acknowledged"));
     }
 
     Narrator& narrator;
@@ -175,9 +172,7 @@ private:
 bool osddemo::run(Narrator& narrator)
 {
     Wall wall(narrator);
-    if (!wall.serve()) {
-        return false;
-    }
+    wall.serve();
     const std::function<void()> steps[] = {
         [&] { wall.connect(); },     [&] { wall.sayHello(); },    [&] { wall.answerInPieces(); },
         [&] { wall.oneVanishes(); }, [&] { wall.itComesBack(); }, [&] { wall.oneIsDeaf(); },

@@ -162,6 +162,6 @@ bool usbendpoint::demonstrate(Narrator& narrator)
         narrator.detail(QStringLiteral("Not shown: ") + reason);
         return true;
     }
-    const devicedemo::Pace pace{20, std::chrono::seconds(10)};
-    return devicedemo::run(narrator, QStringLiteral("usb://04b4:1008"), pace);
+    constexpr int burst = 20; // ten reports a second are read
+    return devicedemo::run(narrator, QStringLiteral("usb://04b4:1008"), burst);
 }

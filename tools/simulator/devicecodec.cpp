@@ -55,6 +55,7 @@ std::optional<devicecodec::Head> decodeTextCommand(const QByteArray& bytes)
     head.dat2 = at(body, 4);
     head.dat3 = at(body, 5);
     head.dat4 = at(body, 6);
+    head.sum = at(body, 7);
     head.blockLength = static_cast<quint16>(head.dat4 << 8 | head.dat3);
     return head;
 }
@@ -77,6 +78,7 @@ std::optional<devicecodec::Head> decodeBinaryCommand(const QByteArray& bytes)
     head.dat2 = at(frame, 12);
     head.dat3 = at(frame, 13);
     head.dat4 = at(frame, 14);
+    head.sum = at(frame, 15);
     return head;
 }
 

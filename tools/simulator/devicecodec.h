@@ -34,6 +34,7 @@ struct Head {
     quint8 aux3 = 0;         ///< binary only
     quint16 aux4 = 0;        ///< binary only
     quint16 aux5 = 0;        ///< binary only
+    quint8 sum = 0;          ///< the checksum of a command that was read
     quint16 blockLength = 0; ///< binary: from its own place; text: DAT4 * 256 + DAT3
 };
 
