@@ -83,6 +83,11 @@ protected:
     /// on with a fresh stream and leaves the old one to it.
     void stopParsing(std::chrono::milliseconds patience);
 
+    /// Clears the run flag and looks every 5 ms until the parser has ended, however long a loaded
+    /// machine takes for that. Only a parser that the host's code keeps for \a patience on end is
+    /// left behind, as by stopParsing.
+    void awaitParsingEnd(std::chrono::milliseconds patience);
+
     bool isParsing() const; ///< a parser of the current stream is on its way or running
 
     void setOriginName(const QString& name);               ///< names the port in every later reply
@@ -92,6 +97,8 @@ protected:
     std::shared_ptr<ReplyStream> stream() const;
 
 private:
+    void stop(std::chrono::milliseconds patience, bool onlyForTheHost);
+
     mutable std::mutex streamLock;        // a leaf: which stream is the current one, its stamps
     std::shared_ptr<ReplyStream> current; // never null
 };

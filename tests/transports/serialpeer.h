@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -37,9 +38,7 @@ public:
     {
         int sent = 0;
         return eventually([&] {
-            const ssize_t size = write(master, bytes.constData() + sent,
-                                       static_cast<std::size_t>(bytes.size() - sent));
-            sent += size > 0 ? static_cast<int>(size) : 0;
+            sent += offer(bytes.mid(sent));
             return sent == bytes.size();
         });
     }
@@ -52,6 +51,26 @@ public:
             input.append(chunk, static_cast<int>(size));
         }
         return input;
+    }
+
+    /// Waits, without an event loop, until so many bytes have come. False if they do not.
+    bool awaitReceived(int size)
+    {
+        while (received().size() < size) {
+            pollfd line{master, POLLIN, 0};
+            if (poll(&line, 1, 30000) <= 0 || (line.revents & POLLIN) == 0) {
+                return received().size() >= size;
+            }
+        }
+        return true;
+    }
+
+    /// Sends as much as the line takes now, and returns how many bytes that were.
+    int offer(const QByteArray& bytes)
+    {
+        const ssize_t size =
+            write(master, bytes.constData(), static_cast<std::size_t>(bytes.size()));
+        return size > 0 ? static_cast<int>(size) : 0;
     }
 
     /// The settings that the line has now.

@@ -2,6 +2,7 @@
 #include "core_serialport.h"
 
 #include "biz_cmdswork.h"
+#include "conformance.h"
 #include "messagecapture.h"
 #include "processstate.h"
 #include "serialconformance.h"
