@@ -417,7 +417,7 @@ TEST_F(CoreSerialPortTest, ALostPortLeavesTheParserToTheNextOpen)
     ASSERT_TRUE(link.open());
     link.line.handleError(QSerialPort::ResourceError);
     link.line.closeSerialPort(); // the port is closed already: nothing happens
-    EXPECT_EQ(processstate::threads(), threads + 1);
+    EXPECT_TRUE(eventually([this] { return processstate::threads() == threads + 1; }));
     link.line.appendBuffData(replybytes::text(0x79, 0x0C));
     ASSERT_TRUE(eventually([] { return hostqueue::size() == 1; }));
 
