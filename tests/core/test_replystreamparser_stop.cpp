@@ -28,8 +28,8 @@ constexpr milliseconds patience{1000};
 class Transport : public ReplyStreamParser
 {
 public:
-    explicit Transport(std::shared_ptr<ReplyStream> stream =
-                           std::make_shared<TextReplyStream>(values))
+    explicit Transport(
+        std::shared_ptr<ReplyStream> stream = std::make_shared<TextReplyStream>(values))
         : ReplyStreamParser(std::move(stream))
     {
     }

@@ -6,6 +6,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <array>
 #include <cstdlib>
 
 #include <fcntl.h>
@@ -46,11 +47,19 @@ public:
     /// Everything received so far.
     const QByteArray& received()
     {
-        char chunk[4096];
-        for (ssize_t size = 0; (size = read(master, chunk, sizeof chunk)) > 0;) {
-            input.append(chunk, static_cast<int>(size));
+        while (receive(mostAtOnce) > 0) {
         }
         return input;
+    }
+
+    /// Takes so many bytes of what has come, mostAtOnce at most, and returns how many that were.
+    int receive(int most)
+    {
+        std::array<char, mostAtOnce> chunk{};
+        const auto wanted = qMin(chunk.size(), static_cast<std::size_t>(most));
+        const int size = qMax(0, static_cast<int>(read(master, chunk.data(), wanted)));
+        input.append(chunk.data(), size);
+        return size;
     }
 
     /// Waits, without an event loop, until so many bytes have come. False if they do not.
@@ -89,6 +98,8 @@ public:
             master = -1;
         }
     }
+
+    static constexpr int mostAtOnce = 4096;
 
 private:
     // Nothing is to be echoed while no transport has opened the line.

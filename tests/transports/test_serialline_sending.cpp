@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <future>
 #include <memory>
+#include <thread>
 
 #include <dlfcn.h>
 #include <sys/ioctl.h>
@@ -210,6 +211,21 @@ TEST_F(SerialLineSending, ADeviceThatTakesNothingDoesNotHoldTheClose)
     EXPECT_EQ(peer.received().mid(before), all());
 }
 
+TEST_F(SerialLineSending, ADeviceThatTakesLittleDoesNotHoldTheClose)
+{
+    ASSERT_TRUE(open());
+    ASSERT_LT(overfill(), tooMany);
+    std::atomic<bool> done{false};
+    auto device = std::async(std::launch::async, [this, &done] {
+        for (; !done; std::this_thread::sleep_for(milliseconds(100))) {
+            peer.receive(1000);
+        }
+    });
+    EXPECT_LT(closeTakes(), milliseconds(8000)); // one second and a busy machine; all takes ten
+    done = true;
+    EXPECT_LT(logged(), tooMany);
+}
+
 TEST_F(SerialLineSending, ALineThatHasHungUpFails)
 {
     ASSERT_TRUE(open());
@@ -230,8 +246,8 @@ TEST_F(SerialLineSending, WhatWaitsIsBounded)
     for (int i = 0; i < most + 2; ++i) {
         line->sendComData(frame);
     }
-    EXPECT_EQ(capture.lines(), QStringList({QStringLiteral("Send failed"),
-                                            QStringLiteral("Send failed")}));
+    EXPECT_EQ(capture.lines(),
+              QStringList({QStringLiteral("Send failed"), QStringLiteral("Send failed")}));
     EXPECT_EQ(logged(), 0);
     EXPECT_TRUE(eventually([&] { return peer.received().size() >= most * frame.size(); }));
     EXPECT_TRUE(eventually([most] { return logged() == most; }));
