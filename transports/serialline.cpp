@@ -220,8 +220,8 @@ void SerialLine::finishWriting()
 {
     const auto start = Clock::now();
     auto moved = start;
-    qint64 before = 0;
-    for (auto now = start; now - moved < heldPatience; now = Clock::now()) {
+    for (qint64 before = 0;;) {
+        const auto now = Clock::now();
         if (now - start > unsentPatience) {
             dropPending();
         }
@@ -233,6 +233,8 @@ void SerialLine::finishWriting()
         if (left != before) {
             before = left;
             moved = now;
+        } else if (now - moved >= heldPatience) {
+            break;
         }
         std::this_thread::sleep_for(roomPause);
     }

@@ -62,7 +62,7 @@ protected:
         accepted += link.peer.offer(rest);
     }
 
-    // Floods until the line takes nothing for a while.
+    // Floods until the receive buffer is full and the line takes nothing for a while.
     bool floodUntilHeld(const QByteArray& reply)
     {
         qint64 before = -1;
@@ -77,7 +77,8 @@ protected:
                     moved = Clock::now();
                 }
                 return accepted > 2 * qint64{ReceiveBuffer::limit} ||
-                       Clock::now() - moved > milliseconds(500);
+                       (buffered() >= ReceiveBuffer::limit &&
+                        Clock::now() - moved > milliseconds(500));
             },
             std::chrono::seconds(90));
     }
