@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -109,7 +110,14 @@ TEST(ReceiveBuffer, CopiesAreTheCallersOwn)
 TEST(ReceiveBuffer, TakingDoesNotMoveTheBacklog)
 {
     // A buffer that shifts its tail needs thousands of times as long here.
-    EXPECT_LT(secondsPerTake(64 * 1024 * 1024), 20 * secondsPerTake(4 * 1024) + 2e-5);
+    const auto best = [](int backlog) {
+        double seconds = secondsPerTake(backlog);
+        for (int i = 0; i < 5; ++i) { // another process may have had the processor
+            seconds = std::min(seconds, secondsPerTake(backlog));
+        }
+        return seconds;
+    };
+    EXPECT_LT(best(64 * 1024 * 1024), 20 * best(4 * 1024) + 2e-5);
 }
 
 TEST(ReceiveBuffer, ConsumedBytesGiveTheirMemoryBack)
