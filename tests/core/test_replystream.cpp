@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 
 namespace
@@ -93,52 +92,6 @@ TEST(BinaryReplyStreamPass, AMarkAcrossTheEndOfWhatIsInspectedIsHalfOne)
     stream.pass();
     EXPECT_EQ(stream.received().size(), 0);
     EXPECT_EQ(hostqueue::size(), 0U);
-}
-
-namespace
-{
-
-// A stream that counts the pauses of its loop.
-class CountingStream : public TextReplyStream
-{
-public:
-    CountingStream() : TextReplyStream(::values) {}
-
-    std::atomic<int> pauses{0};
-
-private:
-    void pause(std::chrono::milliseconds duration) override
-    {
-        ++pauses;
-        TextReplyStream::pause(duration);
-    }
-};
-
-} // namespace
-
-TEST(ReplyStreamLoop, LeavesRepliesWhereTheyAreWhileTooManyWaitForTheHost)
-{
-    hostqueue::clear();
-    ASSERT_TRUE(replyqueue::start());
-    const auto stream = std::make_shared<CountingStream>();
-    const QByteArray reply = replybytes::text(0x10, 0x20);
-    std::size_t waiting = 0;
-    {
-        const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
-        model_Protocoldata big;
-        big.arryDatablock = QByteArray(1024 * 1024, 'x');
-        for (; !replyqueue::isFull(); ++waiting) {
-            replyqueue::post(big);
-        }
-        stream->received().append(reply.repeated(2));
-        ASSERT_TRUE(ReplyStream::startParser(stream));
-        ASSERT_TRUE(eventually([&stream] { return stream->pauses > 10; }));
-        EXPECT_EQ(stream->received().size(), 2 * reply.size());
-    }
-    EXPECT_TRUE(eventually([waiting] { return hostqueue::size() == waiting + 2; }));
-    EXPECT_EQ(stream->received().size(), 0);
-    stream->setDealFlag(false);
-    EXPECT_TRUE(eventually([&stream] { return !stream->hasParser(); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Text, ReplyStreamPass, ::testing::Values(false));
