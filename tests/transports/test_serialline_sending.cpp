@@ -73,7 +73,11 @@ class SerialLineSending : public ::testing::Test
 {
 protected:
     SerialLineSending() { hostqueue::clear(); }
-    ~SerialLineSending() override { uart.plugged = false; }
+    ~SerialLineSending() override
+    {
+        uart.plugged = false;
+        uart.atLook = [] {};
+    }
 
     bool open(QSerialPort::FlowControl flow = QSerialPort::NoFlowControl)
     {
