@@ -35,15 +35,15 @@ public:
     virtual void clearQueue() = 0;
 
     /// Serial links: configures and opens the port, false if it cannot be opened. Owner's thread.
-    /// A port that is open is closed first, which waits for its parser (at most 600 ms, or
-    /// 1000 if that waits for the host).
+    /// A port that is open is closed first, as by closeSerialPort.
     virtual bool openSerialPort(QString portName, QSerialPort::BaudRate baudRate,
                                 QSerialPort::StopBits stopBits, QSerialPort::Parity parity,
                                 QSerialPort::FlowControl flowControl,
                                 QSerialPort::DataBits dataBits) = 0;
 
-    /// Serial links: stops the parser (at most 600 ms, or 1000 if that waits for the host) and
-    /// closes the port. Owner's thread.
+    /// Serial links: waits for the parser (up to 600 ms if that waits for a block, 1000 if the host
+    /// keeps it; longer if the machine gives it no time) and for what was sent (as long as the line
+    /// goes on taking it; 800 ms if it does not), and closes the port. Owner's thread.
     virtual void closeSerialPort() = 0;
 
     /// USB: opens the first HID device with these ids, false if there is none or it cannot be

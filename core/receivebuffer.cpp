@@ -7,6 +7,7 @@ namespace
 {
 
 constexpr int keptCapacity = 16 * 1024; // an emptied buffer keeps no more than this
+constexpr int spareShare = 8;
 
 } // namespace
 
@@ -18,11 +19,23 @@ void ReceiveBuffer::append(const QByteArray& data)
 void ReceiveBuffer::append(const char* data, int size)
 {
     const std::lock_guard locker(buffLock);
-    if (bytes.size() + size > bytes.capacity() && head >= sizeLocked()) {
+    makeRoom(size);
+    bytes.append(data, size);
+}
+
+void ReceiveBuffer::makeRoom(int size)
+{
+    if (bytes.size() + size <= bytes.capacity()) {
+        return;
+    }
+    if (head >= sizeLocked() / spareShare) {
         bytes.remove(0, head);
         head = 0;
     }
-    bytes.append(data, size);
+    const int needed = bytes.size() + size;
+    if (needed > qMax(bytes.capacity(), keptCapacity)) {
+        bytes.reserve(needed + needed / spareShare); // append would double it
+    }
 }
 
 QByteArray ReceiveBuffer::peek(int count) const

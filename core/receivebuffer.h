@@ -10,9 +10,9 @@
 ///
 /// Any thread; each operation is atomic and its lock a leaf.
 ///
-/// Consumed bytes lie before the head until room is needed: then what is left moves to the front,
-/// if it is no more than what was consumed, and else the memory grows. So each byte is moved once
-/// for every byte that was consumed before it, at most.
+/// Consumed bytes lie before the head until room is needed. What is left then moves to the front if
+/// an eighth of it or more was consumed, so each consumed byte moves eight others at most; and the
+/// memory grows by an eighth, so a full buffer takes a quarter more than its bytes.
 class ReceiveBuffer
 {
 public:
@@ -56,6 +56,7 @@ public:
 private:
     int sizeLocked() const { return bytes.size() - head; }
     void discardLocked(int count);
+    void makeRoom(int size);
 
     mutable std::mutex buffLock;
     QByteArray bytes; // what is before head is consumed

@@ -75,7 +75,9 @@ void ReplyStream::pass()
 {
     std::array<char, longestHead> head{};
     if (buffData.seek(search.find, head.data(), search.headLength)) {
+        handingOn.store(true, std::memory_order_relaxed);
         cut(head.data());
+        handingOn.store(false, std::memory_order_relaxed);
     }
 }
 
@@ -98,14 +100,17 @@ bool ReplyStream::skipTo(const QByteArray& data)
 
 bool ReplyStream::awaitBlock(quint16 length, QByteArray& block, int headLength)
 {
-    for (int look = 0; look < blockLooks && !processend::begun(); ++look) {
-        if (buffData.takeWhole(length, block, headLength)) {
-            return true;
+    const bool before = handingOn.exchange(false, std::memory_order_relaxed);
+    bool came = false;
+    for (int look = 0; look < blockLooks && !came && !processend::begun(); ++look) {
+        came = buffData.takeWhole(length, block, headLength);
+        if (!came) {
+            headLength = 0;
+            pause(blockPause);
         }
-        headLength = 0;
-        pause(blockPause);
     }
-    return false;
+    handingOn.store(before, std::memory_order_relaxed);
+    return came;
 }
 
 bool ReplyStream::isBlockIntact(const QByteArray& block)

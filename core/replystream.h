@@ -46,6 +46,10 @@ public:
     /// access.
     bool hasParser() const { return !bDealExit.load(std::memory_order_acquire); }
 
+    /// Whether the parser is at handing a reply on: only there may the host's code (its locks, its
+    /// message handler) keep it. Everything else it does ends by itself.
+    bool isHandingOn() const { return handingOn.load(std::memory_order_relaxed); }
+
     /// Starts a detached thread that shares ownership of \a stream and runs parse. The flags are
     /// set before it starts. False, and the flags as without a parser, when the thread is refused.
     [[nodiscard]] static bool startParser(const std::shared_ptr<ReplyStream>& stream);
@@ -122,6 +126,7 @@ private:
     const Search search;
     std::atomic<bool> bDealRun{false};
     std::atomic<bool> bDealExit{true};
+    std::atomic<bool> handingOn{false};
     std::atomic<model_GlobalEnum::DeviceType> deviceType{devicetypes::unset};
     mutable std::mutex nameLock; // a leaf: name
     QString name;

@@ -35,15 +35,29 @@ bool ReplyStreamParser::startParsing()
 
 void ReplyStreamParser::stopParsing(std::chrono::milliseconds patience)
 {
-    const auto end = std::chrono::steady_clock::now() + patience;
+    stop(patience, false);
+}
+
+void ReplyStreamParser::awaitParsingEnd(std::chrono::milliseconds patience)
+{
+    stop(patience, true);
+}
+
+void ReplyStreamParser::stop(std::chrono::milliseconds patience, bool onlyForTheHost)
+{
     const auto stopped = stream();
     stopped->setDealFlag(false);
-    while (stopped->hasParser() && std::chrono::steady_clock::now() < end) {
+    auto since = std::chrono::steady_clock::now();
+    while (stopped->hasParser()) {
+        const auto now = std::chrono::steady_clock::now();
+        if (onlyForTheHost && !stopped->isHandingOn()) {
+            since = now;
+        } else if (now - since >= patience) {
+            const std::lock_guard lock(streamLock);
+            current = stopped->successor();
+            return;
+        }
         std::this_thread::sleep_for(exitPause);
-    }
-    if (stopped->hasParser()) {
-        const std::lock_guard lock(streamLock);
-        current = stopped->successor();
     }
 }
 

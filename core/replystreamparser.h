@@ -19,8 +19,8 @@ class ReplyStream;
 /// the replies out and hands them to the host's reply queue.
 ///
 /// What the thread works on is a ReplyStream, which it owns together with this object. A stream
-/// whose parser has not ended in time is left to it, and the transport goes on with a fresh one: an
-/// old parser never sees the new stream's bytes or flags.
+/// whose parser is not waited for is left to it, and the transport goes on with a fresh one: an old
+/// parser never sees the new stream's bytes or flags.
 ///
 /// Unless stated otherwise an operation may be called from any thread and does not block. The
 /// operations that consume are the parsing thread's while there is one.
@@ -79,9 +79,13 @@ protected:
     [[nodiscard]] bool startParsing();
 
     /// Clears the run flag and looks every 5 ms whether the parser has ended, for \a patience at
-    /// most. If it has not (it waits for a block, or for a lock of the host's), the transport goes
-    /// on with a fresh stream and leaves the old one to it.
+    /// most. If it has not, the transport goes on with a fresh stream and leaves the old one to it.
     void stopParsing(std::chrono::milliseconds patience);
+
+    /// Clears the run flag and looks every 5 ms until the parser has ended, however long a loaded
+    /// machine takes for that. Only a parser that the host's code keeps for \a patience on end is
+    /// left behind, as by stopParsing.
+    void awaitParsingEnd(std::chrono::milliseconds patience);
 
     bool isParsing() const; ///< a parser of the current stream is on its way or running
 
@@ -92,6 +96,8 @@ protected:
     std::shared_ptr<ReplyStream> stream() const;
 
 private:
+    void stop(std::chrono::milliseconds patience, bool onlyForTheHost);
+
     mutable std::mutex streamLock;        // a leaf: which stream is the current one, its stamps
     std::shared_ptr<ReplyStream> current; // never null
 };

@@ -9,19 +9,49 @@
 #include "replystream.h"
 #include "utility_manage.h"
 
+#include <cerrno>
+#include <thread>
+
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
 
 namespace
 {
 
-// Longer than any wait for a block: a parser that takes more waits for the host, which may be
-// waiting for the close.
-constexpr std::chrono::milliseconds stopPatience{1000};
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// A host that keeps the parser for so long may be waiting for the close.
+constexpr milliseconds hostPatience{1000};
+
+constexpr milliseconds roomPause{5};
+
+// What the port may read ahead of the receive buffer.
+constexpr int readAhead = 32 * 1024;
+
+// A frame that the log has not called sent is given so long at the close.
+constexpr milliseconds unsentPatience{1000};
+
+// A line that has taken nothing for so long is held by flow control. Closing it would wait for 30 s
+// in the kernel; with this and the parser's last pass it takes less than a second.
+constexpr milliseconds heldPatience{800};
 
 bool hasHungUp(int descriptor)
 {
     pollfd line{descriptor, 0, 0};
     return poll(&line, 1, 0) > 0 && (line.revents & POLLHUP) != 0;
+}
+
+// Bytes that the system and the UART have for the line; none where they do not say.
+int queuedForLine(int descriptor)
+{
+    int queued = 0;
+    ioctl(descriptor, TIOCOUTQ, &queued);
+    unsigned status = TIOCSER_TEMT;
+    ioctl(descriptor, TIOCSERGETLSR, &status);
+    return queued + ((status & TIOCSER_TEMT) == 0 ? 1 : 0);
 }
 
 } // namespace
@@ -30,24 +60,42 @@ SerialLine::SerialLine(std::shared_ptr<ReplyStream> stream)
     : ReplyStreamParser(std::move(stream)), serialPort(std::make_unique<QSerialPort>()),
       cmdsWork(std::make_shared<biz_CMDSWork>())
 {
+    serialPort->setReadBufferSize(readAhead);
+    // An adapter changes its speed at once, also under the frames that it has not sent yet. (The
+    // property's setter is deprecated.)
+    serialPort->setProperty("settingsRestoredOnClose", false);
+    lookAgain.setSingleShot(true);
+    lookAgain.setInterval(roomPause);
+    lookAgain.callOnTimeout([this] {
+        write();
+        receive();
+    });
 }
 
 SerialLine::~SerialLine()
 {
     serialPort->disconnect(this);
-    shut(stopPatience);
+    shut();
+}
+
+void SerialLine::shut()
+{
+    awaitParsingEnd(hostPatience);
+    closePort();
+    stream()->received().clear();
 }
 
 // A closed port is not closed again: that would make it report an error.
-void SerialLine::shut(std::chrono::milliseconds patience)
+void SerialLine::closePort()
 {
-    if (serialPort->isOpen() || isParsing()) {
-        stopParsing(patience);
-    }
     if (serialPort->isOpen()) {
+        finishWriting();
+    }
+    dropPending();
+    lookAgain.stop();
+    if (serialPort->isOpen()) { // the log may have closed it
         serialPort->close();
     }
-    stream()->received().clear();
 }
 
 void SerialLine::setDeviceIP(QString /*ip*/) {}
@@ -65,8 +113,10 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
                                 QSerialPort::DataBits dataBits)
 {
     if (serialPort->isOpen() || isParsing()) {
-        // A host that has cleared the flag does not want to wait for the parser.
-        shut(bBaseFlag ? stopPatience : std::chrono::milliseconds::zero());
+        if (!bBaseFlag) {
+            stopParsing(milliseconds::zero()); // the host does not want to wait for the parser
+        }
+        shut();
     }
     serialPort->setPortName(portName);
     setOriginName(serialPort->portName());
@@ -79,7 +129,7 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
         return false;
     }
     if (!startParsing()) {
-        serialPort->close();
+        closePort();
         return false;
     }
     return true;
@@ -88,7 +138,7 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
 void SerialLine::closeSerialPort()
 {
     if (serialPort->isOpen()) {
-        shut(stopPatience);
+        shut();
     }
 }
 
@@ -115,8 +165,84 @@ void SerialLine::sendRecord(void* parameters)
 
 void SerialLine::sendComData(QByteArray data)
 {
-    if (serialPort->isOpen()) {
-        reportWritten(serialPort->write(data), data);
+    if (!serialPort->isOpen()) {
+        return;
+    }
+    if (unwritten > ReceiveBuffer::limit) {
+        reportWritten(-1, data);
+        return;
+    }
+    unwritten += data.size();
+    pending.push_back(std::move(data));
+    write();
+}
+
+// Straight to the descriptor: what QSerialPort is given stays in the process until its event loop
+// runs, and is dropped by its close.
+void SerialLine::write()
+{
+    while (!pending.empty() && serialPort->isOpen()) {
+        const char* const rest = pending.front().constData() + written;
+        const int left = pending.front().size() - written;
+        const auto size = ::write(serialPort->handle(), rest, static_cast<std::size_t>(left));
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
+        const bool failed = size < 0 && errno != EAGAIN;
+        const int taken = qMax(0, static_cast<int>(size));
+        written += taken;
+        unwritten -= taken;
+        if (taken < left && !failed) {
+            lookAgain.start();
+            return;
+        }
+        endFrame(!failed);
+    }
+}
+
+void SerialLine::endFrame(bool sent)
+{
+    const QByteArray frame = std::move(pending.front());
+    pending.pop_front();
+    unwritten -= frame.size() - written;
+    written = 0;
+    reportWritten(sent ? frame.size() : -1, frame); // last: the log may send or close
+}
+
+void SerialLine::dropPending()
+{
+    pending.clear();
+    written = 0;
+    unwritten = 0;
+}
+
+void SerialLine::finishWriting()
+{
+    const auto start = Clock::now();
+    auto moved = start;
+    for (qint64 before = 0;;) {
+        const auto now = Clock::now();
+        if (now - start > unsentPatience) {
+            dropPending();
+        }
+        write();
+        const qint64 left = unwritten + queuedForLine(serialPort->handle());
+        if (left == 0) {
+            return;
+        }
+        if (left != before) {
+            before = left;
+            moved = now;
+        } else if (now - moved >= heldPatience) {
+            break;
+        }
+        std::this_thread::sleep_for(roomPause);
+    }
+    if (queuedForLine(serialPort->handle()) > 0) {
+        // Some drivers cannot drop what they have: it goes out then, whether the device wants it
+        // or not.
+        tcflush(serialPort->handle(), TCOFLUSH);
+        serialPort->setFlowControl(QSerialPort::NoFlowControl);
     }
 }
 
@@ -140,20 +266,24 @@ void SerialLine::closeLost(QSerialPort::SerialPortError error)
     const bool isLost = error == QSerialPort::ResourceError ||
                         (error == QSerialPort::ReadError && hasHungUp(serialPort->handle()));
     if (isLost) {
-        serialPort->close(); // the parser runs on: the next open stops it
+        closePort(); // the parser runs on: the next open stops it
     }
 }
 
-void SerialLine::receive(void (*seen)(const QString& portName, const QByteArray& chunk))
+// Of a line that has hung up no more can come than the system holds already.
+void SerialLine::receive()
 {
     while (serialPort->bytesAvailable() > 0) {
+        if (bBaseFlag && stream()->received().isFull() && !hasHungUp(serialPort->handle())) {
+            lookAgain.start();
+            return;
+        }
         const QByteArray chunk = serialPort->readAll();
-        if (!bBaseFlag) {
-            continue;
+        if (bBaseFlag) {
+            showChunk(chunk);
+            appendBuffData(chunk);
         }
-        if (seen != nullptr) {
-            seen(serialPort->portName(), chunk);
-        }
-        appendBuffData(chunk);
     }
 }
+
+void SerialLine::showChunk(const QByteArray& /*chunk*/) {}

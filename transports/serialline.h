@@ -6,7 +6,9 @@
 
 #include <QByteArray>
 #include <QSerialPort>
+#include <QTimer>
 
+#include <deque>
 #include <memory>
 
 class biz_CMDSWork;
@@ -47,8 +49,11 @@ public:
                         QSerialPort::DataBits dataBits) override;
 
     /// Stops the parser, closes the port and empties the receive buffer. Takes as long as the
-    /// parser waits for a block, at most 600 ms; a parser that the host keeps waiting for a lock is
-    /// left behind after a second, with what it received. Does nothing while the port is closed.
+    /// parser needs for its last reply: a few milliseconds, or up to 600 while it waits for a block
+    /// (longer where the machine gives it no time). A parser that is kept for a second by the
+    /// host's lock or message handler is left behind, with what it received. What was sent goes out
+    /// first; a line that takes none of it for 800 ms loses it. Does nothing while the port is
+    /// closed.
     void closeSerialPort() override;
 
     bool openUSB(unsigned short vendorId, unsigned short productId) override; ///< false
@@ -62,8 +67,11 @@ public:
     /// The frame of a record.
     virtual QByteArray produceCmds(model_Protocoldata record) = 0;
 
-    /// Writes one frame to the port, without waiting for the line, and logs the outcome. Does
-    /// nothing while the port is closed.
+    /// Writes one frame to the port, without waiting for the line, and logs "Send successful" once
+    /// the system has all of it. What it does not take at once follows in order while the event
+    /// loop runs, and for at most a second of the close; a frame that does not get out whole is not
+    /// logged. "Send failed" if the write fails, or if 16 MiB wait already. Does nothing while the
+    /// port is closed.
     void sendComData(QByteArray data);
 
 protected:
@@ -75,18 +83,30 @@ protected:
     /// up.
     void closeLost(QSerialPort::SerialPortError error);
 
-    /// Moves everything that the port has received to the receive buffer; drops it while bBaseFlag
-    /// is false. \a seen, if any, is called with each chunk first.
-    void receive(void (*seen)(const QString& portName, const QByteArray& chunk) = nullptr);
+    /// Moves what the port has received to the receive buffer, until that is full: the rest follows
+    /// when the parser has made room, and the line holds the device back meanwhile. Drops it while
+    /// bBaseFlag is false.
+    void receive();
+
+    /// Is called with each chunk before it is buffered.
+    virtual void showChunk(const QByteArray& chunk);
 
     /// Logs what became of a frame: \a written is what the port returned. A partial write is not
     /// reported.
     static void reportWritten(qint64 written, const QByteArray& frame);
 
 private:
-    /// Stops the parser, closes the port, empties the receive buffer.
-    void shut(std::chrono::milliseconds patience);
+    void shut();              ///< stops the parser, closes the port, empties the receive buffer
+    void closePort();         ///< finishes writing first
+    void finishWriting();     ///< waits for the line as long as it takes anything
+    void write();             ///< as much of the pending frames as the system takes
+    void endFrame(bool sent); ///< the first pending frame has left, or never will
+    void dropPending();
 
     std::unique_ptr<QSerialPort> serialPort;
+    std::deque<QByteArray> pending; // frames that the system has not taken whole
+    int written = 0;                // bytes of the first of them
+    qint64 unwritten = 0;           // bytes of all of them
+    QTimer lookAgain;               // when the line or the receive buffer may have room again
     std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
 };

@@ -5,16 +5,6 @@
 #include "commandframe.h"
 #include "debugline.h"
 
-namespace
-{
-
-void showChunk(const QString& portName, const QByteArray& chunk)
-{
-    qCDebug(debugLine) << portName << QString::fromUtf8(chunk.constData(), chunk.size());
-}
-
-} // namespace
-
 Vela_Core_SerialPort::Vela_Core_SerialPort() : SerialLine(std::make_shared<BinaryReplyStream>())
 {
     connect(&port(), &QSerialPort::readyRead, this, &Vela_Core_SerialPort::readPendingDatagrams);
@@ -29,7 +19,7 @@ QByteArray Vela_Core_SerialPort::produceCmds(model_Protocoldata record)
 
 void Vela_Core_SerialPort::readPendingDatagrams()
 {
-    receive(showChunk);
+    receive();
 }
 
 void Vela_Core_SerialPort::sendDatatoDevice(void* parameters)
@@ -47,4 +37,9 @@ void Vela_Core_SerialPort::sendDatatoDeviceForSysPlan(void* /*parameters*/) {}
 void Vela_Core_SerialPort::handleError(QSerialPort::SerialPortError error)
 {
     closeLost(error);
+}
+
+void Vela_Core_SerialPort::showChunk(const QByteArray& chunk)
+{
+    qCDebug(debugLine) << port().portName() << QString::fromUtf8(chunk.constData(), chunk.size());
 }

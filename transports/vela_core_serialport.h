@@ -27,4 +27,7 @@ public Q_SLOTS:
     /// Closes the port when the device is gone: on a resource error, and on a read error of a line
     /// that has hung up. For the host to connect to the port's errors.
     void handleError(QSerialPort::SerialPortError error);
+
+protected:
+    void showChunk(const QByteArray& chunk) override;
 };

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -109,7 +110,14 @@ TEST(ReceiveBuffer, CopiesAreTheCallersOwn)
 TEST(ReceiveBuffer, TakingDoesNotMoveTheBacklog)
 {
     // A buffer that shifts its tail needs thousands of times as long here.
-    EXPECT_LT(secondsPerTake(64 * 1024 * 1024), 20 * secondsPerTake(4 * 1024) + 2e-5);
+    const auto best = [](int backlog) {
+        double seconds = secondsPerTake(backlog);
+        for (int i = 0; i < 5; ++i) { // another process may have had the processor
+            seconds = std::min(seconds, secondsPerTake(backlog));
+        }
+        return seconds;
+    };
+    EXPECT_LT(best(64 * 1024 * 1024), 20 * best(4 * 1024) + 2e-5);
 }
 
 TEST(ReceiveBuffer, ConsumedBytesGiveTheirMemoryBack)
@@ -125,6 +133,24 @@ TEST(ReceiveBuffer, ConsumedBytesGiveTheirMemoryBack)
     EXPECT_LT(processstate::residentKiB() - before, 16 * 1024);
     EXPECT_EQ(buffer.peek(10), QByteArray("y"));
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they need memory themselves
+TEST(ReceiveBuffer, AFullBufferTakesLittleMoreThanItsBytes)
+{
+    ReceiveBuffer buffer;
+    const QByteArray chunk(4096, 'y');
+    const long before = processstate::residentKiB();
+    while (!buffer.isFull()) {
+        buffer.append(chunk);
+    }
+    for (int i = 0; i < 20000; ++i) { // held at the limit, as a flood holds it
+        buffer.discard(chunk.size());
+        buffer.append(chunk);
+    }
+    EXPECT_EQ(buffer.size(), ReceiveBuffer::limit);
+    EXPECT_LT(processstate::residentKiB() - before, 24 * 1024);
+}
+#endif
 
 TEST(ReceiveBuffer, WriterAndConsumerSeeEveryByteInOrder)
 {

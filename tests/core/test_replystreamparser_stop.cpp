@@ -2,6 +2,7 @@
 #include "biz_cmdswork.h"
 #include "eventually.h"
 #include "hostqueue.h"
+#include "messagecapture.h"
 #include "processstate.h"
 #include "replybytes.h"
 #include "replystreamparser.h"
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <future>
 #include <memory>
 
 namespace
@@ -26,7 +28,12 @@ constexpr milliseconds patience{1000};
 class Transport : public ReplyStreamParser
 {
 public:
-    Transport() : ReplyStreamParser(std::make_shared<TextReplyStream>(values)) {}
+    explicit Transport(
+        std::shared_ptr<ReplyStream> stream = std::make_shared<TextReplyStream>(values))
+        : ReplyStreamParser(std::move(stream))
+    {
+    }
+    using ReplyStreamParser::awaitParsingEnd;
     using ReplyStreamParser::isParsing;
     using ReplyStreamParser::setOriginName;
     using ReplyStreamParser::setOriginType;
@@ -34,6 +41,39 @@ public:
     using ReplyStreamParser::stopParsing;
     using ReplyStreamParser::stream;
 };
+
+// A stream whose parser gets no processor time while it pauses.
+class StarvedStream : public TextReplyStream
+{
+public:
+    StarvedStream() : TextReplyStream(::values) {}
+
+    std::atomic<bool> starved{true};
+    std::atomic<bool> isPausing{false};
+
+private:
+    void pause(milliseconds duration) override
+    {
+        isPausing = true;
+        while (starved) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        TextReplyStream::pause(duration);
+    }
+};
+
+// A host's message handler that keeps who has a line for it.
+std::atomic<bool> handlerHolds{false};
+std::atomic<bool> handlerEntered{false};
+
+void holdingHandler(QtMsgType /*type*/, const QMessageLogContext& /*context*/,
+                    const QString& /*text*/)
+{
+    handlerEntered = true;
+    while (handlerHolds) {
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+}
 
 bool queued(std::size_t count)
 {
@@ -130,6 +170,52 @@ TEST_F(ReplyStreamParserStop, AParserThatTheHostKeepsWaitingOutlivesTheTransport
     }
     EXPECT_TRUE(queued(1)); // it was received
     EXPECT_TRUE(threadsAreGone());
+}
+
+TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
+{
+    const auto stream = std::make_shared<StarvedStream>();
+    transport = std::make_unique<Transport>(stream);
+    ASSERT_TRUE(transport->startParsing());
+    ASSERT_TRUE(eventually([&stream] { return stream->isPausing.load(); }));
+    auto closing =
+        std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(10)); });
+    EXPECT_EQ(closing.wait_for(milliseconds(300)), std::future_status::timeout);
+    stream->starved = false;
+    closing.get();
+    EXPECT_FALSE(stream->hasParser());
+    EXPECT_EQ(transport->stream(), stream);
+}
+
+TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsWaitedFor)
+{
+    ASSERT_TRUE(transport->startParsing());
+    const auto stream = transport->stream();
+    transport->appendBuffData(replybytes::text(0x8B, 0x05));
+    ASSERT_TRUE(eventually([this] { return transport->getBuffData(100).isEmpty(); }));
+    transport->awaitParsingEnd(milliseconds(50));
+    EXPECT_FALSE(stream->hasParser());
+    EXPECT_EQ(transport->stream(), stream);
+}
+
+TEST_F(ReplyStreamParserStop, AParserInTheHostsCodeIsLeftBehind)
+{
+    const MessageCapture debugLines; // switched on
+    handlerHolds = true;
+    const auto before = qInstallMessageHandler(holdingHandler);
+    ASSERT_TRUE(transport->startParsing());
+    const auto stream = transport->stream();
+    transport->appendBuffData(replybytes::text(0x10, 0x20));
+    ASSERT_TRUE(eventually([] { return handlerEntered.load(); }));
+    const auto start = std::chrono::steady_clock::now();
+    transport->awaitParsingEnd(milliseconds(50));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(50));
+    EXPECT_TRUE(stream->hasParser());
+    EXPECT_NE(transport->stream(), stream);
+    handlerHolds = false;
+    EXPECT_TRUE(eventually([&stream] { return !stream->hasParser(); }));
+    qInstallMessageHandler(before);
+    EXPECT_TRUE(queued(1)); // it was received
 }
 
 TEST_F(ReplyStreamParserStop, StopsAndStartsUnderLoadMixNoSessions)

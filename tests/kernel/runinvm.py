@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Runs a test program as root on a Debian kernel of its own, in QEMU without KVM.
+"""Runs a test program as root on a Debian kernel of its own, in QEMU without KVM. Its second and its
+third UART are wired to each other.
 
 runinvm.py CACHE PROGRAM [ARGUMENTS]
 
@@ -166,11 +167,15 @@ def run(program, arguments, cache, work):
     kernel = unpacked(kernel_package(cache))
     vmlinux(kernel, os.path.join(work, "vmlinux"))
     initramfs(os.path.join(work, "initramfs"), kernel, busybox, program, arguments)
+    wire = "socket,path=" + os.path.join(work, "wire")
     machine = subprocess.run(
         [qemu, "-accel", "tcg", "-machine", "pc", "-m", MEMORY, "-nographic", "-nodefaults",
          "-no-reboot", "-serial", "stdio", "-kernel", os.path.join(work, "vmlinux"),
          "-initrd", os.path.join(work, "initramfs"),
          "-append", "console=ttyS0 quiet panic=-1 oops=panic",
+         "-chardev", wire + ",id=near,server=on,wait=off", "-chardev", wire + ",id=far",
+         "-device", "isa-serial,chardev=near,index=1",
+         "-device", "isa-serial,chardev=far,index=2,irq=5",
          "-device", "isa-debug-exit,iobase=0xf4,iosize=1"],
         stdin=subprocess.DEVNULL, timeout=SECONDS)
     return 0 if machine.returncode == 1 else 1

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "conformance.h"
+#include "eventually.h"
 #include "metamethods.h"
 #include "replybytes.h"
 #include "serialline.h"
 #include "serialpeer.h"
 
-#include <memory>
+#include <gtest/gtest.h>
 
 /// What a serial transport declares itself.
 inline QStringList serialLineSlots()
@@ -25,6 +25,7 @@ class NotingLine : public Transport
 {
 public:
     using Transport::reportWritten;
+    using Transport::stream;
     void drop(bool on) { Transport::bBaseFlag = !on; }
     void sendDatatoDevice(void* parameters) override { taken = parameters; }
 

@@ -6,9 +6,11 @@
 #include <QByteArray>
 #include <QString>
 
+#include <array>
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -37,9 +39,7 @@ public:
     {
         int sent = 0;
         return eventually([&] {
-            const ssize_t size = write(master, bytes.constData() + sent,
-                                       static_cast<std::size_t>(bytes.size() - sent));
-            sent += size > 0 ? static_cast<int>(size) : 0;
+            sent += offer(bytes.mid(sent));
             return sent == bytes.size();
         });
     }
@@ -47,11 +47,39 @@ public:
     /// Everything received so far.
     const QByteArray& received()
     {
-        char chunk[4096];
-        for (ssize_t size = 0; (size = read(master, chunk, sizeof chunk)) > 0;) {
-            input.append(chunk, static_cast<int>(size));
+        while (receive(mostAtOnce) > 0) {
         }
         return input;
+    }
+
+    /// Takes so many bytes of what has come, mostAtOnce at most, and returns how many that were.
+    int receive(int most)
+    {
+        std::array<char, mostAtOnce> chunk{};
+        const auto wanted = qMin(chunk.size(), static_cast<std::size_t>(most));
+        const int size = qMax(0, static_cast<int>(read(master, chunk.data(), wanted)));
+        input.append(chunk.data(), size);
+        return size;
+    }
+
+    /// Waits, without an event loop, until so many bytes have come. False if they do not.
+    bool awaitReceived(int size)
+    {
+        while (received().size() < size) {
+            pollfd line{master, POLLIN, 0};
+            if (poll(&line, 1, 30000) <= 0 || (line.revents & POLLIN) == 0) {
+                return received().size() >= size;
+            }
+        }
+        return true;
+    }
+
+    /// Sends as much as the line takes now, and returns how many bytes that were.
+    int offer(const QByteArray& bytes)
+    {
+        const ssize_t size =
+            write(master, bytes.constData(), static_cast<std::size_t>(bytes.size()));
+        return size > 0 ? static_cast<int>(size) : 0;
     }
 
     /// The settings that the line has now.
@@ -70,6 +98,8 @@ public:
             master = -1;
         }
     }
+
+    static constexpr int mostAtOnce = 4096;
 
 private:
     // Nothing is to be echoed while no transport has opened the line.

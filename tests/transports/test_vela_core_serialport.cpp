@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "vela_core_serialport.h"
 
+#include "conformance.h"
 #include "messagecapture.h"
 #include "processstate.h"
 #include "serialconformance.h"
