@@ -5,7 +5,6 @@
 #include "osdconnection.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
-#include "osdworker.h"
 #include "processstate.h"
 
 #include <gtest/gtest.h>
@@ -32,9 +31,30 @@ protected:
         descriptors = processstate::descriptors();
     }
 
+    void TearDown() override { end(); }
+
+    void begin()
+    {
+        ASSERT_TRUE(connection->begin());
+        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    }
+
+    void end()
+    {
+        endpoint->stop();
+        connection->call(&OsdConnection::closeSocket);
+        connection->quit();
+        EXPECT_TRUE(eventually([&] { return connection->isIdle(); }));
+    }
+
+    void send(const QByteArray& bytes)
+    {
+        connection->call([bytes](OsdConnection& to) { to.send(bytes); });
+    }
+
     std::unique_ptr<OsdSimulator> simulated;
     std::shared_ptr<OsdEndpoint> endpoint = std::make_shared<OsdEndpoint>();
-    OsdWorker worker{endpoint, nullptr}; // not begun: this test's own thread plays its part
+    std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(endpoint, nullptr);
     int descriptors = 0;
 };
 
@@ -42,22 +62,22 @@ protected:
 
 TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
 {
-    endpoint->stop();
-    OsdConnection connection(*endpoint, worker);
-    connection.connectSignals(nullptr);
-    connection.open();
-    EXPECT_EQ(processstate::descriptors(), descriptors);
-    EXPECT_FALSE(endpoint->deals());
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(connection->begin());
+        endpoint->stop();
+        connection->quit();
+        ASSERT_TRUE(eventually([&] { return connection->isIdle(); }));
+        EXPECT_FALSE(endpoint->deals());
+    }
+    EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
+    EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
 }
 
 TEST_F(OsdConnecting, AFloodIsHeldBack)
 {
-    constexpr int limit = 16 * 1024 * 1024;
+    constexpr int limit = ReceiveBuffer::limit;
     constexpr int most = limit + 2 * 64 * 1024;
-    OsdConnection connection(*endpoint, worker);
-    connection.connectSignals(nullptr);
-    connection.open();
-    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    begin();
     simulated->send(QByteArray(4 * limit, 'f'));
     ASSERT_TRUE(eventually([&] { return endpoint->received().size() >= limit; }));
     EXPECT_FALSE(eventually([&] { return endpoint->received().size() > most; },
@@ -69,12 +89,9 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
 
 TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
 {
-    OsdConnection connection(*endpoint, worker);
-    connection.connectSignals(nullptr);
-    connection.open();
-    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    begin();
     const QByteArray waiting = QByteArray("OKw").repeated(6 * 1024 * 1024);
-    const QByteArray more(100 * 1024, 'm'); // the socket's 64 KiB, and what the system takes
+    const QByteArray more(100 * 1024, 'm');
     endpoint->received().append(waiting);
     simulated->send(more);
     simulated->hangUp(false);
@@ -89,19 +106,15 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
     const QByteArray much(8 * 1024 * 1024, 'm');
     simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
-        endpoint->begin();
-        OsdConnection connection(*endpoint, worker);
-        connection.connectSignals(nullptr);
-        connection.open();
         simulated->setFault(Fault::NeverRead, {});
         const qint64 before = simulated->receivedBytes();
-        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        begin();
         simulated->setFault(Fault::NeverRead, always);
         endpoint->stop(); // what is sent from now on goes with the closing
-        connection.send(much);
+        send(much);
         simulated->send("OKa");
         simulated->setFault(Fault::NeverRead, {});
-        connection.closeSocket();
+        end();
         EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
         EXPECT_EQ(simulated->receivedBytes() - before, much.size());
     }
@@ -113,17 +126,14 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
     const QByteArray much(8 * 1024 * 1024, 'm');
     QTcpServer holder;
     holder.listen(QHostAddress::Any, fixedLocalPort()); // unless a former connection has it yet
-    OsdConnection connection(*endpoint, worker);
-    connection.connectSignals(nullptr);
-    connection.open();
-    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    begin();
     simulated->setFault(Fault::Drop, always);
     simulated->setFault(Fault::NeverRead, always);
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         simulated->setFault(Fault::NeverRead, {});
     });
-    connection.send(much);
+    send(much);
     late.join();
     EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == much.size(); }));
     EXPECT_TRUE(endpoint->deals());
