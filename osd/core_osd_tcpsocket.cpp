@@ -14,6 +14,7 @@ namespace
 {
 
 constexpr std::chrono::milliseconds stopPause{100}; // for the parser to come to its end
+constexpr unsigned long endWaitMs = 500;
 
 } // namespace
 
@@ -37,9 +38,6 @@ Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)
 {
     endpoint->setAddress(ip, port);
-    if (!endpoint->deals()) {
-        connection->waitForEnd();
-    }
     if (connection->isIdle()) {
         connectCloseSocket();
         if (!connection->begin()) {
@@ -62,7 +60,9 @@ void Core_Osd_TcpSocket::close()
     std::this_thread::sleep_for(stopPause);
     Q_EMIT closeSocket();
     connection->quit();
-    connection->waitForEnd();
+    if (QThread::currentThread() != connection.get()) {
+        connection->wait(endWaitMs);
+    }
 }
 
 QByteArray Core_Osd_TcpSocket::produceCmds(model_OsdParam record)

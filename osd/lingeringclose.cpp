@@ -4,7 +4,7 @@
 #include "detachedthread.h"
 #include "processend.h"
 
-#include <chrono>
+#include <cerrno>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -18,7 +18,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds lookInterval{10};
-constexpr std::chrono::seconds limit{30}; // a peer that hangs up later takes the system's reset
 constexpr std::size_t most = 128;
 constexpr std::size_t dropSize = 64 * 1024;
 constexpr int dropsAtOnce = 64; // a peer that floods does not hold up the others
@@ -85,7 +84,7 @@ void serve()
 
 } // namespace
 
-void lingeringclose::begin(int descriptor)
+void lingeringclose::begin(int descriptor, std::chrono::milliseconds limit)
 {
     shutdown(descriptor, SHUT_WR);
     const std::lock_guard lock(lingering().lock);

@@ -255,11 +255,12 @@ void OsdConnection::call(const Function& function)
     pollUntil([&over] { return over->load(); }, callLimit);
 }
 
-void OsdConnection::waitForEnd() const
+bool OsdConnection::isIdle() const
 {
-    if (QThread::currentThread() != this) {
-        pollUntil([this] { return isIdle(); }, endLimit);
+    if (QThread::currentThread() != this && !endpoint->deals()) {
+        pollUntil([this] { return idle.load(); }, endLimit);
     }
+    return idle;
 }
 
 bool OsdConnection::event(QEvent* event)

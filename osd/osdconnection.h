@@ -35,8 +35,9 @@ public:
     /// nothing started, if the system has no descriptors or threads for them. Only while idle.
     bool begin();
 
-    bool isIdle() const { return idle; } ///< neither the thread nor its parser runs
-    void waitForEnd() const; ///< until it is idle, at most 500 ms; not at all on this very thread
+    /// Neither the thread nor its parser runs. They are given up to 500 ms to end if the endpoint
+    /// has been stopped, but not by this very thread.
+    bool isIdle() const;
 
     /// Runs the function on this thread and waits for it, at most 3500 ms; on this very thread it
     /// runs at once. Returns without it if the thread has not been begun, and as soon as the thread

@@ -8,6 +8,7 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "tcplistener.h"
 #include "warningcapture.h"
 
 #include <gtest/gtest.h>
@@ -48,32 +49,6 @@ OsdSimulatorOptions endpointOptions()
     return options;
 }
 
-// A listening socket on a free port of the loopback address.
-class Listener
-{
-public:
-    explicit Listener(int backlog)
-    {
-        own.sin_family = AF_INET;
-        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof own;
-        EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
-        EXPECT_EQ(listen(descriptor, backlog), 0);
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length);
-    }
-    ~Listener() { close(descriptor); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    int port() const { return ntohs(own.sin_port); }
-    int accept() const { return ::accept(descriptor, nullptr, nullptr); }
-    const sockaddr* name() const { return reinterpret_cast<const sockaddr*>(&own); }
-
-private:
-    int descriptor = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in own{};
-};
-
 // A server that lets connections hang: its queue is full and nobody takes them.
 class FullServer
 {
@@ -86,7 +61,7 @@ public:
     int port() const { return listener.port(); }
 
 private:
-    const Listener listener{0};
+    const TcpListener listener{0};
     int filler = socket(AF_INET, SOCK_STREAM, 0);
 };
 
@@ -137,7 +112,7 @@ public:
     }
 
 private:
-    const Listener listener{1};
+    const TcpListener listener{1};
     int connection = -1;
 };
 
