@@ -187,6 +187,7 @@ void OsdConnection::run()
         std::this_thread::sleep_for(lossPause);
         tellLoss();
     }
+    showWrites();
 }
 
 void OsdConnection::end()
@@ -208,6 +209,7 @@ void OsdConnection::keep()
             quit();
         }
     } while (!wait(waitSliceMs));
+    showWrites();
     idle = true;
 }
 
@@ -263,15 +265,13 @@ bool OsdConnection::isIdle() const
     return idle;
 }
 
+// Qt's own locks order what crosses threads with an event, or by wait(), but thread checkers do not
+// know them.
 bool OsdConnection::event(QEvent* event)
 {
+    showWrites();
     if (event->type() != QEvent::User) {
         return QThread::event(event);
-    }
-    // Makes what was written before it visible, as Qt's own lock does, which thread checkers do not
-    // know.
-    {
-        const std::lock_guard lock(callLock);
     }
     static_cast<Call*>(event)->function(*this);
     return true;

@@ -82,6 +82,7 @@ private:
     void end();
     void keep();
     void tellLoss();
+    void showWrites() { const std::lock_guard lock(callLock); }
     void lose();
     void onWritable();
     void updateNotifiers();

@@ -37,6 +37,8 @@ protected:
     {
         ASSERT_TRUE(connection->begin());
         ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        simulated->send("."); // and on this side, too, when that is there
+        ASSERT_TRUE(eventually([&] { return endpoint->received().size() == 1; }));
     }
 
     void end()

@@ -590,7 +590,6 @@ TEST_F(OsdLife, ASlotThatHearsOfALossMayDestroyTheSocket)
 {
     auto* const socket = new Core_Osd_TcpSocket(nullptr);
     std::atomic<bool> destroyed{false};
-    connectAndAnswer(*socket, 'a');
     bool told = false;
     QObject::connect(
         socket, &Core_Osd_TcpSocket::closeSocket, socket,
@@ -602,6 +601,7 @@ TEST_F(OsdLife, ASlotThatHearsOfALossMayDestroyTheSocket)
             }
         },
         Qt::DirectConnection);
+    connectAndAnswer(*socket, 'a');
     endpoint.hangUp(false);
     EXPECT_TRUE(eventually([&] { return destroyed.load(); }));
 }
