@@ -141,8 +141,7 @@ void Core_Osd_TcpSocket::onError(QAbstractSocket::SocketError /*error*/)
 
 void Core_Osd_TcpSocket::onDisConnected()
 {
-    sigDisConnect();
-    close();
+    onError(QAbstractSocket::RemoteHostClosedError);
 }
 
 void Core_Osd_TcpSocket::onReadyRead()

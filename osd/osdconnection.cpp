@@ -10,7 +10,6 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QEvent>
 #include <QHostAddress>
 #include <QTimer>
 
@@ -33,8 +32,8 @@ namespace
 
 constexpr int writeWaitMs = 2000;
 constexpr int hangUpWaitMs = 3000;
-constexpr int waitSliceMs = 10;       // how soon a wait notices that it has become pointless
-constexpr int connectRepetitions = 4; // an endpoint that does not answer is given up after 31 s
+constexpr int waitSliceMs = 10;    // how soon a wait notices that it has become pointless
+constexpr int mostRepetitions = 4; // an endpoint that does not answer is given up after 31 s
 constexpr int chunkSize = 64 * 1024;
 constexpr int heldBackMs = 20;
 constexpr std::chrono::milliseconds waitPoll{1};
@@ -154,10 +153,7 @@ bool OsdConnection::begin()
     endpoint->begin();
     bool runs = startDetached([self = shared_from_this()] { self->keep(); });
     if (runs) {
-        {
-            const std::lock_guard lock(callLock);
-            takesCalls = true;
-        }
+        takesCalls = true;
         (void)post([from = osdrecordsource::shared()](OsdConnection& connection) {
             connection.connectSignals(from);
             connection.open();
@@ -185,7 +181,10 @@ void OsdConnection::run()
     end();
     if (lost) {
         std::this_thread::sleep_for(lossPause);
-        tellLoss();
+        const std::lock_guard lock(ownerLock);
+        if (owner != nullptr && !processend::over()) {
+            Q_EMIT owner->closeSocket();
+        }
     }
     showWrites();
 }
@@ -211,14 +210,6 @@ void OsdConnection::keep()
     } while (!wait(waitSliceMs));
     showWrites();
     idle = true;
-}
-
-void OsdConnection::tellLoss()
-{
-    const std::lock_guard lock(ownerLock);
-    if (owner != nullptr && !processend::over()) {
-        Q_EMIT owner->closeSocket();
-    }
 }
 
 void OsdConnection::forgetOwner()
@@ -248,13 +239,12 @@ std::shared_ptr<std::atomic<bool>> OsdConnection::post(const Function& function)
 void OsdConnection::call(const Function& function)
 {
     if (QThread::currentThread() == this) {
-        if (takesCalls) { // set by others only while this thread does not run
+        if (takesCalls) {
             function(*this);
         }
         return;
     }
-    const auto over = post(function);
-    pollUntil([&over] { return over->load(); }, callLimit);
+    pollUntil([over = post(function)] { return over->load(); }, callLimit);
 }
 
 bool OsdConnection::isIdle() const
@@ -295,8 +285,7 @@ void OsdConnection::open()
         return;
     }
     bindToFixedPort(descriptor, *address);
-    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &connectRepetitions,
-                     sizeof connectRepetitions);
+    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &mostRepetitions, sizeof mostRepetitions);
     if (::connect(descriptor, address->ai_addr, address->ai_addrlen) != 0 && errno != EINPROGRESS) {
         lose();
         return;

@@ -81,7 +81,6 @@ private:
     std::shared_ptr<std::atomic<bool>> post(const Function& function);
     void end();
     void keep();
-    void tellLoss();
     void showWrites() { const std::lock_guard lock(callLock); }
     void lose();
     void onWritable();
@@ -92,8 +91,8 @@ private:
     bool deliver(int limitMs, const std::function<bool()>& goOn);
 
     const std::shared_ptr<OsdEndpoint> endpoint;
-    std::mutex callLock;     // takesCalls; the lock of the event queue goes below it
-    bool takesCalls = false; // from the start of the thread to its end
+    std::mutex callLock;                 // held to post and to end; the event queue's goes below it
+    std::atomic<bool> takesCalls{false}; // from the start of the thread to its end
     std::atomic<bool> begun{false};
     std::atomic<bool> idle{true};
     std::recursive_mutex ownerLock; // held while a loss is told: a slot may destroy the owner

@@ -119,6 +119,9 @@ void OsdEndpoint::handOver(const QByteArray& acknowledgement)
 
 void OsdEndpoint::logShortage() const
 {
+    if (processend::over()) {
+        return;
+    }
     Utility_Manage::writeLog(
         QStringLiteral("OSD endpoint %1, port %2: not connected, no descriptor or thread left")
             .arg(ip())
