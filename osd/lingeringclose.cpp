@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds lookInterval{10};
 constexpr std::size_t most = 128;
-constexpr std::size_t dropSize = 64 * 1024;
+constexpr std::size_t dropSize = std::size_t{64} * 1024;
 constexpr int dropsAtOnce = 64; // a peer that floods does not hold up the others
 
 struct Connection {

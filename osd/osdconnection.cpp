@@ -227,7 +227,7 @@ void OsdConnection::take(const model_OsdParam& record)
 
 std::shared_ptr<std::atomic<bool>> OsdConnection::post(const Function& function)
 {
-    const auto over = std::make_shared<std::atomic<bool>>(false);
+    auto over = std::make_shared<std::atomic<bool>>(false);
     auto call = std::make_unique<Call>(function, over);
     const std::lock_guard lock(callLock);
     if (takesCalls) {

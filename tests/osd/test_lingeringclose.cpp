@@ -83,7 +83,7 @@ TEST_F(Lingering, AFloodHoldsNobodyUp)
     const Pair other(listener);
     lingeringclose::begin(flood.near, std::chrono::seconds(1));
     std::thread sender([&flood] {
-        const std::vector<char> much(1024 * 1024, 'f');
+        const std::vector<char> much(std::size_t{1024} * 1024, 'f');
         while (send(flood.far, much.data(), much.size(), MSG_NOSIGNAL) > 0) {
         }
     });

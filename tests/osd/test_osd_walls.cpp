@@ -236,7 +236,8 @@ TEST_F(OsdWalls, ABlockedHostCostsThirtyTwoThreadsAnEndpointAndLosesNothing)
         EXPECT_FALSE(eventually([&] { return processstate::threads() > threads + 32 * endpoints; },
                                 std::chrono::milliseconds(500)));
     }
-    ASSERT_TRUE(eventually([&] { return osdhost::size() == before + endpoints * answers; }));
+    ASSERT_TRUE(
+        eventually([&] { return osdhost::size() == before + std::size_t{endpoints} * answers; }));
     const auto records = osdhost::records();
     for (int i = 0; i < endpoints; ++i) {
         QByteArray thirds;
