@@ -13,7 +13,7 @@
 
 int main(int argc, char** argv)
 {
-    constexpr int endpoints = 8;
+    constexpr int endpoints = 60;
     const QCoreApplication application(argc, argv);
     if (argc != 3) {
         return 1;
@@ -21,28 +21,24 @@ int main(int argc, char** argv)
     const int port = std::atoi(argv[1]);
     std::mt19937 random(static_cast<unsigned>(std::atoi(argv[2])));
     ICoreOsdBase* const manager = CoreFactory::createOsdCoreObj(ConnOsdTcp);
-    const auto ipOf = [](unsigned endpoint) {
+    const auto ipOf = [](unsigned long endpoint) {
         return QStringLiteral("127.0.0.%1").arg(endpoint + 1);
     };
     for (unsigned i = 0; i < endpoints; ++i) {
         manager->openClient(ipOf(i), i % 4 == 3 ? 1 : port); // nobody listens on port 1
     }
     const auto end =
-        std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 150'000);
+        std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 25'000);
     model_OsdParam record;
     while (std::chrono::steady_clock::now() < end) {
         record.strIP = ipOf(random() % endpoints);
         manager->sendDatatoDevice(&record);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
     }
-    switch (random() % 4) {
+    switch (random() % 3) {
     case 0:
         std::exit(0);
     case 1:
-        delete manager;
-        CoreFactory::iOsdCore = nullptr;
-        return 0;
-    case 2:
         std::thread([] { std::exit(0); }).join();
         return 0;
     default:

@@ -274,7 +274,7 @@ TEST(OsdExit, TheProcessMayEndAtAnyTime)
         QProcess host;
         host.start(QStringLiteral(OSD_EXIT),
                    {QString::number(endpoint.port()), QString::number(run)});
-        ASSERT_TRUE(host.waitForFinished(60'000)) << run;
+        ASSERT_TRUE(host.waitForFinished(30'000)) << run;
         EXPECT_EQ(host.exitStatus(), QProcess::NormalExit) << run;
         EXPECT_EQ(host.exitCode(), 0) << run;
         // Qt's word for an event loop that begins when main has just returned.
