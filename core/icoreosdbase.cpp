@@ -1,5 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "icoreosdbase.h"
 
-ICoreOsdBase::ICoreOsdBase() = default;
-ICoreOsdBase::~ICoreOsdBase() = default;
+#include "osdrecordsource.h"
+
+ICoreOsdBase::ICoreOsdBase()
+{
+    osdrecordsource::add(this);
+}
+
+ICoreOsdBase::~ICoreOsdBase()
+{
+    osdrecordsource::remove(this);
+}

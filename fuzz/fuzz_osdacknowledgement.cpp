@@ -3,6 +3,7 @@
 // take the same acknowledgements and leave the same bytes. A piece is a length and as many bytes; a
 // length of 255 stands for 1100 bytes of noise, more than the parser looks at in one go.
 #include "osdendpoint.h"
+#include "osdframe.h"
 #include "tests/support/plainosdparser.h"
 
 #include <cstddef>
@@ -42,9 +43,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const QByteArray piece = nextPiece(script);
         endpoint.received().append(piece);
         plain.buffer += piece;
-        for (QByteArray bytes = endpoint.takeAcknowledgement(); !bytes.isEmpty();
-             bytes = endpoint.takeAcknowledgement()) {
-            acknowledgements.push_back(bytes);
+        while (endpoint.received().size() >= osdframe::acknowledgementLength) {
+            const QByteArray bytes = endpoint.parseOnce();
+            if (!bytes.isEmpty()) {
+                acknowledgements.push_back(bytes);
+            }
         }
         plain.passes();
         const int left = endpoint.received().size();

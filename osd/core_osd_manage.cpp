@@ -8,14 +8,11 @@
 core_Osd_Manage::core_Osd_Manage()
 {
     qRegisterMetaType<model_OsdParam>("model_OsdParam");
-    osdrecordsource::add(this);
 }
 
 core_Osd_Manage::~core_Osd_Manage()
 {
-    osdrecordsource::remove(this);
-    // While this is still whole: workers that end meanwhile look at the sender of what they hear.
-    disconnect(this, &core_Osd_Manage::sigSendDatatoDevice, nullptr, nullptr);
+    osdrecordsource::remove(this); // while it is still whole: endpoints may begin on other threads
     qDeleteAll(mapClients);
 }
 

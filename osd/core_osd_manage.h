@@ -30,7 +30,7 @@ public:
     void openClient(QString ip, int port) override;
 
     /// Closes the client under this very text, if there is one. Takes 100 ms, plus up to 3000 ms
-    /// when the endpoint doesn't take what is still pending, plus up to 500 ms for its thread.
+    /// until the system has taken what is still pending, plus up to 500 ms for its thread.
     void closeClient(QString ip) override;
 
 Q_SIGNALS:

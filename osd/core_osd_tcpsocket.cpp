@@ -6,11 +6,6 @@
 #include "osdendpoint.h"
 #include "osdframe.h"
 #include "osdrecordsource.h"
-#include "osdworkthread.h"
-
-#include <QCoreApplication>
-#include <QNetworkSession>
-#include <QSharedPointer>
 
 #include <chrono>
 #include <thread>
@@ -19,53 +14,35 @@ namespace
 {
 
 constexpr std::chrono::milliseconds stopPause{100}; // for the parser to come to its end
-
-// Qt registers this when a process first connects. Endpoints do so on several threads at once, and
-// all but one would make it print a warning.
-void registerNetworkSession()
-{
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    qRegisterMetaType<QSharedPointer<QNetworkSession>>();
-    QT_WARNING_POP
-}
+constexpr unsigned long endWaitMs = 500;
 
 } // namespace
 
 Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
     : QObject(parent), endpoint(std::make_shared<OsdEndpoint>()),
-      workThread(new OsdWorkThread(endpoint)), caller(std::make_unique<QObject>())
+      connection(std::make_shared<OsdConnection>(endpoint, this))
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
-    registerNetworkSession();
     endpoint->setAddress(tr("127.0.0.1"), endpoint->port());
-    connect(
-        workThread, &OsdWorkThread::lost, caller.get(), [this] { tellLoss(); },
-        Qt::QueuedConnection);
     if (parent == nullptr) { // an object with a parent cannot change its thread
-        moveToThread(workThread);
+        moveToThread(connection.get());
     }
 }
 
 Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 {
     close();
-    OsdWorkThread::release(workThread);
+    connection->forgetOwner();
 }
 
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)
 {
-    if (caller->thread() == QThread::currentThread()) {
-        QCoreApplication::sendPostedEvents(caller.get(), QEvent::MetaCall); // an earlier loss
-    }
     endpoint->setAddress(ip, port);
-    if (!endpoint->run()->deals()) {
-        workThread->waitForEnd();
-    }
-    if (!workThread->isRunning()) {
-        endpoint->beginRun();
+    if (connection->isIdle()) {
         connectCloseSocket();
-        workThread->start();
+        if (!connection->begin()) {
+            endpoint->logShortage();
+        }
     }
 }
 
@@ -77,27 +54,15 @@ void Core_Osd_TcpSocket::connectCloseSocket()
             static_cast<Qt::ConnectionType>(Qt::DirectConnection | Qt::UniqueConnection));
 }
 
-void Core_Osd_TcpSocket::disconnectCloseSocket()
-{
-    disconnect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket);
-}
-
-// The worker itself closes what it has lost, and what has been started since is none of it.
-void Core_Osd_TcpSocket::tellLoss()
-{
-    if (!endpoint->run()->deals()) {
-        disconnectCloseSocket();
-        Q_EMIT closeSocket();
-    }
-}
-
 void Core_Osd_TcpSocket::close()
 {
-    endpoint->run()->stop();
+    endpoint->stop();
     std::this_thread::sleep_for(stopPause);
     Q_EMIT closeSocket();
-    workThread->quit();
-    workThread->waitForEnd();
+    connection->quit();
+    if (QThread::currentThread() != connection.get()) {
+        connection->wait(endWaitMs);
+    }
 }
 
 QByteArray Core_Osd_TcpSocket::produceCmds(model_OsdParam record)
@@ -107,7 +72,7 @@ QByteArray Core_Osd_TcpSocket::produceCmds(model_OsdParam record)
 
 void Core_Osd_TcpSocket::sendData(QByteArray data)
 {
-    workThread->call([data](OsdConnection& connection) { connection.send(data); });
+    connection->call([data](OsdConnection& to) { to.send(data); });
 }
 
 void Core_Osd_TcpSocket::addToReceivedQueue(model_OsdParam record)
@@ -138,32 +103,34 @@ bool Core_Osd_TcpSocket::isFindStdCmdPreFlag(QByteArray peeked)
 void Core_Osd_TcpSocket::td_dealDataFunc()
 {
     const auto shared = endpoint;
-    const auto run = shared->run();
-    shared->deal(*run);
+    shared->deal();
 }
 
 void Core_Osd_TcpSocket::sigConnect()
 {
     connectCloseSocket();
-    workThread->call([source = osdrecordsource::shared()](OsdConnection& connection) {
-        connection.connectSignals(source);
-    });
+    connection->call(
+        [records = osdrecordsource::shared()](OsdConnection& to) { to.connectSignals(records); });
 }
 
 void Core_Osd_TcpSocket::sigDisConnect()
 {
-    disconnectCloseSocket();
-    workThread->call([](OsdConnection& connection) { connection.disconnectSignals(); });
+    disconnect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket);
+    connection->call(&OsdConnection::disconnectSignals);
 }
 
 void Core_Osd_TcpSocket::onStarted()
 {
-    workThread->call([](OsdConnection& connection) { connection.start(); });
+    connectCloseSocket();
+    connection->call([records = osdrecordsource::shared()](OsdConnection& to) {
+        to.connectSignals(records);
+        to.open();
+    });
 }
 
 void Core_Osd_TcpSocket::onConnected()
 {
-    workThread->call([](OsdConnection& connection) { connection.onConnected(); });
+    connection->call(&OsdConnection::onConnected);
 }
 
 void Core_Osd_TcpSocket::onError(QAbstractSocket::SocketError /*error*/)
@@ -174,22 +141,20 @@ void Core_Osd_TcpSocket::onError(QAbstractSocket::SocketError /*error*/)
 
 void Core_Osd_TcpSocket::onDisConnected()
 {
-    sigDisConnect();
-    close();
+    onError(QAbstractSocket::RemoteHostClosedError);
 }
 
 void Core_Osd_TcpSocket::onReadyRead()
 {
-    workThread->call([](OsdConnection& connection) { connection.onReadyRead(); });
+    connection->call(&OsdConnection::onReadyRead);
 }
 
 void Core_Osd_TcpSocket::onSendDatatoDevice(model_OsdParam parameters)
 {
-    workThread->call(
-        [parameters](OsdConnection& connection) { connection.onSendDatatoDevice(parameters); });
+    connection->take(parameters);
 }
 
 void Core_Osd_TcpSocket::onCloseSocket()
 {
-    workThread->call([](OsdConnection& connection) { connection.closeSocket(); });
+    connection->call(&OsdConnection::closeSocket);
 }

@@ -12,7 +12,7 @@
 #include <memory>
 
 class OsdEndpoint;
-class OsdWorkThread;
+class OsdConnection;
 
 /// A TCP client of one on-screen-display endpoint. It sends the shared manager's records that are
 /// addressed to this endpoint and hands each acknowledgement, "OK" and one byte, to
@@ -28,12 +28,13 @@ class OsdWorkThread;
 /// The object and its TCP connection live on a worker thread of their own, which connectSever
 /// starts; a parser thread looks every 3 ms for one acknowledgement. Losing the connection stops
 /// both: nothing is reported, nothing is tried again, and connectSever starts anew. Records come
-/// from CoreFactory::iOsdCore as it stands when the connection is begun, whoever made this object;
-/// begun while that is null, it gets none until it is begun anew.
+/// from CoreFactory::iOsdCore as it stands at connectSever, whoever made this object and whatever
+/// its class is, by the name of the signal sigSendDatatoDevice(model_OsdParam); while that is null,
+/// there are none until the next connectSever.
 ///
 /// connectSever, close and the destructor belong to one thread, the caller's. The other operations
 /// may be called from any thread; those that concern the connection run on the worker thread, and
-/// the caller waits for them.
+/// the caller waits for them, but for onSendDatatoDevice. Out of turn they do nothing.
 class CORE_MANAGE_EXPORT Core_Osd_TcpSocket : public QObject
 {
     Q_OBJECT
@@ -42,17 +43,20 @@ public:
     /// The endpoint is 127.0.0.1, port 10001, until connectSever. Starts nothing.
     explicit Core_Osd_TcpSocket(QObject* parent = nullptr);
 
-    /// As close.
+    /// As close. Also waits for the slots that hear of a loss right now, however long they take;
+    /// one of them may destroy the object itself.
     ~Core_Osd_TcpSocket() override;
 
     /// Sets the endpoint and, unless the worker runs already, starts it; port is used modulo 65536.
     /// Does not wait for the connection; a worker that has just lost its connection is given up to
-    /// 500 ms to end.
+    /// 500 ms to end. Where the system has no descriptor or thread left, a line in the log says so
+    /// and nothing is started.
     void connectSever(QString ip, int port);
 
     /// Stops the worker and closes the connection, from any state. Takes 100 ms, plus up to 3000 ms
-    /// when the endpoint doesn't take what is still pending, plus up to 500 ms for the thread.
-    /// Received bytes that are not parsed yet are kept.
+    /// until the system has taken what is still pending, plus up to 500 ms for the thread. What the
+    /// system has is delivered by a lingering close. Received bytes that are not parsed yet are
+    /// kept.
     void close();
 
     /// The command frame of a record.
@@ -91,9 +95,8 @@ public:
 
 Q_SIGNALS:
     /// Emitted by close, where the emission returns when the connection is closed, without a
-    /// running worker at once; and when a connection is lost or refused, by the event loop of the
-    /// thread that made this object, or by connectSever if that comes first. Whoever emits it while
-    /// sigConnect's connections stand closes the connection.
+    /// running worker at once; and on the worker thread 100 ms after a connection has been lost or
+    /// refused. Whoever emits it while sigConnect's connections stand closes the connection.
     void closeSocket();
 
 public Q_SLOTS:
@@ -103,18 +106,15 @@ public Q_SLOTS:
     void onDisConnected();                            ///< stops the worker
     void onReadyRead();                               ///< moves what is there into the buffer
 
-    /// Sends the record if its strIP is exactly this endpoint's.
+    /// Has the record sent if its strIP is exactly this endpoint's. Does not wait.
     void onSendDatatoDevice(model_OsdParam parameters);
 
-    /// Sends what is pending, up to 3000 ms, then closes and deletes the socket.
+    /// Waits up to 3000 ms until the system has taken what is pending, then closes the connection.
     void onCloseSocket();
 
 private:
     void connectCloseSocket();
-    void disconnectCloseSocket();
-    void tellLoss();
 
-    std::shared_ptr<OsdEndpoint> endpoint; // strIP, nPort, buffData, bDealRun
-    OsdWorkThread* workThread;             // outlives this object if it must; has tcpSocket
-    std::unique_ptr<QObject> caller;       // lives in the thread that made this object
+    std::shared_ptr<OsdEndpoint> endpoint;     // strIP, nPort, buffData, bDealRun
+    std::shared_ptr<OsdConnection> connection; // workThread, tcpSocket; outlives this if it must
 };

@@ -1,24 +1,29 @@
 // SPDX-License-Identifier: MIT
 #include "osdconnection.h"
 
-#include "core_osd_manage.h"
+#include "core_osd_tcpsocket.h"
 #include "detachedthread.h"
 #include "fixedlocalport.h"
-#include "osdcall.h"
+#include "lingeringclose.h"
 #include "osdframe.h"
-#include "osdrecordsource.h"
-#include "osdworkthread.h"
+#include "processend.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QHostAddress>
 #include <QTimer>
 
 #include <array>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <utility>
 
-#include <fcntl.h>
-#include <linux/sockios.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/ioctl.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,260 +31,433 @@ namespace
 {
 
 constexpr int writeWaitMs = 2000;
-constexpr int writeWaitSliceMs = 10; // how soon a write notices that the run has been stopped
-constexpr int disconnectWaitMs = 3000;
-constexpr int deliveryLookMs = 1;
-constexpr int stalledMs = 1000; // an endpoint that takes nothing for so long is not waited for
-constexpr int parserRetryMs = 10;
-
-// An endpoint that sends faster than its acknowledgements can be taken is held back by TCP instead
-// of filling the memory.
-constexpr int mostUnparsed = 16 * 1024 * 1024;
-constexpr int socketReadBuffer = 64 * 1024;
+constexpr int hangUpWaitMs = 3000;
+constexpr int waitSliceMs = 10;    // how soon a wait notices that it has become pointless
+constexpr int mostRepetitions = 4; // an endpoint that does not answer is given up after 31 s
+constexpr int chunkSize = 64 * 1024;
 constexpr int heldBackMs = 20;
+constexpr std::chrono::milliseconds waitPoll{1};
+constexpr std::chrono::milliseconds callLimit{3500}; // a hang-up takes up to 3000
+constexpr std::chrono::milliseconds endLimit{500};
+constexpr std::chrono::milliseconds lossPause{100}; // for the parser to come to its end
 
-qint64 bytesOnTheirWay(const QTcpSocket& socket)
+// Event loops that get no descriptor end the process. So there must be some for all of those that
+// are about to be made, and for what other threads of the process take meanwhile.
+constexpr int descriptorsEach = 2; // the event loop's and the socket
+constexpr int descriptorsSpare = 4;
+std::mutex startLock;
+int starting = 0; // threads that may not have their event loops yet
+
+bool hasDescriptors(int count)
 {
-    int unacknowledged = 0;
-    if (ioctl(static_cast<int>(socket.socketDescriptor()), SIOCOUTQ, &unacknowledged) != 0) {
-        unacknowledged = 0;
+    const int descriptor = count > 0 ? eventfd(0, EFD_CLOEXEC) : -1;
+    const bool enough = count == 0 || (descriptor >= 0 && hasDescriptors(count - 1));
+    if (descriptor >= 0) {
+        close(descriptor);
     }
-    return socket.bytesToWrite() + unacknowledged;
+    return enough;
 }
 
-bool hasHungUp(const QTcpSocket& socket)
+bool reserveStart()
 {
-    pollfd connection{static_cast<int>(socket.socketDescriptor()), POLLRDHUP, 0};
+    const std::lock_guard lock(startLock);
+    const bool enough = hasDescriptors(descriptorsEach * (starting + 1) + descriptorsSpare);
+    starting += enough ? 1 : 0;
+    return enough;
+}
+
+void endStart()
+{
+    const std::lock_guard lock(startLock);
+    --starting;
+}
+
+// A function on its way to a connection's thread. The event queue deletes it when it has run and
+// when it never will: either way who waits for it need not wait longer.
+class Call : public QEvent
+{
+public:
+    Call(OsdConnection::Function f, std::shared_ptr<std::atomic<bool>> o)
+        : QEvent(User), function(std::move(f)), over(std::move(o))
+    {
+    }
+    ~Call() override { *over = true; }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    const OsdConnection::Function function;
+
+private:
+    const std::shared_ptr<std::atomic<bool>> over;
+};
+
+template <class Condition>
+void pollUntil(Condition&& condition, std::chrono::milliseconds limit)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(waitPoll);
+    }
+}
+
+using Address = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+// Null if the text is no address.
+Address addressOf(const OsdEndpoint& endpoint)
+{
+    addrinfo wanted{};
+    wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    wanted.ai_socktype = SOCK_STREAM;
+    const QByteArray ip = QHostAddress(endpoint.ip()).toString().toLatin1();
+    const QByteArray port = QByteArray::number(static_cast<quint16>(endpoint.port()));
+    addrinfo* found = nullptr;
+    const bool valid = getaddrinfo(ip.constData(), port.constData(), &wanted, &found) == 0;
+    return {valid ? found : nullptr, &freeaddrinfo};
+}
+
+// A port that is taken is no error, any other one will do.
+void bindToFixedPort(int descriptor, const addrinfo& to)
+{
+    sockaddr_in6 own{}; // an IPv4 one has its family and its port in the same places
+    own.sin6_family = static_cast<sa_family_t>(to.ai_family);
+    own.sin6_port = htons(fixedLocalPort());
+    (void)bind(descriptor, reinterpret_cast<const sockaddr*>(&own), to.ai_addrlen);
+}
+
+bool hasHungUp(int descriptor)
+{
+    pollfd connection{descriptor, POLLRDHUP, 0};
     return poll(&connection, 1, 0) > 0;
+}
+
+bool mayGoOn()
+{
+    return errno == EAGAIN || errno == EINTR;
 }
 
 } // namespace
 
-OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> of,
-                             std::shared_ptr<OsdEndpoint::Run> during, OsdWorkThread& on)
-    : endpoint(std::move(of)), run(std::move(during)), workThread(on)
+OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> to, Core_Osd_TcpSocket* of)
+    : endpoint(std::move(to)), owner(of)
 {
+    moveToThread(this);
 }
 
-OsdConnection::~OsdConnection()
+bool OsdConnection::begin()
 {
+    if (!reserveStart()) {
+        return false;
+    }
+    idle = false;
+    begun = false;
+    endpoint->begin();
+    bool runs = startDetached([self = shared_from_this()] { self->keep(); });
+    if (runs) {
+        takesCalls = true;
+        (void)post([from = osdrecordsource::shared()](OsdConnection& connection) {
+            connection.connectSignals(from);
+            connection.open();
+        });
+        start();
+        runs = isRunning() || isFinished();
+        begun = true;
+    } else {
+        idle = true;
+    }
+    if (!runs) {
+        end();
+        endStart();
+    }
+    return runs;
+}
+
+void OsdConnection::run()
+{
+    endStart();
+    lost = false;
+    exec();
     disconnectSignals();
-    dropSpare();
-    run->stop(); // a host may have begun it while its thread was being ended
+    closeDescriptor();
+    end();
+    if (lost) {
+        std::this_thread::sleep_for(lossPause);
+        const std::lock_guard lock(ownerLock);
+        if (owner != nullptr && !processend::over()) {
+            Q_EMIT owner->closeSocket();
+        }
+    }
+    showWrites();
 }
 
+void OsdConnection::end()
+{
+    endpoint->stop(); // a host may have begun it while its thread was being ended
+    const std::lock_guard lock(callLock);
+    takesCalls = false;
+    QCoreApplication::removePostedEvents(this);
+}
+
+// Only this tells the thread of the end of the process, and it is one that the process waits for.
+void OsdConnection::keep()
+{
+    pollUntil([this] { return begun.load(); }, std::chrono::hours(1));
+    endpoint->deal();
+    endpoint->stop();
+    do {
+        if (processend::begun()) {
+            quit();
+        }
+    } while (!wait(waitSliceMs));
+    showWrites();
+    idle = true;
+}
+
+void OsdConnection::forgetOwner()
+{
+    const std::lock_guard lock(ownerLock);
+    owner = nullptr;
+}
+
+void OsdConnection::take(const model_OsdParam& record)
+{
+    if (endpoint->isAddressedBy(record.strIP)) {
+        (void)post([record](OsdConnection& to) { to.send(osdframe::encode(record)); });
+    }
+}
+
+std::shared_ptr<std::atomic<bool>> OsdConnection::post(const Function& function)
+{
+    auto over = std::make_shared<std::atomic<bool>>(false);
+    auto call = std::make_unique<Call>(function, over);
+    const std::lock_guard lock(callLock);
+    if (takesCalls) {
+        QCoreApplication::postEvent(this, call.release());
+    }
+    return over;
+}
+
+void OsdConnection::call(const Function& function)
+{
+    if (QThread::currentThread() == this) {
+        if (takesCalls) {
+            function(*this);
+        }
+        return;
+    }
+    pollUntil([over = post(function)] { return over->load(); }, callLimit);
+}
+
+bool OsdConnection::isIdle() const
+{
+    if (QThread::currentThread() != this && !endpoint->deals()) {
+        pollUntil([this] { return idle.load(); }, endLimit);
+    }
+    return idle;
+}
+
+// Qt's own locks order what crosses threads with an event, or by wait(), but thread checkers do not
+// know them.
 bool OsdConnection::event(QEvent* event)
 {
-    workThread.takeOver();
-    if (event->type() != OsdCall::type) {
-        return QObject::event(event);
+    showWrites();
+    if (event->type() != QEvent::User) {
+        return QThread::event(event);
     }
-    static_cast<OsdCall*>(event)->run(*this);
+    static_cast<Call*>(event)->function(*this);
     return true;
 }
 
-void OsdConnection::start()
+void OsdConnection::open()
 {
     closeSocket();
-    if (!run->deals()) {
+    if (!endpoint->deals()) {
         return;
     }
-    tcpSocket = std::make_unique<QTcpSocket>();
-    // A port that is taken is no error, any other one will do. But a socket that has once failed
-    // keeps that error, and hangs up when a later wait runs out.
-    if (!tcpSocket->bind(fixedLocalPort())) {
-        tcpSocket = std::make_unique<QTcpSocket>();
+    const Address address = addressOf(*endpoint);
+    if (!address) {
+        lose();
+        return;
     }
-    tcpSocket->setReadBufferSize(socketReadBuffer);
-    connectSignals(run->source());
-    startParser();
-    tcpSocket->connectToHost(QHostAddress(endpoint->ip()), static_cast<quint16>(endpoint->port()));
+    descriptor = socket(address->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        endpoint->logShortage();
+        lose();
+        return;
+    }
+    bindToFixedPort(descriptor, *address);
+    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &mostRepetitions, sizeof mostRepetitions);
+    if (::connect(descriptor, address->ai_addr, address->ai_addrlen) != 0 && errno != EINPROGRESS) {
+        lose();
+        return;
+    }
+    readable = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+    writable = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write);
+    connect(readable.get(), &QSocketNotifier::activated, this, &OsdConnection::onReadyRead);
+    connect(writable.get(), &QSocketNotifier::activated, this, &OsdConnection::onWritable);
+    updateNotifiers();
 }
 
-void OsdConnection::connectSignals(const ICoreOsdBase* recordSource)
+void OsdConnection::connectSignals(std::shared_ptr<OsdRecords> from)
 {
     disconnectSignals();
-    source = recordSource;
-    listenForRecords();
-    if (tcpSocket) {
-        QTcpSocket* const socket = tcpSocket.get();
-        connect(socket, &QTcpSocket::connected, this, &OsdConnection::onConnected);
-        connect(socket, &QTcpSocket::errorOccurred, this, &OsdConnection::onError);
-        connect(socket, &QTcpSocket::disconnected, this, &OsdConnection::onLost);
-        connect(socket, &QTcpSocket::readyRead, this, &OsdConnection::onReadyRead);
+    records = std::move(from);
+    if (records) {
+        records->add(*this);
     }
-}
-
-void OsdConnection::listenForRecords()
-{
-    osdrecordsource::use(source, [this](core_Osd_Manage& shared) {
-        connect(&shared, &core_Osd_Manage::sigSendDatatoDevice, this,
-                &OsdConnection::onSendDatatoDevice, Qt::QueuedConnection);
-    });
+    listening = true;
+    updateNotifiers();
 }
 
 void OsdConnection::disconnectSignals()
 {
-    osdrecordsource::use(source, [this](core_Osd_Manage& shared) { shared.disconnect(this); });
-    if (tcpSocket) {
-        tcpSocket->disconnect(this);
+    if (records) {
+        records->remove(*this);
+        records.reset();
+    }
+    listening = false;
+    updateNotifiers();
+}
+
+void OsdConnection::updateNotifiers()
+{
+    if (readable) {
+        readable->setEnabled(listening && bConnected && !heldBack);
+        writable->setEnabled(listening && (!bConnected || pending.size() > 0));
     }
 }
 
-void OsdConnection::startParser()
+void OsdConnection::onWritable()
 {
-    if (parserStarted || !run->deals()) {
+    int error = 0;
+    socklen_t length = sizeof error;
+    (void)getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length);
+    if (error != 0 || !flush()) {
+        lose();
         return;
     }
-    parserStarted = startDetached([shared = endpoint, during = run] { shared->deal(*during); });
-    if (!parserStarted) {
-        QTimer::singleShot(parserRetryMs, this, &OsdConnection::startParser);
-    }
+    onConnected();
 }
 
 void OsdConnection::onConnected()
 {
-    bConnected = true;
-    dropSpare();
-    spare = fcntl(static_cast<int>(tcpSocket->socketDescriptor()), F_DUPFD_CLOEXEC, 0);
+    bConnected = descriptor >= 0;
+    updateNotifiers();
 }
 
-// A write that has not been taken within its wait is reported as an error by Qt; here it is none.
-void OsdConnection::onError(QAbstractSocket::SocketError error)
-{
-    if (!writing || error != QAbstractSocket::SocketTimeoutError) {
-        onLost();
-    }
-}
-
-void OsdConnection::onLost()
+void OsdConnection::lose()
 {
     disconnectSignals();
-    takeRest();
-    run->stop();
-    Q_EMIT workThread.lost();
-    workThread.quit();
+    (void)takeAvailable(true);
+    bConnected = false;
+    endpoint->stop();
+    lost = true;
+    quit();
 }
 
 void OsdConnection::onReadyRead()
 {
-    if (readingPaused || !tcpSocket || !bConnected) {
+    if (!bConnected) {
         return;
     }
     // Once a hang-up is there, nothing more can come than the system holds already.
-    if (endpoint->received().size() < mostUnparsed || hasHungUp(*tcpSocket)) {
-        takeAvailable();
+    if (!takeAvailable(hasHungUp(descriptor))) {
+        lose();
         return;
     }
-    readingPaused = true;
-    QTimer::singleShot(heldBackMs, this, [this] {
-        readingPaused = false;
-        onReadyRead();
-    });
-}
-
-void OsdConnection::takeAvailable()
-{
-    while (tcpSocket && bConnected && tcpSocket->bytesAvailable() > 0) {
-        endpoint->received().append(tcpSocket->readAll());
+    if (endpoint->received().isFull() && !heldBack) {
+        heldBack = true;
+        QTimer::singleShot(heldBackMs, this, [this] {
+            heldBack = false;
+            onReadyRead();
+        });
     }
+    updateNotifiers();
 }
 
-// What the connection that is gone has left, also what a reset kept Qt from reading.
-void OsdConnection::takeRest()
+// False if the connection is over. It is held back by TCP instead of filling the memory if it sends
+// faster than its acknowledgements can be taken.
+bool OsdConnection::takeAvailable(bool evenIfFull)
 {
-    takeAvailable();
-    std::array<char, socketReadBuffer> bytes{};
-    ssize_t size = 0;
-    for (int total = 0; spare >= 0 && total < mostUnparsed; total += static_cast<int>(size)) {
-        size = recv(spare, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    std::array<char, chunkSize> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): 64 KiB
+    while (evenIfFull || !endpoint->received().isFull()) {
+        const ssize_t size = recv(descriptor, bytes.data(), bytes.size(), 0);
         if (size <= 0) {
-            break;
+            return size < 0 && mayGoOn();
         }
-        endpoint->received().append(QByteArray(bytes.data(), static_cast<int>(size)));
+        endpoint->received().append(bytes.data(), static_cast<int>(size));
     }
-    dropSpare();
+    return true;
 }
 
-void OsdConnection::dropSpare()
+// Gives the system what it takes. False if the connection is over.
+bool OsdConnection::flush()
 {
-    if (spare >= 0) {
-        close(spare);
-        spare = -1;
+    while (bConnected && pending.size() > 0) {
+        const QByteArray bytes = pending.peek(chunkSize);
+        const ssize_t sent = ::send(descriptor, bytes.constData(),
+                                    static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL);
+        if (sent < 0) {
+            return mayGoOn();
+        }
+        pending.discard(static_cast<int>(sent));
     }
+    return true;
 }
 
-void OsdConnection::onSendDatatoDevice(const model_OsdParam& record)
+// Until the system has everything. An endpoint may wait for its answers to be read before it reads
+// on, so they are read. False if the connection is over.
+bool OsdConnection::deliver(int limitMs, const std::function<bool()>& goOn)
 {
-    if (endpoint->isAddressedBy(record.strIP)) {
-        send(osdframe::encode(record));
+    QElapsedTimer waited;
+    waited.start();
+    while (flush()) {
+        if (pending.size() == 0 || waited.hasExpired(limitMs) || !goOn()) {
+            return true;
+        }
+        const bool full = endpoint->received().isFull();
+        pollfd connection{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
+        (void)poll(&connection, 1, waitSliceMs);
+        if (!takeAvailable(false)) {
+            return false;
+        }
     }
+    return false;
 }
 
 void OsdConnection::send(const QByteArray& bytes)
 {
-    if (!tcpSocket || !bConnected || tcpSocket->state() != QAbstractSocket::ConnectedState) {
+    if (!bConnected) {
         return;
     }
-    writing = true;
-    tcpSocket->write(bytes); // and the wait sends it, and reads what has come
-    QElapsedTimer waited;
-    waited.start();
-    // A stop takes what is left along: closing sends it.
-    while (tcpSocket->bytesToWrite() > 0 && tcpSocket->state() == QAbstractSocket::ConnectedState &&
-           run->deals() && waited.elapsed() < writeWaitMs) {
-        tcpSocket->waitForBytesWritten(writeWaitSliceMs);
+    pending.append(bytes);
+    if (deliver(writeWaitMs, [this] { return endpoint->deals(); })) {
+        updateNotifiers();
+    } else {
+        lose();
     }
-    writing = false;
-}
-
-// What is unread when a socket is closed makes the system reset the connection, which throws away
-// whatever is still on its way. So acknowledgements are read until the endpoint's system has
-// everything, or has stopped taking it: what it takes later it gets from this system.
-void OsdConnection::deliverPending()
-{
-    QElapsedTimer waited;
-    QElapsedTimer stalled;
-    waited.start();
-    stalled.start();
-    qint64 before = 0;
-    while (tcpSocket->state() == QAbstractSocket::ConnectedState &&
-           waited.elapsed() < disconnectWaitMs) {
-        const qint64 left = bytesOnTheirWay(*tcpSocket);
-        if (left != before) {
-            before = left;
-            stalled.restart();
-        }
-        if (left == 0 || (tcpSocket->bytesToWrite() == 0 && stalled.hasExpired(stalledMs))) {
-            break;
-        }
-        if (tcpSocket->bytesToWrite() > 0) {
-            tcpSocket->waitForBytesWritten(writeWaitSliceMs);
-        } else {
-            tcpSocket->waitForReadyRead(deliveryLookMs);
-        }
-        if (endpoint->received().size() < mostUnparsed) {
-            takeAvailable();
-        }
-    }
-    tcpSocket->waitForReadyRead(0);
 }
 
 void OsdConnection::closeSocket()
 {
-    if (!tcpSocket) {
-        return;
-    }
-    // Hanging up is no loss: neither of these may end the thread under this function's feet.
-    disconnect(tcpSocket.get(), &QTcpSocket::errorOccurred, this, nullptr);
-    disconnect(tcpSocket.get(), &QTcpSocket::disconnected, this, nullptr);
+    readable.reset();
+    writable.reset();
     if (bConnected) {
-        deliverPending();
-        dropSpare();
-        tcpSocket->disconnectFromHost();
-        takeAvailable();
-        tcpSocket->close();
-        bConnected = false;
+        if (deliver(hangUpWaitMs, [] { return !processend::begun(); })) {
+            (void)takeAvailable(false);
+        }
+        lingeringclose::begin(std::exchange(descriptor, -1));
     }
-    tcpSocket.reset();
+    closeDescriptor();
+}
+
+void OsdConnection::closeDescriptor()
+{
+    readable.reset();
+    writable.reset();
+    if (descriptor >= 0) {
+        ::close(std::exchange(descriptor, -1));
+    }
+    pending.clear();
+    bConnected = false;
+    heldBack = false;
 }

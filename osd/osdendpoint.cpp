@@ -4,8 +4,8 @@
 #include "biz_osd_cmdswork.h"
 #include "detachedthread.h"
 #include "osdframe.h"
-#include "osdrecordsource.h"
 #include "processend.h"
+#include "utility_manage.h"
 
 #include <chrono>
 #include <thread>
@@ -15,13 +15,7 @@ namespace
 
 constexpr std::chrono::milliseconds pollInterval{3};
 constexpr int peekLength = 1024;
-
-void handOver(const model_OsdParam& record)
-{
-    if (!processend::over()) {
-        biz_Osd_CMDSWork::addToReceiveQueue(record);
-    }
-}
+constexpr int mostUnderWay = 32; // threads that a host which blocks may keep
 
 // The polls of all endpoints fall on the same instants: one timer interrupt wakes a whole wall,
 // which costs a third less than a hundred of them.
@@ -59,20 +53,6 @@ bool OsdEndpoint::isAddressedBy(const QString& text) const
     return strIP == text;
 }
 
-std::shared_ptr<OsdEndpoint::Run> OsdEndpoint::run() const
-{
-    const std::lock_guard lock(runLock);
-    return latest;
-}
-
-std::shared_ptr<OsdEndpoint::Run> OsdEndpoint::beginRun()
-{
-    const std::lock_guard lock(runLock);
-    latest->stop();
-    latest = std::make_shared<Run>(osdrecordsource::shared());
-    return latest;
-}
-
 bool OsdEndpoint::findAcknowledgement(const QByteArray& peeked)
 {
     const int mark = peeked.indexOf(osdframe::acknowledgementMark);
@@ -84,60 +64,66 @@ bool OsdEndpoint::findAcknowledgement(const QByteArray& peeked)
     return buffData.peek(peekLength).size() >= osdframe::acknowledgementLength;
 }
 
-void OsdEndpoint::deal(const Run& run)
+QByteArray OsdEndpoint::parseOnce()
 {
-    bool refused = false;
-    while (waitForBytes(run)) {
-        refused = !parseOnce();
-    }
-    if (refused) {
-        handOverHere();
+    const std::lock_guard lock(passLock);
+    return findAcknowledgement(buffData.peek(peekLength))
+               ? buffData.take(osdframe::acknowledgementLength)
+               : QByteArray();
+}
+
+void OsdEndpoint::deal()
+{
+    while (waitForBytes()) {
+        const QByteArray bytes = mayHandOver() ? parseOnce() : QByteArray();
+        if (!bytes.isEmpty()) {
+            handOver(bytes);
+        }
     }
 }
 
-// The run is looked at before each pause, not behind it: what came in just before a stop is still
+// The flag is looked at before each pause, not behind it: what came in just before a stop is still
 // parsed.
-bool OsdEndpoint::waitForBytes(const Run& run) const
+bool OsdEndpoint::waitForBytes()
 {
-    while (run.deals() && !processend::begun()) {
+    while (deals() && !processend::begun()) {
         std::this_thread::sleep_until(nextPoll());
         if (buffData.size() >= osdframe::acknowledgementLength) {
             return true;
         }
+        inOrder = false;
     }
     return false;
 }
 
-bool OsdEndpoint::parseOnce()
+bool OsdEndpoint::mayHandOver()
 {
-    const std::lock_guard lock(passLock);
-    if (!findAcknowledgement(buffData.peek(peekLength))) {
-        return true;
-    }
-    const model_OsdParam record =
-        osdframe::acknowledgement(ip(), buffData.peek(osdframe::acknowledgementLength));
-    if (!startDetached([record] { handOver(record); })) {
-        return false;
-    }
-    buffData.discard(osdframe::acknowledgementLength);
-    return true;
+    const int count = *underWay;
+    inOrder = inOrder || count >= mostUnderWay;
+    return count == 0 || !inOrder;
 }
 
-QByteArray OsdEndpoint::takeAcknowledgement()
+void OsdEndpoint::handOver(const QByteArray& acknowledgement)
 {
-    const std::lock_guard lock(passLock);
-    while (buffData.size() >= osdframe::acknowledgementLength) {
-        if (findAcknowledgement(buffData.peek(peekLength))) {
-            return buffData.take(osdframe::acknowledgementLength);
+    const auto run = [record = osdframe::acknowledgement(ip(), acknowledgement), count = underWay] {
+        if (!processend::over()) {
+            biz_Osd_CMDSWork::addToReceiveQueue(record);
         }
+        --*count;
+    };
+    ++*underWay;
+    if (!startDetached(run)) {
+        run();
     }
-    return {};
 }
 
-void OsdEndpoint::handOverHere()
+void OsdEndpoint::logShortage() const
 {
-    for (QByteArray bytes = takeAcknowledgement(); !bytes.isEmpty();
-         bytes = takeAcknowledgement()) {
-        handOver(osdframe::acknowledgement(ip(), bytes));
+    if (processend::over()) {
+        return;
     }
+    Utility_Manage::writeLog(
+        QStringLiteral("OSD endpoint %1, port %2: not connected, no descriptor or thread left")
+            .arg(ip())
+            .arg(port()));
 }

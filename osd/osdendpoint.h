@@ -10,42 +10,20 @@
 #include <memory>
 #include <mutex>
 
-class ICoreOsdBase;
-
 /// What one endpoint's threads share: its address, the bytes it sent that are not consumed yet, and
-/// the parser that cuts its acknowledgements out of them. A Core_Osd_TcpSocket, its worker thread
-/// and its parser thread each hold a share, so that none of them has to outlive another.
-///
-/// Any thread.
+/// the parser that cuts its acknowledgements out of them. Any thread.
 class OsdEndpoint
 {
 public:
-    /// One life of the worker, from its start to its stop. A stop is final: the next start gets a
-    /// run of its own, and whatever still belongs to the old one sees that it is over.
-    class Run
-    {
-    public:
-        /// \a source is the manager whose records are sent, or null.
-        explicit Run(const ICoreOsdBase* source) : recordSource(source) {}
-
-        const ICoreOsdBase* source() const { return recordSource; }
-        bool deals() const { return bDealRun.load(std::memory_order_acquire); }
-        void stop() { bDealRun.store(false, std::memory_order_release); }
-
-    private:
-        const ICoreOsdBase* const recordSource;
-        std::atomic<bool> bDealRun{true};
-    };
-
     void setAddress(const QString& ip, int port);
     QString ip() const;
     int port() const;
     bool isAddressedBy(const QString& text) const; ///< exact: case and blanks count
 
-    std::shared_ptr<Run> run() const; ///< the latest one
+    void begin() { bDealRun = true; }
+    void stop() { bDealRun = false; }
+    bool deals() const { return bDealRun; } ///< true until the first stop
 
-    /// Ends the latest one and begins another, which listens to the shared manager as it is now.
-    std::shared_ptr<Run> beginRun();
     ReceiveBuffer& received() { return buffData; }
 
     /// Looks for the acknowledgement mark in bytes that were peeked off the buffer. If it is there,
@@ -53,26 +31,30 @@ public:
     /// many bytes as were peeked.
     bool findAcknowledgement(const QByteArray& peeked);
 
-    /// Takes the next acknowledgement off the buffer, with what is before it; empty if there is
-    /// none, and then fewer than three bytes are left.
-    QByteArray takeAcknowledgement();
+    /// One pass of the parser: takes the acknowledgement it finds off the buffer, else nothing.
+    QByteArray parseOnce();
 
-    /// The parser: until the run is stopped, every 3 ms takes at most one acknowledgement off the
-    /// buffer and hands it to the host on a short thread of its own. One that the system refuses
-    /// that thread stays in the buffer for the next pass; what is left so when the run stops is
-    /// handed over from here.
-    void deal(const Run& run);
+    /// The parser: until stop or the end of the process, every 3 ms takes at most one
+    /// acknowledgement off the buffer and hands it to the host on a short thread of its own, or on
+    /// this one if the system refuses that. While 32 such threads are in the host nothing is taken;
+    /// what has waited so follows when all are back, one by one and in order.
+    void deal();
+
+    /// Tells the log that the system had no descriptor or thread left for this endpoint.
+    void logShortage() const;
 
 private:
-    bool waitForBytes(const Run& run) const;
-    bool parseOnce();
-    void handOverHere();
+    bool waitForBytes();
+    bool mayHandOver();
+    void handOver(const QByteArray& acknowledgement);
 
     mutable std::mutex addressLock; // strIP, nPort; a leaf
-    mutable std::mutex runLock;     // latest; a leaf
     std::mutex passLock;            // one parser's pass at a time; the buffer's lock goes below it
     QString strIP = QStringLiteral("127.0.0.1");
     int nPort = 10001;
-    std::shared_ptr<Run> latest = std::make_shared<Run>(nullptr);
     ReceiveBuffer buffData;
+    std::atomic<bool> bDealRun{true};
+    std::atomic<bool> inOrder{
+        false}; // the host was behind, and the buffer has not been empty since
+    std::shared_ptr<std::atomic<int>> underWay = std::make_shared<std::atomic<int>>(0);
 };

@@ -5,9 +5,7 @@
 #include "osdconnection.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
-#include "osdworkthread.h"
 #include "processstate.h"
-#include "threadrefusal.h"
 
 #include <gtest/gtest.h>
 
@@ -33,9 +31,32 @@ protected:
         descriptors = processstate::descriptors();
     }
 
+    void TearDown() override { end(); }
+
+    void begin()
+    {
+        ASSERT_TRUE(connection->begin());
+        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        simulated->send("."); // and on this side, too, when that is there
+        ASSERT_TRUE(eventually([&] { return endpoint->received().size() == 1; }));
+    }
+
+    void end()
+    {
+        endpoint->stop();
+        connection->call(&OsdConnection::closeSocket);
+        connection->quit();
+        EXPECT_TRUE(eventually([&] { return connection->isIdle(); }));
+    }
+
+    void send(const QByteArray& bytes)
+    {
+        connection->call([bytes](OsdConnection& to) { to.send(bytes); });
+    }
+
     std::unique_ptr<OsdSimulator> simulated;
     std::shared_ptr<OsdEndpoint> endpoint = std::make_shared<OsdEndpoint>();
-    OsdWorkThread thread{endpoint}; // not started: this test's own thread plays its part
+    std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(endpoint, nullptr);
     int descriptors = 0;
 };
 
@@ -43,49 +64,22 @@ protected:
 
 TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
 {
-    const int threads = processstate::threads();
-    const auto run = endpoint->beginRun();
-    run->stop();
-    OsdConnection connection(endpoint, run, thread);
-    connection.start();
-    EXPECT_EQ(processstate::descriptors(), descriptors);
-    EXPECT_EQ(processstate::threads(), threads);
-    EXPECT_FALSE(run->deals());
-}
-
-TEST_F(OsdConnecting, ANewRunEndsTheOneBefore)
-{
-    const auto first = endpoint->beginRun();
-    EXPECT_TRUE(first->deals());
-    const auto second = endpoint->beginRun();
-    EXPECT_FALSE(first->deals());
-    EXPECT_TRUE(second->deals());
-}
-
-TEST_F(OsdConnecting, AParserThatIsRefusedIsTriedAgain)
-{
-    const auto run = endpoint->beginRun();
-    OsdConnection connection(endpoint, run, thread);
-    {
-        const ThreadRefusal refusal;
-        const int refused = ThreadRefusal::refused();
-        connection.start();
-        ASSERT_TRUE(eventually([&] { return ThreadRefusal::refused() >= refused + 3; }));
-        endpoint->received().append("OK1");
-        EXPECT_EQ(osdhost::size(), 0U);
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(connection->begin());
+        endpoint->stop();
+        connection->quit();
+        ASSERT_TRUE(eventually([&] { return connection->isIdle(); }));
+        EXPECT_FALSE(endpoint->deals());
     }
-    EXPECT_TRUE(eventually([] { return osdhost::size() == 1; }));
-    run->stop();
+    EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
+    EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
 }
 
 TEST_F(OsdConnecting, AFloodIsHeldBack)
 {
-    constexpr int limit = 16 * 1024 * 1024;
+    constexpr int limit = ReceiveBuffer::limit;
     constexpr int most = limit + 2 * 64 * 1024;
-    const auto run = endpoint->beginRun();
-    OsdConnection connection(endpoint, run, thread);
-    connection.start();
-    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    begin();
     simulated->send(QByteArray(4 * limit, 'f'));
     ASSERT_TRUE(eventually([&] { return endpoint->received().size() >= limit; }));
     EXPECT_FALSE(eventually([&] { return endpoint->received().size() > most; },
@@ -93,21 +87,17 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
     // It goes on when there is room again.
     endpoint->received().discard(most);
     EXPECT_TRUE(eventually([&] { return endpoint->received().size() > 512 * 1024; }));
-    run->stop();
 }
 
 TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
 {
-    const auto run = endpoint->beginRun();
-    OsdConnection connection(endpoint, run, thread);
-    connection.start();
-    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    begin();
     const QByteArray waiting = QByteArray("OKw").repeated(6 * 1024 * 1024);
-    const QByteArray more(100 * 1024, 'm'); // the socket's 64 KiB, and what the system takes
+    const QByteArray more(100 * 1024, 'm');
     endpoint->received().append(waiting);
     simulated->send(more);
     simulated->hangUp(false);
-    EXPECT_TRUE(eventually([&] { return !run->deals(); }));
+    EXPECT_TRUE(eventually([&] { return !endpoint->deals(); }));
     EXPECT_TRUE(endpoint->received().peek(0x7fffffff).endsWith(more));
 }
 
@@ -118,18 +108,15 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
     const QByteArray much(8 * 1024 * 1024, 'm');
     simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
-        const auto run = endpoint->beginRun();
-        OsdConnection connection(endpoint, run, thread);
-        connection.start();
         simulated->setFault(Fault::NeverRead, {});
         const qint64 before = simulated->receivedBytes();
-        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        begin();
         simulated->setFault(Fault::NeverRead, always);
-        run->stop(); // what is sent from now on goes with the closing
-        connection.send(much);
+        endpoint->stop(); // what is sent from now on goes with the closing
+        send(much);
         simulated->send("OKa");
         simulated->setFault(Fault::NeverRead, {});
-        connection.closeSocket();
+        end();
         EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
         EXPECT_EQ(simulated->receivedBytes() - before, much.size());
     }
@@ -141,20 +128,16 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
     const QByteArray much(8 * 1024 * 1024, 'm');
     QTcpServer holder;
     holder.listen(QHostAddress::Any, fixedLocalPort()); // unless a former connection has it yet
-    const auto run = endpoint->beginRun();
-    OsdConnection connection(endpoint, run, thread);
-    connection.start();
-    ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+    begin();
     simulated->setFault(Fault::Drop, always);
     simulated->setFault(Fault::NeverRead, always);
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         simulated->setFault(Fault::NeverRead, {});
     });
-    connection.send(much);
+    send(much);
     late.join();
     EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == much.size(); }));
-    EXPECT_TRUE(run->deals());
+    EXPECT_TRUE(endpoint->deals());
     EXPECT_EQ(simulated->connected(), 1);
-    run->stop();
 }

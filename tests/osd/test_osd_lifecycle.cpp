@@ -8,6 +8,7 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "tcplistener.h"
 #include "warningcapture.h"
 
 #include <gtest/gtest.h>
@@ -48,32 +49,6 @@ OsdSimulatorOptions endpointOptions()
     return options;
 }
 
-// A listening socket on a free port of the loopback address.
-class Listener
-{
-public:
-    explicit Listener(int backlog)
-    {
-        own.sin_family = AF_INET;
-        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof own;
-        EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
-        EXPECT_EQ(listen(descriptor, backlog), 0);
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length);
-    }
-    ~Listener() { close(descriptor); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    int port() const { return ntohs(own.sin_port); }
-    int accept() const { return ::accept(descriptor, nullptr, nullptr); }
-    const sockaddr* name() const { return reinterpret_cast<const sockaddr*>(&own); }
-
-private:
-    int descriptor = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in own{};
-};
-
 // A server that lets connections hang: its queue is full and nobody takes them.
 class FullServer
 {
@@ -86,7 +61,7 @@ public:
     int port() const { return listener.port(); }
 
 private:
-    const Listener listener{0};
+    const TcpListener listener{0};
     int filler = socket(AF_INET, SOCK_STREAM, 0);
 };
 
@@ -137,7 +112,7 @@ public:
     }
 
 private:
-    const Listener listener{1};
+    const TcpListener listener{1};
     int connection = -1;
 };
 
@@ -227,15 +202,6 @@ TEST_F(OsdLife, ConstructedStartsNothing)
     const qint64 time = elapsed([&] { socket.reset(); });
     EXPECT_GE(time, stopPauseMs);
     EXPECT_LT(time, stopPauseMs + loadedMachineMs);
-}
-
-// Otherwise the first connections, on several threads, race each other and Qt prints a warning.
-TEST_F(OsdLife, WhatQtRegistersOnTheFirstConnectionIsThereBefore)
-{
-    const Core_Osd_TcpSocket socket(nullptr);
-    const int session = QMetaType::type("QSharedPointer<QNetworkSession>");
-    ASSERT_NE(session, QMetaType::UnknownType);
-    EXPECT_TRUE(QMetaType::hasRegisteredConverterFunction(session, QMetaType::QObjectStar));
 }
 
 TEST_F(OsdLife, AParentIsAllowed)
@@ -386,8 +352,8 @@ TEST_F(OsdLife, GoesAwayDuringAWrite)
     const qint64 time = elapsed([&] { socket.reset(); });
     EXPECT_GE(time, stopPauseMs + hangUpMs);
     EXPECT_LT(time, stopPauseMs + hangUpMs + threadEndMs + loadedMachineMs);
+    endpoint.setFaults({}); // the lingering close waits for it
     EXPECT_TRUE(eventually([&] { return ended(); }));
-    endpoint.setFaults({});
     EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
 }
 
@@ -546,35 +512,128 @@ TEST_F(OsdLife, EveryStopEmitsCloseSocket)
     EXPECT_TRUE(eventually([&] { return ended(); }));
 }
 
-// What is heard late of a loss does not touch what has been started since.
-TEST_F(OsdLife, ALossIsToldBeforeTheNextStart)
+TEST_F(OsdLife, ALossIsToldOnTheWorkerAfterThePause)
 {
     Core_Osd_TcpSocket socket(nullptr);
-    int emitted = 0;
-    QObject::connect(&socket, &Core_Osd_TcpSocket::closeSocket, [&emitted] { ++emitted; });
-    connectAndAnswer(socket, 'a');
-    endpoint.hangUp(false);
-    while (!ended()) { // without the event loop
+    std::atomic<int> emitted{0};
+    std::atomic<bool> onWorker{true};
+    std::atomic<qint64> at{0};
+    QElapsedTimer clock;
+    clock.start();
+    QObject::connect(
+        &socket, &Core_Osd_TcpSocket::closeSocket, &socket,
+        [&] {
+            at = clock.elapsed();
+            onWorker = onWorker && QThread::currentThread() == socket.thread();
+            ++emitted;
+        },
+        Qt::DirectConnection);
+    for (int i = 1; i <= 4; ++i) {
+        connectAndAnswer(socket, static_cast<char>('a' + i));
+        const qint64 before = clock.elapsed();
+        endpoint.hangUp(i % 2 == 0);
+        while (emitted < i) { // without the event loop
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_GE(at - before, stopPauseMs);
+        EXPECT_TRUE(onWorker);
+        // A loss that has been told is over: what is started next is none of it.
+        connectAndAnswer(socket, 'n');
+        EXPECT_EQ(endpoint.connected(), 1);
+        socket.close(); // told here
+        onWorker = true;
+        emitted = i;
+    }
+    const int port = endpoint.port();
+    endpoint.setFault(Fault::Refuse, always);
+    socket.connectSever(address, port);
+    while (emitted < 5) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_EQ(emitted, 0);
-    connectAndAnswer(socket, 'b');
-    EXPECT_EQ(emitted, 1);
-    EXPECT_EQ(endpoint.connected(), 1);
-    answer('c');
+    EXPECT_TRUE(onWorker);
+}
 
-    // Started by another thread, that of the event loop comes too late to tell.
+TEST_F(OsdLife, ADestructorWaitsForALossThatIsBeingTold)
+{
+    auto socket = std::make_unique<Core_Osd_TcpSocket>(nullptr);
+    std::atomic<bool> inside{false};
+    std::atomic<bool> blocks{true};
+    std::atomic<bool> gone{false};
+    std::atomic<bool> goneWhileTold{false};
+    QObject::connect(
+        socket.get(), &Core_Osd_TcpSocket::closeSocket, socket.get(),
+        [&, worker = socket->thread()] {
+            if (QThread::currentThread() == worker) {
+                inside = true;
+                while (blocks) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+                goneWhileTold = gone.load();
+            }
+        },
+        Qt::DirectConnection);
+    connectAndAnswer(*socket, 'a');
     endpoint.hangUp(false);
-    while (!ended()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    const int accepted = endpoint.accepted();
-    std::thread([&] { socket.connectSever(address, endpoint.port()); }).join();
-    answer('d');
-    EXPECT_EQ(endpoint.connected(), 1);
-    EXPECT_EQ(endpoint.accepted(), accepted + 1);
-    Q_EMIT socket.closeSocket();
-    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+    ASSERT_TRUE(eventually([&] { return inside.load(); }));
+    std::thread destruction([&] {
+        socket.reset();
+        gone = true;
+    });
+    EXPECT_FALSE(eventually([&] { return gone.load(); },
+                            std::chrono::milliseconds(stopPauseMs + 2 * threadEndMs)));
+    blocks = false;
+    destruction.join();
+    EXPECT_FALSE(goneWhileTold);
+}
+
+TEST_F(OsdLife, ASlotThatHearsOfALossMayDestroyTheSocket)
+{
+    auto* const socket = new Core_Osd_TcpSocket(nullptr);
+    std::atomic<bool> destroyed{false};
+    bool told = false;
+    QObject::connect(
+        socket, &Core_Osd_TcpSocket::closeSocket, socket,
+        [&] {
+            if (!told) {
+                told = true;
+                delete socket;
+                destroyed = true;
+            }
+        },
+        Qt::DirectConnection);
+    connectAndAnswer(*socket, 'a');
+    endpoint.hangUp(false);
+    EXPECT_TRUE(eventually([&] { return destroyed.load(); }));
+}
+
+TEST_F(OsdLife, SlotsOutOfTurnDoNoHarm)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    const auto callAll = [&socket] {
+        socket.onConnected();
+        socket.onReadyRead();
+        socket.onSendDatatoDevice(osdhost::command(address));
+        socket.sendData("");
+        socket.sigDisConnect();
+        socket.onConnected();
+        socket.sigConnect();
+    };
+    connectAndAnswer(socket, 'a');
+    callAll();
+    socket.onCloseSocket(); // runs on, without a connection
+    ASSERT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+    callAll();
+    socket.sendData("nobody");
+    socket.onCloseSocket();
+    socket.onStarted();
+    answer('b');
+    const FullServer full;
+    socket.close();
+    socket.connectSever(address, full.port());
+    callAll();
+    socket.close();
+    callAll();
+    EXPECT_FALSE(endpoint.received().contains("nobody"));
 }
 
 TEST_F(OsdLife, BrokenSignalsKeepTheConnectionFromBeingClosed)

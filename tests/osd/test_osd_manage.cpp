@@ -7,6 +7,7 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "warningcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -43,6 +44,25 @@ bool answered(ICoreOsdBase& manager, const QString& ip, char ch2)
         return osdhost::bytes().contains(ch2);
     });
 }
+
+// A host's own manager, which declares the signal itself.
+class HostManager : public ICoreOsdBase
+{
+    Q_OBJECT
+
+public:
+    void openClient(QString /*ip*/, int /*port*/) override {}
+    void closeClient(QString /*ip*/) override {}
+
+Q_SIGNALS:
+    void sigSendDatatoDevice(model_OsdParam parameters);
+
+public Q_SLOTS:
+    void sendDatatoDevice(void* parameters) override
+    {
+        Q_EMIT sigSendDatatoDevice(*static_cast<const model_OsdParam*>(parameters));
+    }
+};
 
 } // namespace
 
@@ -311,6 +331,58 @@ TEST(OsdManage, TheSharedManagerMayGoWhileWorkersStartAndEnd)
     CoreFactory::iOsdCore = nullptr;
 }
 
+TEST(OsdManage, AHostsOwnManagerIsHeardToo)
+{
+    OsdSimulator near(at(first));
+    ASSERT_TRUE(near.start());
+    const std::unique_ptr<ICoreOsdBase> own(CoreFactory::creatCoreObjInstance(ConnOsdTcp));
+    for (int round = 0; round < 5; ++round) {
+        const auto host = std::make_unique<HostManager>();
+        CoreFactory::iOsdCore = host.get();
+        const int accepted = near.accepted();
+        own->openClient(first, near.port());
+        ASSERT_TRUE(eventually([&] { return near.accepted() == accepted + 1; }));
+        EXPECT_TRUE(answered(*host, first, static_cast<char>('a' + round)));
+        // From any thread, too.
+        std::thread([&] { send(*host, first, static_cast<char>('k' + round)); }).join();
+        EXPECT_TRUE(
+            eventually([&] { return osdhost::bytes().contains(static_cast<char>('k' + round)); }));
+        if (round % 2 == 0) {
+            near.hangUp(true); // while the manager goes
+        } else {
+            own->closeClient(first);
+        }
+        CoreFactory::iOsdCore = nullptr;
+        own->closeClient(first);
+    }
+}
+
+TEST(OsdManage, AManagerWithoutTheSignalIsNoHarm)
+{
+    class SilentManager : public ICoreOsdBase
+    {
+    public:
+        void openClient(QString /*ip*/, int /*port*/) override {}
+        void closeClient(QString /*ip*/) override {}
+        void sendDatatoDevice(void* /*parameters*/) override {}
+    };
+    OsdSimulator near(at(first));
+    ASSERT_TRUE(near.start());
+    const WarningCapture messages;
+    SilentManager silent;
+    CoreFactory::iOsdCore = &silent;
+    core_Osd_Manage own;
+    own.openClient(first, near.port());
+    own.openClient(second, near.port());
+    EXPECT_TRUE(eventually([&] { return near.connected() == 1; }));
+    send(own, first, 'n');
+    EXPECT_EQ(messages.lines().size(), 1) << messages.lines().join('\n').toStdString();
+    EXPECT_TRUE(messages.lines().value(0).contains(QLatin1String("sigSendDatatoDevice")));
+    own.closeClient(first);
+    EXPECT_EQ(near.received(), QByteArray());
+    CoreFactory::iOsdCore = nullptr;
+}
+
 TEST(OsdManage, AWallOfEndpointsTakesTwoThreadsEach)
 {
     constexpr int count = 30;
@@ -349,3 +421,5 @@ TEST(OsdManage, AWallOfEndpointsTakesTwoThreadsEach)
     }));
     EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
 }
+
+#include "test_osd_manage.moc"

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+#include "osdrecordsource.h"
+
+#include "icoreosdbase.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+
+namespace
+{
+
+std::atomic<ICoreOsdBase**> sharedPointer{nullptr};
+
+struct Managers {
+    std::mutex lock;
+    std::map<ICoreOsdBase*, std::shared_ptr<OsdRecords>> living; // null until someone listens
+};
+
+// Never destroyed: managers may be, while the process ends.
+Managers& managers()
+{
+    static auto* const instance = new Managers;
+    return *instance;
+}
+
+} // namespace
+
+void OsdRecords::add(OsdRecordListener& listener)
+{
+    const std::lock_guard locker(lock);
+    listeners.push_back(&listener);
+}
+
+void OsdRecords::remove(OsdRecordListener& listener)
+{
+    const std::lock_guard locker(lock);
+    listeners.erase(std::remove(listeners.begin(), listeners.end(), &listener), listeners.end());
+}
+
+void OsdRecords::onSendDatatoDevice(model_OsdParam parameters)
+{
+    const std::lock_guard locker(lock);
+    for (OsdRecordListener* const listener : listeners) {
+        listener->take(parameters);
+    }
+}
+
+bool osdrecordsource::share(ICoreOsdBase*& pointer) noexcept
+{
+    sharedPointer = &pointer;
+    return true;
+}
+
+void osdrecordsource::set(ICoreOsdBase* manager)
+{
+    __atomic_store_n(sharedPointer.load(), manager, __ATOMIC_RELEASE);
+}
+
+std::shared_ptr<OsdRecords> osdrecordsource::shared()
+{
+    ICoreOsdBase** const pointer = sharedPointer;
+    const std::lock_guard lock(managers().lock);
+    auto& living = managers().living;
+    const auto found =
+        living.find(pointer == nullptr ? nullptr : __atomic_load_n(pointer, __ATOMIC_ACQUIRE));
+    if (found == living.end()) {
+        return nullptr;
+    }
+    if (!found->second) {
+        found->second = std::make_shared<OsdRecords>();
+        // By name: a host's own manager declares the signal itself.
+        QObject::connect(found->first, SIGNAL(sigSendDatatoDevice(model_OsdParam)),
+                         found->second.get(), SLOT(onSendDatatoDevice(model_OsdParam)),
+                         Qt::DirectConnection);
+    }
+    return found->second;
+}
+
+void osdrecordsource::add(ICoreOsdBase* manager)
+{
+    const std::lock_guard lock(managers().lock);
+    managers().living.emplace(manager, nullptr);
+}
+
+void osdrecordsource::remove(ICoreOsdBase* manager)
+{
+    const std::lock_guard lock(managers().lock);
+    const auto records = managers().living.extract(manager);
+    if (!records.empty() && records.mapped()) {
+        manager->disconnect(records.mapped().get());
+    }
+}
