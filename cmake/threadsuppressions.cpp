@@ -14,6 +14,5 @@ extern "C" const char* __tsan_default_suppressions()
            "race:libgobject-2.0.so\n"
            "race:libumockdev.so\n"
            "race:QObjectPrivate::ConnectionData::deleteOrphaned\n"
-           "race:OsdConnection::onSendDatatoDevice\n"
            "race:QMetaTypeFunctionHelper<model_OsdParam\n";
 }
