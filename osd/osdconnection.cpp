@@ -16,6 +16,9 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,7 +26,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,34 +45,32 @@ constexpr std::chrono::milliseconds endLimit{500};
 constexpr std::chrono::milliseconds lossPause{100}; // for the parser to come to its end
 
 // Event loops that get no descriptor end the process. So there must be some for all of those that
-// are about to be made, and for what other threads of the process take meanwhile.
+// are about to be made, for their sockets, and for what other threads of the process take
+// meanwhile.
 constexpr int descriptorsEach = 2; // the event loop's and the socket
 constexpr int descriptorsSpare = 4;
-std::mutex startLock;
-int starting = 0; // threads that may not have their event loops yet
+std::mutex promiseLock;
+int promised = 0; // descriptors that connections are about to take
 
+// Counted, not tried: what a try takes would be missing in an event loop that is being made.
 bool hasDescriptors(int count)
 {
-    const int descriptor = count > 0 ? eventfd(0, EFD_CLOEXEC) : -1;
-    const bool enough = count == 0 || (descriptor >= 0 && hasDescriptors(count - 1));
-    if (descriptor >= 0) {
-        close(descriptor);
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    std::error_code error;
+    const std::filesystem::directory_iterator open("/proc/self/fd", error);
+    if (error) {
+        return error != std::errc::too_many_files_open;
     }
-    return enough;
+    return static_cast<rlim_t>(std::distance(begin(open), end(open)) + count) <= limit.rlim_cur;
 }
 
-bool reserveStart()
+bool promiseDescriptors()
 {
-    const std::lock_guard lock(startLock);
-    const bool enough = hasDescriptors(descriptorsEach * (starting + 1) + descriptorsSpare);
-    starting += enough ? 1 : 0;
+    const std::lock_guard lock(promiseLock);
+    const bool enough = hasDescriptors(promised + descriptorsEach + descriptorsSpare);
+    promised += enough ? descriptorsEach : 0;
     return enough;
-}
-
-void endStart()
-{
-    const std::lock_guard lock(startLock);
-    --starting;
 }
 
 // A function on its way to a connection's thread. The event queue deletes it when it has run and
@@ -145,9 +146,10 @@ OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> to, Core_Osd_TcpSocket
 
 bool OsdConnection::begin()
 {
-    if (!reserveStart()) {
+    if (!promiseDescriptors()) {
         return false;
     }
+    awaited = descriptorsEach;
     idle = false;
     begun = false;
     endpoint->begin();
@@ -157,6 +159,7 @@ bool OsdConnection::begin()
         (void)post([from = osdrecordsource::shared()](OsdConnection& connection) {
             connection.connectSignals(from);
             connection.open();
+            connection.await(0);
         });
         start();
         runs = isRunning() || isFinished();
@@ -166,14 +169,13 @@ bool OsdConnection::begin()
     }
     if (!runs) {
         end();
-        endStart();
     }
     return runs;
 }
 
 void OsdConnection::run()
 {
-    endStart();
+    await(1); // the event loop has its own
     lost = false;
     exec();
     disconnectSignals();
@@ -189,8 +191,16 @@ void OsdConnection::run()
     showWrites();
 }
 
+void OsdConnection::await(int descriptors)
+{
+    const std::lock_guard lock(promiseLock);
+    promised -= awaited - descriptors;
+    awaited = descriptors;
+}
+
 void OsdConnection::end()
 {
+    await(0);
     endpoint->stop(); // a host may have begun it while its thread was being ended
     const std::lock_guard lock(callLock);
     takesCalls = false;

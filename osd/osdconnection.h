@@ -79,6 +79,7 @@ protected:
 
 private:
     std::shared_ptr<std::atomic<bool>> post(const Function& function);
+    void await(int descriptors);
     void end();
     void keep();
     void showWrites() { const std::lock_guard lock(callLock); }
@@ -99,6 +100,7 @@ private:
     Core_Osd_TcpSocket* owner;
 
     // This thread's own.
+    int awaited = 0; // descriptors that it is about to take
     std::shared_ptr<OsdRecords> records;
     int descriptor = -1;
     std::unique_ptr<QSocketNotifier> readable; // exist while the descriptor does

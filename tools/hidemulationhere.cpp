@@ -15,7 +15,8 @@
 namespace
 {
 
-constexpr qint64 filesOfADevice = 256 * 1024; // forty small ones, each in a block of its own
+constexpr qint64 filesOfADevice =
+    qint64{256} * 1024; // forty small ones, each in a block of its own
 
 std::mutex warningLock; // a leaf
 QString warning;        // GLib's first one
