@@ -3,9 +3,8 @@
 
 #include "icoreosdbase.h"
 
-#include <algorithm>
 #include <atomic>
-#include <map>
+#include <utility>
 
 namespace
 {
@@ -26,23 +25,23 @@ Managers& managers()
 
 } // namespace
 
-void OsdRecords::add(OsdRecordListener& listener)
+void OsdRecords::add(const void* who, Taker taker)
 {
     const std::lock_guard locker(lock);
-    listeners.push_back(&listener);
+    takers[who] = std::move(taker);
 }
 
-void OsdRecords::remove(OsdRecordListener& listener)
+void OsdRecords::remove(const void* who)
 {
     const std::lock_guard locker(lock);
-    listeners.erase(std::remove(listeners.begin(), listeners.end(), &listener), listeners.end());
+    takers.erase(who);
 }
 
 void OsdRecords::onSendDatatoDevice(model_OsdParam parameters)
 {
     const std::lock_guard locker(lock);
-    for (OsdRecordListener* const listener : listeners) {
-        listener->take(parameters);
+    for (const auto& [who, take] : takers) {
+        take(parameters);
     }
 }
 

@@ -5,26 +5,12 @@
 
 #include <QObject>
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 class ICoreOsdBase;
-
-/// Wants the records of a manager of endpoints.
-class OsdRecordListener
-{
-public:
-    OsdRecordListener() = default;
-    OsdRecordListener(const OsdRecordListener&) = delete;
-    OsdRecordListener& operator=(const OsdRecordListener&) = delete;
-
-    /// One record, on the thread that emits it. Must neither block nor use OsdRecords.
-    virtual void take(const model_OsdParam& record) = 0;
-
-protected:
-    ~OsdRecordListener() = default;
-};
 
 /// Hands the records of one manager, whatever its class, to those who want them. Workers come and
 /// go here, so that they never touch the manager, which its owner may be destroying. Any thread.
@@ -33,15 +19,18 @@ class OsdRecords : public QObject
     Q_OBJECT
 
 public:
-    void add(OsdRecordListener& listener);
-    void remove(OsdRecordListener& listener); ///< no record reaches it once this has returned
+    /// Takes one record, on the thread that emits it. Must neither block nor use OsdRecords.
+    using Taker = std::function<void(const model_OsdParam&)>;
+
+    void add(const void* who, Taker taker);
+    void remove(const void* who); ///< no record reaches it once this has returned
 
 public Q_SLOTS:
     void onSendDatatoDevice(model_OsdParam parameters);
 
 private:
-    std::mutex lock; // what the listeners lock goes below it
-    std::vector<OsdRecordListener*> listeners;
+    std::mutex lock; // what the takers lock goes below it
+    std::map<const void*, Taker> takers;
 };
 
 /// The shared manager as the endpoints see it. Any thread.

@@ -68,9 +68,16 @@ bool hasDescriptors(int count)
 bool promiseDescriptors()
 {
     const std::lock_guard lock(promiseLock);
-    const bool enough = hasDescriptors(promised + descriptorsEach + descriptorsSpare);
-    promised += enough ? descriptorsEach : 0;
-    return enough;
+    promised += descriptorsEach;
+    return hasDescriptors(promised + descriptorsSpare);
+}
+
+// Qt's own locks order what crosses threads with an event, or by wait(), but thread checkers do not
+// know them: both sides come by here.
+void showWrites()
+{
+    static std::mutex lock; // a leaf
+    const std::lock_guard locker(lock);
 }
 
 // A function on its way to a connection's thread. The event queue deletes it when it has run and
@@ -82,7 +89,11 @@ public:
         : QEvent(User), function(std::move(f)), over(std::move(o))
     {
     }
-    ~Call() override { *over = true; }
+    ~Call() override
+    {
+        showWrites();
+        *over = true;
+    }
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
@@ -146,10 +157,11 @@ OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> to, Core_Osd_TcpSocket
 
 bool OsdConnection::begin()
 {
+    awaited = descriptorsEach;
     if (!promiseDescriptors()) {
+        await(0);
         return false;
     }
-    awaited = descriptorsEach;
     idle = false;
     begun = false;
     endpoint->begin();
@@ -239,6 +251,7 @@ std::shared_ptr<std::atomic<bool>> OsdConnection::post(const Function& function)
 {
     auto over = std::make_shared<std::atomic<bool>>(false);
     auto call = std::make_unique<Call>(function, over);
+    showWrites();
     const std::lock_guard lock(callLock);
     if (takesCalls) {
         QCoreApplication::postEvent(this, call.release());
@@ -265,8 +278,6 @@ bool OsdConnection::isIdle() const
     return idle;
 }
 
-// Qt's own locks order what crosses threads with an event, or by wait(), but thread checkers do not
-// know them.
 bool OsdConnection::event(QEvent* event)
 {
     showWrites();
@@ -312,7 +323,7 @@ void OsdConnection::connectSignals(std::shared_ptr<OsdRecords> from)
     disconnectSignals();
     records = std::move(from);
     if (records) {
-        records->add(*this);
+        records->add(this, [this](const model_OsdParam& record) { take(record); });
     }
     listening = true;
     updateNotifiers();
@@ -321,7 +332,7 @@ void OsdConnection::connectSignals(std::shared_ptr<OsdRecords> from)
 void OsdConnection::disconnectSignals()
 {
     if (records) {
-        records->remove(*this);
+        records->remove(this);
         records.reset();
     }
     listening = false;

@@ -21,9 +21,7 @@ class Core_Osd_TcpSocket;
 ///
 /// The socket is the system's own rather than Qt's, which closes it when a write fails, with what
 /// the endpoint has answered still in it, and has no way to hand it on to a lingering close.
-class OsdConnection : public QThread,
-                      public OsdRecordListener,
-                      public std::enable_shared_from_this<OsdConnection>
+class OsdConnection : public QThread, public std::enable_shared_from_this<OsdConnection>
 {
 public:
     using Function = std::function<void(OsdConnection&)>;
@@ -45,7 +43,7 @@ public:
     void call(const Function& function);
 
     /// Has the record sent if it is addressed to this endpoint. Does not wait. Any thread.
-    void take(const model_OsdParam& record) override;
+    void take(const model_OsdParam& record);
 
     /// No loss is told any more. Waits for what hears of one right now, however long that takes,
     /// unless it is the caller.
@@ -82,7 +80,6 @@ private:
     void await(int descriptors);
     void end();
     void keep();
-    void showWrites() { const std::lock_guard lock(callLock); }
     void lose();
     void onWritable();
     void updateNotifiers();
