@@ -76,11 +76,13 @@ model_Protocoldata undecodable(const char* reason)
 
 } // namespace
 
-core_UDP::core_UDP()
-    : link(std::make_shared<UdpLink>(
-          UdpLink::Transport{this, [this] { listen(); }, [this] { Q_EMIT signalReInitUdp(); }})),
-      cmdsWork(std::make_shared<biz_CMDSWork>())
+core_UDP::core_UDP() : link(std::make_shared<UdpLink>()), cmdsWork(std::make_shared<biz_CMDSWork>())
 {
+    // Queued: a send may come from any thread, and what a slot does is not the sender's to wait
+    // for.
+    connect(link.get(), &UdpLink::opened, this, &core_UDP::listen, Qt::QueuedConnection);
+    connect(link.get(), &UdpLink::unknownSent, this, &core_UDP::signalReInitUdp,
+            Qt::QueuedConnection);
     initUdp();
     link->setDeviceIP(QStringLiteral("100.100.100.100"));
 }
@@ -88,6 +90,7 @@ core_UDP::core_UDP()
 core_UDP::~core_UDP()
 {
     disconnect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp);
+    disconnect(link.get(), nullptr, this, nullptr); // while it is there: another thread may end it
     stopListening();
     link->abandon();
 }

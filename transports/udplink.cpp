@@ -6,9 +6,8 @@
 #include "replyqueue.h"
 #include "utility_manage.h"
 
-#include <QObject>
-
 #include <chrono>
+#include <functional>
 #include <thread>
 
 namespace
@@ -79,8 +78,6 @@ bool hasThreads()
 
 } // namespace
 
-UdpLink::UdpLink(Transport owner) : transport(std::move(owner)) {}
-
 std::shared_ptr<UdpSocket> UdpLink::exchange(std::shared_ptr<UdpSocket> next, bool rebuild)
 {
     const std::lock_guard lock(socketLock);
@@ -115,8 +112,6 @@ void UdpLink::abandon()
     if (const auto last = exchange(nullptr, false)) {
         last->retire();
     }
-    const std::lock_guard lock(transportLock);
-    transport.object = nullptr;
 }
 
 void UdpLink::setDeviceIP(const QString& ip)
@@ -150,7 +145,7 @@ qint64 UdpLink::write(const char* data, int size, const Destination& to)
 {
     for (auto through = socketNow(); through; through = socketNow()) {
         if (!through->isOpen() && hasThreads() && through->open()) {
-            invoke(&Transport::listen);
+            Q_EMIT opened();
         }
         const qint64 written = through->write(data, size, to.address, to.port);
         if (written >= 0 || !through->isRetired()) {
@@ -203,7 +198,7 @@ bool UdpLink::sendTo(const QString& ip, const QByteArray& frame)
     const auto tell = [link = shared_from_this(), outcome, frame] {
         report(outcome, unicastTexts, frame);
         if (outcome == SendOutcome::Unknown) {
-            link->invoke(&Transport::reInit);
+            Q_EMIT link->unknownSent();
         }
     };
     if (isBehind()) {
@@ -225,16 +220,6 @@ void UdpLink::reportFailure(const char* text)
 bool UdpLink::isBehind()
 {
     return reports().size() >= reportLimit;
-}
-
-// Through the transport's event queue: what it leads to is host code, which the transport's
-// destructor must not wait for.
-void UdpLink::invoke(std::function<void()> Transport::*call)
-{
-    const std::lock_guard lock(transportLock);
-    if (transport.object != nullptr) {
-        QMetaObject::invokeMethod(transport.object, transport.*call, Qt::QueuedConnection);
-    }
 }
 
 SendOutcome classifySent(qint64 sum, int frameSize)

@@ -5,14 +5,12 @@
 
 #include <QByteArray>
 #include <QHostAddress>
+#include <QObject>
 #include <QString>
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <mutex>
-
-class QObject;
 
 /// How one frame went out.
 enum class SendOutcome { Successful, Failed, BroadcastFailed, Unknown };
@@ -22,28 +20,21 @@ enum class SendOutcome { Successful, Failed, BroadcastFailed, Unknown };
 ///
 /// Any thread may use it. No lock is held while a datagram is written, while host code runs, or
 /// while another lock is taken.
-class UdpLink : public std::enable_shared_from_this<UdpLink>
+class UdpLink : public QObject, public std::enable_shared_from_this<UdpLink>
 {
+    Q_OBJECT
+
 public:
-    /// What senders have the transport do, in its own thread.
-    struct Transport {
-        QObject* object;
-        std::function<void()> listen; ///< the socket is open now
-        std::function<void()> reInit; ///< a frame of the system plan went wrong in an unknown way
-    };
-
-    explicit UdpLink(Transport transport);
-
     /// Opens a socket that datagrams go through from now on, and returns it. Without a descriptor,
-    /// or a thread for what the host may keep waiting, the next send tries again to open it, and
-    /// has the transport listen then; a thread that is refused is noted in the log.
+    /// or a thread for what the host may keep waiting, the next send tries again to open it; a
+    /// thread that is refused is noted in the log.
     std::shared_ptr<UdpSocket> attach(quint16 localPort);
 
     /// Closes the socket. Until the next attach, which must follow at once, sends wait, also
     /// between two datagrams of a frame: they are not to fail because the socket is being rebuilt.
     void detach();
 
-    /// Closes the socket for good: the transport is being destroyed.
+    /// Closes the socket for good.
     void abandon();
 
     void setDeviceIP(const QString& ip);
@@ -57,7 +48,7 @@ public:
     SendOutcome sendBroadcast(const QByteArray& frame);
 
     /// sendUnicast if the device's address is exactly \a ip, else false. The outcome is reported on
-    /// another thread; one that is unknown makes the transport emit signalReInitUdp in its own.
+    /// another thread, and there unknownSent is emitted if it is unknown.
     bool sendTo(const QString& ip, const QByteArray& frame);
 
     /// Has \a text, which must live for ever, written as a debug line and to the log, by another
@@ -67,6 +58,10 @@ public:
     /// Whether what waits for the host's log has reached its bound: then nothing more is to be
     /// read.
     static bool isBehind();
+
+Q_SIGNALS:
+    void opened();      ///< a send has opened the socket, which may be read from now on
+    void unknownSent(); ///< a frame of sendTo went wrong in an unknown way
 
 private:
     struct Destination {
@@ -79,19 +74,16 @@ private:
     std::shared_ptr<UdpSocket> exchange(std::shared_ptr<UdpSocket> next, bool rebuild);
     SendOutcome send(const QByteArray& frame, const Destination& to);
     qint64 write(const char* data, int size, const Destination& to);
-    void invoke(std::function<void()> Transport::*call);
 
     // Each a leaf.
     mutable std::mutex destinationLock; // strDeviceIP, deviceAddress
     mutable std::mutex socketLock;      // socket, rebuilding
-    std::mutex transportLock;           // transport
 
     QString strDeviceIP;
     QHostAddress deviceAddress; // strDeviceIP parsed
     std::atomic<int> nPort{0};
     std::shared_ptr<UdpSocket> socket; // null while there is none
     bool rebuilding = false;           // an attach follows at once
-    Transport transport;               // its object is null once it is being destroyed
 };
 
 /// The size of a datagram's share of a frame, in bytes.

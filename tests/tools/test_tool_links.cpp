@@ -505,23 +505,28 @@ private:
     std::thread sender;
 };
 
-// On a loaded machine now and then a try takes longer; no try does where the flood keeps the signal
-// from being seen.
+// A second more than without a flood. On a loaded machine now and then a try takes longer; all do
+// where the flood keeps the signal from being seen.
 TEST_F(Listen, EndsWithinASecondOfCtrlCInAFlood)
 {
+    QElapsedTimer clock;
+    const auto quiet = listen("--json");
+    clock.start();
+    quiet->interrupt();
+    EXPECT_EQ(quiet->exitCode(), 0);
+    const qint64 limit = 1000 + clock.elapsed();
     for (const QByteArray& datagram : {replyText(0x10, 0x01), QByteArray("<F5a0110020000006e>")}) {
         qint64 best = std::numeric_limits<qint64>::max();
-        for (int tries = 0; tries < 5 && best > 1000; ++tries) {
+        for (int tries = 0; tries < 5 && best > limit; ++tries) {
             const auto tool = listen("--json");
             const Flood flood(datagram);
             ASSERT_TRUE(eventually([&flood] { return flood.sent() > 50000; }));
-            QElapsedTimer clock;
             clock.start();
             tool->interrupt();
             EXPECT_EQ(tool->exitCode(), 0);
             best = std::min(best, clock.elapsed());
         }
-        EXPECT_LE(best, 1000) << datagram.constData();
+        EXPECT_LE(best, limit) << datagram.constData();
     }
 }
 

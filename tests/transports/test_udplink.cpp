@@ -126,7 +126,7 @@ TEST(UdpLink, SendThatWaitsForARebuildTakesTheDestinationAfterIt)
 {
     UdpPeer before;
     UdpPeer after(QStringLiteral("127.0.0.2"));
-    const auto link = std::make_shared<UdpLink>(UdpLink::Transport{nullptr, {}, {}});
+    const auto link = std::make_shared<UdpLink>();
     link->setDeviceIP(QStringLiteral("127.0.0.1"));
     link->setPort(before.port());
     link->detach();
