@@ -3,6 +3,7 @@
 #include "core_osd_tcpsocket.h"
 #include "corefactory.h"
 #include "eventually.h"
+#include "hostmanager.h"
 #include "metamethods.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
@@ -44,25 +45,6 @@ bool answered(ICoreOsdBase& manager, const QString& ip, char ch2)
         return osdhost::bytes().contains(ch2);
     });
 }
-
-// A host's own manager, which declares the signal itself.
-class HostManager : public ICoreOsdBase
-{
-    Q_OBJECT
-
-public:
-    void openClient(QString /*ip*/, int /*port*/) override {}
-    void closeClient(QString /*ip*/) override {}
-
-Q_SIGNALS:
-    void sigSendDatatoDevice(model_OsdParam parameters);
-
-public Q_SLOTS:
-    void sendDatatoDevice(void* parameters) override
-    {
-        Q_EMIT sigSendDatatoDevice(*static_cast<const model_OsdParam*>(parameters));
-    }
-};
 
 } // namespace
 
@@ -421,5 +403,3 @@ TEST(OsdManage, AWallOfEndpointsTakesTwoThreadsEach)
     }));
     EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
 }
-
-#include "test_osd_manage.moc"
