@@ -52,9 +52,11 @@ public:
         if (!present) {
             present.emplace();
         }
+        if (pending.empty()) {
+            sem_post(&wake);
+        }
         pending.push_back(std::move(item));
         ++count;
-        sem_post(&wake);
         (void)startLocked();
     }
 
