@@ -146,7 +146,7 @@ TEST_F(OsdWalls, WithoutDescriptorsEndpointsStayUnconnectedAndTheLogSaysSo)
 TEST_F(OsdWalls, ADarkWallClosesAtOnceAndIsDeliveredWhenTheNetworkIsBack)
 {
     if (!netns::isolated()) {
-        GTEST_SKIP() << "needs a network of its own";
+        GTEST_SKIP() << "this system allows no network namespace";
     }
     constexpr int count = 100;
     const TcpListener listener(count);
