@@ -2,7 +2,7 @@
 #include "literalosdsocket.h"
 
 #include "biz_osd_cmdswork.h"
-#include "fixedlocalport.h"
+#include "core/protocol/fixedlocalport.h"
 #include "literalosdmanage.h"
 
 #include <QHostAddress>

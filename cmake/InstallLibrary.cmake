@@ -4,16 +4,11 @@ include(CMakePackageConfigHelpers)
 
 set(CORE_MANAGE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Core_Manage")
 
+get_target_property(header_sets Core_Manage INTERFACE_HEADER_SETS)
+list(TRANSFORM header_sets REPLACE "(.+)"
+    "FILE_SET;\\1;DESTINATION;${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
 install(TARGETS Core_Manage EXPORT Core_ManageTargets
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(FILES
-    core/core_manage.h core/corefactory.h core/icorebase.h core/icoreosdbase.h
-    core/replystreamparser.h
-    osd/core_osd_manage.h osd/core_osd_tcpsocket.h
-    transports/core_serialport.h transports/core_udp.h transports/core_usb.h transports/serialline.h
-    transports/vela_core_serialport.h
-    "${PROJECT_BINARY_DIR}/core/core_manage_export.h"
-    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" ${header_sets})
 
 # Where consumers find the host: headers and a library outside the package, unless it brings them.
 # The host of an enclosing project is that project's to bring.

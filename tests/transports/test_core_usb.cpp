@@ -12,7 +12,7 @@
 #include "processstate.h"
 #include "receivebuffer.h"
 #include "replybytes.h"
-#include "tests/core/parserloop.h"
+#include "tests/stream/parserloop.h"
 #include "threadrefusal.h"
 #include "utility_manage.h"
 
