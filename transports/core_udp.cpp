@@ -17,6 +17,8 @@
 #include <QSocketNotifier>
 #include <QTimer>
 
+#include <utility>
+
 std::mutex core_UDP::stdCMDlock;
 
 namespace
@@ -31,7 +33,7 @@ constexpr quint8 broadcastMode = 1;
 constexpr int readSliceMs = 5; // then the other events of the thread have their turn
 constexpr int heldBackMs = 20;
 
-// Looked up as hosts have always seen it done; the socket binds to every interface all the same.
+// Without effect on the socket, which binds to every interface.
 QHostAddress firstLocalAddress()
 {
     const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
@@ -92,7 +94,7 @@ core_UDP::~core_UDP()
     disconnect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp);
     disconnect(link.get(), nullptr, this, nullptr); // while it is there: another thread may end it
     stopListening();
-    link->abandon();
+    link->close();
 }
 
 void core_UDP::setDeviceIP(QString ip)
@@ -142,14 +144,13 @@ void core_UDP::rebuild(Device device)
     if (device == Device::Forgotten) {
         link->setDeviceIP(QString()); // the host must set the address anew, as soon as from here on
     }
-    // Before the detach: sends must not wait for the host's code.
+    // Before the rebuild: sends must not wait for the host's code.
     const bool fixedPort = usesFixedPort(Utility_Manage::getDeviceType());
     [[maybe_unused]] const QHostAddress local = firstLocalAddress();
     stopListening();
-    link->detach(); // what is pending goes with the socket
     forgetReceived();
-    link->setPort(fixedPort ? fixedDevicePort : defaultDevicePort);
-    udpSocket = link->attach(fixedPort ? fixedDevicePort : fixedLocalPort());
+    link->rebuild(fixedPort ? fixedDevicePort : fixedLocalPort(),
+                  fixedPort ? fixedDevicePort : defaultDevicePort);
     listen();
     // One more connection each time: hosts count on every re-initialisation multiplying the runs.
     connect(this, &core_UDP::signalReInitUdp, this, &core_UDP::reInitUdp, Qt::QueuedConnection);
@@ -157,8 +158,8 @@ void core_UDP::rebuild(Device device)
 
 void core_UDP::listen()
 {
-    if (readable == nullptr && udpSocket->readable() >= 0) {
-        readable = new QSocketNotifier(udpSocket->readable(), QSocketNotifier::Read, this);
+    if (readable == nullptr && link->readable() >= 0) {
+        readable = new QSocketNotifier(link->readable(), QSocketNotifier::Read, this);
         connect(readable, &QSocketNotifier::activated, this, &core_UDP::onReadable);
     }
     if (readable != nullptr) {
@@ -275,7 +276,7 @@ bool core_UDP::readNext()
 {
     QByteArray datagram;
     QHostAddress address;
-    if (!udpSocket->read(datagram, address)) {
+    if (!link->read(datagram, address)) {
         return false;
     }
     const QString sender = senderText(address);
@@ -319,26 +320,21 @@ void core_UDP::route(const model_Protocoldata& record, const QByteArray& datagra
     }
 }
 
-// The join itself is cheap and waits for nothing; what may wait for the host is posted, before the
-// wait for the class-wide lock.
+// Taken at once: the host's message handler may have the next datagrams read and a reply stored.
 void core_UDP::join(const model_Protocoldata& stamps, const QByteArray& block)
 {
     model_Protocoldata record;
-    const QByteArray reply = stdCMD;
+    const QByteArray reply = std::exchange(stdCMD, QByteArray());
     if (const char* failure = joined(block, reply, record)) {
         replyqueue::raiseRetFlag();
         UdpLink::reportFailure(failure);
-    } else {
-        record.strKey = stamps.strKey;
-        record.strKey2 = stamps.strKey2;
-        record.bKeyFlag = stamps.bKeyFlag;
-        record.featureCode = stamps.featureCode;
-        replyqueue::post(std::move(record));
+        return;
     }
-    const std::lock_guard lock(stdCMDlock);
-    if (stdCMD.isSharedWith(reply)) { // else the host's code had another one read and stored
-        stdCMD.clear();
-    }
+    record.strKey = stamps.strKey;
+    record.strKey2 = stamps.strKey2;
+    record.bKeyFlag = stamps.bKeyFlag;
+    record.featureCode = stamps.featureCode;
+    replyqueue::post(std::move(record));
 }
 
 const char* core_UDP::joined(const QByteArray& received, const QByteArray& reply,

@@ -13,7 +13,6 @@
 
 class QSocketNotifier;
 class UdpLink;
-class UdpSocket;
 
 /// The device over UDP. Commands go out as text frames in datagrams of at most 540 bytes; a reply
 /// is one datagram of 19 bytes, and a reply that carries a block is followed by the block in a
@@ -132,9 +131,8 @@ private:
     void forgetReceived();
 
     QByteArray lastDatagram;
-    std::shared_ptr<UdpSocket> udpSocket;   // shared with the sending threads
+    std::shared_ptr<UdpLink> link;          // udpSocket, strDeviceIP, nPort; shared with senders
     QSocketNotifier* readable = nullptr;    // watches udpSocket; a child
-    std::shared_ptr<UdpLink> link;          // holds strDeviceIP and nPort
     std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the thread of clearQueue
     QByteArray stdCMD;                      // standard reply that waits for its block
     QByteArray blockCMD;                    // cleared with stdCMD, used nowhere

@@ -6,15 +6,11 @@
 #include "replyqueue.h"
 #include "utility_manage.h"
 
-#include <chrono>
 #include <functional>
-#include <thread>
 
 namespace
 {
 
-constexpr std::chrono::milliseconds rebuildPause{1};
-constexpr int rebuildLooks = 1000; // a rebuild takes a millisecond or two
 constexpr std::size_t reportLimit = 65536;
 
 // The result of an operation that is still in progress, as the device's first driver returned it.
@@ -78,81 +74,65 @@ bool hasThreads()
 
 } // namespace
 
-std::shared_ptr<UdpSocket> UdpLink::exchange(std::shared_ptr<UdpSocket> next, bool rebuild)
+bool UdpLink::open()
 {
-    const std::lock_guard lock(socketLock);
-    rebuilding = rebuild;
-    socket.swap(next);
-    return next;
+    return hasThreads() && udpSocket.open(*localPort);
 }
 
-std::shared_ptr<UdpSocket> UdpLink::attach(quint16 localPort)
+void UdpLink::rebuild(quint16 newLocalPort, int devicePort)
 {
-    auto next = std::make_shared<UdpSocket>(localPort);
-    const bool isServed = hasThreads();
-    if (isServed) {
-        next->open();
+    {
+        const std::lock_guard guard(lock);
+        udpSocket.close(); // what is pending goes with it
+        device.port = static_cast<quint16>(devicePort);
+        localPort = newLocalPort;
+        (void)open();
     }
-    exchange(next, false);
-    if (!isServed) {
+    if (!hasThreads()) {
         Utility_Manage::writeLog(QStringLiteral("UDP: the system refuses a thread, link closed"));
     }
-    return next;
 }
 
-void UdpLink::detach()
+void UdpLink::close()
 {
-    if (const auto last = exchange(nullptr, true)) {
-        last->retire();
-    }
-}
-
-void UdpLink::abandon()
-{
-    if (const auto last = exchange(nullptr, false)) {
-        last->retire();
-    }
+    const std::lock_guard guard(lock);
+    localPort.reset();
+    udpSocket.close();
 }
 
 void UdpLink::setDeviceIP(const QString& ip)
 {
     const QHostAddress parsed(ip);
-    const std::lock_guard lock(destinationLock);
-    strDeviceIP = ip;
-    deviceAddress = parsed;
+    const std::lock_guard guard(lock);
+    device.text = ip;
+    device.address = parsed;
 }
 
-quint16 UdpLink::port() const
+void UdpLink::setPort(int port)
 {
-    return static_cast<quint16>(nPort.load(std::memory_order_relaxed));
+    const std::lock_guard guard(lock);
+    device.port = static_cast<quint16>(port);
 }
 
-std::shared_ptr<UdpSocket> UdpLink::socketNow() const
+UdpLink::Destination UdpLink::destination() const
 {
-    for (int look = 0;; ++look) {
-        {
-            const std::lock_guard lock(socketLock);
-            if (!rebuilding || look == rebuildLooks) {
-                return socket;
-            }
-        }
-        std::this_thread::sleep_for(rebuildPause);
-    }
+    const std::lock_guard guard(lock);
+    return device;
 }
 
-// A socket that is rebuilt meanwhile is no failure: the datagram goes through the new one.
 qint64 UdpLink::write(const char* data, int size, const Destination& to)
 {
-    for (auto through = socketNow(); through; through = socketNow()) {
-        if (!through->isOpen() && hasThreads() && through->open()) {
-            Q_EMIT opened();
-        }
-        const qint64 written = through->write(data, size, to.address, to.port);
-        if (written >= 0 || !through->isRetired()) {
-            return written;
-        }
+    bool isOpened = false;
+    qint64 written = -1;
+    {
+        const std::lock_guard guard(lock);
+        isOpened = !udpSocket.isOpen() && localPort && open();
+        written = udpSocket.write(data, size, to.address, to.port);
     }
-    return -1;
+    if (isOpened) {
+        Q_EMIT opened();
+    }
+    return written;
 }
 
 SendOutcome UdpLink::send(const QByteArray& frame, const Destination& to)
@@ -164,20 +144,14 @@ SendOutcome UdpLink::send(const QByteArray& frame, const Destination& to)
 
 SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 {
-    (void)socketNow(); // a rebuild that it waits for changes the destination
-    Destination device;
-    {
-        const std::lock_guard lock(destinationLock);
-        device = {deviceAddress, port()};
-    }
-    const SendOutcome outcome = send(frame, device);
+    const SendOutcome outcome = send(frame, destination());
     report(outcome, unicastTexts, frame);
     return outcome;
 }
 
 SendOutcome UdpLink::sendBroadcast(const QByteArray& frame)
 {
-    const Destination everyone{QHostAddress(QHostAddress::Broadcast), port()};
+    const Destination everyone{{}, QHostAddress(QHostAddress::Broadcast), destination().port};
     const SendOutcome outcome =
         classifySent(write(frame.constData(), frame.size(), everyone), frame.size());
     report(outcome, broadcastTexts, frame);
@@ -186,15 +160,11 @@ SendOutcome UdpLink::sendBroadcast(const QByteArray& frame)
 
 bool UdpLink::sendTo(const QString& ip, const QByteArray& frame)
 {
-    Destination device;
-    {
-        const std::lock_guard lock(destinationLock);
-        if (strDeviceIP != ip) {
-            return false;
-        }
-        device = {deviceAddress, port()};
+    const Destination to = destination();
+    if (to.text != ip) {
+        return false;
     }
-    const SendOutcome outcome = send(frame, device);
+    const SendOutcome outcome = send(frame, to);
     const auto tell = [link = shared_from_this(), outcome, frame] {
         report(outcome, unicastTexts, frame);
         if (outcome == SendOutcome::Unknown) {

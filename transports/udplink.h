@@ -8,37 +8,41 @@
 #include <QObject>
 #include <QString>
 
-#include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 /// How one frame went out.
 enum class SendOutcome { Successful, Failed, BroadcastFailed, Unknown };
 
 /// Where a core_UDP sends to and through: everything that its sending threads need, so that they
-/// never touch the transport itself, which may be rebuilding its socket or be gone.
+/// never touch the transport itself, which may be gone.
 ///
-/// Any thread may use it. No lock is held while a datagram is written, while host code runs, or
-/// while another lock is taken.
+/// Unless stated otherwise any thread may call any operation; none blocks, except in the host's
+/// log, which is called without the lock.
 class UdpLink : public QObject, public std::enable_shared_from_this<UdpLink>
 {
     Q_OBJECT
 
 public:
-    /// Opens a socket that datagrams go through from now on, and returns it. Without a descriptor,
-    /// or a thread for what the host may keep waiting, the next send tries again to open it; a
-    /// thread that is refused is noted in the log.
-    std::shared_ptr<UdpSocket> attach(quint16 localPort);
+    /// Closes the socket, if any, opens one on \a localPort and sets the device port. Sends wait
+    /// for that, also between two datagrams of a frame. Without a descriptor, or a thread for what
+    /// the host may keep waiting, the next send tries again; a refused thread is noted in the log.
+    /// Reading thread.
+    void rebuild(quint16 localPort, int devicePort);
 
-    /// Closes the socket. Until the next attach, which must follow at once, sends wait, also
-    /// between two datagrams of a frame: they are not to fail because the socket is being rebuilt.
-    void detach();
+    /// Closes the socket for good. Reading thread.
+    void close();
 
-    /// Closes the socket for good.
-    void abandon();
+    /// UdpSocket::readable and UdpSocket::read. Reading thread.
+    int readable() const { return udpSocket.readable(); }
+    bool read(QByteArray& datagram, QHostAddress& sender)
+    {
+        return udpSocket.read(datagram, sender);
+    }
 
     void setDeviceIP(const QString& ip);
-    void setPort(int port) { nPort.store(port, std::memory_order_relaxed); }
+    void setPort(int port);
 
     /// Sends a frame in datagrams of at most 540 bytes to the device and reports the outcome in the
     /// debug log and, when successful, the log.
@@ -55,8 +59,7 @@ public:
     /// thread.
     static void reportFailure(const char* text);
 
-    /// Whether what waits for the host's log has reached its bound: then nothing more is to be
-    /// read.
+    /// Whether 65,536 lines wait for the host's log: then nothing more is to be read.
     static bool isBehind();
 
 Q_SIGNALS:
@@ -65,25 +68,20 @@ Q_SIGNALS:
 
 private:
     struct Destination {
+        QString text; // strDeviceIP
         QHostAddress address;
         quint16 port = 0;
     };
 
-    quint16 port() const;
-    std::shared_ptr<UdpSocket> socketNow() const;
-    std::shared_ptr<UdpSocket> exchange(std::shared_ptr<UdpSocket> next, bool rebuild);
+    Destination destination() const;
+    bool open();
     SendOutcome send(const QByteArray& frame, const Destination& to);
     qint64 write(const char* data, int size, const Destination& to);
 
-    // Each a leaf.
-    mutable std::mutex destinationLock; // strDeviceIP, deviceAddress
-    mutable std::mutex socketLock;      // socket, rebuilding
-
-    QString strDeviceIP;
-    QHostAddress deviceAddress; // strDeviceIP parsed
-    std::atomic<int> nPort{0};
-    std::shared_ptr<UdpSocket> socket; // null while there is none
-    bool rebuilding = false;           // an attach follows at once
+    mutable std::mutex lock; // everything below; held while a datagram is sent, which never blocks
+    Destination device;
+    UdpSocket udpSocket;
+    std::optional<quint16> localPort; // while the socket is open or is to be opened
 };
 
 /// The size of a datagram's share of a frame, in bytes.

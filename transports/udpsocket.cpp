@@ -4,9 +4,7 @@
 #include <QNetworkInterface>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include <net/if.h>
 #include <netinet/in.h>
@@ -16,7 +14,6 @@
 namespace
 {
 
-constexpr std::chrono::milliseconds retirePause{1};
 constexpr std::size_t largestDatagram = 65536;
 constexpr int receiveBufferBytes = 4 * 1024 * 1024; // 2,000 replies with the kernel's overhead
 
@@ -88,21 +85,13 @@ void askForReceiveBuffer(int descriptor)
 
 } // namespace
 
-UdpSocket::~UdpSocket()
+bool UdpSocket::open(quint16 localPort)
 {
-    retire();
+    return openFamily(AF_INET6, localPort) ||
+           (errno == EAFNOSUPPORT && openFamily(AF_INET, localPort));
 }
 
-bool UdpSocket::open()
-{
-    const std::lock_guard lock(openLock);
-    if (isOpen()) {
-        return true;
-    }
-    return !retired && (openFamily(AF_INET6) || (errno == EAFNOSUPPORT && openFamily(AF_INET)));
-}
-
-bool UdpSocket::openFamily(int family)
+bool UdpSocket::openFamily(int family, quint16 localPort)
 {
     const int opened = socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (opened < 0) {
@@ -123,20 +112,16 @@ bool UdpSocket::openFamily(int family)
 
 qint64 UdpSocket::write(const char* data, qint64 size, const QHostAddress& address, quint16 port)
 {
-    // A null address must be caught here: the kernel would send to loopback.
-    if (address.isNull()) {
+    // The kernel would send what has no address to loopback.
+    if (!isOpen() || address.isNull()) {
         return -1;
     }
+    const SocketAddress to = toSocketAddress(address, port, mapsIpv4);
     qint64 written = -1;
-    ++writesUnderWay;
-    if (!retired && isOpen()) {
-        const SocketAddress to = toSocketAddress(address, port, mapsIpv4);
-        do {
-            written = sendto(descriptor, data, static_cast<std::size_t>(size),
-                             MSG_DONTWAIT | MSG_NOSIGNAL, to.get(), to.length);
-        } while (written < 0 && errno == EINTR);
-    }
-    --writesUnderWay;
+    do {
+        written = sendto(descriptor, data, static_cast<std::size_t>(size),
+                         MSG_DONTWAIT | MSG_NOSIGNAL, to.get(), to.length);
+    } while (written < 0 && errno == EINTR);
     return written;
 }
 
@@ -165,15 +150,11 @@ bool UdpSocket::read(QByteArray& datagram, QHostAddress& sender)
     return true;
 }
 
-void UdpSocket::retire()
+void UdpSocket::close()
 {
-    if (retired.exchange(true)) {
-        return;
-    }
-    while (writesUnderWay != 0) {
-        std::this_thread::sleep_for(retirePause);
-    }
-    if (isOpen()) {
-        close(descriptor);
+    isBound = false;
+    const int closed = descriptor.exchange(-1);
+    if (closed >= 0) {
+        ::close(closed);
     }
 }

@@ -4,49 +4,39 @@
 #include <QHostAddress>
 
 #include <atomic>
-#include <mutex>
 #include <vector>
 
-/// One UDP socket, bound to a port of every interface: a descriptor that several threads may write
-/// at once and one may read. No operation blocks.
+/// One UDP socket on a port of every interface. No operation blocks. One thread may read while
+/// others, one at a time, open, write or close; nobody reads while it is closed.
 class UdpSocket
 {
 public:
-    explicit UdpSocket(quint16 port) : localPort(port) {}
-    ~UdpSocket();
+    UdpSocket() = default;
+    ~UdpSocket() { close(); }
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
 
-    /// Opens and binds it, unless it is open. False if there is no descriptor or no memory. Any
-    /// thread.
-    bool open();
+    /// Opens the socket and binds it to the local port. A port that is taken is no error: datagrams
+    /// can be sent then, but none is received. False if the system has no descriptor or memory.
+    /// Only while closed.
+    bool open(quint16 localPort);
+    void close();
     bool isOpen() const { return descriptor >= 0; }
 
-    /// The descriptor, to be watched for datagrams; -1 while nothing can be received: it is not
-    /// open, or its port was taken.
+    /// The descriptor to watch for datagrams; -1 while none can be received.
     int readable() const { return isBound ? descriptor.load() : -1; }
 
-    /// Sends one datagram. Returns its size, or -1 and nothing has left: always while it
-    /// is not open. Any thread.
+    /// Sends one datagram. Returns its size, or -1 if it was not sent, always while closed.
     qint64 write(const char* data, qint64 size, const QHostAddress& address, quint16 port);
 
-    /// Reads one datagram and its sender; false if there is none. To be called by one thread.
+    /// Reads one datagram and its sender. False if there is none.
     bool read(QByteArray& datagram, QHostAddress& sender);
 
-    /// Closes it for good, after the writes that are under way. To be called by the reading thread.
-    void retire();
-
-    bool isRetired() const { return retired; }
-
 private:
-    bool openFamily(int family);
+    bool openFamily(int family, quint16 localPort);
 
-    const quint16 localPort;
-    std::mutex openLock; // a leaf: opening
     std::atomic<int> descriptor{-1};
     std::atomic<bool> isBound{false};
-    bool mapsIpv4 = false; // an IPv6 socket that carries both: IPv4 goes as ::ffff:a.b.c.d
-    std::atomic<int> writesUnderWay{0};
-    std::atomic<bool> retired{false};
-    std::vector<char> readBuffer; // room for the largest datagram, once one is read
+    bool mapsIpv4 = false;        // an IPv6 socket that carries both: IPv4 goes as ::ffff:a.b.c.d
+    std::vector<char> readBuffer; // room for the largest datagram, from the first read on
 };

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -113,30 +115,42 @@ TEST(ClassifySent, InTheOrderOfTheTable)
 TEST(UdpSocket, NullAddressOrNoSocketFailsEveryWrite)
 {
     const QHostAddress here(QHostAddress::LocalHost);
-    UdpSocket socket(0);
+    UdpSocket socket;
     EXPECT_EQ(socket.write("x", 1, here, 9), -1);
-    ASSERT_TRUE(socket.open());
+    ASSERT_TRUE(socket.open(0));
     EXPECT_EQ(socket.write("x", 1, here, 9), 1);
     EXPECT_EQ(socket.write("x", 1, QHostAddress(), 9), -1);
-    socket.retire();
+    socket.close();
     EXPECT_EQ(socket.write("x", 1, here, 9), -1);
 }
 
-TEST(UdpLink, SendThatWaitsForARebuildTakesTheDestinationAfterIt)
+TEST(UdpLink, SendsBesideRebuildsAllArrive)
 {
-    UdpPeer before;
-    UdpPeer after(QStringLiteral("127.0.0.2"));
+    constexpr int frames = 200; // as many as a receive buffer holds
+    UdpPeer first;
+    UdpPeer second;
     const auto link = std::make_shared<UdpLink>();
     link->setDeviceIP(QStringLiteral("127.0.0.1"));
-    link->setPort(before.port());
-    link->detach();
-    std::thread sender([&link] { link->sendUnicast("frame"); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // or it does not wait at all
-    link->setDeviceIP(QStringLiteral("127.0.0.2"));
-    link->setPort(after.port());
-    link->attach(0);
+    link->rebuild(0, first.port());
+    std::atomic<bool> over{false};
+    std::thread sender([&] {
+        for (int i = 0; i < frames; ++i) {
+            EXPECT_EQ(link->sendUnicast(QByteArray::number(i)), SendOutcome::Successful);
+        }
+        over = true;
+    });
+    while (!over) {
+        link->rebuild(0, second.port());
+        link->rebuild(0, first.port());
+    }
     sender.join();
-    EXPECT_EQ(after.receive().bytes, QByteArray("frame"));
-    EXPECT_FALSE(before.hasDatagram());
-    link->abandon();
+    std::set<QByteArray> arrived;
+    for (UdpPeer* peer : {&first, &second}) {
+        while (peer->hasDatagram()) {
+            arrived.insert(peer->receive().bytes);
+        }
+    }
+    EXPECT_EQ(arrived.size(), std::size_t{frames});
+    link->close();
+    EXPECT_EQ(link->sendUnicast("frame"), SendOutcome::BroadcastFailed);
 }
