@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Round trips and a flood over loopback, against a bare QUdpSocket that does the same by hand.
+// Round trips and floods over loopback, against sockets that do the same by hand.
 #include "biz_cmdswork.h"
 #include "core_udp.h"
 #include "ratio.h"
@@ -180,15 +180,57 @@ long linesLogged()
     return lines;
 }
 
-void sendMany(const QByteArray& datagram, long count)
+void sendMany(const QByteArray& datagram, long count, quint16 port)
 {
     const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in to = loopback(linkPort);
+    const sockaddr_in to = loopback(port);
     for (long i = 0; i < count; ++i) {
         sendto(descriptor, datagram.constData(), static_cast<std::size_t>(datagram.size()), 0,
                reinterpret_cast<const sockaddr*>(&to), sizeof to);
     }
     close(descriptor);
+}
+
+// Datagrams that wait in the kernel are read, decoded and queued, or just read.
+void reading()
+{
+    constexpr int batch = 1000;
+    constexpr int batches = 201;
+    core_UDP transport;
+    const int bare = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    const int size = 4 * 1024 * 1024;
+    setsockopt(bare, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    setsockopt(bare, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    bind(bare, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    getsockname(bare, reinterpret_cast<sockaddr*>(&address), &length);
+    std::vector<double> readings;
+    std::vector<double> baselines;
+    for (int i = 0; i < batches; ++i) { // in turns
+        sendMany(reply, batch, linkPort);
+        readings.push_back(ratio::secondsPerCall([&] { transport.readPendingDatagrams(); }, 1));
+        if (queued() != batch) {
+            std::fprintf(stderr, "bench_udp: %zu of %d replies queued\n", queued(), batch);
+            std::exit(1);
+        }
+        emptyQueue();
+        sendMany(reply, batch, ntohs(address.sin_port));
+        baselines.push_back(ratio::secondsPerCall(
+            [bare] {
+                char buffer[2048];
+                sockaddr_in from{};
+                socklen_t fromLength = sizeof from;
+                while (recvfrom(bare, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from),
+                                &fromLength) >= 0) {
+                }
+            },
+            1));
+    }
+    close(bare);
+    ratio::printTimes("a waiting reply, to a bare recvfrom",
+                      ratio::percentile(baselines, 0.5) / batch,
+                      ratio::percentile(readings, 0.5) / batch, 1.5);
 }
 
 // Replies end in the queue, everything else in the log: one entry for each datagram.
@@ -209,7 +251,7 @@ void flood(const char* what, const QByteArray& datagram)
     timer.start(10);
     const auto start = std::chrono::steady_clock::now();
     std::thread sender([&] {
-        sendMany(datagram, total);
+        sendMany(datagram, total, linkPort);
         sent = true;
     });
     std::thread watcher([&] {
@@ -255,6 +297,7 @@ int main(int argc, char** argv)
     Utility_Manage::setLogFile(directory.filePath(QStringLiteral("bench.log")), 1 << 30);
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     roundTrips();
+    reading();
     flood("replies", QByteArray(reply));
     flood("orphan blocks", "no reply before this block");
     return 0;
