@@ -36,7 +36,7 @@ else()
     endif()
 endif()
 
-# Of every shared library: keeps what its own code instantiates of other libraries' templates inside.
+# Of every shared library: exports its public classes only.
 add_library(core_manage_shared INTERFACE)
 target_link_options(core_manage_shared INTERFACE
     "LINKER:--version-script=${CMAKE_CURRENT_LIST_DIR}/exports.map")
