@@ -6,10 +6,10 @@
 #include "corefactory.h"
 #include "literalosdmanage.h"
 #include "literalosdsocket.h"
+#include "netns.h"
 #include "osdsimulator.h"
+#include "processstate.h"
 #include "ratio.h"
-#include "tests/support/netns.h"
-#include "tests/support/processstate.h"
 
 #include <QCoreApplication>
 #include <QHostAddress>

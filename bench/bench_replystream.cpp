@@ -5,9 +5,9 @@
 #include "biz_cmdswork.h"
 #include "core_serialport.h"
 #include "literalreplystream.h"
+#include "processstate.h"
 #include "ratio.h"
-#include "tests/support/processstate.h"
-#include "tests/support/replybytes.h"
+#include "replybytes.h"
 #include "textreplystream.h"
 #include "utility_manage.h"
 

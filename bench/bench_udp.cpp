@@ -2,9 +2,9 @@
 // Round trips and floods over loopback, against sockets that do the same by hand.
 #include "biz_cmdswork.h"
 #include "core_udp.h"
+#include "netns.h"
+#include "processstate.h"
 #include "ratio.h"
-#include "tests/support/netns.h"
-#include "tests/support/processstate.h"
 #include "utility_manage.h"
 
 #include <QCoreApplication>

@@ -6,8 +6,8 @@
 #include "debugline.h"
 #include "emulatedhid.h"
 #include "hidtestbed.h"
+#include "processstate.h"
 #include "ratio.h"
-#include "tests/support/processstate.h"
 #include "utility_manage.h"
 
 #include <QCoreApplication>

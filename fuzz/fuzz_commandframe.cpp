@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The decoders against their literal versions, and the join of any reply with any block.
-#include "bench/literalframe.h"
 #include "blockjoin.h"
 #include "commandframe.h"
-#include "tests/support/recordequality.h"
+#include "literalframe.h"
+#include "recordequality.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -4,7 +4,7 @@
 // length of 255 stands for 1100 bytes of noise, more than the parser looks at in one go.
 #include "osdendpoint.h"
 #include "osdframe.h"
-#include "tests/support/plainosdparser.h"
+#include "plainosdparser.h"
 
 #include <cstddef>
 #include <cstdint>

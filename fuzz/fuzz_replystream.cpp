@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Any script of chunks through the library's stream parser and the literal one: they must agree.
-#include "tests/support/replystreamcomparison.h"
+#include "replystreamcomparison.h"
 
 #include <cstddef>
 #include <cstdint>

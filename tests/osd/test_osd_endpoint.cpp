@@ -5,12 +5,12 @@
 #include "corefactory.h"
 #include "eventually.h"
 #include "hostqueue.h"
+#include "messagecapture.h"
 #include "netns.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
 #include "threadrefusal.h"
-#include "warningcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -69,7 +69,7 @@ protected:
         manager->sendDatatoDevice(&record);
     }
 
-    WarningCapture messages;
+    MessageCapture messages{MessageCapture::Kind::Everything};
     ICoreOsdBase* manager = nullptr;
     OsdSimulator near{at(first)};
     OsdSimulator far{at(second)};

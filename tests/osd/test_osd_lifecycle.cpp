@@ -4,12 +4,12 @@
 #include "corefactory.h"
 #include "eventually.h"
 #include "icoreosdbase.h"
+#include "messagecapture.h"
 #include "netns.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
 #include "tcplistener.h"
-#include "warningcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -167,7 +167,7 @@ protected:
 
     bool ended() const { return processstate::threads() == threads; }
 
-    WarningCapture messages;
+    MessageCapture messages{MessageCapture::Kind::Everything};
     OsdSimulator endpoint{endpointOptions()};
     int threads = 0;
     int descriptors = 0;

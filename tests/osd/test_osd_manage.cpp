@@ -4,11 +4,11 @@
 #include "corefactory.h"
 #include "eventually.h"
 #include "hostmanager.h"
+#include "messagecapture.h"
 #include "metamethods.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
-#include "warningcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -350,7 +350,7 @@ TEST(OsdManage, AManagerWithoutTheSignalIsNoHarm)
     };
     OsdSimulator near(at(first));
     ASSERT_TRUE(near.start());
-    const WarningCapture messages;
+    const MessageCapture messages{MessageCapture::Kind::Everything};
     SilentManager silent;
     CoreFactory::iOsdCore = &silent;
     core_Osd_Manage own;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "bench/literalframe.h"
 #include "commandframe.h"
+#include "literalframe.h"
 #include "recordequality.h"
 
 #include <gtest/gtest.h>

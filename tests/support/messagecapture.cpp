@@ -12,10 +12,12 @@ std::mutex captureLock;
 // Never destroyed: a detached thread may still write a line while the process ends.
 QStringList& captured = *new QStringList;
 QtMessageHandler before = nullptr;
+bool takesEverything = false;
 
 void capture(QtMsgType type, const QMessageLogContext& context, const QString& text)
 {
-    if (qstrcmp(context.category, "default") == 0 && type == QtDebugMsg) {
+    const bool isDebugLine = qstrcmp(context.category, "default") == 0 && type == QtDebugMsg;
+    if (isDebugLine || takesEverything) {
         const std::lock_guard lock(captureLock);
         captured << text;
     } else if (before != nullptr) {
@@ -25,10 +27,13 @@ void capture(QtMsgType type, const QMessageLogContext& context, const QString& t
 
 } // namespace
 
-MessageCapture::MessageCapture()
+MessageCapture::MessageCapture(Kind kind)
 {
     clear();
-    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+    takesEverything = kind == Kind::Everything;
+    if (!takesEverything) {
+        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+    }
     before = qInstallMessageHandler(capture);
 }
 

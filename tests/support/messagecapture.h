@@ -3,12 +3,16 @@
 
 #include <QStringList>
 
-/// Collects the lines of Qt's "default" logging category, from every thread, while it exists, and
-/// switches the category's debug lines on. One at a time.
+/// Collects messages from every thread while it exists. One at a time.
 class MessageCapture
 {
 public:
-    MessageCapture();
+    enum class Kind {
+        DebugLines, ///< of Qt's "default" logging category, which it switches on
+        Everything, ///< that Qt or the library emits
+    };
+
+    explicit MessageCapture(Kind kind = Kind::DebugLines);
     ~MessageCapture();
     MessageCapture(const MessageCapture&) = delete;
     MessageCapture& operator=(const MessageCapture&) = delete;

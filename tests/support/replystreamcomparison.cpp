@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "replystreamcomparison.h"
 
-#include "bench/literalreplystream.h"
 #include "binaryreplystream.h"
 #include "biz_cmdswork.h"
+#include "literalreplystream.h"
 #include "messagecapture.h"
 #include "recordequality.h"
 #include "textreplystream.h"

@@ -2,7 +2,6 @@
 #include "literalosdsocket.h"
 
 #include "biz_osd_cmdswork.h"
-#include "core/protocol/fixedlocalport.h"
 #include "literalosdmanage.h"
 
 #include <QHostAddress>
@@ -150,7 +149,11 @@ void LiteralOsdSocket::onStarted()
         onCloseSocket();
     }
     tcpSocket = new QTcpSocket;
-    tcpSocket->bind(fixedLocalPort());
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    qsrand(888);
+    tcpSocket->bind(static_cast<quint16>(qrand() + 1000));
+    QT_WARNING_POP
     sigConnect();
     bDealRun = true;
     std::thread(&LiteralOsdSocket::td_dealDataFunc, this).detach();
