@@ -4,7 +4,7 @@
 #include "detachedthread.h"
 #include "processend.h"
 
-#include <cerrno>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <new>
@@ -12,8 +12,6 @@
 #include <utility>
 
 #include <pthread.h>
-#include <semaphore.h>
-#include <unistd.h>
 
 /// What debuggers and process viewers show for these threads.
 constexpr char handOverThreadName[] = "core-handover";
@@ -29,11 +27,11 @@ template <class Item>
 class HandOverThread
 {
 public:
-    /// What to do with a batch of items, oldest first. Must not throw, and returns soon after
-    /// processend::over().
+    /// What to do with a batch of items, oldest first. Must not throw or change the number of
+    /// items, and returns soon after processend::over().
     using Handler = void (*)(std::deque<Item>&);
 
-    explicit HandOverThread(Handler h) : handler(h) { sem_init(&wake, 0, 0); }
+    explicit HandOverThread(Handler h) : handler(h) {}
     HandOverThread(const HandOverThread&) = delete;
     HandOverThread& operator=(const HandOverThread&) = delete;
 
@@ -52,19 +50,16 @@ public:
         if (!present) {
             present.emplace();
         }
-        if (pending.empty()) {
-            sem_post(&wake);
-        }
         pending.push_back(std::move(item));
-        ++count;
         (void)startLocked();
+        wake.notify_one();
     }
 
     /// How many items have been put in and not been handed on yet.
     std::size_t size() const
     {
         const std::lock_guard guard(lock);
-        return count;
+        return pending.size() + batch.size();
     }
 
 private:
@@ -77,46 +72,48 @@ private:
         return running;
     }
 
-    // A semaphore instead of a poll: there may be nothing to do for days.
+    // What is left in the batch at the end of the process belongs to a host that is gone: nothing
+    // destroys it.
     void run()
     {
         pthread_setname_np(pthread_self(), handOverThreadName);
-        std::deque<Item> batch;
-        while (!processend::over()) {
-            while (sem_wait(&wake) != 0 && errno == EINTR) {
-            }
+        for (;;) {
             {
-                const std::lock_guard guard(lock);
+                std::unique_lock guard(lock);
+                wake.wait(guard, [this] { return !pending.empty(); });
                 batch.swap(pending);
             }
-            const std::size_t size = batch.size();
-            if (!processend::over()) {
-                handler(batch);
+            if (processend::over()) {
+                return;
             }
-            if (!processend::over()) {
-                batch.clear();
+            handler(batch);
+            if (processend::over()) {
+                return;
             }
-            finish(size);
-        }
-        for (;;) { // what is left in the batch belongs to a host that is gone
-            pause();
+            finish();
         }
     }
 
-    void finish(std::size_t handedOn)
+    // Items are destroyed without the lock: that may be the host's code.
+    void finish()
     {
+        std::deque<Item> done;
+        {
+            const std::lock_guard guard(lock);
+            done.swap(batch);
+        }
+        done.clear();
         const std::lock_guard guard(lock);
-        count -= handedOn;
-        if (count == 0) {
+        if (pending.empty()) {
             present.reset();
         }
     }
 
     const Handler handler;
-    sem_t wake{};
-    mutable std::mutex lock; // pending, count, present, running
+    mutable std::mutex lock; // all below; the handler gets the batch without it
+    std::condition_variable wake;
     std::deque<Item> pending;
-    std::size_t count = 0; // of pending, and of the batch that is being handed on
+    std::deque<Item> batch;                      // is being handed on; the handler keeps its size
     std::optional<processend::Presence> present; // while there is something to hand on
     bool running = false;
 };
