@@ -23,19 +23,20 @@ public:
     ICoreBase();
     ~ICoreBase() override;
 
-    /// UDP: the device's address as text. Not checked; a text that is no address makes every later
-    /// unicast send fail. Any thread; does not block.
+    /// UDP: the device's IPv4 or IPv6 address. Not checked: a text that is no address makes every
+    /// later unicast send fail. Any thread; does not block.
     virtual void setDeviceIP(QString ip) = 0;
 
     /// UDP: the device's port, 1 to 65535 (used modulo 65536). The local port does not change. Any
     /// thread; does not block.
     virtual void setPort(int port) = 0;
 
-    /// Has biz_CMDSWork::clearQueue run on another thread and returns at once. Any thread.
+    /// Has biz_CMDSWork::clearQueue run on another thread. Any thread; does not block.
     virtual void clearQueue() = 0;
 
-    /// Serial links: configures and opens the port, false if it cannot be opened. Owner's thread.
-    /// A port that is open is closed first, as by closeSerialPort.
+    /// Serial links: configures and opens the port, as \a portName a name like ttyUSB0 or a path.
+    /// False if it cannot be opened, with the port closed. A port that is open is closed first and
+    /// takes as long as closeSerialPort. Owner's thread.
     virtual bool openSerialPort(QString portName, QSerialPort::BaudRate baudRate,
                                 QSerialPort::StopBits stopBits, QSerialPort::Parity parity,
                                 QSerialPort::FlowControl flowControl,
@@ -48,25 +49,29 @@ public:
 
     /// USB: opens the first HID device with these ids, false if there is none or it cannot be
     /// opened. What is open is closed first. Takes as long as closeUSB, and a search of all HID
-    /// devices of the system.
+    /// devices of the system. Any thread.
     virtual bool openUSB(unsigned short vendorId, unsigned short productId) = 0;
 
     /// USB: closes the device and stops its workers. Takes 100 to 200 ms, and up to a second more
-    /// while a report that is being sent is stuck in the kernel.
+    /// while a report that is being sent is stuck in the kernel. Any thread.
     virtual void closeUSB() = 0;
 
-    /// The device model that every received record is stamped with (featureCode). Any thread.
+    /// The device model that every received record is stamped with (featureCode). Any thread; does
+    /// not block.
     virtual void setDeviceType(model_GlobalEnum::DeviceType type) = 0;
 
 public Q_SLOTS:
     /// Sends one command. \a parameters points to a model_Protocoldata that is copied before the
-    /// call returns. Never waits for a reply.
+    /// call returns; null is ignored. Waits for no reply. UDP and USB: any thread, and USB waits
+    /// for the kernel to take each report. Serial links: owner's thread, does not wait for the
+    /// line.
     virtual void sendDatatoDevice(void* parameters) = 0;
 
     /// As sendDatatoDevice, but only if the record's featureCode suits the link; else drops it.
     virtual void sendDatatoDeviceByFeatures(void* parameters) = 0;
 
-    /// UDP: sends one command of the system plan, if it is addressed to this link's device.
+    /// UDP: sends one command of the system plan, if its strKey is exactly this link's device
+    /// address. The outcome is logged by another thread. Any thread; does not block.
     virtual void sendDatatoDeviceForSysPlan(void* parameters) = 0;
 
 protected:

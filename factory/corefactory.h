@@ -22,14 +22,14 @@ enum ConnOsdType : std::int32_t {
 };
 
 /// Makes links and keeps the two shared ones. To be called from one thread, the application's main
-/// thread; it takes no lock and deletes nothing when the library is unloaded.
+/// thread; it takes no lock and deletes nothing when the library is unloaded. It throws only
+/// std::bad_alloc, and what a link lacks (a port, a thread) shows in the link's own operations.
 class CORE_MANAGE_EXPORT CoreFactory
 {
 public:
     /// The shared device link, made anew: the one before, if any, is deleted first, a host's own
-    /// included. While the new
-    /// one is being made iCORE keeps its old value, so if that throws iCORE designates a destroyed
-    /// object.
+    /// included, and takes as long as its destructor. While the new one is being made iCORE keeps
+    /// its old value: if that throws, iCORE designates a destroyed object.
     static ICoreBase* creatCoreObj(ConnType type);
 
     /// The shared endpoint manager, made anew: the one before, if any, is deleted first, a host's

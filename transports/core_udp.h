@@ -25,17 +25,19 @@ class UdpLink;
 /// | device      | 100.100.100.100 until setDeviceIP; broadcasts go to 255.255.255.255        |
 ///
 /// The object lives in the thread that made it, which must run a Qt event loop: datagrams are read
-/// there. The send operations, setDeviceIP, setPort, setDeviceType, clearQueue, setRetFlagStatus
-/// and addToReceivedQueue may be called from any thread; sends from several threads are not
-/// serialised. Sending never blocks on the network. A transport may be destroyed with replies still
-/// pending: they reach the queue. Its destructor waits for no host code. The host's message handler
-/// and log may re-initialise the transport that they are called from; they must not destroy it.
+/// there. Unless stated otherwise an operation may be called from any thread and does not block; a
+/// send waits for the host's log, which gets a line of it. The datagrams of frames that several
+/// threads send at a time may alternate.
+///
+/// The transport may be destroyed with replies still pending: they reach the queue. Its destructor
+/// waits for no host code. The host's message handler and log may re-initialise the transport that
+/// they are called from; they must not destroy it.
 class CORE_MANAGE_EXPORT core_UDP : public ICoreBase
 {
     Q_OBJECT
 
 public:
-    /// Guards the writes of the device address and port and the stored reply, of all transports.
+    /// Held while the device address or port is set and while a reply is stored, of all transports.
     static std::mutex stdCMDlock;
 
     /// Binds the socket. A port that is taken is not reported: nothing is received then.
@@ -53,14 +55,14 @@ public:
     void setDeviceType(model_GlobalEnum::DeviceType type) override;
 
     /// Closes the socket, with a reply that waits for its block, and makes and binds a new one.
-    /// Sets the device port back to its default. Owner's thread.
+    /// Sets the device port back to its default. Asks the host for the device type. Owner's thread.
     void initUdp();
 
-    /// Sends a frame to the device in datagrams of at most 540 bytes. An outcome that is neither
-    /// success nor plain failure emits signalReInitUdp.
+    /// Sends a frame to the device in datagrams of at most 540 bytes. Success is a line in the log,
+    /// failure a debug line; an unknown outcome emits signalReInitUdp.
     void sendUdpData(QByteArray data);
 
-    /// Sends a frame as one datagram to 255.255.255.255.
+    /// Sends a frame as one datagram to 255.255.255.255. Reports as sendUdpData.
     void sendUdpDataBroadcast(QByteArray data);
 
     /// Sets biz_CMDSWork::bRetFlag. Waits for its lock.
@@ -84,7 +86,8 @@ public:
     /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'.
     QByteArray changeData(QByteArray bytes);
 
-    /// The record of a standard reply. A datagram that is none gives one whose body is all zero.
+    /// The record of a standard reply. A datagram that is none gives one whose body is all zero,
+    /// and a debug line; a wrong checksum also a line in the log.
     model_Protocoldata getArrayData(QByteArray datagram);
 
     /// Joins a standard reply with its block and queues the record, which carries no origin. A
@@ -101,14 +104,16 @@ Q_SIGNALS:
     void signalSendReceiveMessageToUiPro(void*); ///< never emitted
 
 public Q_SLOTS:
-    /// Rebuilds the socket and forgets the device address and port. Every run adds one more
-    /// connection of signalReInitUdp to this slot: the number of runs doubles with each emission.
+    /// Rebuilds the socket and forgets the device address and port. Owner's thread. Every run adds
+    /// one more connection of signalReInitUdp to this slot: the number of runs doubles with each
+    /// emission.
     void reInitUdp();
 
-    /// As reInitUdp, but keeps the device address and does not drain the socket first.
+    /// As reInitUdp, but keeps the device address. Owner's thread.
     void reInitUdpZarn();
 
-    /// Reads every datagram that is there.
+    /// Reads every datagram that is there. Owner's thread; waits for the host's locks for the kinds
+    /// of reply that are queued before the next datagram is read.
     void readPendingDatagrams();
 
     void sendDatatoDevice(void* parameters) override;
