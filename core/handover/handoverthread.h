@@ -16,13 +16,12 @@
 /// What debuggers and process viewers show for these threads.
 constexpr char handOverThreadName[] = "core-handover";
 
-/// A queue with a thread that hands on what is put in, for what the host may keep waiting: nobody
-/// else waits for it. Made once for the process and never destroyed: its thread, once started,
-/// waits for the next item until the process ends. At the end of the process what is pending gets
-/// the time that processend gives it.
+/// A queue and the thread that empties it, for items whose handling may wait for the host. Made
+/// once for the process and never destroyed; the end of the process waits for pending items as
+/// processend says.
 ///
-/// The thread is asked for when a link is made, so that a link which the system refuses it can say
-/// so; an item that is put in asks once more. Any thread may call any operation; none blocks.
+/// A link starts the thread before it opens, so that it can report a refusal; each item tries once
+/// more. Any thread may call any operation; none blocks.
 template <class Item>
 class HandOverThread
 {
@@ -42,8 +41,8 @@ public:
         return startLocked();
     }
 
-    /// Puts one item at the end. It waits for the next item, or for the next link, if there is no
-    /// thread and the system refuses one.
+    /// Puts one item at the end. If the system refuses the thread, the item stays until the next
+    /// item or the next link.
     void put(Item item)
     {
         const std::lock_guard guard(lock);

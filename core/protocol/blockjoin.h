@@ -22,8 +22,8 @@ struct Result {
     model_Protocoldata record; ///< \a reply with the block taken so far
 };
 
-/// Attaches the first bytes of \a received to \a reply: as many as its kind fixes (fewer if there
-/// are not as many), else exactly as many as it announces.
+/// Attaches the first bytes of \a received to \a reply: at most as many as its kind fixes, else
+/// exactly as many as the reply announces.
 Result join(model_Protocoldata reply, const QByteArray& received);
 
 /// What a failed join says in the debug log and the log. Null for Joined.

@@ -56,20 +56,18 @@ QByteArray toText(const QByteArray& bytes);
 /// The binary frame of a record, its checksum and block length computed.
 QByteArray encodeBinary(const model_Protocoldata& record);
 
-/// Decodes the digits of a text reply into a record that is default-constructed but for the body.
-/// Neither length nor marks are looked at; what is missing reads as the text functions of Qt read
-/// it: the digits are 8-bit local text up to the first zero byte, each two characters are parsed as
-/// QString::toInt(base 16) parses them, and what does not parse is 0. Returns false, with \a record
-/// holding what was decoded, if the last pair is not the checksum of the seven before it.
+/// Decodes the digits of a text reply into the body of \a record and clears its block. Length and
+/// marks are not checked. The digits are 8-bit local text up to the first zero byte; each pair is
+/// parsed as QString::toInt(base 16) does it, and counts as 0 if it does not parse. False if the
+/// last pair is not the checksum of the seven before it; the body is set all the same.
 bool decodeText(const char* frame, int size, model_Protocoldata& record);
 bool decodeText(const QByteArray& frame, model_Protocoldata& record);
 
 /// The digits of a text reply as text, for messages.
 QString digitsOf(const QByteArray& frame);
 
-/// Decodes the head of a binary reply into a record that is default-constructed but for the head's
-/// fields; bytes beyond the end read as 0. Returns false, with \a record holding what was decoded,
-/// if the checksum is wrong.
+/// Decodes the head of a binary reply into \a record and clears its block; bytes beyond the end
+/// count as 0. False if the checksum is wrong; the fields are set all the same.
 bool decodeBinary(const QByteArray& head, model_Protocoldata& record);
 bool decodeBinary(const char* head, int size, model_Protocoldata& record);
 

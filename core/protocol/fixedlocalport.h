@@ -3,7 +3,7 @@
 
 #include <QtGlobal>
 
-/// The local port that sockets without a port of their own ask for, on every start: what Qt's
-/// pseudo-random generator gives first for one fixed seed, plus an offset. Seeds the calling
+/// The local port of UDP links and on-screen-display clients, the same on every run: the first
+/// value of Qt's pseudo-random generator for a fixed seed, plus an offset. Seeds the calling
 /// thread's generator. Any thread; does not block.
 quint16 fixedLocalPort();
