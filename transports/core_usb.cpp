@@ -7,9 +7,9 @@
 #include "debugline.h"
 #include "hidhandle.h"
 #include "replyqueue.h"
+#include "sendreport.h"
 #include "textreplystream.h"
 #include "usbreader.h"
-#include "utility_manage.h"
 
 #include <algorithm>
 #include <array>
@@ -50,8 +50,7 @@ bool isUpdateCommand(const QByteArray& frame)
 void logSuccess(const char* remaining, int size)
 {
     const auto length = qstrnlen(remaining, static_cast<uint>(size));
-    Utility_Manage::writeLog(QLatin1String("Send successful:") +
-                             QLatin1String(remaining, static_cast<int>(length)));
+    reportSend(true, nullptr, QString::fromLatin1(remaining, static_cast<int>(length)));
 }
 
 using Logger = void (*)(const char* remaining, int size);
@@ -69,7 +68,7 @@ void writeReports(HidHandle& device, const QByteArray& frame, int firstLength, L
         std::array<unsigned char, HidHandle::reportLength> report{};
         std::memcpy(&report[1], remaining, static_cast<std::size_t>(length));
         if (!device.write(report.data())) {
-            qCDebug(debugLine) << "Send failed";
+            reportSend(false, sendFailedLine, QString());
             return;
         }
         if (logger != nullptr) {

@@ -7,7 +7,7 @@
 #include "debugline.h"
 #include "replyqueue.h"
 #include "replystream.h"
-#include "utility_manage.h"
+#include "sendreport.h"
 
 #include <cerrno>
 #include <thread>
@@ -249,10 +249,9 @@ void SerialLine::finishWriting()
 void SerialLine::reportWritten(qint64 written, const QByteArray& frame)
 {
     if (written == frame.size()) {
-        qCDebug(debugLine) << "Send successful";
-        Utility_Manage::writeLog(textWithBytes("Send successful:", frame));
+        reportSend(true, sentLine, textWithBytes("", frame));
     } else if (written == -1) {
-        qCDebug(debugLine) << "Send failed";
+        reportSend(false, sendFailedLine, QString());
     }
 }
 
