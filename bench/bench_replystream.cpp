@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The reply stream's work without its pauses, against the literal version; then a whole serial line
-// on a pseudo-terminal, against a bare port and against doing nothing.
-#include "binaryreplystream.h"
+// The parser's work without its pauses; then a whole serial line on a pseudo-terminal, against a
+// bare port and against doing nothing.
+#include "binaryreplyformat.h"
 #include "biz_cmdswork.h"
 #include "core_serialport.h"
-#include "literalreplystream.h"
 #include "processstate.h"
 #include "ratio.h"
 #include "replybytes.h"
-#include "textreplystream.h"
+#include "replystreamparser.h"
+#include "textreplyformat.h"
 #include "utility_manage.h"
 
 #include <QCoreApplication>
@@ -16,8 +16,7 @@
 #include <QTemporaryDir>
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -35,8 +34,9 @@ using Clock = std::chrono::steady_clock;
 constexpr int window = 1024;
 constexpr int shortBacklog = 4 * 1024;
 constexpr int longBacklog = 16 * 1024 * 1024;
-constexpr TextReplyValues values{
-    std::chrono::milliseconds(3), nullptr, true, 1, 1, true, "", "", "", ""};
+constexpr double goalMicroseconds = 1; // beside a pause of 3000 between two replies
+constexpr TextReplyFormat text{TextReplyValues()};
+constexpr BinaryReplyFormat binary;
 
 double elapsed(Clock::time_point start)
 {
@@ -58,111 +58,78 @@ void waitAndEmptyQueue(std::size_t expected)
     biz_CMDSWork::receivequeueHexCmd.clear();
 }
 
-int sizeOf(ReplyStream& stream)
-{
-    return stream.received().size();
-}
-
-void append(ReplyStream& stream, const QByteArray& bytes)
-{
-    stream.received().append(bytes);
-}
-
-void append(LiteralReplyStream& stream, const QByteArray& bytes)
-{
-    stream.appendBuffData(bytes);
-}
-
 // Seconds per reply, for each batch while a backlog of these replies is worked off; the host
 // empties its queue after each, which is not counted.
-template <class Stream>
-void workOff(Stream& stream, const QByteArray& reply, int backlog, std::vector<double>& results)
+void workOff(ReplyStreamParser& parser, const QByteArray& reply, int backlog,
+             std::vector<double>& results)
 {
     constexpr int batch = 25;
     const int replies = backlog / reply.size();
-    append(stream, reply.repeated(replies));
+    parser.appendBuffData(reply.repeated(replies));
     for (int done = 0; done < replies; done += batch) {
         const int passes = std::min(batch, replies - done);
         const auto start = Clock::now();
         for (int i = 0; i < passes; ++i) {
-            stream.pass();
+            parser.pass();
         }
         results.push_back(elapsed(start) / passes);
         waitAndEmptyQueue(static_cast<std::size_t>(passes));
     }
 }
 
-template <class Stream>
-double medianPerReply(Stream& stream, const QByteArray& reply, int backlog, int rounds)
+void replies(const char* what, const QByteArray& reply, const ReplyFormat& format)
 {
-    std::vector<double> results;
-    for (int i = 0; i < rounds; ++i) {
-        workOff(stream, reply, backlog, results);
+    for (const auto& [backlog, rounds] :
+         {std::pair(shortBacklog, 600), std::pair(longBacklog, 3)}) {
+        ReplyStreamParser parser(format, std::make_shared<ReplyStream>());
+        std::vector<double> results;
+        for (int i = 0; i < rounds; ++i) {
+            workOff(parser, reply, backlog, results);
+        }
+        std::printf("%-30s %5d KiB backlog %8.2f us a reply (goal: %.1f or less)\n", what,
+                    backlog / 1024, ratio::percentile(results, 0.5) * 1e6, goalMicroseconds);
     }
-    return ratio::percentile(results, 0.5);
-}
-
-template <class Library, class Literal>
-void replies(const char* what, const QByteArray& reply, Library&& library, Literal&& literal,
-             double goal)
-{
-    constexpr int rounds = 31;
-    char text[80];
-    const double slow = medianPerReply(literal, reply, shortBacklog, rounds);
-    const double fast = medianPerReply(library, reply, shortBacklog, 20 * rounds);
-    std::snprintf(text, sizeof text, "%s, 4 KiB backlog", what);
-    ratio::printFaster(text, slow, fast, goal);
-    const double onLong = medianPerReply(library, reply, longBacklog, 3);
-    std::snprintf(text, sizeof text, "%s, 16 MiB backlog to 4 KiB", what);
-    ratio::printTimes(text, fast, onLong, 1.2);
 }
 
 // Up to a reply that is just arriving, so that giving the memory back is not counted.
-double secondsToSkip(ReplyStream& stream, const QByteArray& noise)
+double secondsToSkip(ReplyStream& stream, ReplyStreamParser& parser, const QByteArray& noise)
 {
-    append(stream, noise + "<F");
+    parser.appendBuffData(noise + "<F");
     const auto start = Clock::now();
-    for (int before = -1; sizeOf(stream) != before;) {
-        before = sizeOf(stream);
-        stream.pass();
+    for (int before = -1; stream.received.size() != before;) {
+        before = stream.received.size();
+        parser.pass();
     }
     const double seconds = elapsed(start);
-    stream.received().clear();
+    stream.received.clear();
     return seconds;
 }
 
-// One memchr for each window that a pass inspects, over bytes that were written just before, too.
+// A copy of each window that a pass inspects, and a search of it.
 double secondsToSearch(const QByteArray& original)
 {
     const QByteArray noise = original + "<F";
     const auto start = Clock::now();
-    std::size_t found = 0;
     for (int position = 0; position < noise.size();) {
-        const int size = std::min(window, noise.size() - position);
-        const auto* from = noise.constData() + position;
-        const void* mark = std::memchr(from, '<', static_cast<std::size_t>(size));
-        found += mark != nullptr;
-        position +=
-            mark == nullptr ? size : static_cast<int>(static_cast<const char*>(mark) - from) + 1;
+        const QByteArray inspected = noise.mid(position, window);
+        const int mark = inspected.indexOf('<');
+        position += mark < 0 ? inspected.size() : mark + 1;
     }
-    const double seconds = elapsed(start);
-    if (found > static_cast<std::size_t>(noise.size())) {
-        std::abort(); // uses the result
-    }
-    return seconds;
+    return elapsed(start);
 }
 
 void resynchronise(const char* what, const QByteArray& noise)
 {
-    TextReplyStream stream(values);
+    const auto stream = std::make_shared<ReplyStream>();
+    ReplyStreamParser parser(text, stream);
     std::vector<double> skips;
     std::vector<double> searches;
     std::vector<double> skipsOfOne;
     const QByteArray part = noise.left(noise.size() / 16);
     for (int i = 0; i < 9; ++i) {
         searches.push_back(secondsToSearch(noise));
-        skips.push_back(secondsToSkip(stream, noise));
-        skipsOfOne.push_back(secondsToSkip(stream, part));
+        skips.push_back(secondsToSkip(*stream, parser, noise));
+        skipsOfOne.push_back(secondsToSkip(*stream, parser, part));
     }
     const double skip = ratio::percentile(skips, 0.5);
     ratio::printTimes(what, ratio::percentile(searches, 0.5), skip, 3);
@@ -282,7 +249,7 @@ void roundTrips()
     const double median = ratio::percentile(whole, 0.5);
     // The pause as this machine makes it.
     const double pause =
-        ratio::secondsPerCall([] { std::this_thread::sleep_for(values.interval); }, 200);
+        ratio::secondsPerCall([] { std::this_thread::sleep_for(text.interval); }, 200);
     const double explained = pause / 2 + raw;
     std::printf(
         "round trip, median: %.3f ms; half the pause of %.3f ms and the bare port's %.3f ms "
@@ -321,23 +288,18 @@ int main(int argc, char** argv)
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
 
     silentLine();
-    replies("standard reply", replybytes::text(0x10, 0x20), TextReplyStream(values),
-            LiteralReplyStream(), 10);
-    replies("immediate reply", replybytes::text(0x79, 0x0C), TextReplyStream(values),
-            LiteralReplyStream(), 10);
-    replies("reply with 129 bytes", replybytes::text(0x77, 0x23) + replybytes::block(129),
-            TextReplyStream(values), LiteralReplyStream(), 10);
-    // Nothing of it is text: most of what is left is the hand-over.
-    replies("second line, 129 bytes", replybytes::head(129) + replybytes::block(129),
-            BinaryReplyStream(), LiteralBinaryReplyStream(), 3.5);
+    replies("standard reply", replybytes::text(0x10, 0x20), text);
+    replies("immediate reply", replybytes::text(0x79, 0x0C), text);
+    replies("reply with 129 bytes", replybytes::text(0x77, 0x23) + replybytes::block(129), text);
+    replies("second line, 129 bytes", replybytes::head(129) + replybytes::block(129), binary);
 
-    resynchronise("16 MiB of noise without a mark, to memchr", QByteArray(longBacklog, 'x'));
+    resynchronise("16 MiB of noise without a mark, to one look", QByteArray(longBacklog, 'x'));
     QByteArray random(longBacklog, '\0');
     std::minstd_rand generator(1);
     for (char& byte : random) {
         byte = static_cast<char>(generator() >> 16);
     }
-    resynchronise("16 MiB of random noise, to memchr", random);
+    resynchronise("16 MiB of random noise, to one look", random);
     roundTrips();
     return 0;
 }

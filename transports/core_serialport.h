@@ -11,20 +11,19 @@ class CORE_MANAGE_EXPORT Core_SerialPort : public SerialLine
 
 public:
     Core_SerialPort();
-    ~Core_SerialPort() override;
 
     QByteArray produceCmds(model_Protocoldata record) override;
 
-    /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'.
+    /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'. Any thread; does not block.
     QByteArray changeData(QByteArray bytes);
 
 public Q_SLOTS:
-    void readPendingDatagrams(); ///< moves what the port has received to the receive buffer
-    void sendDatatoDevice(void* parameters) override;
-    void sendDatatoDeviceByFeatures(void* parameters) override; ///< sends every record
-    void sendDatatoDeviceForSysPlan(void* parameters) override; ///< does nothing
+    void readPendingDatagrams() { receive(); } ///< see SerialLine::receive
+    void sendDatatoDevice(void* parameters) override { sendRecord(parameters, shownText); }
+    void sendDatatoDeviceByFeatures(void* parameters) override { sendDatatoDevice(parameters); }
+    void sendDatatoDeviceForSysPlan(void* parameters) override { Q_UNUSED(parameters) } ///< nothing
 
-    /// Closes the port when the device is gone: on a resource error, and on a read error of a line
-    /// that has hung up. For the host to connect to the port's errors.
-    void handleError(QSerialPort::SerialPortError error);
+    /// Closes the port when the device is gone, see SerialLine::closeLost. For the host to connect
+    /// to the port's errors.
+    void handleError(QSerialPort::SerialPortError error) { closeLost(error); }
 };

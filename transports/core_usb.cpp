@@ -1,115 +1,74 @@
 // SPDX-License-Identifier: MIT
 #include "core_usb.h"
 
-#include "biz_cmdswork.h"
 #include "callerrecord.h"
 #include "commandframe.h"
-#include "debugline.h"
 #include "hidhandle.h"
-#include "replyqueue.h"
 #include "sendreport.h"
-#include "textreplystream.h"
-#include "usbreader.h"
+#include "textreplyformat.h"
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <thread>
 
 namespace
 {
 
-constexpr TextReplyValues replyValues{std::chrono::milliseconds(20),
-                                      "USB",
-                                      false,
-                                      2,
-                                      21,
-                                      false,
-                                      "Core_USB::getArrayData   dataStr==",
-                                      "1CheckBlock default:",
-                                      "2CheckBlock default:",
-                                      "3CheckBlock default:"};
+constexpr TextReplyValues usbValues()
+{
+    TextReplyValues values;
+    values.interval = std::chrono::milliseconds(20);
+    values.origin = "USB";
+    values.namesBlockReplies = false;
+    values.mark = 2;
+    values.immediateMark = 21;
+    values.hasShortBlockA = false;
+    values.decodeFailure = "Core_USB::getArrayData   dataStr==";
+    values.announcedFailure = "1CheckBlock default:";
+    values.fixedAFailure = "2CheckBlock default:";
+    values.fixedBFailure = "3CheckBlock default:";
+    return values;
+}
+
+constexpr TextReplyFormat usbReplies(usbValues());
 
 constexpr std::chrono::milliseconds closePause{100};
 constexpr int sentByFeatures = 0x400000;
-constexpr unsigned short updateVendor = 0x04B4;
 constexpr int reportData = HidHandle::reportLength - 1;
+
+constexpr unsigned short updateVendor = 0x04B4;
+constexpr std::array<unsigned short, 3> updateProducts{0x1008, 0x100A, 0x100C};
 
 constexpr int codeOffset = 6; // the digits of CMD and DAT1 in a frame
 constexpr int codeLength = 4;
-constexpr std::array<const char*, 7> updateCodes{"9AA0", "9AA2", "9AA4", "9AA6",
-                                                 "9AA8", "9AAA", "9AAC"};
-
-bool isUpdateCommand(const QByteArray& frame)
-{
-    const QByteArray code = frame.mid(codeOffset, codeLength).toUpper();
-    return std::any_of(updateCodes.begin(), updateCodes.end(),
-                       [&code](const char* update) { return code == update; });
-}
-
-void logSuccess(const char* remaining, int size)
-{
-    const auto length = qstrnlen(remaining, static_cast<uint>(size));
-    reportSend(true, nullptr, QString::fromLatin1(remaining, static_cast<int>(length)));
-}
-
-using Logger = void (*)(const char* remaining, int size);
+constexpr std::array<const char*, 7> updateCodes{"9aa0", "9aa2", "9aa4", "9aa6",
+                                                 "9aa8", "9aaa", "9aac"};
 
 // Writes a frame whose first report takes up to firstLength bytes of it and each other up to 64.
-// Success is told to the logger, if any, with what was left of the frame before the report.
-void writeReports(HidHandle& device, const QByteArray& frame, int firstLength, Logger logger)
+void writeReports(HidHandle& device, const QByteArray& frame, int firstLength, bool logsSuccess)
 {
-    const char* remaining = frame.constData();
-    const char* const end = remaining + frame.size();
-    int longest = firstLength;
-    while (remaining != end) {
-        const int size = static_cast<int>(end - remaining);
-        const int length = qMin(size, longest);
-        std::array<unsigned char, HidHandle::reportLength> report{};
-        std::memcpy(&report[1], remaining, static_cast<std::size_t>(length));
-        if (!device.write(report.data())) {
+    int length = firstLength;
+    for (int start = 0; start < frame.size(); start += length, length = reportData) {
+        if (!device.write(frame.mid(start, length))) {
             reportSend(false, sendFailedLine, QString());
             return;
         }
-        if (logger != nullptr) {
-            logger(remaining, size);
+        if (logsSuccess) {
+            const char* const rest = frame.constData() + start;
+            const auto size = qstrnlen(rest, static_cast<uint>(frame.size() - start));
+            reportSend(true, nullptr, QString::fromLatin1(rest, static_cast<int>(size)));
         }
-        remaining += length;
-        longest = reportData;
     }
 }
 
 } // namespace
 
-Core_USB::Core_USB()
-    : ReplyStreamParser(std::make_shared<TextReplyStream>(replyValues)),
-      cmdsWork(std::make_shared<biz_CMDSWork>())
-{
-}
+Core_USB::Core_USB() : StreamLink(usbReplies) {}
 
 Core_USB::~Core_USB()
 {
     Core_USB::closeUSB();
 }
-
-void Core_USB::setDeviceIP(QString /*ip*/) {}
-
-void Core_USB::setPort(int /*port*/) {}
-
-void Core_USB::clearQueue()
-{
-    replyqueue::clearElsewhere(cmdsWork);
-}
-
-bool Core_USB::openSerialPort(QString /*portName*/, QSerialPort::BaudRate /*baudRate*/,
-                              QSerialPort::StopBits /*stopBits*/, QSerialPort::Parity /*parity*/,
-                              QSerialPort::FlowControl /*flowControl*/,
-                              QSerialPort::DataBits /*dataBits*/)
-{
-    return false;
-}
-
-void Core_USB::closeSerialPort() {}
 
 bool Core_USB::openUSB(unsigned short vendorId, unsigned short productId)
 {
@@ -119,8 +78,19 @@ bool Core_USB::openUSB(unsigned short vendorId, unsigned short productId)
     if (opened == nullptr) {
         return false;
     }
-    noteIds(vendorId, productId);
-    return startWorkers(opened);
+    const auto* const end = updateProducts.end();
+    if (vendorId == updateVendor && std::find(updateProducts.begin(), end, productId) != end) {
+        takesUpdates = true;
+    }
+    if (!startParsing()) {
+        return false;
+    }
+    if (!opened->token.start([opened, to = stream()] { opened->readAll(to->received); })) {
+        stopParsing(closePause, Counts::AllTime);
+        return false;
+    }
+    std::atomic_store(&hidDev, opened);
+    return true;
 }
 
 void Core_USB::closeUSB()
@@ -132,86 +102,22 @@ void Core_USB::closeUSB()
 // Also pauses while nothing is open: the device may need the time between two opens.
 void Core_USB::closeDevice()
 {
-    const auto closed = currentReader();
+    const auto closed = std::atomic_exchange(&hidDev, {});
     if (closed == nullptr) {
         std::this_thread::sleep_for(closePause);
         return;
     }
-    setReader(nullptr);
-    closed->stop();
-    closed->device()->close();
+    closed->close();
     const auto end = std::chrono::steady_clock::now() + closePause;
-    stopParsing(closePause);
+    stopParsing(closePause, Counts::AllTime);
     std::this_thread::sleep_until(end);
-    stream()->received().clear();
-}
-
-bool Core_USB::startWorkers(const std::shared_ptr<HidHandle>& opened)
-{
-    const auto next = std::make_shared<UsbReader>(opened, stream());
-    if (!startParsing()) {
-        return false;
-    }
-    if (!UsbReader::start(next)) {
-        stopParsing(closePause);
-        return false;
-    }
-    setReader(next);
-    return true;
-}
-
-void Core_USB::noteIds(unsigned short vendorId, unsigned short productId)
-{
-    if (vendorId != updateVendor) {
-        return;
-    }
-    switch (productId) {
-    case 0x1008:
-        bPid1008 = true;
-        break;
-    case 0x100A:
-        bPid100A = true;
-        break;
-    case 0x100C:
-        bPid100C = true;
-        break;
-    default:
-        break;
-    }
-}
-
-bool Core_USB::isUpdateDevice() const
-{
-    return bPid1008 || bPid100A || bPid100C;
-}
-
-std::shared_ptr<UsbReader> Core_USB::currentReader() const
-{
-    const std::lock_guard lock(readerLock);
-    return reader;
-}
-
-void Core_USB::setReader(std::shared_ptr<UsbReader> next)
-{
-    const std::lock_guard lock(readerLock);
-    reader.swap(next);
-}
-
-std::shared_ptr<HidHandle> Core_USB::device() const
-{
-    const auto working = currentReader();
-    return working == nullptr ? nullptr : working->device();
-}
-
-void Core_USB::setDeviceType(model_GlobalEnum::DeviceType type)
-{
-    setOriginType(type);
+    stream()->received.clear();
 }
 
 void Core_USB::td_readPendingDatagrams()
 {
-    if (const auto working = currentReader()) {
-        working->read();
+    if (const auto open = std::atomic_load(&hidDev)) {
+        open->readAll(stream()->received);
     }
 }
 
@@ -225,21 +131,6 @@ QByteArray Core_USB::changeData(QByteArray bytes)
     return commandframe::toText(bytes);
 }
 
-void Core_USB::sendDatatoDevice(void* parameters)
-{
-    const auto record = callerRecord<model_Protocoldata>(parameters);
-    if (!record) {
-        return;
-    }
-    const QByteArray frame = produceCmds(*record);
-    if (isUpdateDevice() && isUpdateCommand(frame)) {
-        sendUSBData_Update_Norvix(frame);
-        return;
-    }
-    sendUSBData(frame);
-    qCDebug(debugLine) << textWithBytes("Send usb data:", frame.left(commandframe::textLength));
-}
-
 void Core_USB::sendDatatoDeviceByFeatures(void* parameters)
 {
     const auto record = callerRecord<model_Protocoldata>(parameters);
@@ -248,19 +139,30 @@ void Core_USB::sendDatatoDeviceByFeatures(void* parameters)
     }
 }
 
-void Core_USB::sendDatatoDeviceForSysPlan(void* /*parameters*/) {}
+bool Core_USB::writeFrame(const QByteArray& frame)
+{
+    const QByteArray code = frame.mid(codeOffset, codeLength).toLower();
+    const auto* const end = updateCodes.end();
+    const bool isUpdate = takesUpdates && std::find(updateCodes.begin(), end, code) != end;
+    if (isUpdate) {
+        sendUSBData_Update_Norvix(frame);
+    } else {
+        sendUSBData(frame);
+    }
+    return !isUpdate;
+}
 
 void Core_USB::sendUSBData(QByteArray data)
 {
-    if (const auto open = device()) {
-        writeReports(*open, data, reportData, logSuccess);
+    if (const auto open = std::atomic_load(&hidDev)) {
+        writeReports(*open, data, reportData, true);
     }
 }
 
 void Core_USB::sendUSBData_Update_Norvix(QByteArray data)
 {
-    if (const auto open = device()) {
+    if (const auto open = std::atomic_load(&hidDev)) {
         const bool isSplit = data.size() >= reportData;
-        writeReports(*open, data, isSplit ? commandframe::textLength : reportData, nullptr);
+        writeReports(*open, data, isSplit ? commandframe::textLength : reportData, false);
     }
 }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "icorebase.h"
-#include "replystreamparser.h"
+#include "streamlink.h"
 
 #include <QByteArray>
 
@@ -11,8 +10,6 @@
 #include <mutex>
 
 class HidHandle;
-class UsbReader;
-class biz_CMDSWork;
 
 /// The device over USB HID: commands go out as text frames cut into output reports, replies come
 /// back as a stream of text replies with their blocks. See commandframe and replykinds for both.
@@ -34,23 +31,17 @@ class biz_CMDSWork;
 ///
 /// A device that is unplugged stays open until it is closed: reads find nothing, writes fail.
 ///
-/// Every operation may be called from any thread. openUSB and closeUSB exclude each other; a send
-/// runs beside anything, also beside the close. Reports of frames that several threads send at a
-/// time may come in any order; each report is whole.
-class CORE_MANAGE_EXPORT Core_USB : public ICoreBase, public ReplyStreamParser
+/// Every operation may be called from any thread. openUSB and closeUSB exclude each other. A send
+/// runs beside anything, also beside the close, and blocks until the kernel has taken its last
+/// report: up to 5 s a report. Reports of frames that several threads send at a time may come in
+/// any order; each report is whole.
+class CORE_MANAGE_EXPORT Core_USB : public StreamLink
 {
     Q_OBJECT
 
 public:
     Core_USB();
     ~Core_USB() override; ///< closes the device, with closeUSB's pause
-
-    void setDeviceIP(QString ip) override; ///< does nothing
-    void setPort(int port) override;       ///< does nothing
-    void clearQueue() override;
-    bool openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
-                        QSerialPort::FlowControl, QSerialPort::DataBits) override; ///< false
-    void closeSerialPort() override;                                               ///< does nothing
 
     /// Closes what is open as closeUSB does, with its pause, opens the first device with these ids
     /// and starts the workers. False, with nothing open, if it cannot be opened or the system
@@ -65,8 +56,6 @@ public:
     /// any more. While nothing is open it pauses, and changes nothing.
     void closeUSB() override;
 
-    void setDeviceType(model_GlobalEnum::DeviceType type) override;
-
     /// Writes one frame, 64 bytes to a report, and logs each report with all that was left of the
     /// frame before it. The first failure ends it. Does nothing while closed.
     void sendUSBData(QByteArray data);
@@ -79,32 +68,21 @@ public:
     /// read of up to 100 ms.
     void td_readPendingDatagrams();
 
-    /// The text frame of a record.
-    QByteArray produceCmds(model_Protocoldata record);
+    QByteArray produceCmds(model_Protocoldata record) override;
 
-    /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'.
+    /// '<', 'T', two lower-case hexadecimal digits for each byte, '>'. Does not block.
     QByteArray changeData(QByteArray bytes);
 
 public Q_SLOTS:
-    void sendDatatoDevice(void* parameters) override;
+    void sendDatatoDevice(void* parameters) override { sendRecord(parameters, "Send usb data:"); }
     void sendDatatoDeviceByFeatures(void* parameters) override; ///< featureCode 0x400000 only
-    void sendDatatoDeviceForSysPlan(void* parameters) override; ///< does nothing
+    void sendDatatoDeviceForSysPlan(void* parameters) override { Q_UNUSED(parameters) } ///< nothing
 
 private:
-    std::shared_ptr<HidHandle> device() const;
-    std::shared_ptr<UsbReader> currentReader() const;
-    void setReader(std::shared_ptr<UsbReader> next);
-    bool isUpdateDevice() const;
-    void noteIds(unsigned short vendorId, unsigned short productId);
-    bool startWorkers(const std::shared_ptr<HidHandle>& opened);
+    bool writeFrame(const QByteArray& frame) override;
     void closeDevice();
 
-    // Lock order: lifecycleLock, readerLock.
-    std::mutex lifecycleLock;          // openUSB, closeUSB
-    mutable std::mutex readerLock;     // a leaf: reader
-    std::shared_ptr<UsbReader> reader; // null while closed
-    std::atomic<bool> bPid1008{false};
-    std::atomic<bool> bPid100A{false};
-    std::atomic<bool> bPid100C{false};
-    std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
+    std::mutex lifecycleLock;              // openUSB, closeUSB
+    std::shared_ptr<HidHandle> hidDev;     // null while closed; by std::atomic_load and its like
+    std::atomic<bool> takesUpdates{false}; // a device that takes them has been open
 };

@@ -5,6 +5,7 @@
 
 #include <hidapi.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <string>
@@ -14,6 +15,9 @@ namespace
 {
 
 constexpr int failure = -1;
+constexpr std::size_t readLength = 1024; // the longest input report
+constexpr int readTimeoutMs = 100;
+constexpr std::chrono::milliseconds pauseBeforeRead{100}; // also while reports are waiting
 constexpr std::chrono::seconds writePatience{1};
 constexpr std::chrono::milliseconds writePause{5};
 
@@ -40,8 +44,8 @@ std::shared_ptr<HidHandle> HidHandle::open(unsigned short vendorId, unsigned sho
 {
     const std::lock_guard lock(openLock);
     const std::string path = pathOfFirst(vendorId, productId);
-    Handle forReads(path.empty() ? nullptr : hid_open_path(path.c_str()));
-    Handle forWrites(forReads == nullptr ? nullptr : hid_open_path(path.c_str()));
+    Handle forReads(path.empty() ? nullptr : hid_open_path(path.c_str()), hid_close);
+    Handle forWrites(forReads ? hid_open_path(path.c_str()) : nullptr, hid_close);
     if (forWrites == nullptr) {
         return nullptr;
     }
@@ -53,16 +57,23 @@ HidHandle::HidHandle(Handle forReads, Handle forWrites)
 {
 }
 
-void HidHandle::Closer::operator()(hid_device_* handle) const
+void HidHandle::readAll(ReceiveBuffer& buffer)
 {
-    hid_close(handle);
+    token.run([this, &buffer] {
+        while (token.goesOn()) {
+            std::this_thread::sleep_for(pauseBeforeRead);
+            if (!buffer.isFull()) {
+                readInto(buffer);
+            }
+        }
+    });
 }
 
 bool HidHandle::readInto(ReceiveBuffer& buffer)
 {
     std::array<unsigned char, readLength> report{};
     const std::lock_guard lock(devLock);
-    if (isClosed) {
+    if (!token.isSet()) {
         return false;
     }
     const int count = hid_read_timeout(reader.get(), report.data(), report.size(), readTimeoutMs);
@@ -72,15 +83,17 @@ bool HidHandle::readInto(ReceiveBuffer& buffer)
     return true;
 }
 
-bool HidHandle::write(const unsigned char* report)
+bool HidHandle::write(const QByteArray& data)
 {
+    std::array<unsigned char, reportLength> report{};
+    std::copy_n(data.cbegin(), qMin(data.size(), reportLength - 1), report.begin() + 1);
     const std::lock_guard lock(writeLock);
-    return !isClosed && hid_write(writer.get(), report, reportLength) != failure;
+    return token.isSet() && hid_write(writer.get(), report.data(), report.size()) != failure;
 }
 
 void HidHandle::close()
 {
-    isClosed = true;
+    token.set(false);
     const std::lock_guard readers(devLock);
     std::unique_lock writers(writeLock, std::try_to_lock);
     const auto end = std::chrono::steady_clock::now() + writePatience;

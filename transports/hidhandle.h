@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <atomic>
+#include "runtoken.h"
+
+#include <QByteArray>
+
 #include <memory>
 #include <mutex>
 
 class ReceiveBuffer;
 struct hid_device_;
 
-/// One open HID device, and the only place that calls hidapi.
+/// One open HID device with its reader's loop, and the only place that calls hidapi.
 ///
 /// hidapi keeps an error text in each handle, which reads and writes free without a lock. So the
 /// device is opened twice: one handle only reads, the other only writes, each under a lock of its
@@ -19,32 +22,34 @@ struct hid_device_;
 class HidHandle
 {
 public:
-    static constexpr int reportLength = 65;   ///< report number 0 and the data
-    static constexpr int readLength = 1024;   ///< most that one input report may hold
-    static constexpr int readTimeoutMs = 100; ///< how long a read waits for a report
+    static constexpr int reportLength = 65; ///< report number 0 and the data
 
     /// Opens the first device with these ids; null, with nothing left open, if there is none or it
     /// refuses. Opens exclude each other. Looks through all HID devices of the system.
     static std::shared_ptr<HidHandle> open(unsigned short vendorId, unsigned short productId);
 
-    /// Waits up to 100 ms for one input report and appends it to \a buffer as it came; nothing is
-    /// appended after close has returned. A failure is as no report. False if it is closed.
+    /// The reader's loop, until close: a pause of 100 ms and a read. While the buffer is full
+    /// nothing is read: what comes is the kernel's to keep or to drop.
+    void readAll(ReceiveBuffer& buffer);
+
+    /// Waits up to 100 ms for one input report, of 1024 bytes at most, and appends it to \a buffer
+    /// as it came. A failure is as no report. False if it is closed.
     bool readInto(ReceiveBuffer& buffer);
 
-    /// Writes one output report of reportLength bytes and waits until the kernel has taken it.
-    /// False if that fails or it is closed.
-    bool write(const unsigned char* report);
+    /// Writes one output report, filled with zeros behind \a data (64 bytes at most), and waits
+    /// until the kernel has taken it. False if that fails or it is closed.
+    bool write(const QByteArray& data);
 
     /// Closes the device: waits for a read in the kernel, up to 100 ms, and for a write there, up
     /// to a second. If that takes longer, both handles are left to the writer and are closed with
-    /// the last owner: the kernel lets nobody close a handle of a device while it writes.
+    /// the last owner: the kernel lets nobody close a handle of a device while it writes. Nothing
+    /// is appended after it has returned.
     void close();
 
+    RunToken token{true}; ///< of the reader; its flag is set while the device is open
+
 private:
-    struct Closer {
-        void operator()(hid_device_* handle) const;
-    };
-    using Handle = std::unique_ptr<hid_device_, Closer>;
+    using Handle = std::unique_ptr<hid_device_, void (*)(hid_device_*)>;
 
     HidHandle(Handle forReads, Handle forWrites);
 
@@ -53,5 +58,4 @@ private:
     std::mutex writeLock;
     Handle reader; // under devLock
     Handle writer; // under writeLock
-    std::atomic<bool> isClosed{false};
 };

@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "serialline.h"
 
-#include "biz_cmdswork.h"
-#include "callerrecord.h"
-#include "commandframe.h"
 #include "debugline.h"
-#include "replyqueue.h"
 #include "replystream.h"
 #include "sendreport.h"
 
@@ -23,19 +19,19 @@ namespace
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// A host that keeps the parser for so long may be waiting for the close.
+// A host that keeps the parser for longer may be waiting for the close.
 constexpr milliseconds hostPatience{1000};
 
 constexpr milliseconds roomPause{5};
 
-// What the port may read ahead of the receive buffer.
+// Bytes that the port reads ahead of the receive buffer.
 constexpr int readAhead = 32 * 1024;
 
-// A frame that the log has not called sent is given so long at the close.
+// The close waits no longer for the line to take frames that are not logged as sent.
 constexpr milliseconds unsentPatience{1000};
 
-// A line that has taken nothing for so long is held by flow control. Closing it would wait for 30 s
-// in the kernel; with this and the parser's last pass it takes less than a second.
+// A line that has taken nothing for this long is held by flow control. The kernel would wait 30 s
+// for it; with this limit and the parser's last pass the close takes less than a second.
 constexpr milliseconds heldPatience{800};
 
 bool hasHungUp(int descriptor)
@@ -56,14 +52,12 @@ int queuedForLine(int descriptor)
 
 } // namespace
 
-SerialLine::SerialLine(std::shared_ptr<ReplyStream> stream)
-    : ReplyStreamParser(std::move(stream)), serialPort(std::make_unique<QSerialPort>()),
-      cmdsWork(std::make_shared<biz_CMDSWork>())
+SerialLine::SerialLine(const ReplyFormat& replies) : StreamLink(replies)
 {
-    serialPort->setReadBufferSize(readAhead);
+    serialPort.setReadBufferSize(readAhead);
     // An adapter changes its speed at once, also under the frames that it has not sent yet. (The
     // property's setter is deprecated.)
-    serialPort->setProperty("settingsRestoredOnClose", false);
+    serialPort.setProperty("settingsRestoredOnClose", false);
     lookAgain.setSingleShot(true);
     lookAgain.setInterval(roomPause);
     lookAgain.callOnTimeout([this] {
@@ -74,37 +68,28 @@ SerialLine::SerialLine(std::shared_ptr<ReplyStream> stream)
 
 SerialLine::~SerialLine()
 {
-    serialPort->disconnect(this);
+    serialPort.disconnect(this);
     shut();
 }
 
 void SerialLine::shut()
 {
-    awaitParsingEnd(hostPatience);
+    stopParsing(hostPatience, Counts::TimeInTheHost);
     closePort();
-    stream()->received().clear();
+    stream()->received.clear();
 }
 
 // A closed port is not closed again: that would make it report an error.
 void SerialLine::closePort()
 {
-    if (serialPort->isOpen()) {
+    if (serialPort.isOpen()) {
         finishWriting();
     }
     dropPending();
     lookAgain.stop();
-    if (serialPort->isOpen()) { // the log may have closed it
-        serialPort->close();
+    if (serialPort.isOpen()) { // the log may have closed it
+        serialPort.close();
     }
-}
-
-void SerialLine::setDeviceIP(QString /*ip*/) {}
-
-void SerialLine::setPort(int /*port*/) {}
-
-void SerialLine::clearQueue()
-{
-    replyqueue::clearElsewhere(cmdsWork);
 }
 
 bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate,
@@ -112,20 +97,20 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
                                 QSerialPort::FlowControl flowControl,
                                 QSerialPort::DataBits dataBits)
 {
-    if (serialPort->isOpen() || isParsing()) {
+    if (serialPort.isOpen() || isParsing()) {
         if (!bBaseFlag) {
-            stopParsing(milliseconds::zero()); // the host does not want to wait for the parser
+            stopParsing(milliseconds::zero(), Counts::AllTime); // the host does not want to wait
         }
         shut();
     }
-    serialPort->setPortName(portName);
-    setOriginName(serialPort->portName());
-    serialPort->setBaudRate(baudRate, QSerialPort::AllDirections);
-    serialPort->setDataBits(dataBits);
-    serialPort->setParity(parity);
-    serialPort->setStopBits(stopBits);
-    serialPort->setFlowControl(flowControl);
-    if (!serialPort->open(QIODevice::ReadWrite)) {
+    serialPort.setPortName(portName);
+    stream()->setOriginName(serialPort.portName());
+    serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
+    serialPort.setDataBits(dataBits);
+    serialPort.setParity(parity);
+    serialPort.setStopBits(stopBits);
+    serialPort.setFlowControl(flowControl);
+    if (!serialPort.open(QIODevice::ReadWrite)) {
         return false;
     }
     if (!startParsing()) {
@@ -137,39 +122,24 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
 
 void SerialLine::closeSerialPort()
 {
-    if (serialPort->isOpen()) {
+    if (serialPort.isOpen()) {
         shut();
     }
 }
 
-bool SerialLine::openUSB(unsigned short /*vendorId*/, unsigned short /*productId*/)
+bool SerialLine::writeFrame(const QByteArray& frame)
 {
-    return false;
-}
-
-void SerialLine::closeUSB() {}
-
-void SerialLine::setDeviceType(model_GlobalEnum::DeviceType type)
-{
-    setOriginType(type);
-}
-
-void SerialLine::sendRecord(void* parameters)
-{
-    if (const auto record = callerRecord<model_Protocoldata>(parameters)) {
-        const QByteArray frame = produceCmds(*record);
-        sendComData(frame);
-        qCDebug(debugLine) << textWithBytes("Send data:", frame.left(commandframe::textLength));
-    }
+    sendComData(frame);
+    return true;
 }
 
 void SerialLine::sendComData(QByteArray data)
 {
-    if (!serialPort->isOpen()) {
+    if (!serialPort.isOpen()) {
         return;
     }
     if (unwritten > ReceiveBuffer::limit) {
-        reportWritten(-1, data);
+        reportSend(false, sendFailedLine, QString());
         return;
     }
     unwritten += data.size();
@@ -181,10 +151,10 @@ void SerialLine::sendComData(QByteArray data)
 // runs, and is dropped by its close.
 void SerialLine::write()
 {
-    while (!pending.empty() && serialPort->isOpen()) {
+    while (!pending.empty() && serialPort.isOpen()) {
         const char* const rest = pending.front().constData() + written;
         const int left = pending.front().size() - written;
-        const auto size = ::write(serialPort->handle(), rest, static_cast<std::size_t>(left));
+        const auto size = ::write(serialPort.handle(), rest, static_cast<std::size_t>(left));
         if (size < 0 && errno == EINTR) {
             continue;
         }
@@ -206,7 +176,8 @@ void SerialLine::endFrame(bool sent)
     pending.pop_front();
     unwritten -= frame.size() - written;
     written = 0;
-    reportWritten(sent ? frame.size() : -1, frame); // last: the log may send or close
+    // Last: the log may send or close.
+    reportSend(sent, sent ? sentLine : sendFailedLine, textWithBytes("", frame));
 }
 
 void SerialLine::dropPending()
@@ -226,7 +197,7 @@ void SerialLine::finishWriting()
             dropPending();
         }
         write();
-        const qint64 left = unwritten + queuedForLine(serialPort->handle());
+        const qint64 left = unwritten + queuedForLine(serialPort.handle());
         if (left == 0) {
             return;
         }
@@ -238,32 +209,23 @@ void SerialLine::finishWriting()
         }
         std::this_thread::sleep_for(roomPause);
     }
-    if (queuedForLine(serialPort->handle()) > 0) {
+    if (queuedForLine(serialPort.handle()) > 0) {
         // Some drivers cannot drop what they have: it goes out then, whether the device wants it
         // or not.
-        tcflush(serialPort->handle(), TCOFLUSH);
-        serialPort->setFlowControl(QSerialPort::NoFlowControl);
-    }
-}
-
-void SerialLine::reportWritten(qint64 written, const QByteArray& frame)
-{
-    if (written == frame.size()) {
-        reportSend(true, sentLine, textWithBytes("", frame));
-    } else if (written == -1) {
-        reportSend(false, sendFailedLine, QString());
+        tcflush(serialPort.handle(), TCOFLUSH);
+        serialPort.setFlowControl(QSerialPort::NoFlowControl);
     }
 }
 
 void SerialLine::closeLost(QSerialPort::SerialPortError error)
 {
-    if (!serialPort->isOpen()) {
+    if (!serialPort.isOpen()) {
         return;
     }
     // Reading a line that has hung up gives an end of file, which the port reports as this or that
     // error, by what an earlier system call has left in errno.
     const bool isLost = error == QSerialPort::ResourceError ||
-                        (error == QSerialPort::ReadError && hasHungUp(serialPort->handle()));
+                        (error == QSerialPort::ReadError && hasHungUp(serialPort.handle()));
     if (isLost) {
         closePort(); // the parser runs on: the next open stops it
     }
@@ -272,12 +234,12 @@ void SerialLine::closeLost(QSerialPort::SerialPortError error)
 // Of a line that has hung up no more can come than the system holds already.
 void SerialLine::receive()
 {
-    while (serialPort->bytesAvailable() > 0) {
-        if (bBaseFlag && stream()->received().isFull() && !hasHungUp(serialPort->handle())) {
+    while (serialPort.bytesAvailable() > 0) {
+        if (bBaseFlag && stream()->received.isFull() && !hasHungUp(serialPort.handle())) {
             lookAgain.start();
             return;
         }
-        const QByteArray chunk = serialPort->readAll();
+        const QByteArray chunk = serialPort.readAll();
         if (bBaseFlag) {
             showChunk(chunk);
             appendBuffData(chunk);

@@ -1,20 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "icorebase.h"
-#include "replystreamparser.h"
+#include "streamlink.h"
 
 #include <QByteArray>
 #include <QSerialPort>
 #include <QTimer>
 
 #include <deque>
-#include <memory>
 
-class biz_CMDSWork;
-
-/// What the serial transports have in common: opening, closing, writing, reading and the port's
-/// errors. A line that differs adds its frames and its replies.
+/// What the serial links have in common: opening, closing, writing, reading and the port's errors.
+/// A line that differs adds its frames and its replies.
 ///
 /// | state     | port   | parser  | begins with                       | ends with              |
 /// |-----------|--------|---------|-----------------------------------|------------------------|
@@ -23,26 +19,23 @@ class biz_CMDSWork;
 /// | port lost | closed | running | handleError with a resource error | open                   |
 ///
 /// The object lives in the thread that made it, which must run a Qt event loop: bytes are read
-/// there. setDeviceType and clearQueue may be called from any thread, the operations of
-/// ReplyStreamParser as stated there, the others from the owner's thread only. It may be destroyed
-/// in any state.
+/// there. The operations of StreamLink and ReplyStreamParser may be called as stated there, the
+/// others from the owner's thread only. It may be destroyed in any state, which takes as long as
+/// closeSerialPort.
 ///
 /// A device that goes away makes the port report errors for as long as it is open, and nothing here
 /// acts on them by itself. A host should connect them, so that the port closes then:
 ///
 ///     connect(&line->port(), &QSerialPort::errorOccurred, line, &Core_SerialPort::handleError);
-class CORE_MANAGE_EXPORT SerialLine : public ICoreBase, public ReplyStreamParser
+class CORE_MANAGE_EXPORT SerialLine : public StreamLink
 {
 public:
     ~SerialLine() override;
 
-    void setDeviceIP(QString ip) override; ///< does nothing
-    void setPort(int port) override;       ///< does nothing
-    void clearQueue() override;
-
     /// Opens the port and starts the parser. What is open is closed first, and a parser that a lost
     /// port has left is stopped; the receive buffer is empty then. False, with the port closed and
-    /// no parser, if the port cannot be opened or the system refuses the thread.
+    /// no parser, if the port cannot be opened or the system refuses the thread. Blocks as
+    /// closeSerialPort.
     bool openSerialPort(QString portName, QSerialPort::BaudRate baudRate,
                         QSerialPort::StopBits stopBits, QSerialPort::Parity parity,
                         QSerialPort::FlowControl flowControl,
@@ -56,16 +49,9 @@ public:
     /// closed.
     void closeSerialPort() override;
 
-    bool openUSB(unsigned short vendorId, unsigned short productId) override; ///< false
-    void closeUSB() override;                                                 ///< does nothing
-    void setDeviceType(model_GlobalEnum::DeviceType type) override;
-
     /// The port, for a host that watches its errors. It is the line that opens, closes, reads and
     /// writes it.
-    QSerialPort& port() { return *serialPort; }
-
-    /// The frame of a record.
-    virtual QByteArray produceCmds(model_Protocoldata record) = 0;
+    QSerialPort& port() { return serialPort; }
 
     /// Writes one frame to the port, without waiting for the line, and logs "Send successful" once
     /// the system has all of it. What it does not take at once follows in order while the event
@@ -75,12 +61,12 @@ public:
     void sendComData(QByteArray data);
 
 protected:
-    explicit SerialLine(std::shared_ptr<ReplyStream> stream);
+    static constexpr char shownText[] = "Send data:";
 
-    void sendRecord(void* parameters); ///< encodes the record behind the pointer and writes it
+    explicit SerialLine(const ReplyFormat& replies);
 
-    /// Closes the port on a resource error, and on the read error that a line gives which has hung
-    /// up.
+    /// Closes the port on a resource error, and on the read error of a line that has hung up. All
+    /// other errors are ignored. The parser runs on until the next open.
     void closeLost(QSerialPort::SerialPortError error);
 
     /// Moves what the port has received to the receive buffer, until that is full: the rest follows
@@ -88,14 +74,10 @@ protected:
     /// bBaseFlag is false.
     void receive();
 
-    /// Is called with each chunk before it is buffered.
-    virtual void showChunk(const QByteArray& chunk);
-
-    /// Logs what became of a frame: \a written is what the port returned. A partial write is not
-    /// reported.
-    static void reportWritten(qint64 written, const QByteArray& frame);
-
 private:
+    virtual void showChunk(const QByteArray& chunk); ///< before it is buffered
+    bool writeFrame(const QByteArray& frame) override;
+
     void shut();              ///< stops the parser, closes the port, empties the receive buffer
     void closePort();         ///< finishes writing first
     void finishWriting();     ///< waits for the line as long as it takes anything
@@ -103,10 +85,9 @@ private:
     void endFrame(bool sent); ///< the first pending frame has left, or never will
     void dropPending();
 
-    std::unique_ptr<QSerialPort> serialPort;
+    QSerialPort serialPort;
     std::deque<QByteArray> pending; // frames that the system has not taken whole
     int written = 0;                // bytes of the first of them
     qint64 unwritten = 0;           // bytes of all of them
     QTimer lookAgain;               // when the line or the receive buffer may have room again
-    std::shared_ptr<biz_CMDSWork> cmdsWork; // shared with the threads of clearQueue
 };

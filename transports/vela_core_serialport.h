@@ -14,20 +14,19 @@ class CORE_MANAGE_EXPORT Vela_Core_SerialPort : public SerialLine
 
 public:
     Vela_Core_SerialPort();
-    ~Vela_Core_SerialPort() override;
 
     QByteArray produceCmds(model_Protocoldata record) override;
 
 public Q_SLOTS:
-    void readPendingDatagrams(); ///< as Core_SerialPort's, with a debug line for each chunk
-    void sendDatatoDevice(void* parameters) override;
-    void sendDatatoDeviceByFeatures(void* parameters) override; ///< sends every record
-    void sendDatatoDeviceForSysPlan(void* parameters) override; ///< does nothing
+    void readPendingDatagrams() { receive(); } ///< see SerialLine::receive; shows each chunk
+    void sendDatatoDevice(void* parameters) override { sendRecord(parameters, shownText); }
+    void sendDatatoDeviceByFeatures(void* parameters) override { sendDatatoDevice(parameters); }
+    void sendDatatoDeviceForSysPlan(void* parameters) override { Q_UNUSED(parameters) } ///< nothing
 
-    /// Closes the port when the device is gone: on a resource error, and on a read error of a line
-    /// that has hung up. For the host to connect to the port's errors.
-    void handleError(QSerialPort::SerialPortError error);
+    /// Closes the port when the device is gone, see SerialLine::closeLost. For the host to connect
+    /// to the port's errors.
+    void handleError(QSerialPort::SerialPortError error) { closeLost(error); }
 
-protected:
+private:
     void showChunk(const QByteArray& chunk) override;
 };

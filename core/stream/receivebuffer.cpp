@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "receivebuffer.h"
 
-#include <cstring>
-
 namespace
 {
 
 constexpr int keptCapacity = 16 * 1024; // an emptied buffer keeps no more than this
-constexpr int spareShare = 8;
+constexpr int spareShare = 8;           // of the bytes, for consumed ones and for growth alike
 
 } // namespace
 
@@ -28,7 +26,7 @@ void ReceiveBuffer::makeRoom(int size)
     if (bytes.size() + size <= bytes.capacity()) {
         return;
     }
-    if (head >= sizeLocked() / spareShare) {
+    if (head >= sizeLocked() / spareShare) { // each consumed byte moves eight others at most
         bytes.remove(0, head);
         head = 0;
     }
@@ -44,14 +42,6 @@ QByteArray ReceiveBuffer::peek(int count) const
     return QByteArray(bytes.constData() + head, qBound(0, count, sizeLocked()));
 }
 
-int ReceiveBuffer::peek(char* out, int count) const
-{
-    const std::lock_guard locker(buffLock);
-    const int copied = qBound(0, count, sizeLocked());
-    std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(copied));
-    return copied;
-}
-
 QByteArray ReceiveBuffer::take(int count)
 {
     const std::lock_guard locker(buffLock);
@@ -60,34 +50,10 @@ QByteArray ReceiveBuffer::take(int count)
     return taken;
 }
 
-bool ReceiveBuffer::takeWhole(int count, QByteArray& out, int before)
-{
-    const std::lock_guard locker(buffLock);
-    discardLocked(qBound(0, before, sizeLocked()));
-    if (count > sizeLocked()) {
-        return false;
-    }
-    out = QByteArray(bytes.constData() + head, count);
-    discardLocked(count);
-    return true;
-}
-
 void ReceiveBuffer::discard(int count)
 {
     const std::lock_guard locker(buffLock);
     discardLocked(qBound(0, count, sizeLocked()));
-}
-
-bool ReceiveBuffer::seek(Found (*find)(const char* data, int size), char* out, int size)
-{
-    const std::lock_guard locker(buffLock);
-    const Found found = find(bytes.constData() + head, sizeLocked());
-    discardLocked(qBound(0, found.garbage, sizeLocked()));
-    if (!found.isHead || size > sizeLocked()) {
-        return false;
-    }
-    std::memcpy(out, bytes.constData() + head, static_cast<std::size_t>(size));
-    return true;
 }
 
 int ReceiveBuffer::size() const

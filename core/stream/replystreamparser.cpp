@@ -1,25 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "replystreamparser.h"
 
+#include "replyformat.h"
 #include "replyqueue.h"
-#include "replystream.h"
-
-#include <thread>
 
 namespace
 {
 
-constexpr std::chrono::milliseconds exitPause{5};
+constexpr unsigned short peekSize = 1024;
 
 } // namespace
 
-ReplyStreamParser::ReplyStreamParser(std::shared_ptr<ReplyStream> first) : current(std::move(first))
+ReplyStreamParser::ReplyStreamParser(const ReplyFormat& replies, std::shared_ptr<ReplyStream> bytes)
+    : format(replies), current(std::move(bytes))
 {
-}
-
-ReplyStreamParser::~ReplyStreamParser()
-{
-    current->setDealFlag(false);
 }
 
 std::shared_ptr<ReplyStream> ReplyStreamParser::stream() const
@@ -28,94 +22,81 @@ std::shared_ptr<ReplyStream> ReplyStreamParser::stream() const
     return current;
 }
 
-bool ReplyStreamParser::startParsing()
+// With a parser of its own: this one may go on with another stream meanwhile, or be gone.
+void ReplyStreamParser::td_dealDataFunc()
 {
-    return ReplyStream::startParser(stream());
-}
-
-void ReplyStreamParser::stopParsing(std::chrono::milliseconds patience)
-{
-    stop(patience, false);
-}
-
-void ReplyStreamParser::awaitParsingEnd(std::chrono::milliseconds patience)
-{
-    stop(patience, true);
-}
-
-void ReplyStreamParser::stop(std::chrono::milliseconds patience, bool onlyForTheHost)
-{
-    const auto stopped = stream();
-    stopped->setDealFlag(false);
-    auto since = std::chrono::steady_clock::now();
-    while (stopped->hasParser()) {
-        const auto now = std::chrono::steady_clock::now();
-        if (onlyForTheHost && !stopped->isHandingOn()) {
-            since = now;
-        } else if (now - since >= patience) {
-            const std::lock_guard lock(streamLock);
-            current = stopped->successor();
-            return;
+    const auto parsed = stream();
+    ReplyStreamParser parser(format, parsed);
+    parsed->token.run([&parser, &parsed] {
+        while (parsed->token.goesOn()) {
+            parsed->pause(parser.format.interval);
+            if (!replyqueue::isFull()) {
+                parser.pass();
+            }
         }
-        std::this_thread::sleep_for(exitPause);
+    });
+}
+
+void ReplyStreamParser::pass()
+{
+    QByteArray head = getBuffData(peekSize);
+    if (head.size() < format.headLength || !isFindStdCmdPreFlag(head)) {
+        return;
     }
-}
-
-bool ReplyStreamParser::isParsing() const
-{
-    return stream()->hasParser();
-}
-
-void ReplyStreamParser::setOriginName(const QString& name)
-{
-    const std::lock_guard lock(streamLock);
-    current->setOriginName(name);
-}
-
-void ReplyStreamParser::setOriginType(model_GlobalEnum::DeviceType type)
-{
-    const std::lock_guard lock(streamLock);
-    current->setDeviceType(type);
+    head = getBuffData(peekSize);
+    if (head.size() < format.headLength) {
+        return;
+    }
+    if (format.isReply(head)) {
+        checkCMD(head);
+    } else {
+        takeBuffData(1);
+    }
 }
 
 void ReplyStreamParser::appendBuffData(QByteArray data)
 {
-    stream()->received().append(data);
+    stream()->received.append(data);
 }
 
 QByteArray ReplyStreamParser::getBuffData(unsigned short count)
 {
-    return stream()->received().peek(count);
+    return stream()->received.peek(count);
 }
 
 QByteArray ReplyStreamParser::takeBuffData(unsigned short count)
 {
-    return stream()->received().take(count);
+    return stream()->received.take(count);
 }
 
 void ReplyStreamParser::setDealFlag(bool on)
 {
-    stream()->setDealFlag(on);
+    stream()->token.set(on);
 }
 
 bool ReplyStreamParser::isFindStdCmdPreFlag(QByteArray data)
 {
-    return stream()->isFindStdCmdPreFlag(data);
+    return format.isFindStdCmdPreFlag(*stream(), data);
 }
 
 bool ReplyStreamParser::checkCMD(QByteArray data)
 {
-    return stream()->checkCMD(data);
+    return format.checkCMD(*stream(), data);
 }
 
 bool ReplyStreamParser::checkBlock(model_Protocoldata record, unsigned short length)
 {
-    return stream()->checkBlock(record, length);
+    return format.checkBlock(*stream(), std::move(record), length);
 }
 
 bool ReplyStreamParser::getArrayData(QByteArray frame, model_Protocoldata* record)
 {
-    return record != nullptr && stream()->getArrayData(frame, *record);
+    model_Protocoldata decoded;
+    if (record == nullptr || !format.decode(frame, decoded)) {
+        return false;
+    }
+    *record = std::move(decoded);
+    return true;
 }
 
 void ReplyStreamParser::addToReceivedQueue(model_Protocoldata record)
@@ -126,9 +107,4 @@ void ReplyStreamParser::addToReceivedQueue(model_Protocoldata record)
 void ReplyStreamParser::setRetFlagStatus(bool on)
 {
     replyqueue::setRetFlag(on);
-}
-
-void ReplyStreamParser::td_dealDataFunc()
-{
-    stream()->parse();
 }

@@ -2,35 +2,34 @@
 #pragma once
 
 #include "core_manage_export.h"
-#include "model_globalenum.h"
 #include "model_protocoldata.h"
 
 #include <QByteArray>
-#include <QString>
 
-#include <chrono>
 #include <memory>
 #include <mutex>
 
+class ReplyFormat;
 class ReplyStream;
 
-/// The half of a stream transport that turns received bytes into reply records: a base of every
-/// such transport, beside ICoreBase. The transport appends what it receives; a parsing thread cuts
-/// the replies out and hands them to the host's reply queue.
+/// Turns received bytes into reply records: a base of every stream link, beside ICoreBase. The
+/// bytes come in pieces of any size, with noise between the replies.
 ///
-/// What the thread works on is a ReplyStream, which it owns together with this object. A stream
-/// whose parser is not waited for is left to it, and the transport goes on with a fresh one: an old
-/// parser never sees the new stream's bytes or flags.
+/// One pass of the loop looks at the first 1024 bytes of the receive buffer and takes one reply at
+/// most. It resynchronises by dropping what is before a start mark, and one byte of each candidate
+/// that is no reply.
 ///
-/// Unless stated otherwise an operation may be called from any thread and does not block. The
-/// operations that consume are the parsing thread's while there is one.
+/// Any thread may call any operation, and none blocks unless it says so. Those that consume are for
+/// the parsing thread, or for one other thread while there is none.
 class CORE_MANAGE_EXPORT ReplyStreamParser
 {
 public:
+    /// \a replies must live for ever.
+    ReplyStreamParser(const ReplyFormat& replies, std::shared_ptr<ReplyStream> bytes);
     ReplyStreamParser(const ReplyStreamParser&) = delete;
     ReplyStreamParser& operator=(const ReplyStreamParser&) = delete;
 
-    /// Appends received bytes to the receive buffer.
+    /// Appends received bytes to the receive buffer, whatever its size.
     void appendBuffData(QByteArray data);
 
     /// The first \a count bytes of the receive buffer, or all if there are fewer. Consumes nothing.
@@ -58,7 +57,8 @@ public:
     /// consumes nothing, or is corrupt, which consumes it. Waits for the host's locks.
     bool checkBlock(model_Protocoldata record, unsigned short length);
 
-    /// Decodes one reply that has been cut out already. False leaves \a record untouched.
+    /// Decodes one reply that has been cut out already. False, with \a record untouched, if its
+    /// checksum is wrong or \a record is null.
     bool getArrayData(QByteArray frame, model_Protocoldata* record);
 
     /// Appends a record to biz_CMDSWork::receivequeueHexCmd and raises the flag. Waits for the
@@ -68,36 +68,17 @@ public:
     /// Sets biz_CMDSWork::bRetFlag. Waits for its lock.
     void setRetFlagStatus(bool on);
 
-    /// The parsing loop, on the calling thread, until the run flag is clear.
+    /// The parsing loop, on the calling thread, until the run flag is clear: a pause (3 ms, USB 20)
+    /// and a pass. While 16 MiB of replies wait for the host it makes no pass.
     void td_dealDataFunc();
 
+    /// One pass of the loop without its pause. Waits as checkCMD.
+    void pass();
+
 protected:
-    explicit ReplyStreamParser(std::shared_ptr<ReplyStream> first);
-    ~ReplyStreamParser(); ///< clears the run flag; waits for nothing
-
-    /// Starts the parsing thread on the current stream. False if the system refuses the thread.
-    [[nodiscard]] bool startParsing();
-
-    /// Clears the run flag and looks every 5 ms whether the parser has ended, for \a patience at
-    /// most. If it has not, the transport goes on with a fresh stream and leaves the old one to it.
-    void stopParsing(std::chrono::milliseconds patience);
-
-    /// Clears the run flag and looks every 5 ms until the parser has ended, however long a loaded
-    /// machine takes for that. Only a parser that the host's code keeps for \a patience on end is
-    /// left behind, as by stopParsing.
-    void awaitParsingEnd(std::chrono::milliseconds patience);
-
-    bool isParsing() const; ///< a parser of the current stream is on its way or running
-
-    void setOriginName(const QString& name);               ///< names the port in every later reply
-    void setOriginType(model_GlobalEnum::DeviceType type); ///< featureCode of every later reply
-
-    /// The current stream, for a thread that appends to it and may outlive this object.
     std::shared_ptr<ReplyStream> stream() const;
 
-private:
-    void stop(std::chrono::milliseconds patience, bool onlyForTheHost);
-
-    mutable std::mutex streamLock;        // a leaf: which stream is the current one, its stamps
+    const ReplyFormat& format;
+    mutable std::mutex streamLock;        // which stream is the current one, its stamps
     std::shared_ptr<ReplyStream> current; // never null
 };

@@ -5,8 +5,9 @@
 #include "messagecapture.h"
 #include "processstate.h"
 #include "replybytes.h"
-#include "replystreamparser.h"
-#include "textreplystream.h"
+#include "replystream.h"
+#include "streamlink.h"
+#include "textreplyformat.h"
 #include "threadrefusal.h"
 
 #include <gtest/gtest.h>
@@ -20,45 +21,50 @@ namespace
 
 using std::chrono::milliseconds;
 
-constexpr TextReplyValues values{milliseconds(3), nullptr, true,     1,        1,
-                                 false,           "",      "failed", "failed", "failed"};
+constexpr TextReplyFormat replies{TextReplyValues()};
 constexpr milliseconds patience{1000};
 
-// What a transport does with the protected half.
-class Transport : public ReplyStreamParser
+// What a link does with the protected half.
+class Transport : public StreamLink
 {
 public:
-    explicit Transport(
-        std::shared_ptr<ReplyStream> stream = std::make_shared<TextReplyStream>(values))
-        : ReplyStreamParser(std::move(stream))
+    Transport() : StreamLink(replies) {}
+    explicit Transport(std::shared_ptr<ReplyStream> stream) : Transport()
     {
+        current = std::move(stream);
     }
-    using ReplyStreamParser::awaitParsingEnd;
-    using ReplyStreamParser::isParsing;
-    using ReplyStreamParser::setOriginName;
-    using ReplyStreamParser::setOriginType;
-    using ReplyStreamParser::startParsing;
-    using ReplyStreamParser::stopParsing;
-    using ReplyStreamParser::stream;
+    using StreamLink::isParsing;
+    using StreamLink::startParsing;
+    using StreamLink::stream;
+
+    void stopParsing(milliseconds limit) { StreamLink::stopParsing(limit, Counts::AllTime); }
+    void awaitParsingEnd(milliseconds limit)
+    {
+        StreamLink::stopParsing(limit, Counts::TimeInTheHost);
+    }
+
+    QByteArray produceCmds(model_Protocoldata /*record*/) override { return {}; }
+    void sendDatatoDevice(void* /*parameters*/) override {}
+    void sendDatatoDeviceByFeatures(void* /*parameters*/) override {}
+    void sendDatatoDeviceForSysPlan(void* /*parameters*/) override {}
+
+private:
+    bool writeFrame(const QByteArray& /*frame*/) override { return false; }
 };
 
 // A stream whose parser gets no processor time while it pauses.
-class StarvedStream : public TextReplyStream
+class StarvedStream : public ReplyStream
 {
 public:
-    StarvedStream() : TextReplyStream(::values) {}
-
     std::atomic<bool> starved{true};
-    std::atomic<bool> isPausing{false};
 
 private:
-    void pause(milliseconds duration) override
+    void sleep(milliseconds duration) override
     {
-        isPausing = true;
         while (starved) {
             std::this_thread::sleep_for(milliseconds(1));
         }
-        TextReplyStream::pause(duration);
+        std::this_thread::sleep_for(duration);
     }
 };
 
@@ -103,7 +109,7 @@ TEST_F(ReplyStreamParserStop, StopBeforeTheThreadHasRunNeitherHangsNorReturnsEar
         EXPECT_TRUE(transport->isParsing());
         const auto stream = transport->stream();
         transport->stopParsing(patience);
-        EXPECT_FALSE(stream->hasParser());
+        EXPECT_FALSE(stream->token.isRunning());
         EXPECT_EQ(transport->stream(), stream); // a parser that ended leaves its stream
     }
     EXPECT_TRUE(threadsAreGone());
@@ -135,8 +141,8 @@ TEST_F(ReplyStreamParserStop, RefusedThreadLeavesNoParser)
 
 TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsLeftItsOwnStream)
 {
-    transport->setOriginName(QStringLiteral("name"));
-    transport->setOriginType(static_cast<model_GlobalEnum::DeviceType>(7));
+    transport->stream()->setOriginName(QStringLiteral("name"));
+    transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(7));
     ASSERT_TRUE(transport->startParsing());
     const auto old = transport->stream();
     transport->appendBuffData(replybytes::text(0x8B, 0x05));
@@ -151,7 +157,8 @@ TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsLeftItsOwnStream)
     EXPECT_EQ(hostqueue::records().front().CMD, 0x79);
     EXPECT_EQ(hostqueue::records().front().strKey2, QStringLiteral("name"));
     EXPECT_EQ(hostqueue::records().front().featureCode, 7);
-    EXPECT_TRUE(eventually([&old] { return !old->hasParser(); })); // though the new flag is set
+    EXPECT_TRUE(
+        eventually([&old] { return !old->token.isRunning(); })); // though the new flag is set
     EXPECT_TRUE(transport->isParsing());
     EXPECT_EQ(hostqueue::size(), 1U);
     transport->stopParsing(patience);
@@ -177,13 +184,13 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
     const auto stream = std::make_shared<StarvedStream>();
     transport = std::make_unique<Transport>(stream);
     ASSERT_TRUE(transport->startParsing());
-    ASSERT_TRUE(eventually([&stream] { return stream->isPausing.load(); }));
+    ASSERT_TRUE(eventually([&stream] { return stream->isPausing(); }));
     auto closing =
         std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(10)); });
     EXPECT_EQ(closing.wait_for(milliseconds(300)), std::future_status::timeout);
     stream->starved = false;
     closing.get();
-    EXPECT_FALSE(stream->hasParser());
+    EXPECT_FALSE(stream->token.isRunning());
     EXPECT_EQ(transport->stream(), stream);
 }
 
@@ -194,7 +201,7 @@ TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsWaitedFor)
     transport->appendBuffData(replybytes::text(0x8B, 0x05));
     ASSERT_TRUE(eventually([this] { return transport->getBuffData(100).isEmpty(); }));
     transport->awaitParsingEnd(milliseconds(50));
-    EXPECT_FALSE(stream->hasParser());
+    EXPECT_FALSE(stream->token.isRunning());
     EXPECT_EQ(transport->stream(), stream);
 }
 
@@ -210,10 +217,10 @@ TEST_F(ReplyStreamParserStop, AParserInTheHostsCodeIsLeftBehind)
     const auto start = std::chrono::steady_clock::now();
     transport->awaitParsingEnd(milliseconds(50));
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(50));
-    EXPECT_TRUE(stream->hasParser());
+    EXPECT_TRUE(stream->token.isRunning());
     EXPECT_NE(transport->stream(), stream);
     handlerHolds = false;
-    EXPECT_TRUE(eventually([&stream] { return !stream->hasParser(); }));
+    EXPECT_TRUE(eventually([&stream] { return !stream->token.isRunning(); }));
     qInstallMessageHandler(before);
     EXPECT_TRUE(queued(1)); // it was received
 }
@@ -225,7 +232,7 @@ TEST_F(ReplyStreamParserStop, StopsAndStartsUnderLoadMixNoSessions)
         for (int i = 0; !done; ++i) {
             transport->appendBuffData(i % 3 == 0 ? replybytes::text(0x8B, 0x05)
                                                  : replybytes::text(0x10, 0x20));
-            transport->setOriginType(static_cast<model_GlobalEnum::DeviceType>(i));
+            transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(i));
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
     });

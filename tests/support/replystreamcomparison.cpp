@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "replystreamcomparison.h"
 
-#include "binaryreplystream.h"
 #include "biz_cmdswork.h"
+#include "core_serialport.h"
+#include "core_usb.h"
 #include "literalreplystream.h"
 #include "messagecapture.h"
 #include "recordequality.h"
-#include "textreplystream.h"
+#include "replyformat.h"
 #include "utility_manage.h"
+#include "vela_core_serialport.h"
 
 #include <deque>
 #include <memory>
@@ -19,26 +21,16 @@ using replystreamcomparison::Line;
 
 constexpr auto deviceType = static_cast<model_GlobalEnum::DeviceType>(0x4711);
 
-constexpr TextReplyValues serialValues{std::chrono::milliseconds(3),
-                                       nullptr,
-                                       true,
-                                       1,
-                                       1,
-                                       true,
-                                       "decode failed ",
-                                       "CheckBlock default:",
-                                       "CheckBlock default:",
-                                       "CheckBlock default:"};
-constexpr TextReplyValues usbValues{std::chrono::milliseconds(20),
-                                    "USB",
-                                    false,
-                                    2,
-                                    21,
-                                    false,
-                                    "decode failed ",
-                                    "1CheckBlock default:",
-                                    "2CheckBlock default:",
-                                    "3CheckBlock default:"};
+// The format of a link; the link is kept, since closing it may pause.
+template <class Link>
+const ReplyFormat& formatOf()
+{
+    struct Opened : Link {
+        using Link::format;
+    };
+    static const auto* const link = new Opened;
+    return link->format;
+}
 
 struct Outcome {
     std::deque<model_Protocoldata> records;
@@ -69,21 +61,16 @@ private:
     int position = 0;
 };
 
-template <class Stream>
-class Fed : public Stream
+class FedStream : public ReplyStream
 {
 public:
-    template <class... Arguments>
-    explicit Fed(Feed& source, Arguments&&... arguments)
-        : Stream(std::forward<Arguments>(arguments)...), feed(source)
-    {
-    }
+    explicit FedStream(Feed& source) : feed(source) {}
 
 private:
-    void pause(std::chrono::milliseconds) override
+    void sleep(std::chrono::milliseconds) override
     {
         ++feed.pauses;
-        feed.next([this](const QByteArray& chunk) { this->received().append(chunk); });
+        feed.next([this](const QByteArray& chunk) { received.append(chunk); });
     }
 
     Feed& feed;
@@ -131,23 +118,25 @@ Outcome collect(const Feed& feed, const QByteArray& remaining, const MessageCapt
     outcome.remaining = remaining;
     outcome.pauses = feed.pauses;
     for (const QString& line : capture.lines()) {
-        if (!line.contains(QLatin1String("decode failed"))) { // the literal codec is silent
+        if (!line.contains(QLatin1String("getArrayData"))) { // the literal codec is silent
             outcome.lines << line;
         }
     }
     return outcome;
 }
 
-Outcome runOurs(ReplyStream& stream, Feed& feed)
+Outcome runOurs(const ReplyFormat& format, Feed& feed)
 {
     const MessageCapture capture;
-    stream.setDeviceType(deviceType);
-    stream.setOriginName(QStringLiteral("pts/7"));
+    const auto stream = std::make_shared<FedStream>(feed);
+    stream->setOriginType(deviceType);
+    stream->setOriginName(QStringLiteral("pts/7"));
+    ReplyStreamParser parser(format, stream);
     runAll(
-        feed, [&stream] { stream.pass(); },
-        [&stream](const QByteArray& chunk) { stream.received().append(chunk); },
-        [&stream] { return stream.received().size(); });
-    return collect(feed, stream.received().peek(stream.received().size()), capture);
+        feed, [&parser] { parser.pass(); },
+        [&parser](const QByteArray& chunk) { parser.appendBuffData(chunk); },
+        [&stream] { return stream->received.size(); });
+    return collect(feed, stream->received.peek(stream->received.size()), capture);
 }
 
 Outcome runLiteral(LiteralReplyStream& stream, Feed& feed)
@@ -162,18 +151,18 @@ Outcome runLiteral(LiteralReplyStream& stream, Feed& feed)
     return collect(feed, stream.getBuffData(0xffff), capture);
 }
 
-std::unique_ptr<ReplyStream> ours(Line line, Feed& feed)
+const ReplyFormat& ours(Line line)
 {
     switch (line) {
     case Line::Usb:
-        return std::make_unique<Fed<TextReplyStream>>(feed, usbValues);
+        return formatOf<Core_USB>();
     case Line::SecondSerial:
-        return std::make_unique<Fed<BinaryReplyStream>>(feed);
+        return formatOf<Vela_Core_SerialPort>();
     case Line::Serial:
     case Line::ShortBlockSerial:
         break;
     }
-    return std::make_unique<Fed<TextReplyStream>>(feed, serialValues);
+    return formatOf<Core_SerialPort>();
 }
 
 std::unique_ptr<LiteralReplyStream> literal(Line line, Feed& feed)
@@ -220,7 +209,7 @@ QString replystreamcomparison::difference(Line line, const QVector<QByteArray>& 
                                       : model_GlobalEnum::DeviceUnknown);
     Feed ourFeed(chunks);
     Feed literalFeed(chunks);
-    const Outcome was = runOurs(*ours(line, ourFeed), ourFeed);
+    const Outcome was = runOurs(ours(line), ourFeed);
     return compare(was, runLiteral(*literal(line, literalFeed), literalFeed));
 }
 

@@ -11,31 +11,35 @@
 #include <chrono>
 #include <thread>
 
-/// What every stream link must do, whatever the medium. To run it over one:
+/// What every link to a device must do, whatever the medium, and what every link must do whose
+/// replies come as a stream of bytes. To run both over a stream link:
 ///
+///     INSTANTIATE_TYPED_TEST_SUITE_P(Serial, LinkConformance, MyLink);
 ///     INSTANTIATE_TYPED_TEST_SUITE_P(Serial, StreamLinkConformance, MyLink);
 ///
 /// MyLink is a transport with a scripted device at the other end:
 ///
-/// | member                                        | meaning                                      |
-/// |-----------------------------------------------|----------------------------------------------|
-/// | bool open(), void close()                     | through the transport                        |
-/// | ICoreBase& transport()                        |                                              |
-/// | void deliver(QByteArray)                      | the device sends these bytes                 |
-/// | QByteArray atDevice()                         | all that the device has received             |
-/// | static QByteArray command(model_Protocoldata) | the wire bytes of one, independently encoded |
-/// | static QByteArray reply(int tag)              | a complete reply, tag 1 to 127               |
-/// | static QByteArray head(int tag, int length)   | a reply that a block of 1 byte or more follows
-/// | | static QByteArray block(int length)           | such a block | | static int
-/// tagOf(model_Protocoldata)          |                                              | | static
-/// QByteArray handedOn(QByteArray block)  | what the record holds of a block             | | static
-/// bool showsLostBlocks                   | a reply is queued though its block is lost   | | static
-/// int floodSize                          | replies that take a second or two            |
+/// | member                                        | meaning                               |
+/// |-----------------------------------------------|---------------------------------------|
+/// | bool open()                                   | through the transport                 |
+/// | ICoreBase& transport()                        |                                       |
+/// | void deliver(QByteArrayList)                  | the device sends these, each a reply, |
+/// |                                               | a block, or any part of a stream      |
+/// | QByteArray atDevice()                         | all that the device has received      |
+/// | static QByteArray command(model_Protocoldata) | the wire bytes of a command           |
+/// | static QByteArray reply(int tag)              | a complete reply, tag 1 to 127        |
+/// | static QByteArray head(int tag, int length)   | a reply before a block of 1 or more   |
+/// | static QByteArray block(int length)           | such a block                          |
+/// | static int tagOf(model_Protocoldata)          |                                       |
+/// | static QByteArray handedOn(QByteArray block)  | what the record holds of a block      |
+/// | static int floodSize                          | replies that take a second or two     |
+/// | stream links: void close()                    | through the transport                 |
+/// | stream links: static bool showsLostBlocks     | a reply without its block is queued   |
 template <class Link>
-class StreamLinkConformance : public ::testing::Test
+class LinkConformance : public ::testing::Test
 {
 protected:
-    StreamLinkConformance() { hostqueue::clear(); }
+    LinkConformance() { hostqueue::clear(); }
 
     static bool queued(std::size_t count)
     {
@@ -49,21 +53,13 @@ protected:
                Link::tagOf(hostqueue::records().back()) == tag;
     }
 
-    // Either way the link shows that a reply's block has not come in time.
-    bool gaveUpABlock() const
-    {
-        return Link::showsLostBlocks
-                   ? hostqueue::size() > 0
-                   : !capture.lines().filter(QStringLiteral("CheckBlock default:")).isEmpty();
-    }
-
     MessageCapture capture;
     Link link;
 };
 
-TYPED_TEST_SUITE_P(StreamLinkConformance);
+TYPED_TEST_SUITE_P(LinkConformance);
 
-TYPED_TEST_P(StreamLinkConformance, Send)
+TYPED_TEST_P(LinkConformance, Send)
 {
     ASSERT_TRUE(this->link.open());
     model_Protocoldata record;
@@ -78,87 +74,29 @@ TYPED_TEST_P(StreamLinkConformance, Send)
     EXPECT_EQ(this->link.atDevice().left(expected.size()), expected);
 }
 
-TYPED_TEST_P(StreamLinkConformance, Reply)
+TYPED_TEST_P(LinkConformance, Reply)
 {
     ASSERT_TRUE(this->link.open());
-    this->link.deliver(TypeParam::reply(7));
+    this->link.deliver({TypeParam::reply(7)});
     EXPECT_TRUE(this->endsWith(1, 7));
     EXPECT_TRUE(hostqueue::flag());
 }
 
-TYPED_TEST_P(StreamLinkConformance, BlockReply)
+TYPED_TEST_P(LinkConformance, BlockReply)
 {
     ASSERT_TRUE(this->link.open());
     const QByteArray block = TypeParam::block(200);
-    this->link.deliver(TypeParam::head(7, 200) + block);
+    this->link.deliver(QByteArrayList{TypeParam::head(7, 200), block});
     ASSERT_TRUE(this->endsWith(1, 7));
     EXPECT_EQ(hostqueue::records().front().arryDatablock, TypeParam::handedOn(block));
 }
 
-TYPED_TEST_P(StreamLinkConformance, GarbageBefore)
+TYPED_TEST_P(LinkConformance, Flood)
 {
     ASSERT_TRUE(this->link.open());
-    this->link.deliver(QByteArray(300, 'x') + "<F\xF1" + TypeParam::reply(7));
-    EXPECT_TRUE(this->endsWith(1, 7));
-}
-
-TYPED_TEST_P(StreamLinkConformance, GarbageBetween)
-{
-    ASSERT_TRUE(this->link.open());
-    this->link.deliver(TypeParam::reply(1) + "<<F" + TypeParam::reply(2) + QByteArray(5, '\0') +
-                       TypeParam::head(3, 5) + TypeParam::block(5) + TypeParam::reply(4).left(9) +
-                       TypeParam::reply(5));
-    EXPECT_TRUE(this->endsWith(4, 5));
-}
-
-TYPED_TEST_P(StreamLinkConformance, SplitAtEveryByte)
-{
-    ASSERT_TRUE(this->link.open());
-    const QByteArray whole = TypeParam::reply(1) + TypeParam::head(2, 4) + TypeParam::block(4);
-    std::size_t expected = 0;
-    for (int split = 1; split < whole.size(); ++split) {
-        this->link.deliver(whole.left(split));
-        QCoreApplication::processEvents();
-        this->link.deliver(whole.mid(split));
-        expected += 2;
-        ASSERT_TRUE(this->endsWith(expected, 2)) << split;
-    }
-    for (const char byte : whole) {
-        this->link.deliver(QByteArray(1, byte));
-        QCoreApplication::processEvents();
-    }
-    EXPECT_TRUE(this->endsWith(expected + 2, 2));
-}
-
-TYPED_TEST_P(StreamLinkConformance, WrongChecksum)
-{
-    ASSERT_TRUE(this->link.open());
-    QByteArray reply = TypeParam::reply(1);
-    reply[5] = static_cast<char>(reply[5] ^ 1);
-    QByteArray block = TypeParam::block(20);
-    block[7] = static_cast<char>(block[7] ^ 1);
-    this->link.deliver(reply + TypeParam::head(2, 20) + block + TypeParam::reply(3));
-    const std::size_t lost = TypeParam::showsLostBlocks ? 1 : 0;
-    EXPECT_TRUE(this->endsWith(lost + 1, 3));
-    EXPECT_TRUE(hostqueue::records().front().arryDatablock.isEmpty());
-}
-
-TYPED_TEST_P(StreamLinkConformance, LateBlock)
-{
-    ASSERT_TRUE(this->link.open());
-    this->link.deliver(TypeParam::head(1, 50));
-    ASSERT_TRUE(eventually([this] { return this->gaveUpABlock(); }));
-    this->link.deliver(TypeParam::block(50) + TypeParam::reply(3));
-    const std::size_t lost = TypeParam::showsLostBlocks ? 1 : 0;
-    EXPECT_TRUE(this->endsWith(lost + 1, 3));
-}
-
-TYPED_TEST_P(StreamLinkConformance, Flood)
-{
-    ASSERT_TRUE(this->link.open());
-    QByteArray flood;
+    QByteArrayList flood;
     for (int i = 0; i < TypeParam::floodSize; ++i) {
-        flood += TypeParam::reply(1 + i % 100);
+        flood << TypeParam::reply(1 + i % 100);
     }
     this->link.deliver(flood);
     ASSERT_TRUE(this->endsWith(TypeParam::floodSize, 1 + (TypeParam::floodSize - 1) % 100));
@@ -168,23 +106,106 @@ TYPED_TEST_P(StreamLinkConformance, Flood)
     }
 }
 
+TYPED_TEST_P(LinkConformance, WrongChecksum)
+{
+    ASSERT_TRUE(this->link.open());
+    QByteArray wrong = TypeParam::reply(1);
+    wrong[5] = static_cast<char>(wrong[5] ^ 1);
+    this->link.deliver(QByteArrayList{wrong, TypeParam::reply(3)});
+    EXPECT_TRUE(this->endsWith(1, 3));
+}
+
+REGISTER_TYPED_TEST_SUITE_P(LinkConformance, Send, Reply, BlockReply, Flood, WrongChecksum);
+
+template <class Link>
+class StreamLinkConformance : public LinkConformance<Link>
+{
+protected:
+    // Either way the link shows that a reply's block has not come in time.
+    bool gaveUpABlock() const
+    {
+        return Link::showsLostBlocks
+                   ? hostqueue::size() > 0
+                   : !this->capture.lines().filter(QStringLiteral("CheckBlock default:")).isEmpty();
+    }
+
+    static constexpr std::size_t lostBlocksShown = Link::showsLostBlocks ? 1 : 0;
+};
+
+TYPED_TEST_SUITE_P(StreamLinkConformance);
+
+TYPED_TEST_P(StreamLinkConformance, GarbageBefore)
+{
+    ASSERT_TRUE(this->link.open());
+    this->link.deliver({QByteArray(300, 'x') + "<F\xF1" + TypeParam::reply(7)});
+    EXPECT_TRUE(this->endsWith(1, 7));
+}
+
+TYPED_TEST_P(StreamLinkConformance, GarbageBetween)
+{
+    ASSERT_TRUE(this->link.open());
+    this->link.deliver({TypeParam::reply(1) + "<<F" + TypeParam::reply(2) + QByteArray(5, '\0') +
+                        TypeParam::head(3, 5) + TypeParam::block(5) + TypeParam::reply(4).left(9) +
+                        TypeParam::reply(5)});
+    EXPECT_TRUE(this->endsWith(4, 5));
+}
+
+TYPED_TEST_P(StreamLinkConformance, SplitAtEveryByte)
+{
+    ASSERT_TRUE(this->link.open());
+    const QByteArray whole = TypeParam::reply(1) + TypeParam::head(2, 4) + TypeParam::block(4);
+    std::size_t expected = 0;
+    for (int split = 1; split < whole.size(); ++split) {
+        this->link.deliver({whole.left(split)});
+        QCoreApplication::processEvents();
+        this->link.deliver({whole.mid(split)});
+        expected += 2;
+        ASSERT_TRUE(this->endsWith(expected, 2)) << split;
+    }
+    for (const char byte : whole) {
+        this->link.deliver({QByteArray(1, byte)});
+        QCoreApplication::processEvents();
+    }
+    EXPECT_TRUE(this->endsWith(expected + 2, 2));
+}
+
+TYPED_TEST_P(StreamLinkConformance, WrongBlockChecksum)
+{
+    ASSERT_TRUE(this->link.open());
+    QByteArray wrong = TypeParam::reply(1);
+    wrong[5] = static_cast<char>(wrong[5] ^ 1);
+    QByteArray block = TypeParam::block(20);
+    block[7] = static_cast<char>(block[7] ^ 1);
+    this->link.deliver({wrong + TypeParam::head(2, 20) + block + TypeParam::reply(3)});
+    EXPECT_TRUE(this->endsWith(TestFixture::lostBlocksShown + 1, 3));
+    EXPECT_TRUE(hostqueue::records().front().arryDatablock.isEmpty());
+}
+
+TYPED_TEST_P(StreamLinkConformance, LateBlock)
+{
+    ASSERT_TRUE(this->link.open());
+    this->link.deliver({TypeParam::head(1, 50)});
+    ASSERT_TRUE(eventually([this] { return this->gaveUpABlock(); }));
+    this->link.deliver({TypeParam::block(50) + TypeParam::reply(3)});
+    EXPECT_TRUE(this->endsWith(TestFixture::lostBlocksShown + 1, 3));
+}
+
 TYPED_TEST_P(StreamLinkConformance, CloseInTheMiddle)
 {
     ASSERT_TRUE(this->link.open());
-    this->link.deliver(TypeParam::reply(1) + TypeParam::head(2, 50) +
-                       TypeParam::block(50).left(20));
+    this->link.deliver(
+        {TypeParam::reply(1) + TypeParam::head(2, 50) + TypeParam::block(50).left(20)});
     ASSERT_TRUE(this->queued(1));
     const auto start = std::chrono::steady_clock::now();
     this->link.close();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     ASSERT_TRUE(this->link.open());
-    this->link.deliver(TypeParam::block(50).mid(20) + TypeParam::reply(3));
+    this->link.deliver({TypeParam::block(50).mid(20) + TypeParam::reply(3)});
     EXPECT_TRUE(eventually([] { return TypeParam::tagOf(hostqueue::records().back()) == 3; }));
     for (const auto& record : hostqueue::records()) {
         EXPECT_TRUE(record.arryDatablock.isEmpty());
     }
 }
 
-REGISTER_TYPED_TEST_SUITE_P(StreamLinkConformance, Send, Reply, BlockReply, GarbageBefore,
-                            GarbageBetween, SplitAtEveryByte, WrongChecksum, LateBlock, Flood,
-                            CloseInTheMiddle);
+REGISTER_TYPED_TEST_SUITE_P(StreamLinkConformance, GarbageBefore, GarbageBetween, SplitAtEveryByte,
+                            WrongBlockChecksum, LateBlock, CloseInTheMiddle);

@@ -24,7 +24,6 @@ template <class Transport>
 class NotingLine : public Transport
 {
 public:
-    using Transport::reportWritten;
     using Transport::stream;
     void drop(bool on) { Transport::bBaseFlag = !on; }
     void sendDatatoDevice(void* parameters) override { taken = parameters; }
@@ -46,6 +45,7 @@ public:
     void close() { line.closeSerialPort(); }
     ICoreBase& transport() { return line; }
     void deliver(const QByteArray& bytes) { ASSERT_TRUE(peer.send(bytes)); }
+    void deliver(const QByteArrayList& parts) { deliver(parts.join()); }
     QByteArray atDevice() { return peer.received(); }
 
     static constexpr int floodSize = 300;

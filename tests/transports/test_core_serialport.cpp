@@ -6,6 +6,7 @@
 #include "messagecapture.h"
 #include "processstate.h"
 #include "serialconformance.h"
+#include "textframes.h"
 #include "threadrefusal.h"
 
 #include <thread>
@@ -16,32 +17,13 @@ namespace
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-class TextSerialLink : public SerialLinkUnderTest<Core_SerialPort>
+class TextSerialLink : public SerialLinkUnderTest<Core_SerialPort>, public TextFrames
 {
-public:
-    static QByteArray command(const model_Protocoldata& record)
-    {
-        QByteArray body;
-        for (const quint8 byte : {record.HEAD, record.ADDR, record.CMD, record.DAT1, record.DAT2,
-                                  record.DAT3, record.DAT4}) {
-            body.append(static_cast<char>(byte));
-        }
-        body.append(replybytes::sumOf(body));
-        return "<T" + body.toHex() + ">" + record.arryDatablock;
-    }
-    static QByteArray reply(int tag) { return replybytes::text(0x10, 0x20, 0, 0, tag); }
-    static QByteArray head(int tag, int length)
-    {
-        return replybytes::text(0xF1, 0x12, length & 0xff, length >> 8, tag);
-    }
-    static QByteArray block(int length) { return replybytes::block(length); }
-    static int tagOf(const model_Protocoldata& record) { return record.ADDR; }
-    static QByteArray handedOn(const QByteArray& block) { return block; }
-    static constexpr bool showsLostBlocks = false;
 };
 
 } // namespace
 
+INSTANTIATE_TYPED_TEST_SUITE_P(Serial, LinkConformance, TextSerialLink);
 INSTANTIATE_TYPED_TEST_SUITE_P(Serial, StreamLinkConformance, TextSerialLink);
 
 class CoreSerialPortTest : public ::testing::Test
@@ -179,7 +161,8 @@ TEST_F(CoreSerialPortTest, SendingByFeaturesIsSending)
 
 TEST_F(CoreSerialPortTest, SentTextsAreUtf8)
 {
-    Noting::reportWritten(3, "\xc3\xa9!");
+    ASSERT_TRUE(link.open());
+    link.line.sendComData("\xc3\xa9!");
     EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:\u00e9!")));
 }
 
@@ -239,14 +222,18 @@ TEST_F(CoreSerialPortTest, ALostPortKeepsTheBuffer)
 
 TEST_F(CoreSerialPortTest, OnlyWholeAndFailedWritesAreReported)
 {
-    Noting::reportWritten(3, "abcd");
-    Noting::reportWritten(0, "abcd");
+    const QByteArray tooLong(1024 * 1024, 'x'); // the line takes the beginning
+    ASSERT_TRUE(link.open());
+    link.line.sendComData(tooLong);
+    link.line.closeSerialPort();
     EXPECT_TRUE(capture.lines().isEmpty());
-    Noting::reportWritten(-1, "abcd");
+    EXPECT_TRUE(hostqueue::logLines().isEmpty());
+    ASSERT_TRUE(link.open());
+    link.line.sendComData(tooLong);
+    link.peer.hangUp();
+    link.line.closeSerialPort();
     EXPECT_EQ(capture.lines(), QStringList(QStringLiteral("Send failed")));
     EXPECT_TRUE(hostqueue::logLines().isEmpty());
-    Noting::reportWritten(4, "abcd");
-    EXPECT_EQ(hostqueue::logLines(), QStringList(QStringLiteral("Send successful:abcd")));
 }
 
 TEST_F(CoreSerialPortTest, BytesAreDroppedWhileTheBaseFlagIsClear)

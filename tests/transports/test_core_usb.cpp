@@ -13,6 +13,7 @@
 #include "receivebuffer.h"
 #include "replybytes.h"
 #include "tests/stream/parserloop.h"
+#include "textframes.h"
 #include "threadrefusal.h"
 #include "utility_manage.h"
 
@@ -60,17 +61,6 @@ model_Protocoldata command(quint8 cmd, quint8 dat1, int blockSize)
     return record;
 }
 
-QByteArray frameOf(const model_Protocoldata& record)
-{
-    QByteArray body;
-    for (const quint8 byte : {record.HEAD, record.ADDR, record.CMD, record.DAT1, record.DAT2,
-                              record.DAT3, record.DAT4}) {
-        body.append(static_cast<char>(byte));
-    }
-    body.append(replybytes::sumOf(body));
-    return "<T" + body.toHex() + ">" + record.arryDatablock;
-}
-
 QString logText(const QByteArray& remaining)
 {
     return QStringLiteral("Send successful:") +
@@ -83,14 +73,15 @@ QStringList successLines()
     return hostqueue::logLines().filter(QStringLiteral("Send successful:"));
 }
 
-class UsbLink
+class UsbLink : public TextFrames
 {
 public:
     bool open() { return line.openUSB(vendor, plainProduct); }
     void close() { line.closeUSB(); }
     ICoreBase& transport() { return line; }
-    void deliver(const QByteArray& bytes)
+    void deliver(const QByteArrayList& parts)
     {
+        const QByteArray bytes = parts.join();
         for (int start = 0; start < bytes.size(); start += longestReport) {
             ASSERT_TRUE(device.send(bytes.mid(start, longestReport)));
         }
@@ -103,16 +94,6 @@ public:
         }
         return data;
     }
-    static QByteArray command(const model_Protocoldata& record) { return frameOf(record); }
-    static QByteArray reply(int tag) { return replybytes::text(0x10, 0x20, 0, 0, tag); }
-    static QByteArray head(int tag, int length)
-    {
-        return replybytes::text(0xF1, 0x12, length & 0xff, length >> 8, tag);
-    }
-    static QByteArray block(int length) { return replybytes::block(length); }
-    static int tagOf(const model_Protocoldata& record) { return record.ADDR; }
-    static QByteArray handedOn(const QByteArray& block) { return block; }
-    static constexpr bool showsLostBlocks = false;
     static constexpr int floodSize = 60;
     static constexpr int longestReport = 1024;
 
@@ -141,6 +122,7 @@ protected:
 
 } // namespace
 
+INSTANTIATE_TYPED_TEST_SUITE_P(Usb, LinkConformance, UsbLink);
 INSTANTIATE_TYPED_TEST_SUITE_P(Usb, StreamLinkConformance, UsbLink);
 
 TEST_F(CoreUsb, ComesFromTheFactory)
@@ -184,7 +166,8 @@ TEST_F(CoreUsb, AFailedOpenLeavesItClosedAndForgetsTheIds)
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     const auto record = command(0x9A, 0xA0, 64);
     send(record);
-    EXPECT_EQ(plain.written(), reports({frameOf(record).left(64), frameOf(record).mid(64)}));
+    EXPECT_EQ(plain.written(),
+              reports({TextFrames::command(record).left(64), TextFrames::command(record).mid(64)}));
 }
 
 TEST_F(CoreUsb, FrameLengthsOnTheWire)
@@ -233,7 +216,7 @@ TEST_F(CoreUsb, SendsACommandAndSaysSo)
 {
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     const auto record = command(0x83, 0xff, 60);
-    const QByteArray frame = frameOf(record);
+    const QByteArray frame = TextFrames::command(record);
     send(record);
     EXPECT_EQ(plain.written(), reports({frame.left(64), frame.mid(64)}));
     const QString said = QStringLiteral("Send usb data:") + QString::fromLatin1(frame.left(19));
@@ -328,7 +311,7 @@ TEST_F(CoreUsb, UpdateCommandsAreAlignedToReports)
     for (const int code : {0xA0, 0xA2, 0xA4, 0xA6, 0xA8, 0xAA, 0xAC}) {
         for (const int blockSize : {0, 44, 45, 64, 65, 192}) {
             const auto record = command(0x9A, static_cast<quint8>(code), blockSize);
-            const QByteArray frame = frameOf(record);
+            const QByteArray frame = TextFrames::command(record);
             std::vector<QByteArray> expected;
             if (frame.size() < 64) {
                 expected.push_back(frame);
@@ -360,11 +343,11 @@ TEST_F(CoreUsb, OtherCommandsAreNot)
         send(record);
         const auto written = update.written();
         ASSERT_EQ(written.size(), seen + 2) << code;
-        EXPECT_EQ(written[seen].mid(1), frameOf(record).left(64)) << code;
+        EXPECT_EQ(written[seen].mid(1), TextFrames::command(record).left(64)) << code;
         seen = written.size();
     }
     send(command(0x9B, 0xA0, 64));
-    EXPECT_EQ(update.written()[seen].mid(1), frameOf(command(0x9B, 0xA0, 64)).left(64));
+    EXPECT_EQ(update.written()[seen].mid(1), TextFrames::command(command(0x9B, 0xA0, 64)).left(64));
     EXPECT_EQ(messages.lines().size(), 7);
     EXPECT_EQ(successLines().size(), 14);
 }
@@ -387,12 +370,13 @@ TEST_F(CoreUsb, UpdateProductsAreRememberedForEver)
     const auto record = command(0x9A, 0xA0, 64);
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     send(record);
-    EXPECT_EQ(plain.written()[0].mid(1), frameOf(record).left(64));
+    EXPECT_EQ(plain.written()[0].mid(1), TextFrames::command(record).left(64));
     ASSERT_TRUE(line.openUSB(vendor, updateProduct));
     line.closeUSB();
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     send(record);
-    EXPECT_EQ(plain.written()[2].mid(1), frameOf(record).left(19).leftJustified(64, '\0'));
+    EXPECT_EQ(plain.written()[2].mid(1),
+              TextFrames::command(record).left(19).leftJustified(64, '\0'));
 }
 
 TEST_F(CoreUsb, OnlyThreeProductsOfOneVendorTakeUpdates)

@@ -17,7 +17,7 @@ namespace
 
 constexpr quint16 vendor = 0x1209;
 constexpr quint16 product = 0x0001;
-constexpr unsigned char emptyReport[HidHandle::reportLength] = {};
+const QByteArray emptyReport;
 
 bool readsUntil(HidHandle& handle, ReceiveBuffer& buffer, int size)
 {
@@ -155,7 +155,7 @@ TEST(HidHandle, ReportsPassBetweenThreads)
     ASSERT_NE(handle, nullptr);
     constexpr int count = 100;
     std::thread writer([&handle] {
-        const unsigned char report[HidHandle::reportLength] = {0, 'x'};
+        const QByteArray report("x");
         for (int i = 0; i < count; ++i) {
             EXPECT_TRUE(handle->write(report));
         }

@@ -31,9 +31,8 @@ struct Load {
 
     void write(HidHandle& handle)
     {
-        const unsigned char report[HidHandle::reportLength] = {};
         while (isRunning) {
-            (handle.write(report) ? successes : failures)++;
+            (handle.write(QByteArray()) ? successes : failures)++;
         }
     }
     void read(HidHandle& handle)
@@ -81,8 +80,7 @@ TEST(HidHandleUnplug, SurvivesUnplugsUnderLoad)
             }
         }
         slowerrortexts::isOn = false;
-        const unsigned char report[HidHandle::reportLength] = {};
-        EXPECT_FALSE(handle->write(report));
+        EXPECT_FALSE(handle->write(QByteArray()));
     }
     EXPECT_GE(slowerrortexts::count, 3 * UNPLUG_ROUNDS);
 }

@@ -53,7 +53,7 @@ protected:
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     }
 
-    int buffered() { return link.line.stream()->received().size(); }
+    int buffered() { return link.line.stream()->received.size(); }
 
     // Goes on sending the same reply for ever, as far as the line takes it.
     void flood(const QByteArray& reply)

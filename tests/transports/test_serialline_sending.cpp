@@ -32,6 +32,13 @@ struct Uart {
     std::atomic<int> looksToFifo{0}; // looks at which the UART's own buffer is not empty yet
     std::atomic<int> dropped{0};     // how often the output was dropped
     std::function<void()> atLook = [] {};
+
+    void unplug()
+    {
+        plugged = false;
+        queued = perLook = looksToFifo = dropped = 0;
+        atLook = [] {};
+    }
 };
 
 Uart uart;
@@ -73,11 +80,7 @@ class SerialLineSending : public ::testing::Test
 {
 protected:
     SerialLineSending() { hostqueue::clear(); }
-    ~SerialLineSending() override
-    {
-        uart.plugged = false;
-        uart.atLook = [] {};
-    }
+    ~SerialLineSending() override { uart.unplug(); }
 
     bool open(QSerialPort::FlowControl flow = QSerialPort::NoFlowControl)
     {

@@ -36,6 +36,7 @@ public:
 
 } // namespace
 
+INSTANTIATE_TYPED_TEST_SUITE_P(SecondSerial, LinkConformance, BinarySerialLink);
 INSTANTIATE_TYPED_TEST_SUITE_P(SecondSerial, StreamLinkConformance, BinarySerialLink);
 
 class VelaCoreSerialPortTest : public ::testing::Test
