@@ -63,6 +63,7 @@ void StreamLink::sendRecord(void* parameters, const char* text)
 bool StreamLink::startParsing()
 {
     const auto parsed = stream();
+    parsed->isPausing = true; // a loaded machine may start the thread late
     return replyqueue::start() && parsed->token.start([&replies = format, parsed] {
         ReplyStreamParser(replies, parsed).td_dealDataFunc();
     });
@@ -75,7 +76,7 @@ void StreamLink::stopParsing(std::chrono::milliseconds patience, Counts counts)
     stopped->token.set(false);
     auto since = Clock::now();
     while (stopped->token.isRunning()) {
-        if (counts == Counts::TimeInTheHost && stopped->isPausing()) {
+        if (counts == Counts::TimeInTheHost && stopped->isPausing) {
             since = Clock::now();
         } else if (Clock::now() - since >= patience) {
             const std::lock_guard lock(streamLock);

@@ -46,9 +46,9 @@ bool ReplyStream::takeBlock(quint16 length, QByteArray& block)
 
 void ReplyStream::pause(std::chrono::milliseconds duration)
 {
-    pausing.store(true, std::memory_order_relaxed);
+    isPausing = true;
     sleep(duration);
-    pausing.store(false, std::memory_order_relaxed);
+    isPausing = false;
 }
 
 void ReplyStream::sleep(std::chrono::milliseconds duration)

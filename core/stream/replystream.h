@@ -43,7 +43,6 @@ public:
     /// Blocks for \a duration. The parser pauses nowhere else, and waits nowhere else but in the
     /// host's code (its locks, log and message handler).
     void pause(std::chrono::milliseconds duration);
-    bool isPausing() const { return pausing.load(std::memory_order_relaxed); }
 
     void setOriginType(model_GlobalEnum::DeviceType type);
     void setOriginName(const QString& name); ///< of the port that the bytes come from
@@ -53,12 +52,12 @@ public:
     void stamp(model_Protocoldata& record, quint8 mark) const;
 
     ReceiveBuffer received;
-    RunToken token; ///< of the parser
+    RunToken token;                    ///< of the parser
+    std::atomic<bool> isPausing{true}; ///< the parser pauses, or has not begun to work
 
 private:
     virtual void sleep(std::chrono::milliseconds duration);
 
-    std::atomic<bool> pausing{false};
     std::atomic<model_GlobalEnum::DeviceType> deviceType{devicetypes::unset};
     mutable std::mutex nameLock; // a leaf: name
     QString name;

@@ -108,7 +108,7 @@ TEST_F(ReplyStreamParserStop, StopBeforeTheThreadHasRunNeitherHangsNorReturnsEar
         ASSERT_TRUE(transport->startParsing());
         EXPECT_TRUE(transport->isParsing());
         const auto stream = transport->stream();
-        transport->stopParsing(patience);
+        transport->awaitParsingEnd(patience);
         EXPECT_FALSE(stream->token.isRunning());
         EXPECT_EQ(transport->stream(), stream); // a parser that ended leaves its stream
     }
@@ -184,7 +184,7 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
     const auto stream = std::make_shared<StarvedStream>();
     transport = std::make_unique<Transport>(stream);
     ASSERT_TRUE(transport->startParsing());
-    ASSERT_TRUE(eventually([&stream] { return stream->isPausing(); }));
+    ASSERT_TRUE(eventually([&stream] { return stream->isPausing.load(); }));
     auto closing =
         std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(10)); });
     EXPECT_EQ(closing.wait_for(milliseconds(300)), std::future_status::timeout);
