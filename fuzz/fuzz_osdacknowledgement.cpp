@@ -41,21 +41,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<QByteArray> acknowledgements;
     while (!script.isEmpty()) {
         const QByteArray piece = nextPiece(script);
-        endpoint.received().append(piece);
+        endpoint.received.append(piece);
         plain.buffer += piece;
-        while (endpoint.received().size() >= osdframe::acknowledgementLength) {
+        while (endpoint.received.size() >= osdframe::acknowledgementLength) {
             const QByteArray bytes = endpoint.parseOnce();
             if (!bytes.isEmpty()) {
                 acknowledgements.push_back(bytes);
             }
         }
         plain.passes();
-        const int left = endpoint.received().size();
+        const int left = endpoint.received.size();
         if (acknowledgements != plain.acknowledgements || left != plain.buffer.size() ||
-            endpoint.received().peek(left) != plain.buffer) {
+            endpoint.received.peek(left) != plain.buffer) {
             std::fprintf(stderr, "%zu and %zu acknowledgements, \"%s\" and \"%s\" left\n",
                          acknowledgements.size(), plain.acknowledgements.size(),
-                         endpoint.received().peek(left).toHex().constData(),
+                         endpoint.received.peek(left).toHex().constData(),
                          plain.buffer.toHex().constData());
             std::abort();
         }

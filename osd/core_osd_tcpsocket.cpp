@@ -3,18 +3,14 @@
 
 #include "biz_osd_cmdswork.h"
 #include "osdconnection.h"
-#include "osdendpoint.h"
 #include "osdframe.h"
-#include "osdrecordsource.h"
-
-#include <chrono>
-#include <thread>
 
 namespace
 {
 
 constexpr std::chrono::milliseconds stopPause{100}; // for the parser to come to its end
 constexpr unsigned long endWaitMs = 500;
+constexpr int defaultPort = 10001;
 
 } // namespace
 
@@ -23,7 +19,7 @@ Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
       connection(std::make_shared<OsdConnection>(endpoint, this))
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
-    endpoint->setAddress(tr("127.0.0.1"), endpoint->port());
+    endpoint->setAddress({tr("127.0.0.1"), defaultPort});
     if (parent == nullptr) { // an object with a parent cannot change its thread
         moveToThread(connection.get());
     }
@@ -37,12 +33,10 @@ Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)
 {
-    endpoint->setAddress(ip, port);
+    endpoint->setAddress({ip, port});
     if (connection->isIdle()) {
         connectCloseSocket();
-        if (!connection->begin()) {
-            endpoint->logShortage();
-        }
+        connection->begin();
     }
 }
 
@@ -56,7 +50,7 @@ void Core_Osd_TcpSocket::connectCloseSocket()
 
 void Core_Osd_TcpSocket::close()
 {
-    endpoint->stop();
+    endpoint->token.set(false);
     std::this_thread::sleep_for(stopPause);
     Q_EMIT closeSocket();
     connection->quit();
@@ -82,17 +76,17 @@ void Core_Osd_TcpSocket::addToReceivedQueue(model_OsdParam record)
 
 void Core_Osd_TcpSocket::appendBuffData(QByteArray data)
 {
-    endpoint->received().append(data);
+    endpoint->received.append(data);
 }
 
 QByteArray Core_Osd_TcpSocket::getBuffData(unsigned short count)
 {
-    return endpoint->received().peek(count);
+    return endpoint->received.peek(count);
 }
 
 QByteArray Core_Osd_TcpSocket::takeBuffData(unsigned short count)
 {
-    return endpoint->received().take(count);
+    return endpoint->received.take(count);
 }
 
 bool Core_Osd_TcpSocket::isFindStdCmdPreFlag(QByteArray peeked)
@@ -109,8 +103,7 @@ void Core_Osd_TcpSocket::td_dealDataFunc()
 void Core_Osd_TcpSocket::sigConnect()
 {
     connectCloseSocket();
-    connection->call(
-        [records = osdrecordsource::shared()](OsdConnection& to) { to.connectSignals(records); });
+    connection->call(&OsdConnection::connectSignals);
 }
 
 void Core_Osd_TcpSocket::sigDisConnect()
@@ -122,8 +115,8 @@ void Core_Osd_TcpSocket::sigDisConnect()
 void Core_Osd_TcpSocket::onStarted()
 {
     connectCloseSocket();
-    connection->call([records = osdrecordsource::shared()](OsdConnection& to) {
-        to.connectSignals(records);
+    connection->call([](OsdConnection& to) {
+        to.connectSignals();
         to.open();
     });
 }

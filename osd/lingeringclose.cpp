@@ -2,12 +2,12 @@
 #include "lingeringclose.h"
 
 #include "detachedthread.h"
-#include "processend.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,8 +17,8 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds lookInterval{10};
-constexpr std::size_t most = 128;
+constexpr std::chrono::milliseconds pollInterval{10};
+constexpr std::size_t connectionLimit = 128;
 constexpr std::size_t dropSize = std::size_t{64} * 1024;
 constexpr int dropsAtOnce = 64; // a peer that floods does not hold up the others
 
@@ -28,8 +28,8 @@ struct Connection {
 };
 
 struct Lingering {
-    std::mutex lock; // a leaf
-    std::deque<Connection> connections;
+    std::mutex lock;                     // a leaf
+    std::vector<Connection> connections; // oldest first
     bool served = false;
 };
 
@@ -52,33 +52,36 @@ bool dropReceived(int descriptor)
     return true;
 }
 
-void closeAt(std::deque<Connection>& connections, std::size_t index)
+bool closeIfEnded(const Connection& connection)
 {
-    (void)dropReceived(connections[index].descriptor);
-    close(connections[index].descriptor);
-    connections.erase(connections.begin() + static_cast<std::ptrdiff_t>(index));
+    const bool open = dropReceived(connection.descriptor);
+    if (open && Clock::now() < connection.end && !processend::begun()) {
+        return false;
+    }
+    close(connection.descriptor);
+    return true;
 }
 
-// False when nothing is left to serve.
+// The lock is held.
+void closeEnded()
+{
+    auto& connections = lingering().connections;
+    connections.erase(std::remove_if(connections.begin(), connections.end(), closeIfEnded),
+                      connections.end());
+}
+
 bool serveOnce()
 {
     const std::lock_guard lock(lingering().lock);
-    auto& connections = lingering().connections;
-    const Clock::time_point now = Clock::now();
-    for (std::size_t i = connections.size(); i-- > 0;) {
-        const bool open = dropReceived(connections[i].descriptor);
-        if (!open || now >= connections[i].end || processend::begun()) {
-            closeAt(connections, i);
-        }
-    }
-    lingering().served = !connections.empty();
+    closeEnded();
+    lingering().served = !lingering().connections.empty();
     return lingering().served;
 }
 
 void serve()
 {
     while (serveOnce()) {
-        std::this_thread::sleep_for(lookInterval);
+        std::this_thread::sleep_for(pollInterval);
     }
 }
 
@@ -89,14 +92,10 @@ void lingeringclose::begin(int descriptor, std::chrono::milliseconds limit)
     shutdown(descriptor, SHUT_WR);
     const std::lock_guard lock(lingering().lock);
     auto& connections = lingering().connections;
-    if (connections.size() == most) {
-        closeAt(connections, 0);
-    }
     connections.push_back({descriptor, Clock::now() + limit});
-    if (!lingering().served) {
-        lingering().served = startDetached(serve);
-    }
-    if (!lingering().served) {
-        closeAt(connections, connections.size() - 1);
+    lingering().served = lingering().served || startDetached(serve);
+    if (!lingering().served || connections.size() > connectionLimit) {
+        connections.front().end = Clock::time_point::min();
+        closeEnded();
     }
 }

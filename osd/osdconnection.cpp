@@ -2,24 +2,21 @@
 #include "osdconnection.h"
 
 #include "core_osd_tcpsocket.h"
-#include "detachedthread.h"
 #include "fixedlocalport.h"
 #include "lingeringclose.h"
 #include "osdframe.h"
-#include "processend.h"
+#include "utility_manage.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QHostAddress>
-#include <QTimer>
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
+#include <future>
 #include <iterator>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include <netdb.h>
@@ -36,24 +33,17 @@ namespace
 constexpr int writeWaitMs = 2000;
 constexpr int hangUpWaitMs = 3000;
 constexpr int waitSliceMs = 10;    // how soon a wait notices that it has become pointless
-constexpr int mostRepetitions = 4; // an endpoint that does not answer is given up after 31 s
+constexpr int repetitionLimit = 4; // an endpoint that does not answer is given up after 31 s
 constexpr int chunkSize = 64 * 1024;
-constexpr int heldBackMs = 20;
-constexpr std::chrono::milliseconds waitPoll{1};
 constexpr std::chrono::milliseconds callLimit{3500}; // a hang-up takes up to 3000
 constexpr std::chrono::milliseconds endLimit{500};
 constexpr std::chrono::milliseconds lossPause{100}; // for the parser to come to its end
 
-// Event loops that get no descriptor end the process. So there must be some for all of those that
-// are about to be made, for their sockets, and for what other threads of the process take
-// meanwhile.
-constexpr int descriptorsEach = 2; // the event loop's and the socket
-constexpr int descriptorsSpare = 4;
-std::mutex promiseLock;
-int promised = 0; // descriptors that connections are about to take
+// Qt ends the process when an event loop gets no descriptor: there must be one for it, one for the
+// socket, and some for what other threads of the process open at that moment.
+constexpr rlim_t descriptorsNeeded = 2 + 4;
 
-// Counted, not tried: what a try takes would be missing in an event loop that is being made.
-bool hasDescriptors(int count)
+bool hasDescriptors()
 {
     rlimit limit{};
     (void)getrlimit(RLIMIT_NOFILE, &limit);
@@ -62,66 +52,20 @@ bool hasDescriptors(int count)
     if (error) {
         return error != std::errc::too_many_files_open;
     }
-    return static_cast<rlim_t>(std::distance(begin(open), end(open)) + count) <= limit.rlim_cur;
+    return static_cast<rlim_t>(std::distance(begin(open), end(open))) + descriptorsNeeded <=
+           limit.rlim_cur;
 }
 
-bool promiseDescriptors()
-{
-    const std::lock_guard lock(promiseLock);
-    promised += descriptorsEach;
-    return hasDescriptors(promised + descriptorsSpare);
-}
-
-// Qt's own locks order what crosses threads with an event, or by wait(), but thread checkers do not
-// know them: both sides come by here.
-void showWrites()
-{
-    static std::mutex lock; // a leaf
-    const std::lock_guard locker(lock);
-}
-
-// A function on its way to a connection's thread. The event queue deletes it when it has run and
-// when it never will: either way who waits for it need not wait longer.
-class Call : public QEvent
-{
-public:
-    Call(OsdConnection::Function f, std::shared_ptr<std::atomic<bool>> o)
-        : QEvent(User), function(std::move(f)), over(std::move(o))
-    {
-    }
-    ~Call() override
-    {
-        showWrites();
-        *over = true;
-    }
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
-
-    const OsdConnection::Function function;
-
-private:
-    const std::shared_ptr<std::atomic<bool>> over;
-};
-
-template <class Condition>
-void pollUntil(Condition&& condition, std::chrono::milliseconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition() && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(waitPoll);
-    }
-}
-
-using Address = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+using SystemAddress = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
 // Null if the text is no address.
-Address addressOf(const OsdEndpoint& endpoint)
+SystemAddress systemAddressOf(const OsdEndpoint::Address& endpoint)
 {
     addrinfo wanted{};
     wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     wanted.ai_socktype = SOCK_STREAM;
-    const QByteArray ip = QHostAddress(endpoint.ip()).toString().toLatin1();
-    const QByteArray port = QByteArray::number(static_cast<quint16>(endpoint.port()));
+    const QByteArray ip = QHostAddress(endpoint.ip).toString().toLatin1();
+    const QByteArray port = QByteArray::number(static_cast<quint16>(endpoint.port));
     addrinfo* found = nullptr;
     const bool valid = getaddrinfo(ip.constData(), port.constData(), &wanted, &found) == 0;
     return {valid ? found : nullptr, &freeaddrinfo};
@@ -155,43 +99,52 @@ OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> to, Core_Osd_TcpSocket
     moveToThread(this);
 }
 
-bool OsdConnection::begin()
+void OsdConnection::begin()
 {
-    awaited = descriptorsEach;
-    if (!promiseDescriptors()) {
-        await(0);
-        return false;
-    }
-    idle = false;
-    begun = false;
-    endpoint->begin();
-    bool runs = startDetached([self = shared_from_this()] { self->keep(); });
-    if (runs) {
-        takesCalls = true;
-        (void)post([from = osdrecordsource::shared()](OsdConnection& connection) {
-            connection.connectSignals(from);
+    static std::mutex oneByOne; // no other start takes the descriptors that this one has counted
+    const std::lock_guard lock(oneByOne);
+    if (hasDescriptors() && startThreads()) {
+        call([](OsdConnection& connection) {
+            connection.connectSignals();
             connection.open();
-            connection.await(0);
         });
-        start();
-        runs = isRunning() || isFinished();
-        begun = true;
     } else {
-        idle = true;
+        logShortage();
     }
-    if (!runs) {
-        end();
+}
+
+bool OsdConnection::startThreads()
+{
+    {
+        const std::lock_guard lock(callLock);
+        takesCalls = true;
     }
-    return runs;
+    running = true;
+    start();
+    const bool runs = isRunning() || isFinished();
+    if (runs && endpoint->token.start([self = shared_from_this()] {
+            self->endpoint->token.run([&self] { self->keep(); });
+        })) {
+        return true;
+    }
+    quit();
+    wait();
+    end();
+    return false;
+}
+
+bool OsdConnection::isIdle() const
+{
+    const bool mayEnd = !endpoint->token.isSet() && QThread::currentThread() != this;
+    return endpoint->token.awaitEnd(mayEnd ? endLimit : std::chrono::milliseconds(0));
 }
 
 void OsdConnection::run()
 {
-    await(1); // the event loop has its own
     lost = false;
     exec();
     disconnectSignals();
-    closeDescriptor();
+    closeSocket();
     end();
     if (lost) {
         std::this_thread::sleep_for(lossPause);
@@ -200,38 +153,29 @@ void OsdConnection::run()
             Q_EMIT owner->closeSocket();
         }
     }
-    showWrites();
-}
-
-void OsdConnection::await(int descriptors)
-{
-    const std::lock_guard lock(promiseLock);
-    promised -= awaited - descriptors;
-    awaited = descriptors;
+    running = false;
 }
 
 void OsdConnection::end()
 {
-    await(0);
-    endpoint->stop(); // a host may have begun it while its thread was being ended
+    endpoint->token.set(false);
     const std::lock_guard lock(callLock);
     takesCalls = false;
-    QCoreApplication::removePostedEvents(this);
+    calls.clear();
 }
 
 // Only this tells the thread of the end of the process, and it is one that the process waits for.
 void OsdConnection::keep()
 {
-    pollUntil([this] { return begun.load(); }, std::chrono::hours(1));
     endpoint->deal();
-    endpoint->stop();
-    do {
+    endpoint->token.set(false);
+    while (running) {
         if (processend::begun()) {
             quit();
         }
-    } while (!wait(waitSliceMs));
-    showWrites();
-    idle = true;
+        msleep(waitSliceMs);
+    }
+    wait();
 }
 
 void OsdConnection::forgetOwner()
@@ -242,21 +186,18 @@ void OsdConnection::forgetOwner()
 
 void OsdConnection::take(const model_OsdParam& record)
 {
-    if (endpoint->isAddressedBy(record.strIP)) {
-        (void)post([record](OsdConnection& to) { to.send(osdframe::encode(record)); });
+    if (endpoint->address().ip == record.strIP) {
+        post([this, record] { send(osdframe::encode(record)); });
     }
 }
 
-std::shared_ptr<std::atomic<bool>> OsdConnection::post(const Function& function)
+void OsdConnection::post(std::function<void()> function)
 {
-    auto over = std::make_shared<std::atomic<bool>>(false);
-    auto call = std::make_unique<Call>(function, over);
-    showWrites();
     const std::lock_guard lock(callLock);
     if (takesCalls) {
-        QCoreApplication::postEvent(this, call.release());
+        calls.push_back(std::move(function));
+        QCoreApplication::postEvent(this, new QEvent(QEvent::User));
     }
-    return over;
 }
 
 void OsdConnection::call(const Function& function)
@@ -267,46 +208,61 @@ void OsdConnection::call(const Function& function)
         }
         return;
     }
-    pollUntil([over = post(function)] { return over->load(); }, callLimit);
-}
-
-bool OsdConnection::isIdle() const
-{
-    if (QThread::currentThread() != this && !endpoint->deals()) {
-        pollUntil([this] { return idle.load(); }, endLimit);
-    }
-    return idle;
+    // What never runs breaks its promise, which ends the wait, too.
+    auto task = std::make_shared<std::packaged_task<void()>>([this, function] { function(*this); });
+    const auto over = task->get_future();
+    post([task = std::move(task)] { (*task)(); });
+    (void)over.wait_for(callLimit);
 }
 
 bool OsdConnection::event(QEvent* event)
 {
-    showWrites();
     if (event->type() != QEvent::User) {
         return QThread::event(event);
     }
-    static_cast<Call*>(event)->function(*this);
+    std::function<void()> function = [] {};
+    {
+        const std::lock_guard lock(callLock);
+        if (!calls.empty()) {
+            function = std::move(calls.front());
+            calls.pop_front();
+        }
+    }
+    function();
     return true;
+}
+
+void OsdConnection::logShortage() const
+{
+    if (processend::over()) {
+        return;
+    }
+    const OsdEndpoint::Address address = endpoint->address();
+    Utility_Manage::writeLog(
+        QStringLiteral("OSD endpoint %1, port %2: not connected, no descriptor or thread left")
+            .arg(address.ip)
+            .arg(address.port));
 }
 
 void OsdConnection::open()
 {
     closeSocket();
-    if (!endpoint->deals()) {
+    if (!endpoint->token.isSet()) {
         return;
     }
-    const Address address = addressOf(*endpoint);
+    const SystemAddress address = systemAddressOf(endpoint->address());
     if (!address) {
         lose();
         return;
     }
     descriptor = socket(address->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (descriptor < 0) {
-        endpoint->logShortage();
+        logShortage();
         lose();
         return;
     }
     bindToFixedPort(descriptor, *address);
-    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &mostRepetitions, sizeof mostRepetitions);
+    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &repetitionLimit, sizeof repetitionLimit);
     if (::connect(descriptor, address->ai_addr, address->ai_addrlen) != 0 && errno != EINPROGRESS) {
         lose();
         return;
@@ -318,10 +274,10 @@ void OsdConnection::open()
     updateNotifiers();
 }
 
-void OsdConnection::connectSignals(std::shared_ptr<OsdRecords> from)
+void OsdConnection::connectSignals()
 {
     disconnectSignals();
-    records = std::move(from);
+    records = osdrecordsource::shared();
     if (records) {
         records->add(this, [this](const model_OsdParam& record) { take(record); });
     }
@@ -342,7 +298,7 @@ void OsdConnection::disconnectSignals()
 void OsdConnection::updateNotifiers()
 {
     if (readable) {
-        readable->setEnabled(listening && bConnected && !heldBack);
+        readable->setEnabled(listening && bConnected);
         writable->setEnabled(listening && (!bConnected || pending.size() > 0));
     }
 }
@@ -370,7 +326,7 @@ void OsdConnection::lose()
     disconnectSignals();
     (void)takeAvailable(true);
     bConnected = false;
-    endpoint->stop();
+    endpoint->token.set(false);
     lost = true;
     quit();
 }
@@ -383,16 +339,9 @@ void OsdConnection::onReadyRead()
     // Once a hang-up is there, nothing more can come than the system holds already.
     if (!takeAvailable(hasHungUp(descriptor))) {
         lose();
-        return;
+    } else if (endpoint->received.isFull()) {
+        msleep(waitSliceMs);
     }
-    if (endpoint->received().isFull() && !heldBack) {
-        heldBack = true;
-        QTimer::singleShot(heldBackMs, this, [this] {
-            heldBack = false;
-            onReadyRead();
-        });
-    }
-    updateNotifiers();
 }
 
 // False if the connection is over. It is held back by TCP instead of filling the memory if it sends
@@ -400,12 +349,12 @@ void OsdConnection::onReadyRead()
 bool OsdConnection::takeAvailable(bool evenIfFull)
 {
     std::array<char, chunkSize> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): 64 KiB
-    while (evenIfFull || !endpoint->received().isFull()) {
+    while (evenIfFull || !endpoint->received.isFull()) {
         const ssize_t size = recv(descriptor, bytes.data(), bytes.size(), 0);
         if (size <= 0) {
             return size < 0 && mayGoOn();
         }
-        endpoint->received().append(bytes.data(), static_cast<int>(size));
+        endpoint->received.append(bytes.data(), static_cast<int>(size));
     }
     return true;
 }
@@ -427,15 +376,16 @@ bool OsdConnection::flush()
 
 // Until the system has everything. An endpoint may wait for its answers to be read before it reads
 // on, so they are read. False if the connection is over.
-bool OsdConnection::deliver(int limitMs, const std::function<bool()>& goOn)
+bool OsdConnection::deliver(int limitMs, bool evenIfStopped)
 {
     QElapsedTimer waited;
     waited.start();
     while (flush()) {
-        if (pending.size() == 0 || waited.hasExpired(limitMs) || !goOn()) {
+        const bool goOn = evenIfStopped ? !processend::begun() : endpoint->token.goesOn();
+        if (pending.size() == 0 || waited.hasExpired(limitMs) || !goOn) {
             return true;
         }
-        const bool full = endpoint->received().isFull();
+        const bool full = endpoint->received.isFull();
         pollfd connection{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
         (void)poll(&connection, 1, waitSliceMs);
         if (!takeAvailable(false)) {
@@ -451,7 +401,7 @@ void OsdConnection::send(const QByteArray& bytes)
         return;
     }
     pending.append(bytes);
-    if (deliver(writeWaitMs, [this] { return endpoint->deals(); })) {
+    if (deliver(writeWaitMs, false)) {
         updateNotifiers();
     } else {
         lose();
@@ -463,22 +413,13 @@ void OsdConnection::closeSocket()
     readable.reset();
     writable.reset();
     if (bConnected) {
-        if (deliver(hangUpWaitMs, [] { return !processend::begun(); })) {
+        if (deliver(hangUpWaitMs, true)) {
             (void)takeAvailable(false);
         }
         lingeringclose::begin(std::exchange(descriptor, -1));
-    }
-    closeDescriptor();
-}
-
-void OsdConnection::closeDescriptor()
-{
-    readable.reset();
-    writable.reset();
-    if (descriptor >= 0) {
+    } else if (descriptor >= 0) {
         ::close(std::exchange(descriptor, -1));
     }
     pending.clear();
     bConnected = false;
-    heldBack = false;
 }
