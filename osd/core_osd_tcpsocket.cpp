@@ -15,11 +15,10 @@ constexpr int defaultPort = 10001;
 } // namespace
 
 Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
-    : QObject(parent), endpoint(std::make_shared<OsdEndpoint>()),
-      connection(std::make_shared<OsdConnection>(endpoint, this))
+    : QObject(parent), connection(std::make_shared<OsdConnection>(this))
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
-    endpoint->setAddress({tr("127.0.0.1"), defaultPort});
+    connection->endpoint.setAddress({tr("127.0.0.1"), defaultPort});
     if (parent == nullptr) { // an object with a parent cannot change its thread
         moveToThread(connection.get());
     }
@@ -33,10 +32,9 @@ Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)
 {
-    endpoint->setAddress({ip, port});
-    if (connection->isIdle()) {
+    connection->endpoint.setAddress({ip, port});
+    if (connection->begin()) {
         connectCloseSocket();
-        connection->begin();
     }
 }
 
@@ -50,7 +48,7 @@ void Core_Osd_TcpSocket::connectCloseSocket()
 
 void Core_Osd_TcpSocket::close()
 {
-    endpoint->token.set(false);
+    connection->endpoint.token.set(false);
     std::this_thread::sleep_for(stopPause);
     Q_EMIT closeSocket();
     connection->quit();
@@ -76,28 +74,28 @@ void Core_Osd_TcpSocket::addToReceivedQueue(model_OsdParam record)
 
 void Core_Osd_TcpSocket::appendBuffData(QByteArray data)
 {
-    endpoint->received.append(data);
+    connection->endpoint.received.append(data);
 }
 
 QByteArray Core_Osd_TcpSocket::getBuffData(unsigned short count)
 {
-    return endpoint->received.peek(count);
+    return connection->endpoint.received.peek(count);
 }
 
 QByteArray Core_Osd_TcpSocket::takeBuffData(unsigned short count)
 {
-    return endpoint->received.take(count);
+    return connection->endpoint.received.take(count);
 }
 
 bool Core_Osd_TcpSocket::isFindStdCmdPreFlag(QByteArray peeked)
 {
-    return endpoint->findAcknowledgement(peeked);
+    return connection->endpoint.findAcknowledgement(peeked);
 }
 
 void Core_Osd_TcpSocket::td_dealDataFunc()
 {
-    const auto shared = endpoint;
-    shared->deal();
+    const auto shared = connection;
+    shared->endpoint.deal();
 }
 
 void Core_Osd_TcpSocket::sigConnect()

@@ -11,7 +11,6 @@
 
 #include <memory>
 
-class OsdEndpoint;
 class OsdConnection;
 
 /// A TCP client of one on-screen-display endpoint. It sends the shared manager's records that are
@@ -115,6 +114,6 @@ public Q_SLOTS:
 private:
     void connectCloseSocket();
 
-    std::shared_ptr<OsdEndpoint> endpoint;     // strIP, nPort, buffData, bDealRun
-    std::shared_ptr<OsdConnection> connection; // workThread, tcpSocket; outlives this if it must
+    // workThread with all that lives there; outlives this if it must
+    std::shared_ptr<OsdConnection> connection;
 };

@@ -70,18 +70,12 @@ void closeEnded()
                       connections.end());
 }
 
-bool serveOnce()
-{
-    const std::lock_guard lock(lingering().lock);
-    closeEnded();
-    lingering().served = !lingering().connections.empty();
-    return lingering().served;
-}
-
 void serve()
 {
-    while (serveOnce()) {
-        std::this_thread::sleep_for(pollInterval);
+    for (bool any = true; any; std::this_thread::sleep_for(pollInterval)) {
+        const std::lock_guard lock(lingering().lock);
+        closeEnded();
+        any = lingering().served = !lingering().connections.empty();
     }
 }
 

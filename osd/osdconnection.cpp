@@ -71,13 +71,15 @@ SystemAddress systemAddressOf(const OsdEndpoint::Address& endpoint)
     return {valid ? found : nullptr, &freeaddrinfo};
 }
 
-// A port that is taken is no error, any other one will do.
-void bindToFixedPort(int descriptor, const addrinfo& to)
+bool beginToConnect(int descriptor, const addrinfo& to)
 {
     sockaddr_in6 own{}; // an IPv4 one has its family and its port in the same places
     own.sin6_family = static_cast<sa_family_t>(to.ai_family);
     own.sin6_port = htons(fixedLocalPort());
+    // A port that is taken is no error, any other one will do.
     (void)bind(descriptor, reinterpret_cast<const sockaddr*>(&own), to.ai_addrlen);
+    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &repetitionLimit, sizeof repetitionLimit);
+    return connect(descriptor, to.ai_addr, to.ai_addrlen) == 0 || errno == EINPROGRESS;
 }
 
 bool hasHungUp(int descriptor)
@@ -93,24 +95,28 @@ bool mayGoOn()
 
 } // namespace
 
-OsdConnection::OsdConnection(std::shared_ptr<OsdEndpoint> to, Core_Osd_TcpSocket* of)
-    : endpoint(std::move(to)), owner(of)
+OsdConnection::OsdConnection(Core_Osd_TcpSocket* of) : owner(of)
 {
     moveToThread(this);
 }
 
-void OsdConnection::begin()
+bool OsdConnection::begin()
 {
+    const bool mayEnd = !endpoint.token.isSet() && QThread::currentThread() != this;
+    if (!endpoint.token.awaitEnd(mayEnd ? endLimit : std::chrono::milliseconds(0))) {
+        return false;
+    }
     static std::mutex oneByOne; // no other start takes the descriptors that this one has counted
     const std::lock_guard lock(oneByOne);
-    if (hasDescriptors() && startThreads()) {
-        call([](OsdConnection& connection) {
-            connection.connectSignals();
-            connection.open();
-        });
-    } else {
+    if (!hasDescriptors() || !startThreads()) {
         logShortage();
+        return false;
     }
+    call([](OsdConnection& connection) {
+        connection.connectSignals();
+        connection.open();
+    });
+    return true;
 }
 
 bool OsdConnection::startThreads()
@@ -122,8 +128,8 @@ bool OsdConnection::startThreads()
     running = true;
     start();
     const bool runs = isRunning() || isFinished();
-    if (runs && endpoint->token.start([self = shared_from_this()] {
-            self->endpoint->token.run([&self] { self->keep(); });
+    if (runs && endpoint.token.start([self = shared_from_this()] {
+            self->endpoint.token.run([&self] { self->keep(); });
         })) {
         return true;
     }
@@ -131,12 +137,6 @@ bool OsdConnection::startThreads()
     wait();
     end();
     return false;
-}
-
-bool OsdConnection::isIdle() const
-{
-    const bool mayEnd = !endpoint->token.isSet() && QThread::currentThread() != this;
-    return endpoint->token.awaitEnd(mayEnd ? endLimit : std::chrono::milliseconds(0));
 }
 
 void OsdConnection::run()
@@ -158,7 +158,7 @@ void OsdConnection::run()
 
 void OsdConnection::end()
 {
-    endpoint->token.set(false);
+    endpoint.token.set(false);
     const std::lock_guard lock(callLock);
     takesCalls = false;
     calls.clear();
@@ -167,8 +167,8 @@ void OsdConnection::end()
 // Only this tells the thread of the end of the process, and it is one that the process waits for.
 void OsdConnection::keep()
 {
-    endpoint->deal();
-    endpoint->token.set(false);
+    endpoint.deal();
+    endpoint.token.set(false);
     while (running) {
         if (processend::begun()) {
             quit();
@@ -186,7 +186,7 @@ void OsdConnection::forgetOwner()
 
 void OsdConnection::take(const model_OsdParam& record)
 {
-    if (endpoint->address().ip == record.strIP) {
+    if (endpoint.address().ip == record.strIP) {
         post([this, record] { send(osdframe::encode(record)); });
     }
 }
@@ -215,12 +215,9 @@ void OsdConnection::call(const Function& function)
     (void)over.wait_for(callLimit);
 }
 
-bool OsdConnection::event(QEvent* event)
+void OsdConnection::customEvent(QEvent* /*event*/)
 {
-    if (event->type() != QEvent::User) {
-        return QThread::event(event);
-    }
-    std::function<void()> function = [] {};
+    std::function<void()> function = [] {}; // what was posted may have been dropped since
     {
         const std::lock_guard lock(callLock);
         if (!calls.empty()) {
@@ -229,7 +226,6 @@ bool OsdConnection::event(QEvent* event)
         }
     }
     function();
-    return true;
 }
 
 void OsdConnection::logShortage() const
@@ -237,7 +233,7 @@ void OsdConnection::logShortage() const
     if (processend::over()) {
         return;
     }
-    const OsdEndpoint::Address address = endpoint->address();
+    const OsdEndpoint::Address address = endpoint.address();
     Utility_Manage::writeLog(
         QStringLiteral("OSD endpoint %1, port %2: not connected, no descriptor or thread left")
             .arg(address.ip)
@@ -247,23 +243,15 @@ void OsdConnection::logShortage() const
 void OsdConnection::open()
 {
     closeSocket();
-    if (!endpoint->token.isSet()) {
+    if (!endpoint.token.isSet()) {
         return;
     }
-    const SystemAddress address = systemAddressOf(endpoint->address());
-    if (!address) {
-        lose();
-        return;
-    }
-    descriptor = socket(address->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) {
+    const SystemAddress to = systemAddressOf(endpoint.address());
+    descriptor = to ? socket(to->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0) : -1;
+    if (to && descriptor < 0) {
         logShortage();
-        lose();
-        return;
     }
-    bindToFixedPort(descriptor, *address);
-    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &repetitionLimit, sizeof repetitionLimit);
-    if (::connect(descriptor, address->ai_addr, address->ai_addrlen) != 0 && errno != EINPROGRESS) {
+    if (descriptor < 0 || !beginToConnect(descriptor, *to)) {
         lose();
         return;
     }
@@ -303,16 +291,14 @@ void OsdConnection::updateNotifiers()
     }
 }
 
+// So is a socket whose connection was refused; then the first read tells.
 void OsdConnection::onWritable()
 {
-    int error = 0;
-    socklen_t length = sizeof error;
-    (void)getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length);
-    if (error != 0 || !flush()) {
+    if (flush()) {
+        onConnected();
+    } else {
         lose();
-        return;
     }
-    onConnected();
 }
 
 void OsdConnection::onConnected()
@@ -326,7 +312,7 @@ void OsdConnection::lose()
     disconnectSignals();
     (void)takeAvailable(true);
     bConnected = false;
-    endpoint->token.set(false);
+    endpoint.token.set(false);
     lost = true;
     quit();
 }
@@ -339,7 +325,7 @@ void OsdConnection::onReadyRead()
     // Once a hang-up is there, nothing more can come than the system holds already.
     if (!takeAvailable(hasHungUp(descriptor))) {
         lose();
-    } else if (endpoint->received.isFull()) {
+    } else if (endpoint.received.isFull()) {
         msleep(waitSliceMs);
     }
 }
@@ -349,12 +335,12 @@ void OsdConnection::onReadyRead()
 bool OsdConnection::takeAvailable(bool evenIfFull)
 {
     std::array<char, chunkSize> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): 64 KiB
-    while (evenIfFull || !endpoint->received.isFull()) {
+    while (evenIfFull || !endpoint.received.isFull()) {
         const ssize_t size = recv(descriptor, bytes.data(), bytes.size(), 0);
         if (size <= 0) {
             return size < 0 && mayGoOn();
         }
-        endpoint->received.append(bytes.data(), static_cast<int>(size));
+        endpoint.received.append(bytes.data(), static_cast<int>(size));
     }
     return true;
 }
@@ -381,11 +367,11 @@ bool OsdConnection::deliver(int limitMs, bool evenIfStopped)
     QElapsedTimer waited;
     waited.start();
     while (flush()) {
-        const bool goOn = evenIfStopped ? !processend::begun() : endpoint->token.goesOn();
+        const bool goOn = evenIfStopped ? !processend::begun() : endpoint.token.goesOn();
         if (pending.size() == 0 || waited.hasExpired(limitMs) || !goOn) {
             return true;
         }
-        const bool full = endpoint->received.isFull();
+        const bool full = endpoint.received.isFull();
         pollfd connection{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
         (void)poll(&connection, 1, waitSliceMs);
         if (!takeAvailable(false)) {

@@ -27,16 +27,13 @@ public:
     using Function = std::function<void(OsdConnection&)>;
 
     /// \a of is the object whose signal tells of a loss.
-    OsdConnection(std::shared_ptr<OsdEndpoint> to, Core_Osd_TcpSocket* of);
+    explicit OsdConnection(Core_Osd_TcpSocket* of);
 
-    /// Starts the thread and the parser and has the thread begin to connect, as begun by open. Does
-    /// not wait for the connection. Where the system has no descriptor or thread for them, a line
-    /// in the log says so and nothing is started. Only while idle.
-    void begin();
-
-    /// Neither the thread nor its parser runs. They are given up to 500 ms to end if the endpoint
-    /// has been stopped, but not by this very thread.
-    bool isIdle() const;
+    /// Starts the thread and the parser and has the thread begin to connect; does not wait for the
+    /// connection. False, with nothing started, if the thread or the parser runs (they get 500 ms
+    /// to end if they have been stopped), and where the system has no descriptor or thread left,
+    /// which a line in the log says.
+    bool begin();
 
     /// Runs the function on this thread and waits for it, at most 3500 ms; on this very thread it
     /// runs at once. Returns without running it if the thread has not begun or ends before. Any
@@ -73,10 +70,11 @@ public:
     /// to a lingering close.
     void closeSocket();
 
-    bool event(QEvent* event) override; ///< runs the next posted function
+    OsdEndpoint endpoint; ///< any thread
 
 protected:
     void run() override;
+    void customEvent(QEvent* event) override; // runs the next posted function
 
 private:
     bool startThreads();
@@ -91,7 +89,6 @@ private:
     bool takeAvailable(bool evenIfFull);
     bool deliver(int limitMs, bool evenIfStopped);
 
-    const std::shared_ptr<OsdEndpoint> endpoint;
     std::mutex callLock; // held to post; the event queue's goes below it
     std::deque<std::function<void()>> calls;
     bool takesCalls = false;          // from the start of the thread to its end

@@ -47,7 +47,9 @@ QByteArray OsdEndpoint::parseOnce()
 void OsdEndpoint::deal()
 {
     while (waitForBytes()) {
-        const QByteArray bytes = mayHandOver() ? parseOnce() : QByteArray();
+        const int count = *underWay;
+        inOrder = inOrder || count >= handOverLimit;
+        const QByteArray bytes = count == 0 || !inOrder ? parseOnce() : QByteArray();
         if (!bytes.isEmpty()) {
             handOver(bytes);
         }
@@ -66,13 +68,6 @@ bool OsdEndpoint::waitForBytes()
         inOrder = false;
     }
     return false;
-}
-
-bool OsdEndpoint::mayHandOver()
-{
-    const int count = *underWay;
-    inOrder = inOrder || count >= handOverLimit;
-    return count == 0 || !inOrder;
 }
 
 void OsdEndpoint::handOver(const QByteArray& acknowledgement)

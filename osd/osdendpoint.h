@@ -43,7 +43,6 @@ public:
 
 private:
     bool waitForBytes();
-    bool mayHandOver();
     void handOver(const QByteArray& acknowledgement);
 
     mutable std::mutex addressLock; // a leaf

@@ -27,7 +27,7 @@ protected:
         options.port = 0;
         simulated = std::make_unique<OsdSimulator>(options);
         ASSERT_TRUE(simulated->start());
-        endpoint->setAddress({QStringLiteral("127.0.0.1"), simulated->port()});
+        endpoint.setAddress({QStringLiteral("127.0.0.1"), simulated->port()});
         descriptors = processstate::descriptors();
     }
 
@@ -35,18 +35,18 @@ protected:
 
     void begin()
     {
-        connection->begin();
+        ASSERT_TRUE(connection->begin());
         ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
         simulated->send("."); // and on this side, too, when that is there
-        ASSERT_TRUE(eventually([&] { return endpoint->received.size() == 1; }));
+        ASSERT_TRUE(eventually([&] { return endpoint.received.size() == 1; }));
     }
 
     void end()
     {
-        endpoint->token.set(false);
+        endpoint.token.set(false);
         connection->call(&OsdConnection::closeSocket);
         connection->quit();
-        EXPECT_TRUE(eventually([&] { return connection->isIdle(); }));
+        EXPECT_TRUE(eventually([&] { return !endpoint.token.isRunning(); }));
     }
 
     void send(const QByteArray& bytes)
@@ -55,8 +55,8 @@ protected:
     }
 
     std::unique_ptr<OsdSimulator> simulated;
-    std::shared_ptr<OsdEndpoint> endpoint = std::make_shared<OsdEndpoint>();
-    std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(endpoint, nullptr);
+    std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(nullptr);
+    OsdEndpoint& endpoint = connection->endpoint;
     int descriptors = 0;
 };
 
@@ -65,11 +65,11 @@ protected:
 TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
 {
     for (int i = 0; i < 20; ++i) {
-        connection->begin();
-        endpoint->token.set(false);
+        ASSERT_TRUE(connection->begin());
+        endpoint.token.set(false);
         connection->quit();
-        ASSERT_TRUE(eventually([&] { return connection->isIdle(); }));
-        EXPECT_FALSE(endpoint->token.isSet());
+        ASSERT_TRUE(eventually([&] { return !endpoint.token.isRunning(); }));
+        EXPECT_FALSE(endpoint.token.isSet());
     }
     EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
     EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
@@ -81,12 +81,12 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
     constexpr int most = limit + 2 * 64 * 1024;
     begin();
     simulated->send(QByteArray(4 * limit, 'f'));
-    ASSERT_TRUE(eventually([&] { return endpoint->received.size() >= limit; }));
-    EXPECT_FALSE(eventually([&] { return endpoint->received.size() > most; },
+    ASSERT_TRUE(eventually([&] { return endpoint.received.size() >= limit; }));
+    EXPECT_FALSE(eventually([&] { return endpoint.received.size() > most; },
                             std::chrono::milliseconds(300)));
     // It goes on when there is room again.
-    endpoint->received.discard(most);
-    EXPECT_TRUE(eventually([&] { return endpoint->received.size() > 512 * 1024; }));
+    endpoint.received.discard(most);
+    EXPECT_TRUE(eventually([&] { return endpoint.received.size() > 512 * 1024; }));
 }
 
 TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
@@ -94,11 +94,11 @@ TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
     begin();
     const QByteArray waiting = QByteArray("OKw").repeated(6 * 1024 * 1024);
     const QByteArray more(100 * 1024, 'm');
-    endpoint->received.append(waiting);
+    endpoint.received.append(waiting);
     simulated->send(more);
     simulated->hangUp(false);
-    EXPECT_TRUE(eventually([&] { return !endpoint->token.isSet(); }));
-    EXPECT_TRUE(endpoint->received.peek(0x7fffffff).endsWith(more));
+    EXPECT_TRUE(eventually([&] { return !endpoint.token.isSet(); }));
+    EXPECT_TRUE(endpoint.received.peek(0x7fffffff).endsWith(more));
 }
 
 // Closing a socket with something unread in it resets the connection: what is on its way is lost.
@@ -112,7 +112,7 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
         const qint64 before = simulated->receivedBytes();
         begin();
         simulated->setFault(Fault::NeverRead, always);
-        endpoint->token.set(false); // what is sent from now on goes with the closing
+        endpoint.token.set(false); // what is sent from now on goes with the closing
         send(much);
         simulated->send("OKa");
         simulated->setFault(Fault::NeverRead, {});
@@ -138,6 +138,6 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
     send(much);
     late.join();
     EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == much.size(); }));
-    EXPECT_TRUE(endpoint->token.isSet());
+    EXPECT_TRUE(endpoint.token.isSet());
     EXPECT_EQ(simulated->connected(), 1);
 }
