@@ -3,13 +3,13 @@
 
 #include "icoreosdbase.h"
 
-#include <atomic>
 #include <utility>
 
 namespace
 {
 
-std::atomic<ICoreOsdBase**> sharedPointer{nullptr};
+ICoreOsdBase* none = nullptr;
+ICoreOsdBase** sharedPointer = &none; // set before there are threads
 
 struct Managers {
     std::mutex lock;
@@ -53,16 +53,14 @@ bool osdrecordsource::share(ICoreOsdBase*& pointer) noexcept
 
 void osdrecordsource::set(ICoreOsdBase* manager)
 {
-    __atomic_store_n(sharedPointer.load(), manager, __ATOMIC_RELEASE);
+    __atomic_store_n(sharedPointer, manager, __ATOMIC_RELEASE);
 }
 
 std::shared_ptr<OsdRecords> osdrecordsource::shared()
 {
-    ICoreOsdBase** const pointer = sharedPointer;
     const std::lock_guard lock(managers().lock);
     auto& living = managers().living;
-    const auto found =
-        living.find(pointer == nullptr ? nullptr : __atomic_load_n(pointer, __ATOMIC_ACQUIRE));
+    const auto found = living.find(__atomic_load_n(sharedPointer, __ATOMIC_ACQUIRE));
     if (found == living.end()) {
         return nullptr;
     }

@@ -12,8 +12,8 @@
 
 class ICoreOsdBase;
 
-/// Hands the records of one manager, whatever its class, to those who want them. Workers come and
-/// go here, so that they never touch the manager, which its owner may be destroying. Any thread.
+/// Passes the records of one manager, whatever its class, on to the endpoints, which so never touch
+/// the manager: its owner may be destroying it. Any thread.
 class OsdRecords : public QObject
 {
     Q_OBJECT
@@ -38,11 +38,10 @@ namespace osdrecordsource
 {
 
 /// \a pointer, which must live for ever, is where the shared manager stands. To be called once,
-/// before any endpoint starts; always true.
+/// before any thread starts; always true.
 bool share(ICoreOsdBase*& pointer) noexcept;
 
-/// Assigns that pointer.
-void set(ICoreOsdBase* manager);
+void set(ICoreOsdBase* manager); ///< assigns that pointer
 
 /// The records of the manager that stands there now; null if there is none or if it is gone. They
 /// are those of its signal sigSendDatatoDevice(model_OsdParam); Qt warns of a manager without one.

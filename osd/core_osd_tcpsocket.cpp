@@ -18,6 +18,14 @@ Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
     : QObject(parent), connection(std::make_shared<OsdConnection>(this))
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
+    // One of the connections that sigConnect makes. onCloseSocket waits: as a blocking queued one,
+    // it would wait for ever for a worker that has ended.
+    const auto closeIfConnected = [this] {
+        if (connection->isListening()) {
+            onCloseSocket();
+        }
+    };
+    connect(this, &Core_Osd_TcpSocket::closeSocket, this, closeIfConnected, Qt::DirectConnection);
     connection->endpoint.setAddress({tr("127.0.0.1"), defaultPort});
     if (parent == nullptr) { // an object with a parent cannot change its thread
         moveToThread(connection.get());
@@ -33,17 +41,7 @@ Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)
 {
     connection->endpoint.setAddress({ip, port});
-    if (connection->begin()) {
-        connectCloseSocket();
-    }
-}
-
-// onCloseSocket itself waits for the worker: as a blocking queued connection, this would wait for
-// ever for a worker that has ended.
-void Core_Osd_TcpSocket::connectCloseSocket()
-{
-    connect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket,
-            static_cast<Qt::ConnectionType>(Qt::DirectConnection | Qt::UniqueConnection));
+    connection->begin();
 }
 
 void Core_Osd_TcpSocket::close()
@@ -64,7 +62,7 @@ QByteArray Core_Osd_TcpSocket::produceCmds(model_OsdParam record)
 
 void Core_Osd_TcpSocket::sendData(QByteArray data)
 {
-    connection->call([data](OsdConnection& to) { to.send(data); });
+    connection->send(data);
 }
 
 void Core_Osd_TcpSocket::addToReceivedQueue(model_OsdParam record)
@@ -95,33 +93,28 @@ bool Core_Osd_TcpSocket::isFindStdCmdPreFlag(QByteArray peeked)
 void Core_Osd_TcpSocket::td_dealDataFunc()
 {
     const auto shared = connection;
-    shared->endpoint.deal();
+    shared->deal();
 }
 
 void Core_Osd_TcpSocket::sigConnect()
 {
-    connectCloseSocket();
-    connection->call(&OsdConnection::connectSignals);
+    connection->connectSignals();
 }
 
 void Core_Osd_TcpSocket::sigDisConnect()
 {
-    disconnect(this, &Core_Osd_TcpSocket::closeSocket, this, &Core_Osd_TcpSocket::onCloseSocket);
-    connection->call(&OsdConnection::disconnectSignals);
+    connection->disconnectSignals();
 }
 
 void Core_Osd_TcpSocket::onStarted()
 {
-    connectCloseSocket();
-    connection->call([](OsdConnection& to) {
-        to.connectSignals();
-        to.open();
-    });
+    connection->connectSignals();
+    connection->open();
 }
 
 void Core_Osd_TcpSocket::onConnected()
 {
-    connection->call(&OsdConnection::onConnected);
+    connection->onConnected();
 }
 
 void Core_Osd_TcpSocket::onError(QAbstractSocket::SocketError /*error*/)
@@ -137,7 +130,7 @@ void Core_Osd_TcpSocket::onDisConnected()
 
 void Core_Osd_TcpSocket::onReadyRead()
 {
-    connection->call(&OsdConnection::onReadyRead);
+    connection->look();
 }
 
 void Core_Osd_TcpSocket::onSendDatatoDevice(model_OsdParam parameters)
@@ -147,5 +140,5 @@ void Core_Osd_TcpSocket::onSendDatatoDevice(model_OsdParam parameters)
 
 void Core_Osd_TcpSocket::onCloseSocket()
 {
-    connection->call(&OsdConnection::closeSocket);
+    connection->closeSocket();
 }

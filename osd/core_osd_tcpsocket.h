@@ -24,16 +24,15 @@ class OsdConnection;
 /// | connected   | runs          | the connection            | an error, a hang-up, close        |
 /// | stopped     | none          | error, hang-up or close   | connectSever                      |
 ///
-/// The object and its TCP connection live on a worker thread of their own, which connectSever
-/// starts; a parser thread looks every 3 ms for one acknowledgement. Losing the connection stops
-/// both: nothing is reported, nothing is tried again, and connectSever starts anew. Records come
-/// from CoreFactory::iOsdCore as it stands at connectSever, whoever made this object and whatever
-/// its class is, by the name of the signal sigSendDatatoDevice(model_OsdParam); while that is null,
-/// there are none until the next connectSever.
+/// The object lives on a worker thread of its own with an event loop, which connectSever starts; a
+/// parser thread looks every 3 ms at the socket and then for one acknowledgement. Losing the
+/// connection stops both: nothing is reported, nothing is tried again, and connectSever starts
+/// anew. Records come from CoreFactory::iOsdCore as it stands at connectSever, whatever its class
+/// is, by the name of the signal sigSendDatatoDevice(model_OsdParam); while that is null, there are
+/// none until the next connectSever.
 ///
 /// connectSever, close and the destructor belong to one thread, the caller's. The other operations
-/// may be called from any thread; those that concern the connection run on the worker thread, and
-/// the caller waits for them, but for onSendDatatoDevice. Out of turn they do nothing.
+/// may be called from any thread, which does the work. Out of turn they do nothing.
 class CORE_MANAGE_EXPORT Core_Osd_TcpSocket : public QObject
 {
     Q_OBJECT
@@ -112,8 +111,6 @@ public Q_SLOTS:
     void onCloseSocket();
 
 private:
-    void connectCloseSocket();
-
     // workThread with all that lives there; outlives this if it must
     std::shared_ptr<OsdConnection> connection;
 };

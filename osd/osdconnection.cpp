@@ -7,14 +7,12 @@
 #include "osdframe.h"
 #include "utility_manage.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QHostAddress>
 
 #include <array>
 #include <cerrno>
 #include <filesystem>
-#include <future>
 #include <iterator>
 #include <system_error>
 #include <utility>
@@ -35,7 +33,6 @@ constexpr int hangUpWaitMs = 3000;
 constexpr int waitSliceMs = 10;    // how soon a wait notices that it has become pointless
 constexpr int repetitionLimit = 4; // an endpoint that does not answer is given up after 31 s
 constexpr int chunkSize = 64 * 1024;
-constexpr std::chrono::milliseconds callLimit{3500}; // a hang-up takes up to 3000
 constexpr std::chrono::milliseconds endLimit{500};
 constexpr std::chrono::milliseconds lossPause{100}; // for the parser to come to its end
 
@@ -49,43 +46,8 @@ bool hasDescriptors()
     (void)getrlimit(RLIMIT_NOFILE, &limit);
     std::error_code error;
     const std::filesystem::directory_iterator open("/proc/self/fd", error);
-    if (error) {
-        return error != std::errc::too_many_files_open;
-    }
-    return static_cast<rlim_t>(std::distance(begin(open), end(open))) + descriptorsNeeded <=
-           limit.rlim_cur;
-}
-
-using SystemAddress = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
-
-// Null if the text is no address.
-SystemAddress systemAddressOf(const OsdEndpoint::Address& endpoint)
-{
-    addrinfo wanted{};
-    wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-    wanted.ai_socktype = SOCK_STREAM;
-    const QByteArray ip = QHostAddress(endpoint.ip).toString().toLatin1();
-    const QByteArray port = QByteArray::number(static_cast<quint16>(endpoint.port));
-    addrinfo* found = nullptr;
-    const bool valid = getaddrinfo(ip.constData(), port.constData(), &wanted, &found) == 0;
-    return {valid ? found : nullptr, &freeaddrinfo};
-}
-
-bool beginToConnect(int descriptor, const addrinfo& to)
-{
-    sockaddr_in6 own{}; // an IPv4 one has its family and its port in the same places
-    own.sin6_family = static_cast<sa_family_t>(to.ai_family);
-    own.sin6_port = htons(fixedLocalPort());
-    // A port that is taken is no error, any other one will do.
-    (void)bind(descriptor, reinterpret_cast<const sockaddr*>(&own), to.ai_addrlen);
-    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &repetitionLimit, sizeof repetitionLimit);
-    return connect(descriptor, to.ai_addr, to.ai_addrlen) == 0 || errno == EINPROGRESS;
-}
-
-bool hasHungUp(int descriptor)
-{
-    pollfd connection{descriptor, POLLRDHUP, 0};
-    return poll(&connection, 1, 0) > 0;
+    const auto count = static_cast<rlim_t>(std::distance(begin(open), end(open)));
+    return error != std::errc::too_many_files_open && count + descriptorsNeeded <= limit.rlim_cur;
 }
 
 bool mayGoOn()
@@ -95,57 +57,58 @@ bool mayGoOn()
 
 } // namespace
 
-OsdConnection::OsdConnection(Core_Osd_TcpSocket* of) : owner(of)
+OsdConnection::OsdConnection(Core_Osd_TcpSocket* of) : owner(of) {}
+
+OsdConnection::~OsdConnection()
 {
-    moveToThread(this);
+    disconnectSignals();
 }
 
-bool OsdConnection::begin()
+void OsdConnection::begin()
 {
     const bool mayEnd = !endpoint.token.isSet() && QThread::currentThread() != this;
     if (!endpoint.token.awaitEnd(mayEnd ? endLimit : std::chrono::milliseconds(0))) {
-        return false;
+        return;
     }
-    static std::mutex oneByOne; // no other start takes the descriptors that this one has counted
-    const std::lock_guard lock(oneByOne);
-    if (!hasDescriptors() || !startThreads()) {
+    if (startThreads()) {
+        connectSignals();
+        open();
+    } else {
         logShortage();
-        return false;
     }
-    call([](OsdConnection& connection) {
-        connection.connectSignals();
-        connection.open();
-    });
-    return true;
 }
 
 bool OsdConnection::startThreads()
 {
-    {
-        const std::lock_guard lock(callLock);
-        takesCalls = true;
+    static std::mutex oneByOne; // no other start takes the descriptors that this one has counted
+    const std::lock_guard lock(oneByOne);
+    if (!hasDescriptors()) {
+        return false;
     }
+    lost = false;
     running = true;
     start();
-    const bool runs = isRunning() || isFinished();
-    if (runs && endpoint.token.start([self = shared_from_this()] {
-            self->endpoint.token.run([&self] { self->keep(); });
-        })) {
-        return true;
+    while (isRunning() && eventDispatcher() == nullptr) {
+        msleep(1);
     }
-    quit();
-    wait();
-    end();
-    return false;
+    const auto keeper = [self = shared_from_this()] {
+        self->endpoint.token.run([&self] { self->keep(); });
+    };
+    if (!isRunning() && !isFinished()) {
+        return false;
+    }
+    if (!endpoint.token.start(keeper)) {
+        quit();
+        awaitThread();
+        return false;
+    }
+    return true;
 }
 
 void OsdConnection::run()
 {
-    lost = false;
     exec();
-    disconnectSignals();
-    closeSocket();
-    end();
+    endpoint.token.set(false); // a host may have begun it while this thread was being ended
     if (lost) {
         std::this_thread::sleep_for(lossPause);
         const std::lock_guard lock(ownerLock);
@@ -156,21 +119,19 @@ void OsdConnection::run()
     running = false;
 }
 
-void OsdConnection::end()
-{
-    endpoint.token.set(false);
-    const std::lock_guard lock(callLock);
-    takesCalls = false;
-    calls.clear();
-}
-
-// Only this tells the thread of the end of the process, and it is one that the process waits for.
 void OsdConnection::keep()
 {
-    endpoint.deal();
+    deal();
     endpoint.token.set(false);
+    awaitThread();
+    closeSocket();
+}
+
+// The end of the process waits for who is in here, and not for the thread.
+void OsdConnection::awaitThread()
+{
     while (running) {
-        if (processend::begun()) {
+        if (lost || processend::begun()) {
             quit();
         }
         msleep(waitSliceMs);
@@ -178,54 +139,15 @@ void OsdConnection::keep()
     wait();
 }
 
+void OsdConnection::deal()
+{
+    endpoint.deal([this] { look(); });
+}
+
 void OsdConnection::forgetOwner()
 {
     const std::lock_guard lock(ownerLock);
     owner = nullptr;
-}
-
-void OsdConnection::take(const model_OsdParam& record)
-{
-    if (endpoint.address().ip == record.strIP) {
-        post([this, record] { send(osdframe::encode(record)); });
-    }
-}
-
-void OsdConnection::post(std::function<void()> function)
-{
-    const std::lock_guard lock(callLock);
-    if (takesCalls) {
-        calls.push_back(std::move(function));
-        QCoreApplication::postEvent(this, new QEvent(QEvent::User));
-    }
-}
-
-void OsdConnection::call(const Function& function)
-{
-    if (QThread::currentThread() == this) {
-        if (takesCalls) {
-            function(*this);
-        }
-        return;
-    }
-    // What never runs breaks its promise, which ends the wait, too.
-    auto task = std::make_shared<std::packaged_task<void()>>([this, function] { function(*this); });
-    const auto over = task->get_future();
-    post([task = std::move(task)] { (*task)(); });
-    (void)over.wait_for(callLimit);
-}
-
-void OsdConnection::customEvent(QEvent* /*event*/)
-{
-    std::function<void()> function = [] {}; // what was posted may have been dropped since
-    {
-        const std::lock_guard lock(callLock);
-        if (!calls.empty()) {
-            function = std::move(calls.front());
-            calls.pop_front();
-        }
-    }
-    function();
 }
 
 void OsdConnection::logShortage() const
@@ -240,94 +162,184 @@ void OsdConnection::logShortage() const
             .arg(address.port));
 }
 
-void OsdConnection::open()
-{
-    closeSocket();
-    if (!endpoint.token.isSet()) {
-        return;
-    }
-    const SystemAddress to = systemAddressOf(endpoint.address());
-    descriptor = to ? socket(to->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0) : -1;
-    if (to && descriptor < 0) {
-        logShortage();
-    }
-    if (descriptor < 0 || !beginToConnect(descriptor, *to)) {
-        lose();
-        return;
-    }
-    readable = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
-    writable = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write);
-    connect(readable.get(), &QSocketNotifier::activated, this, &OsdConnection::onReadyRead);
-    connect(writable.get(), &QSocketNotifier::activated, this, &OsdConnection::onWritable);
-    updateNotifiers();
-}
-
 void OsdConnection::connectSignals()
 {
     disconnectSignals();
+    const std::lock_guard lock(recordsLock);
     records = osdrecordsource::shared();
     if (records) {
         records->add(this, [this](const model_OsdParam& record) { take(record); });
     }
     listening = true;
-    updateNotifiers();
 }
 
 void OsdConnection::disconnectSignals()
 {
+    const std::lock_guard lock(recordsLock);
     if (records) {
         records->remove(this);
         records.reset();
     }
     listening = false;
-    updateNotifiers();
 }
 
-void OsdConnection::updateNotifiers()
+void OsdConnection::open()
 {
-    if (readable) {
-        readable->setEnabled(listening && bConnected);
-        writable->setEnabled(listening && (!bConnected || pending.size() > 0));
+    closeSocket();
+    std::unique_lock lock(socketLock);
+    if (!endpoint.token.goesOn() || !endpoint.token.isRunning()) {
+        return;
     }
-}
-
-// So is a socket whose connection was refused; then the first read tells.
-void OsdConnection::onWritable()
-{
-    if (flush()) {
-        onConnected();
-    } else {
+    const int error = connectSocket(endpoint.address());
+    if (error != 0) {
         lose();
     }
+    lock.unlock();
+    if (error == EMFILE || error == ENFILE) {
+        logShortage();
+    }
+}
+
+// Zero, or the error.
+int OsdConnection::connectSocket(const OsdEndpoint::Address& address)
+{
+    addrinfo wanted{};
+    wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    wanted.ai_socktype = SOCK_STREAM;
+    const QByteArray ip = QHostAddress(address.ip).toString().toLatin1(); // empty if it is none
+    const QByteArray port = QByteArray::number(static_cast<quint16>(address.port));
+    addrinfo* found = nullptr;
+    if (getaddrinfo(ip.constData(), port.constData(), &wanted, &found) != 0) {
+        return EINVAL;
+    }
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> to(found, &freeaddrinfo);
+    descriptor = socket(to->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        return errno;
+    }
+    sockaddr_in6 own{}; // an IPv4 one has its family and its port in the same places
+    own.sin6_family = static_cast<sa_family_t>(to->ai_family);
+    own.sin6_port = htons(fixedLocalPort());
+    // A port that is taken is no error, any other one will do.
+    (void)bind(descriptor, reinterpret_cast<const sockaddr*>(&own), to->ai_addrlen);
+    (void)setsockopt(descriptor, IPPROTO_TCP, TCP_SYNCNT, &repetitionLimit, sizeof repetitionLimit);
+    const bool begun = ::connect(descriptor, to->ai_addr, to->ai_addrlen) == 0;
+    return begun || errno == EINPROGRESS ? 0 : errno;
 }
 
 void OsdConnection::onConnected()
 {
+    const std::lock_guard lock(socketLock);
     bConnected = descriptor >= 0;
-    updateNotifiers();
+}
+
+void OsdConnection::look()
+{
+    const std::lock_guard lock(socketLock);
+    if (descriptor < 0 || !listening) {
+        return;
+    }
+    pollfd state{descriptor, POLLOUT | POLLRDHUP, 0};
+    (void)poll(&state, 1, 0);
+    // So is a connection that was refused: the first read tells.
+    bConnected = bConnected || state.revents != 0;
+    // Once a hang-up is there, nothing more can come than the system holds already.
+    exchange((state.revents & ~POLLOUT) != 0);
+}
+
+void OsdConnection::take(const model_OsdParam& record)
+{
+    if (endpoint.address().ip != record.strIP) {
+        return;
+    }
+    const std::lock_guard lock(socketLock);
+    if (bConnected) {
+        pending.push_back(osdframe::encode(record));
+        exchange(false);
+    }
+}
+
+void OsdConnection::send(const QByteArray& bytes)
+{
+    std::unique_lock lock(socketLock);
+    if (bConnected) {
+        pending.push_back(bytes);
+        deliver(lock, writeWaitMs, false);
+    }
+}
+
+void OsdConnection::closeSocket()
+{
+    std::unique_lock lock(socketLock);
+    deliver(lock, hangUpWaitMs, true);
+    if (bConnected) {
+        lingeringclose::begin(std::exchange(descriptor, -1));
+    }
+    closeDescriptor();
+}
+
+void OsdConnection::closeDescriptor()
+{
+    if (descriptor >= 0) {
+        ::close(std::exchange(descriptor, -1));
+    }
+    pending.clear();
+    sentOfFirst = 0;
+    bConnected = false;
+}
+
+// Until the system has everything. An endpoint may wait for its answers to be read before it reads
+// on, so they are read.
+void OsdConnection::deliver(std::unique_lock<std::mutex>& lock, int limitMs, bool evenIfStopped)
+{
+    QElapsedTimer waited;
+    waited.start();
+    exchange(false);
+    while (!pending.empty() && !waited.hasExpired(limitMs) &&
+           (evenIfStopped ? !processend::begun() : endpoint.token.goesOn())) {
+        const bool full = endpoint.received.isFull();
+        pollfd state{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
+        lock.unlock();
+        (void)poll(&state, 1, waitSliceMs);
+        lock.lock();
+        exchange(false);
+    }
+}
+
+void OsdConnection::exchange(bool evenIfFull)
+{
+    if (bConnected && !(flush() && takeAvailable(evenIfFull))) {
+        lose();
+    }
 }
 
 void OsdConnection::lose()
 {
-    disconnectSignals();
     (void)takeAvailable(true);
-    bConnected = false;
+    closeDescriptor();
+    lost = lost || endpoint.token.isSet();
     endpoint.token.set(false);
-    lost = true;
-    quit();
 }
 
-void OsdConnection::onReadyRead()
+// Gives the system what it takes. False if the connection is over.
+bool OsdConnection::flush()
 {
-    if (!bConnected) {
-        return;
+    while (!pending.empty()) {
+        const QByteArray& first = pending.front();
+        const int left = first.size() - sentOfFirst;
+        if (left == 0) {
+            pending.pop_front();
+            sentOfFirst = 0;
+            continue;
+        }
+        const ssize_t sent = ::send(descriptor, first.constData() + sentOfFirst,
+                                    static_cast<std::size_t>(left), MSG_NOSIGNAL);
+        if (sent < 0) {
+            return mayGoOn();
+        }
+        sentOfFirst += static_cast<int>(sent);
     }
-    // Once a hang-up is there, nothing more can come than the system holds already.
-    if (!takeAvailable(hasHungUp(descriptor))) {
-        lose();
-    } else if (endpoint.received.isFull()) {
-        msleep(waitSliceMs);
-    }
+    return true;
 }
 
 // False if the connection is over. It is held back by TCP instead of filling the memory if it sends
@@ -343,69 +355,4 @@ bool OsdConnection::takeAvailable(bool evenIfFull)
         endpoint.received.append(bytes.data(), static_cast<int>(size));
     }
     return true;
-}
-
-// Gives the system what it takes. False if the connection is over.
-bool OsdConnection::flush()
-{
-    while (bConnected && pending.size() > 0) {
-        const QByteArray bytes = pending.peek(chunkSize);
-        const ssize_t sent = ::send(descriptor, bytes.constData(),
-                                    static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL);
-        if (sent < 0) {
-            return mayGoOn();
-        }
-        pending.discard(static_cast<int>(sent));
-    }
-    return true;
-}
-
-// Until the system has everything. An endpoint may wait for its answers to be read before it reads
-// on, so they are read. False if the connection is over.
-bool OsdConnection::deliver(int limitMs, bool evenIfStopped)
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (flush()) {
-        const bool goOn = evenIfStopped ? !processend::begun() : endpoint.token.goesOn();
-        if (pending.size() == 0 || waited.hasExpired(limitMs) || !goOn) {
-            return true;
-        }
-        const bool full = endpoint.received.isFull();
-        pollfd connection{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
-        (void)poll(&connection, 1, waitSliceMs);
-        if (!takeAvailable(false)) {
-            return false;
-        }
-    }
-    return false;
-}
-
-void OsdConnection::send(const QByteArray& bytes)
-{
-    if (!bConnected) {
-        return;
-    }
-    pending.append(bytes);
-    if (deliver(writeWaitMs, false)) {
-        updateNotifiers();
-    } else {
-        lose();
-    }
-}
-
-void OsdConnection::closeSocket()
-{
-    readable.reset();
-    writable.reset();
-    if (bConnected) {
-        if (deliver(hangUpWaitMs, true)) {
-            (void)takeAvailable(false);
-        }
-        lingeringclose::begin(std::exchange(descriptor, -1));
-    } else if (descriptor >= 0) {
-        ::close(std::exchange(descriptor, -1));
-    }
-    pending.clear();
-    bConnected = false;
 }

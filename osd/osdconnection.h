@@ -4,105 +4,100 @@
 #include "osdendpoint.h"
 #include "osdrecordsource.h"
 
-#include <QSocketNotifier>
 #include <QThread>
 
 #include <atomic>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 
 class Core_Osd_TcpSocket;
 
-/// One endpoint's TCP connection and the thread it lives on, which runs a Qt event loop. The
-/// endpoint's parser runs beside it and waits for its end, so that neither the owner nor the end of
-/// the process leaves it behind. To be owned by shared pointers; it can begin again once idle.
+/// One endpoint's TCP connection and its two threads: the endpoint's parser, which also looks at
+/// the socket before each of its passes, and this QThread, whose event loop serves the object that
+/// lives on it. The parser's thread waits for the other's end, so that neither the owner nor the
+/// end of the process leaves it behind. To be owned by shared pointers.
 ///
 /// The socket is the system's own: Qt's closes when a write fails, with unread answers in it, and
 /// cannot be handed on to a lingering close.
+///
+/// Any thread may call any operation; those on the connection do nothing while there is none.
 class OsdConnection : public QThread, public std::enable_shared_from_this<OsdConnection>
 {
 public:
-    using Function = std::function<void(OsdConnection&)>;
-
     /// \a of is the object whose signal tells of a loss.
     explicit OsdConnection(Core_Osd_TcpSocket* of);
+    ~OsdConnection() override;
 
-    /// Starts the thread and the parser and has the thread begin to connect; does not wait for the
-    /// connection. False, with nothing started, if the thread or the parser runs (they get 500 ms
-    /// to end if they have been stopped), and where the system has no descriptor or thread left,
-    /// which a line in the log says.
-    bool begin();
+    /// Starts the threads and begins to connect; does not wait for the connection. Does nothing if
+    /// one of them runs (they get 500 ms to end if they have been stopped), or where the system has
+    /// no descriptor or thread left, which a line in the log says.
+    void begin();
 
-    /// Runs the function on this thread and waits for it, at most 3500 ms; on this very thread it
-    /// runs at once. Returns without running it if the thread has not begun or ends before. Any
-    /// thread.
-    void call(const Function& function);
+    /// The parser's loop, see OsdEndpoint, with a look at the socket before each pass. Blocks.
+    void deal();
 
-    /// Has the record sent if it is addressed to this endpoint. Does not wait. Any thread.
-    void take(const model_OsdParam& record);
-
-    /// No loss is told any more. Waits for what hears of one right now, however long that takes,
-    /// unless it is the caller.
-    void forgetOwner();
-
-    // The rest is for this very thread. Out of turn, without a connection say, it does nothing.
-
-    /// Listens to the socket and takes the records of the shared manager as it stands now.
+    /// Has the socket looked at, and takes the records of the shared manager as it stands now.
     void connectSignals();
     void disconnectSignals();
+    bool isListening() const { return listening; } ///< between these two
 
     /// Closes an earlier connection and begins to connect; does not wait. The local port is the
-    /// fixed one, or any other if that is taken. Does nothing once the endpoint has been stopped.
+    /// fixed one, or any other if that is taken. Only while the threads run and are not stopped.
     void open();
 
     void onConnected(); ///< records and received bytes pass from now on
 
-    /// Moves what has come into the endpoint's buffer, or waits 10 ms while that is full.
-    void onReadyRead();
+    /// Looks at the socket: notices the connection and its loss, moves what has come into the
+    /// endpoint's buffer while that is not full, and sends what is pending. Does not wait.
+    void look();
 
-    /// Writes the bytes and waits up to 2000 ms until the system has taken them, or until the
-    /// endpoint is stopped; what is left then follows by itself. Drops them if not connected.
+    /// Sends the record if it is addressed to this endpoint. Does not wait: what the system does
+    /// not take at once is pending, and follows by itself.
+    void take(const model_OsdParam& record);
+
+    /// Sends the bytes behind what is pending and waits up to 2000 ms until the system has taken
+    /// them, or until the endpoint is stopped; what is left then follows by itself.
     void send(const QByteArray& bytes);
 
     /// Waits up to 3000 ms until the system has taken what is pending, then leaves the connection
     /// to a lingering close.
     void closeSocket();
 
-    OsdEndpoint endpoint; ///< any thread
+    /// No loss is told any more. Waits for what hears of one right now, however long that takes,
+    /// unless it is the caller.
+    void forgetOwner();
+
+    OsdEndpoint endpoint;
 
 protected:
     void run() override;
-    void customEvent(QEvent* event) override; // runs the next posted function
 
 private:
     bool startThreads();
-    void post(std::function<void()> function);
-    void end();
     void keep();
-    void lose();
+    void awaitThread();
     void logShortage() const;
-    void onWritable();
-    void updateNotifiers();
+    int connectSocket(const OsdEndpoint::Address& address);
+    void closeDescriptor();
+    void lose();
+    void exchange(bool evenIfFull);
     bool flush();
     bool takeAvailable(bool evenIfFull);
-    bool deliver(int limitMs, bool evenIfStopped);
+    void deliver(std::unique_lock<std::mutex>& lock, int limitMs, bool evenIfStopped);
 
-    std::mutex callLock; // held to post; the event queue's goes below it
-    std::deque<std::function<void()>> calls;
-    bool takesCalls = false;          // from the start of the thread to its end
-    std::atomic<bool> running{false}; // until the thread's last access to this object
-    std::recursive_mutex ownerLock;   // held while a loss is told: a slot may destroy the owner
+    std::atomic<bool> running{false}; // until this thread's last access to this object
+    std::atomic<bool> lost{false};
+    std::recursive_mutex ownerLock; // held while a loss is told: a slot may destroy the owner
     Core_Osd_TcpSocket* owner;
 
-    // This thread's own.
+    std::mutex recordsLock; // the lock of the records goes below it
     std::shared_ptr<OsdRecords> records;
+    std::atomic<bool> listening{false};
+
+    std::mutex socketLock; // for what follows; goes below the lock of the records
     int descriptor = -1;
-    std::unique_ptr<QSocketNotifier> readable; // exist while the descriptor does
-    std::unique_ptr<QSocketNotifier> writable;
-    ReceiveBuffer pending; // to be sent
-    bool listening = false;
+    std::deque<QByteArray> pending; // to be sent
+    int sentOfFirst = 0;            // bytes
     bool bConnected = false;
-    bool lost = false;
 };

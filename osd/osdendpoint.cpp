@@ -44,9 +44,9 @@ QByteArray OsdEndpoint::parseOnce()
                : QByteArray();
 }
 
-void OsdEndpoint::deal()
+void OsdEndpoint::deal(const std::function<void()>& look)
 {
-    while (waitForBytes()) {
+    while (waitForBytes(look)) {
         const int count = *underWay;
         inOrder = inOrder || count >= handOverLimit;
         const QByteArray bytes = count == 0 || !inOrder ? parseOnce() : QByteArray();
@@ -58,10 +58,11 @@ void OsdEndpoint::deal()
 
 // The token is looked at before each pause, not behind it: what came in just before a stop is
 // still parsed.
-bool OsdEndpoint::waitForBytes()
+bool OsdEndpoint::waitForBytes(const std::function<void()>& look)
 {
     while (token.goesOn()) {
         std::this_thread::sleep_for(pollInterval);
+        look();
         if (received.size() >= osdframe::acknowledgementLength) {
             return true;
         }

@@ -8,6 +8,7 @@
 #include <QString>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -36,13 +37,15 @@ public:
     /// off the buffer and hands it to the host on a short thread of its own, or on this one if the
     /// system refuses that. While 32 such threads are in the host it takes nothing. When all have
     /// returned, what has waited follows one by one and in order.
-    void deal();
+    ///
+    /// \a look is called before each pass, to fill the buffer.
+    void deal(const std::function<void()>& look);
 
     RunToken token{true}; ///< stops the parser and the connection; runs while either does
     ReceiveBuffer received;
 
 private:
-    bool waitForBytes();
+    bool waitForBytes(const std::function<void()>& look);
     void handOver(const QByteArray& acknowledgement);
 
     mutable std::mutex addressLock; // a leaf

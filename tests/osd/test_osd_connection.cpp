@@ -35,7 +35,7 @@ protected:
 
     void begin()
     {
-        ASSERT_TRUE(connection->begin());
+        connection->begin();
         ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
         simulated->send("."); // and on this side, too, when that is there
         ASSERT_TRUE(eventually([&] { return endpoint.received.size() == 1; }));
@@ -44,15 +44,12 @@ protected:
     void end()
     {
         endpoint.token.set(false);
-        connection->call(&OsdConnection::closeSocket);
+        connection->closeSocket();
         connection->quit();
         EXPECT_TRUE(eventually([&] { return !endpoint.token.isRunning(); }));
     }
 
-    void send(const QByteArray& bytes)
-    {
-        connection->call([bytes](OsdConnection& to) { to.send(bytes); });
-    }
+    void send(const QByteArray& bytes) { connection->send(bytes); }
 
     std::unique_ptr<OsdSimulator> simulated;
     std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(nullptr);
@@ -65,7 +62,7 @@ protected:
 TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
 {
     for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(connection->begin());
+        connection->begin();
         endpoint.token.set(false);
         connection->quit();
         ASSERT_TRUE(eventually([&] { return !endpoint.token.isRunning(); }));

@@ -620,6 +620,7 @@ TEST_F(OsdLife, SlotsOutOfTurnDoNoHarm)
     };
     connectAndAnswer(socket, 'a');
     callAll();
+    ASSERT_TRUE(eventually([] { return osdhost::bytes().contains(2); })); // what callAll sends
     socket.onCloseSocket(); // runs on, without a connection
     ASSERT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
     callAll();
