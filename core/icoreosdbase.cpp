@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "icoreosdbase.h"
 
-#include "osdrecordsource.h"
+#include "osdrecords.h"
 
 ICoreOsdBase::ICoreOsdBase()
 {
-    osdrecordsource::add(this);
+    OsdRecords::begin(this);
 }
 
 ICoreOsdBase::~ICoreOsdBase()
 {
-    osdrecordsource::remove(this);
+    OsdRecords::end(this);
 }

@@ -5,7 +5,7 @@
 #include "core_serialport.h"
 #include "core_udp.h"
 #include "core_usb.h"
-#include "osdrecordsource.h"
+#include "osdrecords.h"
 #include "vela_core_serialport.h"
 
 ICoreBase* CoreFactory::iCORE = nullptr;
@@ -15,7 +15,7 @@ namespace
 {
 
 // Endpoints look at it when they start.
-[[maybe_unused]] const bool isShared = osdrecordsource::share(CoreFactory::iOsdCore);
+[[maybe_unused]] const bool isShared = OsdRecords::share(CoreFactory::iOsdCore);
 
 } // namespace
 
@@ -29,8 +29,8 @@ ICoreBase* CoreFactory::creatCoreObj(ConnType type)
 ICoreOsdBase* CoreFactory::createOsdCoreObj(ConnOsdType type)
 {
     delete iOsdCore;
-    osdrecordsource::set(nullptr);
-    osdrecordsource::set(creatCoreObjInstance(type));
+    OsdRecords::setShared(nullptr);
+    OsdRecords::setShared(creatCoreObjInstance(type));
     return iOsdCore;
 }
 

@@ -3,7 +3,7 @@
 
 #include "callerrecord.h"
 #include "core_osd_tcpsocket.h"
-#include "osdrecordsource.h"
+#include "osdrecords.h"
 
 core_Osd_Manage::core_Osd_Manage()
 {
@@ -12,7 +12,7 @@ core_Osd_Manage::core_Osd_Manage()
 
 core_Osd_Manage::~core_Osd_Manage()
 {
-    osdrecordsource::remove(this); // while it is still whole: endpoints may begin on other threads
+    OsdRecords::end(this); // while it is still whole: endpoints may begin on other threads
     qDeleteAll(mapClients);
 }
 

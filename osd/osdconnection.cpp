@@ -94,15 +94,14 @@ bool OsdConnection::startThreads()
     const auto keeper = [self = shared_from_this()] {
         self->endpoint.token.run([&self] { self->keep(); });
     };
-    if (!isRunning() && !isFinished()) {
-        return false;
-    }
-    if (!endpoint.token.start(keeper)) {
+    if (isRunning() || isFinished()) {
+        if (endpoint.token.start(keeper)) {
+            return true;
+        }
         quit();
         awaitThread();
-        return false;
     }
-    return true;
+    return false;
 }
 
 void OsdConnection::run()
@@ -121,7 +120,7 @@ void OsdConnection::run()
 
 void OsdConnection::keep()
 {
-    deal();
+    endpoint.deal([this] { look(); });
     endpoint.token.set(false);
     awaitThread();
     closeSocket();
@@ -137,11 +136,6 @@ void OsdConnection::awaitThread()
         msleep(waitSliceMs);
     }
     wait();
-}
-
-void OsdConnection::deal()
-{
-    endpoint.deal([this] { look(); });
 }
 
 void OsdConnection::forgetOwner()
@@ -166,7 +160,7 @@ void OsdConnection::connectSignals()
 {
     disconnectSignals();
     const std::lock_guard lock(recordsLock);
-    records = osdrecordsource::shared();
+    records = OsdRecords::shared();
     if (records) {
         records->add(this, [this](const model_OsdParam& record) { take(record); });
     }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "osdendpoint.h"
-#include "osdrecordsource.h"
+#include "osdrecords.h"
 
 #include <QThread>
 
@@ -33,9 +33,6 @@ public:
     /// one of them runs (they get 500 ms to end if they have been stopped), or where the system has
     /// no descriptor or thread left, which a line in the log says.
     void begin();
-
-    /// The parser's loop, see OsdEndpoint, with a look at the socket before each pass. Blocks.
-    void deal();
 
     /// Has the socket looked at, and takes the records of the shared manager as it stands now.
     void connectSignals();

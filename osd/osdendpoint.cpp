@@ -44,9 +44,16 @@ QByteArray OsdEndpoint::parseOnce()
                : QByteArray();
 }
 
+// The token is asked before each pause, not behind it: what came just before a stop is parsed.
 void OsdEndpoint::deal(const std::function<void()>& look)
 {
-    while (waitForBytes(look)) {
+    while (token.goesOn()) {
+        std::this_thread::sleep_for(pollInterval);
+        look();
+        if (received.size() < osdframe::acknowledgementLength) {
+            inOrder = false;
+            continue;
+        }
         const int count = *underWay;
         inOrder = inOrder || count >= handOverLimit;
         const QByteArray bytes = count == 0 || !inOrder ? parseOnce() : QByteArray();
@@ -54,21 +61,6 @@ void OsdEndpoint::deal(const std::function<void()>& look)
             handOver(bytes);
         }
     }
-}
-
-// The token is looked at before each pause, not behind it: what came in just before a stop is
-// still parsed.
-bool OsdEndpoint::waitForBytes(const std::function<void()>& look)
-{
-    while (token.goesOn()) {
-        std::this_thread::sleep_for(pollInterval);
-        look();
-        if (received.size() >= osdframe::acknowledgementLength) {
-            return true;
-        }
-        inOrder = false;
-    }
-    return false;
 }
 
 void OsdEndpoint::handOver(const QByteArray& acknowledgement)

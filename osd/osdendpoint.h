@@ -45,7 +45,6 @@ public:
     ReceiveBuffer received;
 
 private:
-    bool waitForBytes(const std::function<void()>& look);
     void handOver(const QByteArray& acknowledgement);
 
     mutable std::mutex addressLock; // a leaf

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "osdrecordsource.h"
+#include "osdrecords.h"
 
 #include "icoreosdbase.h"
 
@@ -45,18 +45,18 @@ void OsdRecords::onSendDatatoDevice(model_OsdParam parameters)
     }
 }
 
-bool osdrecordsource::share(ICoreOsdBase*& pointer) noexcept
+bool OsdRecords::share(ICoreOsdBase*& pointer) noexcept
 {
     sharedPointer = &pointer;
     return true;
 }
 
-void osdrecordsource::set(ICoreOsdBase* manager)
+void OsdRecords::setShared(ICoreOsdBase* manager)
 {
     __atomic_store_n(sharedPointer, manager, __ATOMIC_RELEASE);
 }
 
-std::shared_ptr<OsdRecords> osdrecordsource::shared()
+std::shared_ptr<OsdRecords> OsdRecords::shared()
 {
     const std::lock_guard lock(managers().lock);
     auto& living = managers().living;
@@ -74,13 +74,13 @@ std::shared_ptr<OsdRecords> osdrecordsource::shared()
     return found->second;
 }
 
-void osdrecordsource::add(ICoreOsdBase* manager)
+void OsdRecords::begin(ICoreOsdBase* manager)
 {
     const std::lock_guard lock(managers().lock);
     managers().living.emplace(manager, nullptr);
 }
 
-void osdrecordsource::remove(ICoreOsdBase* manager)
+void OsdRecords::end(ICoreOsdBase* manager)
 {
     const std::lock_guard lock(managers().lock);
     const auto records = managers().living.extract(manager);
