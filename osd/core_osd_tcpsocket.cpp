@@ -93,7 +93,7 @@ bool Core_Osd_TcpSocket::isFindStdCmdPreFlag(QByteArray peeked)
 void Core_Osd_TcpSocket::td_dealDataFunc()
 {
     const auto shared = connection;
-    shared->endpoint.deal([shared] { shared->look(); });
+    shared->endpoint.deal([shared] { shared->look(true); });
 }
 
 void Core_Osd_TcpSocket::sigConnect()

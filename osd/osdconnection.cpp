@@ -31,6 +31,7 @@ namespace
 constexpr int writeWaitMs = 2000;
 constexpr int hangUpWaitMs = 3000;
 constexpr int waitSliceMs = 10;    // how soon a wait notices that it has become pointless
+constexpr int idleWaitMs = 20;     // how soon a parser without bytes notices a stop
 constexpr int repetitionLimit = 4; // an endpoint that does not answer is given up after 31 s
 constexpr int chunkSize = 64 * 1024;
 constexpr std::chrono::milliseconds endLimit{500};
@@ -120,7 +121,7 @@ void OsdConnection::run()
 
 void OsdConnection::keep()
 {
-    endpoint.deal([this] { look(); });
+    endpoint.deal([this] { look(true); });
     endpoint.token.set(false);
     awaitThread();
     closeSocket();
@@ -227,18 +228,24 @@ void OsdConnection::onConnected()
     bConnected = descriptor >= 0;
 }
 
-void OsdConnection::look()
+void OsdConnection::look(bool mayWait)
 {
-    const std::lock_guard lock(socketLock);
+    std::unique_lock lock(socketLock);
     if (descriptor < 0 || !listening) {
         return;
     }
-    pollfd state{descriptor, POLLOUT | POLLRDHUP, 0};
-    (void)poll(&state, 1, 0);
-    // So is a connection that was refused: the first read tells.
-    bConnected = bConnected || state.revents != 0;
+    const int whenSending = bConnected && pending.empty() ? 0 : POLLOUT;
+    pollfd state{descriptor, static_cast<short>(POLLIN | POLLRDHUP | whenSending), 0};
+    const bool waits = mayWait && endpoint.received.size() < osdframe::acknowledgementLength;
+    lock.unlock();
+    (void)poll(&state, 1, waits ? idleWaitMs : 0);
+    lock.lock();
+    if (descriptor != state.fd || state.revents == 0) {
+        return;
+    }
+    bConnected = true; // a connection that was refused, too: the first read tells
     // Once a hang-up is there, nothing more can come than the system holds already.
-    exchange((state.revents & ~POLLOUT) != 0);
+    exchange((state.revents & ~(POLLIN | POLLOUT)) != 0);
 }
 
 void OsdConnection::take(const model_OsdParam& record)

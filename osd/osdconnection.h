@@ -46,8 +46,9 @@ public:
     void onConnected(); ///< records and received bytes pass from now on
 
     /// Looks at the socket: notices the connection and its loss, moves what has come into the
-    /// endpoint's buffer while that is not full, and sends what is pending. Does not wait.
-    void look();
+    /// endpoint's buffer while that is not full, and sends what is pending. If it may, and if the
+    /// buffer holds no acknowledgement, waits up to 20 ms until there is something to look at.
+    void look(bool mayWait = false);
 
     /// Sends the record if it is addressed to this endpoint. Does not wait: what the system does
     /// not take at once is pending, and follows by itself.

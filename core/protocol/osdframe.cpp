@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "osdframe.h"
 
+#include <algorithm>
+
 namespace
 {
 
@@ -13,11 +15,11 @@ QByteArray osdframe::encode(const model_OsdParam& record)
     // ch5 goes before ch4: endpoints expect it there.
     const char head[headLength] = {record.ch2, record.ch3, record.ch5,
                                    record.ch4, record.ch7, record.ch8};
-    QByteArray frame;
-    frame.reserve(headLength + record.arryData.size() + tailLength);
-    frame.append(head, headLength);
-    frame.append(record.arryData);
-    frame.append(record.ch9).append(record.ch10);
+    QByteArray frame(headLength + record.arryData.size() + tailLength, Qt::Uninitialized);
+    char* out = std::copy_n(head, headLength, frame.data());
+    out = std::copy(record.arryData.begin(), record.arryData.end(), out);
+    out[0] = record.ch9;
+    out[1] = record.ch10;
     return frame;
 }
 

@@ -138,3 +138,15 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
     EXPECT_TRUE(endpoint.token.isSet());
     EXPECT_EQ(simulated->connected(), 1);
 }
+
+TEST_F(OsdConnecting, AcknowledgementsPassWhileAWriteIsStuck)
+{
+    begin();
+    simulated->setFault(Fault::NeverRead, always);
+    connection->take(osdhost::command(QStringLiteral("127.0.0.1"), 'm', QByteArray(64 << 20, 'm')));
+    simulated->send("OK1");
+    EXPECT_TRUE(eventually([] { return osdhost::bytes() == "1"; }));
+    simulated->setFault(Fault::Drop, always);
+    simulated->setFault(Fault::NeverRead, {});
+    EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == (64 << 20) + 8; }));
+}
