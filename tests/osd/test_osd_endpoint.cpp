@@ -75,6 +75,30 @@ protected:
     OsdSimulator far{at(second)};
 };
 
+// What the conformance set asks of every link, as far as it fits: there is no checksum here, and no
+// block.
+class OsdConformance : public OsdWall
+{
+protected:
+    void connectOnce()
+    {
+        const int before = near.accepted();
+        socket.connectSever(first, near.port());
+        ASSERT_TRUE(eventually([&] { return near.accepted() > before; }));
+    }
+
+    // Has the endpoint send these bytes: so many acknowledgements have come then, and this is left.
+    void expect(const QByteArray& sent, std::size_t count, const QByteArray& left)
+    {
+        near.send(sent);
+        EXPECT_TRUE(eventually([&] {
+            return osdhost::size() == count && socket.getBuffData(1024) == left;
+        })) << sent.constData();
+    }
+
+    Core_Osd_TcpSocket socket{nullptr};
+};
+
 // The descriptor of this process's socket that has this local and that remote port; -1 if none.
 int socketOn(quint16 local, quint16 remote)
 {
@@ -94,7 +118,7 @@ int socketOn(quint16 local, quint16 remote)
 
 } // namespace
 
-TEST_F(OsdWall, CarriesCommandsAndAcknowledgements)
+TEST_F(OsdConformance, SendAndAcknowledgement)
 {
     open(first, near);
     open(second, far);
@@ -187,12 +211,45 @@ TEST_F(OsdWall, TakesAnswersInAnyPieces)
     }
 }
 
-TEST_F(OsdWall, DropsNoiseAndFindsTheAcknowledgementBehindIt)
+TEST_F(OsdConformance, GarbageBefore)
 {
     near.setFault(Fault::Garbage, {1.0, 0, 10'000});
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 'g'));
     EXPECT_EQ(osdhost::records().front().arryData, "OKg");
+}
+
+TEST_F(OsdConformance, GarbageBetween)
+{
+    connectOnce();
+    expect("..OK1" + QByteArray(5000, '.') + "OK2O.KOK3.", 3, ".");
+    EXPECT_EQ(osdhost::bytes(), "123");
+}
+
+TEST_F(OsdConformance, SplitAtEveryByte)
+{
+    connectOnce();
+    const QByteArray stream = "OK1OK2";
+    for (int cut = 1; cut < stream.size(); ++cut) {
+        const std::size_t before = osdhost::size();
+        const int whole = cut / 3;
+        expect(stream.left(cut), before + static_cast<std::size_t>(whole),
+               stream.mid(whole * 3, cut - whole * 3));
+        expect(stream.mid(cut), before + 2, "");
+    }
+    EXPECT_EQ(osdhost::bytes(), "1111122222");
+}
+
+TEST_F(OsdConformance, CloseInTheMiddle)
+{
+    connectOnce();
+    expect("OK1O", 1, "O");
+    socket.close();
+    ASSERT_TRUE(eventually([&] { return near.connected() == 0; }));
+    EXPECT_EQ(socket.getBuffData(1024), "O");
+    connectOnce();
+    expect("K2", 2, "");
+    EXPECT_EQ(osdhost::bytes(), "12");
 }
 
 TEST_F(OsdWall, OneBlockedHandOverDelaysNothingElse)
@@ -285,7 +342,7 @@ TEST_F(OsdWall, AFloodStallsNobody)
     EXPECT_LT(closing.elapsed(), 3700);
 }
 
-TEST_F(OsdWall, AFloodOfAcknowledgementsArrivesWhole)
+TEST_F(OsdConformance, Flood)
 {
     open(first, near);
     ASSERT_TRUE(osdhost::settle(first, near, 'a'));
