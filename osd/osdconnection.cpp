@@ -234,7 +234,7 @@ void OsdConnection::look(bool mayWait)
     if (descriptor < 0 || !listening) {
         return;
     }
-    const int whenSending = bConnected && pending.empty() ? 0 : POLLOUT;
+    const int whenSending = bConnected && !isPending() ? 0 : POLLOUT;
     pollfd state{descriptor, static_cast<short>(POLLIN | POLLRDHUP | whenSending), 0};
     const bool waits = mayWait && endpoint.received.size() < osdframe::acknowledgementLength;
     lock.unlock();
@@ -255,7 +255,7 @@ void OsdConnection::take(const model_OsdParam& record)
     }
     const std::lock_guard lock(socketLock);
     if (bConnected) {
-        pending.push_back(osdframe::encode(record));
+        pending.emplace_back([record] { return osdframe::encode(record); });
         exchange(false);
     }
 }
@@ -264,7 +264,7 @@ void OsdConnection::send(const QByteArray& bytes)
 {
     std::unique_lock lock(socketLock);
     if (bConnected) {
-        pending.push_back(bytes);
+        pending.emplace_back([bytes] { return bytes; });
         deliver(lock, writeWaitMs, false);
     }
 }
@@ -285,7 +285,8 @@ void OsdConnection::closeDescriptor()
         ::close(std::exchange(descriptor, -1));
     }
     pending.clear();
-    sentOfFirst = 0;
+    frame.clear();
+    sentOfFrame = 0;
     bConnected = false;
 }
 
@@ -296,7 +297,7 @@ void OsdConnection::deliver(std::unique_lock<std::mutex>& lock, int limitMs, boo
     QElapsedTimer waited;
     waited.start();
     exchange(false);
-    while (!pending.empty() && !waited.hasExpired(limitMs) &&
+    while (isPending() && !waited.hasExpired(limitMs) &&
            (evenIfStopped ? !processend::begun() : endpoint.token.goesOn())) {
         const bool full = endpoint.received.isFull();
         pollfd state{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
@@ -325,20 +326,19 @@ void OsdConnection::lose()
 // Gives the system what it takes. False if the connection is over.
 bool OsdConnection::flush()
 {
-    while (!pending.empty()) {
-        const QByteArray& first = pending.front();
-        const int left = first.size() - sentOfFirst;
-        if (left == 0) {
+    while (isPending()) {
+        if (sentOfFrame == frame.size()) {
+            frame = pending.front()();
             pending.pop_front();
-            sentOfFirst = 0;
-            continue;
+            sentOfFrame = 0;
         }
-        const ssize_t sent = ::send(descriptor, first.constData() + sentOfFirst,
-                                    static_cast<std::size_t>(left), MSG_NOSIGNAL);
+        const auto left = static_cast<std::size_t>(frame.size() - sentOfFrame);
+        const ssize_t sent =
+            ::send(descriptor, frame.constData() + sentOfFrame, left, MSG_NOSIGNAL);
         if (sent < 0) {
             return mayGoOn();
         }
-        sentOfFirst += static_cast<int>(sent);
+        sentOfFrame += static_cast<int>(sent);
     }
     return true;
 }

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -80,6 +81,7 @@ private:
     void closeDescriptor();
     void lose();
     void exchange(bool evenIfFull);
+    bool isPending() const { return sentOfFrame < frame.size() || !pending.empty(); }
     bool flush();
     bool takeAvailable(bool evenIfFull);
     void deliver(std::unique_lock<std::mutex>& lock, int limitMs, bool evenIfStopped);
@@ -95,7 +97,8 @@ private:
 
     std::mutex socketLock; // for what follows; goes below the lock of the records
     int descriptor = -1;
-    std::deque<QByteArray> pending; // to be sent
-    int sentOfFirst = 0;            // bytes
+    QByteArray frame; // being sent
+    int sentOfFrame = 0;
+    std::deque<std::function<QByteArray()>> pending; // make the frames behind it: they may be large
     bool bConnected = false;
 };
