@@ -40,7 +40,7 @@ public:
     void disconnectSignals();
     bool isListening() const { return listening; } ///< between these two
 
-    /// Closes an earlier connection and begins to connect; does not wait. The local port is the
+    /// Closes an earlier connection, as closeSocket, and begins to connect. The local port is the
     /// fixed one, or any other if that is taken. Only while the threads run and are not stopped.
     void open();
 
