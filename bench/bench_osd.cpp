@@ -7,9 +7,9 @@
 #include "literalosdmanage.h"
 #include "literalosdsocket.h"
 #include "netns.h"
-#include "osdsimulator.h"
 #include "processstate.h"
 #include "ratio.h"
+#include "tests/osd/osdsimulator.h"
 
 #include <QCoreApplication>
 #include <QHostAddress>

@@ -35,14 +35,11 @@ public:
     {
         std::vector<OsdLink::Endpoint> places;
         for (int i = 0; i < wallSize; ++i) {
-            OsdSimulatorOptions options;
-            options.address = ipOf(i);
-            options.port = 0;
-            endpoints.push_back(std::make_unique<OsdSimulation>(options));
+            endpoints.push_back(std::make_unique<OsdSimulation>(QHostAddress(ipOf(i)), quint16(0),
+                                                                SimulatedDevice::Settings{}));
             OsdSimulation& endpoint = *endpoints.back();
             if (!endpoint.open()) {
-                throw LinkDown(
-                    QStringLiteral("osd://%1: %2").arg(options.address, endpoint.error()));
+                throw LinkDown(QStringLiteral("osd://%1: %2").arg(ipOf(i), endpoint.error()));
             }
             narrator.expect(true,
                             QStringLiteral("a simulated endpoint serves at ") + endpoint.address());

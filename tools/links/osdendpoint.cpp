@@ -84,13 +84,10 @@ public:
 
     std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override
     {
-        OsdSimulatorOptions options;
-        options.address = endpoints.front().ip;
-        options.port = endpoints.front().port;
-        options.seed = settings.seed;
-        options.dataLength = dataLength;
-        options.faults = settings.faults;
-        return std::make_unique<OsdSimulation>(options);
+        SimulatedDevice::Settings chosen = settings;
+        chosen.dataLength = dataLength;
+        return std::make_unique<OsdSimulation>(QHostAddress(endpoints.front().ip),
+                                               endpoints.front().port, chosen);
     }
 
 private:

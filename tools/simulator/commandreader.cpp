@@ -2,9 +2,12 @@
 #include "commandreader.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace
 {
+
+using devicecodec::Framing;
 
 // The host cuts a frame into datagrams of this size.
 constexpr int fullDatagram = 540;
@@ -12,8 +15,9 @@ const QByteArray textMark = QByteArrayLiteral("<T");
 
 } // namespace
 
-CommandReader::CommandReader(devicecodec::Framing chosenFraming, Medium chosenMedium)
-    : framing(chosenFraming), medium(chosenMedium)
+CommandReader::CommandReader(Framing chosenFraming, Medium chosenMedium,
+                             std::optional<int> osdDataLength)
+    : framing(chosenFraming), medium(chosenMedium), dataLength(osdDataLength)
 {
 }
 
@@ -22,18 +26,41 @@ std::vector<DeviceCommand> CommandReader::take(const QByteArray& bytes)
     std::vector<DeviceCommand> complete;
     if (medium == Medium::Datagrams) {
         takeDatagram(bytes, complete);
-    } else {
-        pending.append(bytes);
-        cutStream(complete);
+        return complete;
     }
+    pending.append(bytes);
+    framing == Framing::Osd ? cutOsdFrames(complete) : cutStream(complete);
     return complete;
+}
+
+bool CommandReader::isOpen() const
+{
+    return current || (framing == Framing::Osd && !dataLength && !pending.isEmpty());
 }
 
 std::optional<DeviceCommand> CommandReader::settle()
 {
-    std::optional<DeviceCommand> command;
-    std::swap(command, current);
-    return command;
+    if (framing != Framing::Osd || !isOpen()) {
+        return std::exchange(current, std::nullopt);
+    }
+    if (pending.size() < devicecodec::osdFrameSize) {
+        drop(pending.size());
+        return std::nullopt;
+    }
+    return DeviceCommand{{}, std::exchange(pending, {})};
+}
+
+void CommandReader::cutOsdFrames(std::vector<DeviceCommand>& complete)
+{
+    if (!dataLength) {
+        return;
+    }
+    const int length = devicecodec::osdFrameSize + *dataLength;
+    int next = 0;
+    for (; pending.size() - next >= length; next += length) {
+        complete.push_back({{}, pending.mid(next, length)});
+    }
+    pending.remove(0, next);
 }
 
 int CommandReader::missing() const
@@ -74,14 +101,14 @@ void CommandReader::cutStream(std::vector<DeviceCommand>& complete)
 
 bool CommandReader::anotherCommandFollows() const
 {
-    return framing == devicecodec::Framing::Text && current->block.isEmpty() &&
+    return framing == Framing::Text && current->block.isEmpty() &&
            devicecodec::decodeCommand(pending, framing);
 }
 
 // True if something was cut and there may be more.
 bool CommandReader::cutHead()
 {
-    if (framing == devicecodec::Framing::Text) {
+    if (framing == Framing::Text) {
         const int start = pending.indexOf(textMark.at(0));
         drop(start < 0 ? pending.size() : start);
         if (!pending.isEmpty() && !pending.startsWith(textMark.left(pending.size()))) {
@@ -105,7 +132,7 @@ bool CommandReader::cutHead()
 bool CommandReader::cutBlock()
 {
     const int available = std::min(missing(), pending.size());
-    const bool mayBeHead = framing == devicecodec::Framing::Text && current->block.isEmpty() &&
+    const bool mayBeHead = framing == Framing::Text && current->block.isEmpty() &&
                            pending.size() < devicecodec::textHeadSize &&
                            pending.startsWith(textMark.left(pending.size()));
     if (available == 0 || mayBeHead) {

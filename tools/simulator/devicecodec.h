@@ -8,6 +8,9 @@
 /// The frames as the device sees them: command heads are read, replies are written. Shares nothing
 /// with the library, so that the two check each other. Pure: no state, no I/O.
 ///
+/// Frames of on-screen displays have nothing to decode: any 8 bytes or more are a command, and "OK"
+/// with its first byte is the reply.
+///
 /// | text, 19 bytes                   | binary, 16 bytes, high byte first                        |
 /// |----------------------------------|----------------------------------------------------------|
 /// | `<` `T` (command) or `F` (reply) | 2 lead (command: any; reply: F1 1F), ADDR, aux3, 2 aux4, |
@@ -16,10 +19,11 @@
 namespace devicecodec
 {
 
-enum class Framing { Text, Binary };
+enum class Framing { Text, Binary, Osd };
 
 constexpr int textHeadSize = 19;
 constexpr int binaryHeadSize = 16;
+constexpr int osdFrameSize = 8; ///< without data
 
 /// What a head says.
 struct Head {

@@ -5,7 +5,7 @@
 
 #include <QRegularExpression>
 
-#include <limits>
+#include <algorithm>
 
 namespace
 {
@@ -20,7 +20,7 @@ struct Row {
     Fault fault;
     const char* name;
     int defaultAmount; // 0: takes none
-    int mostAmount;
+    int amountLimit;
     const char* help;
     unsigned by = byDevices;
     bool lasting = false;
@@ -72,14 +72,16 @@ const Row& rowOf(Fault fault)
     return rows[static_cast<std::size_t>(fault)];
 }
 
-const Row* rowOf(const QString& name)
+template <class Condition>
+QStringList namesIf(Condition condition)
 {
+    QStringList names;
     for (const Row& row : rows) {
-        if (name == QLatin1String(row.name)) {
-            return &row;
+        if (condition(row)) {
+            names << QLatin1String(row.name);
         }
     }
-    return nullptr;
+    return names;
 }
 
 // 53 random bits make an exact double, the same everywhere, as the standard's own distributions
@@ -122,51 +124,36 @@ bool Faults::strikes(Fault fault, SeededRandom& random)
 
 QString Faults::parse(const QString& text)
 {
+    const auto expected = [&text](const QString& what) {
+        return QStringLiteral("invalid fault \"%1\" (expected %2)").arg(text, what);
+    };
     const QString name = text.section(QLatin1Char('='), 0, 0);
-    const Row* row = rowOf(name);
-    if (row == nullptr) {
-        QStringList names;
-        for (const Row& known : rows) {
-            names << QLatin1String(known.name);
-        }
-        return QStringLiteral("\"%1\" is no fault: take one of %2")
-            .arg(name, names.join(QStringLiteral(", ")));
+    const auto row = std::find_if(rows.begin(), rows.end(), [&name](const Row& known) {
+        return name == QLatin1String(known.name);
+    });
+    if (row == rows.end()) {
+        return expected(namesIf([](const Row& /*row*/) { return true; }).join(QLatin1String(", ")));
     }
     if (row->lasting) {
-        if (text != name) {
-            return QStringLiteral("\"%1\": %2 is there all the time: write %2 alone")
-                .arg(text, name);
-        }
-        set(row->fault, {1.0, 0, 0});
-        return {};
+        set(row->fault, {text == name ? 1.0 : 0.0, 0, 0});
+        return text == name ? QString() : expected(name);
     }
-    const QString value = text.section(QLatin1Char('='), 1);
-    const QString when = value.section(QLatin1Char(':'), 0, 0);
-    const QString howMuch = value.section(QLatin1Char(':'), 1);
-    Setting setting;
-    static const QRegularExpression percentage(
-        QRegularExpression::anchoredPattern(QStringLiteral("([0-9]+(?:\\.[0-9]+)?)%")));
-    const QRegularExpressionMatch chance = percentage.match(when);
-    if (chance.hasMatch()) {
-        setting.probability = chance.captured(1).toDouble() / 100.0;
-    } else {
-        setting.count = decimal(when).value_or(0);
+    static const QRegularExpression form(QRegularExpression::anchoredPattern(
+        QStringLiteral("(?:([0-9]+(?:\\.[0-9]+)?)%|([0-9]+))(:.*)?")));
+    const auto match = form.match(text.section(QLatin1Char('='), 1));
+    const Setting setting{match.captured(1).toDouble() / 100.0, match.captured(2).toInt(),
+                          decimal(match.captured(3).mid(1)).value_or(0)};
+    const bool hasChance = match.capturedLength(1) > 0 && setting.probability <= 1;
+    if (!hasChance && setting.count < 1) {
+        return expected(QStringLiteral("%1=10% for a chance of 0% to 100%, or %1=3 for the first "
+                                       "three times")
+                            .arg(name));
     }
-    if (setting.probability > 1 || (!chance.hasMatch() && setting.count < 1)) {
-        return QStringLiteral("\"%1\" does not say when: write %2=10% (a chance of 0 to 100%) or "
-                              "%2=3 (the first three times)")
-            .arg(text, name);
-    }
-    if (value.contains(QLatin1Char(':'))) {
-        setting.amount = decimal(howMuch).value_or(0);
-        if (row->defaultAmount == 0) {
-            return QStringLiteral("\"%1\": %2 takes no amount").arg(text, name);
-        }
-        if (setting.amount < 1 || setting.amount > row->mostAmount) {
-            return QStringLiteral("\"%1\": the amount of %2 is a number from 1 to %3")
-                .arg(text, name)
-                .arg(row->mostAmount);
-        }
+    const bool hasAmount = setting.amount >= 1 && setting.amount <= row->amountLimit;
+    if (match.capturedLength(3) > 0 && !hasAmount) {
+        return expected(row->amountLimit == 0
+                            ? QStringLiteral("no amount")
+                            : QStringLiteral("an amount of 1 to %1").arg(row->amountLimit));
     }
     set(row->fault, setting);
     return {};
@@ -179,15 +166,11 @@ bool Faults::lasts(Fault fault) const
 
 QStringList Faults::unfit(Faulty who) const
 {
-    QStringList names;
-    for (const Row& row : rows) {
+    return namesIf([this, who](const Row& row) {
         const Setting& setting = settings[static_cast<std::size_t>(row.fault)];
-        if ((row.by & static_cast<unsigned>(who)) == 0 &&
-            (setting.count > 0 || setting.probability > 0)) {
-            names << QLatin1String(row.name);
-        }
-    }
-    return names;
+        return (row.by & static_cast<unsigned>(who)) == 0 &&
+               (setting.count > 0 || setting.probability > 0);
+    });
 }
 
 bool Faults::isLasting(Fault fault)

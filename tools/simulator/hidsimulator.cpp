@@ -6,13 +6,6 @@
 namespace
 {
 
-SimulatedDevice::Settings onReports(SimulatedDevice::Settings settings)
-{
-    settings.framing = devicecodec::Framing::Text;
-    settings.medium = Medium::Stream;
-    return settings;
-}
-
 bool isLoneCommand(const QByteArray& data)
 {
     return data.startsWith("<T") && data.size() > devicecodec::textHeadSize &&
@@ -24,7 +17,7 @@ bool isLoneCommand(const QByteArray& data)
 
 HidSimulator::HidSimulator(quint16 vendorId, quint16 productId,
                            const SimulatedDevice::Settings& settings)
-    : SimulatedLink(onReports(settings)), vendor(vendorId), product(productId)
+    : SimulatedLink(Medium::Stream, settings), vendor(vendorId), product(productId)
 {
 }
 
@@ -56,7 +49,7 @@ QString HidSimulator::hint() const
         .arg(QLatin1String(HidTestbed::locationVariable), testbed->root());
 }
 
-void HidSimulator::hangUp()
+void HidSimulator::hangUp(Fault /*how*/)
 {
     hid->unplug();
     Q_EMIT lost(QStringLiteral("unplugged, as asked"));

@@ -30,7 +30,7 @@ public:
     QString hint() const override;
 
 protected:
-    void hangUp() override;
+    void hangUp(Fault how) override;
 
 private:
     void arrive(const std::string& report); // on a thread of the testbed

@@ -1,39 +1,59 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "osdsimulator.h"
 #include "simulation.h"
 
-#include <deque>
-#include <mutex>
+#include <QHostAddress>
+#include <QList>
+#include <QTcpServer>
 
-/// A simulated on-screen-display endpoint that tells its exchanges in the thread it belongs to. A
-/// command's frame is the block of its exchange.
+#include <memory>
+
+class SimulatedConnection;
+
+/// A simulated on-screen-display endpoint: a TCP server that answers the command frames of every
+/// connection, or misbehaves as told. All connections share one set of faults.
 class OsdSimulation : public Simulation
 {
     Q_OBJECT
 
 public:
-    explicit OsdSimulation(const OsdSimulatorOptions& options);
+    /// Port 0: the system chooses a free one. The framing of \a settings is not used.
+    OsdSimulation(const QHostAddress& address, quint16 port,
+                  const SimulatedDevice::Settings& settings);
 
     bool open() override;
     QString address() const override;
-    QString error() const override { return endpoint.error(); }
     void setFault(Fault fault, const Faults::Setting& setting) override;
-    qint64 bytesSent() const override { return endpoint.sentBytes(); }
-    qint64 noise() const override { return endpoint.badBytes(); }
-    bool isIdle() const override { return endpoint.isIdle(); }
+    void setFaults(const Faults& faults); ///< all of them from the next command on
+    qint64 bytesSent() const override;
+    qint64 noise() const override;
+    bool isIdle() const override;
 
-    int connected() const { return endpoint.connected(); } ///< connections now
-    void hangUp() { endpoint.hangUp(false); }              ///< on everyone
+    quint16 port() const { return localPort; }
+    int connected() const { return connections.size(); } ///< connections now
+
+    /// Ends every connection: by HangUp when what is due has been sent, by Reset at once.
+    void hangUp(Fault how = Fault::HangUp);
+
+    /// Sends bytes as they are on every connection.
+    void send(const QByteArray& bytes);
+
+Q_SIGNALS:
+    void accepted(quint16 peerPort);
+    void received(const QByteArray& bytes); ///< before they are cut into commands
 
 private:
-    Q_SLOT void tell();
+    friend SimulatedConnection;
+    void acceptAll();
+    void forget(SimulatedConnection* connection);
 
-    OsdSimulatorOptions told(OsdSimulatorOptions options);
-
-    QString ip;
-    std::mutex lock; // a leaf: untold
-    std::deque<Exchange> untold;
-    OsdSimulator endpoint; // the last one: its thread tells this object
+    const QHostAddress localAddress;
+    quint16 localPort;
+    SimulatedDevice::Settings settings;
+    const std::shared_ptr<Chances> chances;
+    QTcpServer server;
+    QList<SimulatedConnection*> connections; // children
+    qint64 sentBefore = 0;                   // on connections that are over
+    qint64 noiseBefore = 0;
 };

@@ -5,9 +5,7 @@
 #include <QFileInfo>
 
 #include <array>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include <fcntl.h>
 #include <termios.h>
@@ -15,12 +13,6 @@
 
 namespace
 {
-
-SimulatedDevice::Settings onStream(SimulatedDevice::Settings settings)
-{
-    settings.medium = Medium::Stream;
-    return settings;
-}
 
 // The name of a simulated port whose process was killed before it could take it away. Terminals'
 // numbers are given again: it may lead to the one that has just been made.
@@ -31,16 +23,11 @@ bool isLeftOver(const QFileInfo& file, const QString& terminal)
                                 (!file.exists() && target.startsWith(QLatin1String("/dev/pts/"))));
 }
 
-QString systemReason()
-{
-    return QString::fromLocal8Bit(std::strerror(errno));
-}
-
 } // namespace
 
 PtySimulator::PtySimulator(const QString& addressScheme, const QString& chosenPath,
                            const SimulatedDevice::Settings& settings)
-    : SimulatedLink(onStream(settings)), scheme(addressScheme), path(chosenPath)
+    : SimulatedLink(Medium::Stream, settings), scheme(addressScheme), path(chosenPath)
 {
 }
 
@@ -68,7 +55,7 @@ bool PtySimulator::openTerminal()
     std::array<char, 64> name{};
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
         ptsname_r(master, name.data(), name.size()) != 0) {
-        fail(QStringLiteral("the system gives no pseudo-terminal: ") + systemReason());
+        fail(QStringLiteral("the system gives no pseudo-terminal: ") + qt_error_string());
         return false;
     }
     terminal = QFile::decodeName(name.data());
@@ -101,7 +88,7 @@ bool PtySimulator::nameIt()
     }
     named = QFile::link(terminal, path);
     if (!named) {
-        fail(QStringLiteral("%1 cannot be made: %2").arg(path, systemReason()));
+        fail(QStringLiteral("%1 cannot be made: %2").arg(path, qt_error_string()));
     }
     return named;
 }
@@ -119,7 +106,7 @@ void PtySimulator::closeTerminal()
     }
 }
 
-void PtySimulator::hangUp()
+void PtySimulator::hangUp(Fault /*how*/)
 {
     // Not from within a notifier of the terminal that goes.
     QMetaObject::invokeMethod(

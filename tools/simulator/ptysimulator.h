@@ -27,7 +27,7 @@ public:
     QString address() const override;
 
 protected:
-    void hangUp() override;
+    void hangUp(Fault how) override;
 
 private:
     bool openTerminal();

@@ -12,7 +12,7 @@ using devicecodec::Head;
 constexpr int longFixedBlock = 145;
 constexpr int fixedBlock = 129;
 constexpr int shortFixedBlock = 33;
-constexpr int mostOnDatagrams = 32767; // the host reads a longer one as negative
+constexpr int datagramLimit = 32767; // the host reads a longer one as negative
 
 int askedFor(const Head& command)
 {
@@ -27,8 +27,12 @@ void spoilLast(QByteArray& bytes)
 
 } // namespace
 
-SimulatedDevice::SimulatedDevice(const Settings& chosen)
-    : settings(chosen), reader(chosen.framing, chosen.medium), random(chosen.seed)
+SimulatedDevice::SimulatedDevice(const Settings& chosen, std::shared_ptr<Chances> shared)
+    : settings(chosen),
+      chances(shared
+                  ? std::move(shared)
+                  : std::make_shared<Chances>(Chances{chosen.faults, SeededRandom(chosen.seed)})),
+      reader(chosen.framing, chosen.medium, chosen.dataLength)
 {
 }
 
@@ -83,7 +87,7 @@ std::optional<int> SimulatedDevice::blockLength(const Head& command) const
         return asked > 0 ? std::optional(asked) : std::nullopt;
     }
     const bool datagrams = settings.medium == Medium::Datagrams;
-    const int announced = datagrams ? std::min(asked, mostOnDatagrams) : asked;
+    const int announced = datagrams ? std::min(asked, datagramLimit) : asked;
     const int kind = command.cmd << 8 | command.dat1;
     switch (kind) {
     case 0x8b05:
@@ -114,7 +118,7 @@ std::optional<int> SimulatedDevice::blockLength(const Head& command) const
 QByteArray SimulatedDevice::makeBlock(int length)
 {
     QByteArray block(length, Qt::Uninitialized);
-    const int start = random.below(256);
+    const int start = chances->random.below(256);
     for (int i = 0; i < length; ++i) {
         block[i] = static_cast<char>(start + i);
     }
@@ -127,8 +131,14 @@ QByteArray SimulatedDevice::makeBlock(int length)
 Exchange SimulatedDevice::answer(DeviceCommand command)
 {
     Exchange exchange;
-    Head reply = command.head;
     exchange.command = std::move(command);
+    settings.framing == Framing::Osd ? acknowledge(exchange) : reply(exchange);
+    return exchange;
+}
+
+void SimulatedDevice::reply(Exchange& exchange)
+{
+    Head reply = exchange.command.head;
     const auto length = blockLength(reply);
     reply.blockLength = static_cast<quint16>(length.value_or(0));
     if (settings.framing == Framing::Text && length) {
@@ -149,19 +159,32 @@ Exchange SimulatedDevice::answer(DeviceCommand command)
         spoilStream(exchange, length.has_value());
     }
     spoilOrder(exchange, length.has_value());
-    if (settings.medium == Medium::Stream) {
+    if (strikes(Fault::Drop, exchange)) {
+        exchange.answer.clear();
+    } else if (settings.medium == Medium::Stream) {
         spoilPieces(exchange);
     }
-    return exchange;
 }
 
-bool SimulatedDevice::strikes(Fault fault, Exchange& exchange)
+// Where nothing is answered, no other fault can show.
+void SimulatedDevice::acknowledge(Exchange& exchange)
 {
-    const bool struck = settings.faults.strikes(fault, random);
-    if (struck) {
-        exchange.faults.push_back(fault);
+    if (strikes(Fault::Reset, exchange) || strikes(Fault::Drop, exchange)) {
+        return;
     }
-    return struck;
+    exchange.answer.push_back({"OK" + exchange.command.block.left(1), {}});
+    spoilOrder(exchange, false);
+    spoilPieces(exchange);
+}
+
+// The amount if the fault strikes, 0 for a fault that has none.
+std::optional<int> SimulatedDevice::strikes(Fault fault, Exchange& exchange)
+{
+    if (!chances->faults.strikes(fault, chances->random)) {
+        return std::nullopt;
+    }
+    exchange.faults.push_back(fault);
+    return chances->faults.amount(fault);
 }
 
 void SimulatedDevice::spoilReply(QByteArray& reply, Exchange& exchange)
@@ -176,11 +199,11 @@ void SimulatedDevice::spoilReply(QByteArray& reply, Exchange& exchange)
             spoilLast(reply);
         }
     }
-    if (strikes(Fault::Truncate, exchange)) {
-        reply.chop(std::min(settings.faults.amount(Fault::Truncate), reply.size() - 1));
+    if (const auto count = strikes(Fault::Truncate, exchange)) {
+        reply.chop(std::min(*count, reply.size() - 1));
     }
-    if (strikes(Fault::Oversize, exchange)) {
-        reply.append(QByteArray(settings.faults.amount(Fault::Oversize), '\0'));
+    if (const auto count = strikes(Fault::Oversize, exchange)) {
+        reply.append(QByteArray(*count, '\0'));
     }
 }
 
@@ -189,65 +212,37 @@ void SimulatedDevice::spoilBlock(QByteArray& block, Exchange& exchange)
     if (settings.medium == Medium::Stream && strikes(Fault::BlockChecksum, exchange)) {
         spoilLast(block);
     }
-    if (strikes(Fault::ShortBlock, exchange)) {
-        block.chop(settings.faults.amount(Fault::ShortBlock));
+    if (const auto count = strikes(Fault::ShortBlock, exchange)) {
+        block.chop(*count);
     }
-    if (strikes(Fault::LongBlock, exchange)) {
-        block.append(QByteArray(settings.faults.amount(Fault::LongBlock), '\xee'));
+    if (const auto count = strikes(Fault::LongBlock, exchange)) {
+        block.append(QByteArray(*count, '\xee'));
     }
 }
 
+// Random bytes that never look like an acknowledgement to an on-screen display's host.
 QByteArray SimulatedDevice::randomBytes(int count)
 {
     QByteArray bytes;
     for (int i = 0; i < count; ++i) {
-        bytes.append(static_cast<char>(random.below(256)));
+        bytes.append(static_cast<char>(chances->random.below(256)));
     }
-    return bytes;
+    return settings.framing == Framing::Osd ? bytes.replace('O', '.').replace('K', '.') : bytes;
 }
 
 // What a line does to an answer that is still a reply and its block.
 void SimulatedDevice::spoilStream(Exchange& exchange, bool hasBlock)
 {
     auto& answer = exchange.answer;
-    if (strikes(Fault::Noise, exchange)) {
+    if (const auto count = strikes(Fault::Noise, exchange)) {
         QByteArray& reply = answer.front().bytes;
-        const QByteArray noise = randomBytes(settings.faults.amount(Fault::Noise));
-        reply.insert(1 + random.below(std::max(1, reply.size() - 1)), noise);
+        const QByteArray noise = randomBytes(*count);
+        reply.insert(1 + chances->random.below(std::max(1, reply.size() - 1)), noise);
     }
-    if (hasBlock && strikes(Fault::LateBlock, exchange)) {
-        answer.back().after = std::chrono::milliseconds(settings.faults.amount(Fault::LateBlock));
-    }
-}
-
-// How the answer, whatever it is by now, is cut into writes.
-void SimulatedDevice::spoilPieces(Exchange& exchange)
-{
-    auto& answer = exchange.answer;
-    const auto joined = [&answer] {
-        QByteArray all;
-        for (const Emission& emission : answer) {
-            all.append(emission.bytes);
+    if (hasBlock) {
+        if (const auto late = strikes(Fault::LateBlock, exchange)) {
+            answer.back().after = std::chrono::milliseconds(*late);
         }
-        return all;
-    };
-    if (answer.empty()) {
-        return;
-    }
-    if (strikes(Fault::HangUp, exchange)) {
-        answer = {Emission{joined().left(std::max(1, joined().size() / 2)), {}}};
-        exchange.times = 1;
-    }
-    if (strikes(Fault::Split, exchange)) {
-        std::vector<Emission> bytes;
-        for (const char byte : joined()) {
-            const std::chrono::milliseconds apart(settings.faults.amount(Fault::Split));
-            bytes.push_back({QByteArray(1, byte), apart});
-        }
-        answer = bytes;
-    }
-    if (strikes(Fault::Glue, exchange)) {
-        answer = {Emission{joined(), {}}};
     }
 }
 
@@ -264,17 +259,41 @@ void SimulatedDevice::spoilOrder(Exchange& exchange, bool hasBlock)
         }
         answer = doubled;
     }
-    if (strikes(Fault::Garbage, exchange)) {
-        const QByteArray garbage = randomBytes(settings.faults.amount(Fault::Garbage));
-        answer.insert(answer.begin(), Emission{garbage, {}});
+    if (const auto count = strikes(Fault::Garbage, exchange)) {
+        answer.insert(answer.begin(), Emission{randomBytes(*count), {}});
     }
-    if (strikes(Fault::Flood, exchange)) {
-        exchange.times = settings.faults.amount(Fault::Flood);
+    if (const auto times = strikes(Fault::Flood, exchange)) {
+        exchange.times = *times;
     }
-    if (strikes(Fault::Delay, exchange)) {
-        answer.front().after = std::chrono::milliseconds(settings.faults.amount(Fault::Delay));
+    if (const auto late = strikes(Fault::Delay, exchange)) {
+        answer.front().after = std::chrono::milliseconds(*late);
     }
-    if (strikes(Fault::Drop, exchange)) {
-        answer.clear();
+}
+
+// How the answer, whatever it is by now, is cut into writes.
+void SimulatedDevice::spoilPieces(Exchange& exchange)
+{
+    auto& answer = exchange.answer;
+    const auto joined = [&answer] {
+        QByteArray all;
+        for (const Emission& emission : answer) {
+            all.append(emission.bytes);
+        }
+        return all;
+    };
+    if (strikes(Fault::HangUp, exchange)) {
+        answer = {Emission{joined().left(std::max(1, joined().size() / 2)), {}}};
+        exchange.times = 1;
+    }
+    if (const auto apart = strikes(Fault::Split, exchange)) {
+        std::vector<Emission> bytes;
+        for (const char byte : joined()) {
+            bytes.push_back({QByteArray(1, byte), std::chrono::milliseconds(*apart)});
+        }
+        bytes.front().after += answer.front().after; // a delay stays
+        answer = bytes;
+    }
+    if (strikes(Fault::Glue, exchange)) {
+        answer = {Emission{joined(), {}}};
     }
 }

@@ -8,6 +8,7 @@
 #include <QByteArray>
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -25,6 +26,12 @@ struct Exchange {
     std::vector<Fault> faults;    ///< those that struck
 };
 
+/// Which faults are still to strike, and what decides by chance.
+struct Chances {
+    Faults faults;
+    SeededRandom random;
+};
+
 /// A device without its wire: commands go in as bytes, answers come out as writes to be made.
 ///
 /// Every command is answered with a standard reply that echoes it. Where the reply's kind has a
@@ -40,8 +47,9 @@ struct Exchange {
 /// |                                            | but none for 0xF1 0x40                         |
 /// | any, in binary framing                     | as many as DAT3 and DAT4 ask for               |
 ///
-/// The bytes of a block count upwards from a random start. The same settings, seed and commands
-/// give the same answers. One thread; no I/O, no clock.
+/// The bytes of a block count upwards from a random start. A command of an on-screen display is
+/// answered with "OK" and its first byte. The same settings, seed and commands give the same
+/// answers. One thread; no I/O, no clock.
 class SimulatedDevice
 {
 public:
@@ -52,9 +60,11 @@ public:
         quint64 seed = 1;
         int announcedLength = 64; ///< 1 to 32767
         bool shortBlock = false;
+        std::optional<int> dataLength; ///< see CommandReader
     };
 
-    explicit SimulatedDevice(const Settings& settings);
+    /// With \a chances, which it shares with others, instead of the faults and seed of \a settings.
+    explicit SimulatedDevice(const Settings& settings, std::shared_ptr<Chances> chances = {});
 
     /// Takes what has arrived and returns the exchanges that are due.
     std::vector<Exchange> receive(const QByteArray& bytes);
@@ -67,23 +77,25 @@ public:
     bool isWaiting() const { return reader.isOpen() || held.has_value(); }
     qint64 noise() const { return reader.noise(); } ///< bytes that were no command
 
-    Faults& faults() { return settings.faults; } ///< to be changed between commands
+    Faults& faults() { return chances->faults; } ///< to be changed between commands
 
 private:
     Exchange answer(DeviceCommand command);
+    void reply(Exchange& exchange);
+    void acknowledge(Exchange& exchange);
     std::optional<int> blockLength(const devicecodec::Head& command) const;
     QByteArray makeBlock(int length);
-    bool strikes(Fault fault, Exchange& exchange);
+    std::optional<int> strikes(Fault fault, Exchange& exchange);
     void spoilReply(QByteArray& reply, Exchange& exchange);
     void spoilBlock(QByteArray& block, Exchange& exchange);
-    void spoilOrder(Exchange& exchange, bool hasBlock);
     void spoilStream(Exchange& exchange, bool hasBlock);
+    void spoilOrder(Exchange& exchange, bool hasBlock);
     void spoilPieces(Exchange& exchange);
     void add(std::vector<Exchange>& exchanges, DeviceCommand command);
     QByteArray randomBytes(int count);
 
-    Settings settings;
+    const Settings settings;
+    const std::shared_ptr<Chances> chances;
     CommandReader reader;
-    SeededRandom random;
     std::optional<Exchange> held; // its answer waits for the next one
 };

@@ -2,12 +2,20 @@
 #include "simulatedlink.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace
 {
 
-constexpr std::chrono::milliseconds quietTime{30};
+using devicecodec::Framing;
+
 constexpr int writesAtOnce = 64; // then the event loop gets its turn
+
+SimulatedDevice::Settings on(Medium medium, SimulatedDevice::Settings settings)
+{
+    settings.medium = medium;
+    return settings;
+}
 
 } // namespace
 
@@ -18,9 +26,32 @@ struct SimulatedLink::Delivery {
     bool paused = false; // the pause before `next` is over
 };
 
-SimulatedLink::SimulatedLink(const SimulatedDevice::Settings& settings) : simulated(settings)
+void Simulation::failToBind(QAbstractSocket::SocketError error, quint16 port,
+                            const QString& otherwise)
+{
+    switch (error) {
+    case QAbstractSocket::AddressInUseError:
+        return fail(
+            QStringLiteral("port %1 is taken: give another one, or 0 for a free one").arg(port));
+    case QAbstractSocket::SocketAccessError:
+        return fail(
+            QStringLiteral("port %1 is for root: give one from 1024 on, or 0 for a free one")
+                .arg(port));
+    case QAbstractSocket::SocketAddressNotAvailableError:
+        return fail(QStringLiteral("this machine has not that address: give one of its own, or "
+                                   "127.0.0.1"));
+    default:
+        return fail(otherwise);
+    }
+}
+
+SimulatedLink::SimulatedLink(Medium medium, const SimulatedDevice::Settings& settings,
+                             const std::shared_ptr<Chances>& chances)
+    : simulated(on(medium, settings), chances), inOrder(settings.framing == Framing::Osd),
+      quietTime(settings.framing == Framing::Osd ? 5 : 30)
 {
     quiet.setSingleShot(true);
+    quiet.setTimerType(Qt::PreciseTimer);
     connect(&quiet, &QTimer::timeout, this, [this] { deliver(simulated.settle()); });
 }
 
@@ -44,17 +75,15 @@ void SimulatedLink::deliver(const std::vector<Exchange>& exchanges)
 {
     for (const Exchange& exchange : exchanges) {
         Q_EMIT exchanged(exchange);
-        if (!exchange.answer.empty()) {
-            ++underWay;
-            continueDelivery(std::make_shared<Delivery>(Delivery{exchange, lastWriter}));
-        }
+        ++underWay;
+        continueDelivery(std::make_shared<Delivery>(Delivery{exchange, lastWriter}));
     }
 }
 
-void SimulatedLink::continueDelivery(const std::shared_ptr<Delivery>& delivery)
+void SimulatedLink::continueDelivery(const DeliveryPtr& delivery)
 {
     const auto& answer = delivery->exchange.answer;
-    for (int writes = 0; delivery->exchange.times > 0; ++writes) {
+    for (int writes = 0; !answer.empty() && delivery->exchange.times > 0; ++writes) {
         const Emission& emission = answer[delivery->next];
         const bool pauses = emission.after.count() > 0 && !delivery->paused;
         if (pauses || writes == writesAtOnce) {
@@ -64,6 +93,11 @@ void SimulatedLink::continueDelivery(const std::shared_ptr<Delivery>& delivery)
                                [this, delivery] { continueDelivery(delivery); });
             return;
         }
+        if (inOrder && begun && begun != delivery) {
+            behind.push_back(delivery);
+            return;
+        }
+        begun = delivery;
         delivery->paused = false;
         sent += std::max<qint64>(0, delivery->writer(emission.bytes));
         if (++delivery->next == answer.size()) {
@@ -71,9 +105,21 @@ void SimulatedLink::continueDelivery(const std::shared_ptr<Delivery>& delivery)
             --delivery->exchange.times;
         }
     }
+    finish(delivery);
+}
+
+void SimulatedLink::finish(const DeliveryPtr& delivery)
+{
     --underWay;
-    const auto& faults = delivery->exchange.faults;
-    if (std::find(faults.begin(), faults.end(), Fault::HangUp) != faults.end()) {
-        hangUp();
+    for (const Fault fault : delivery->exchange.faults) {
+        if (fault == Fault::HangUp || fault == Fault::Reset) {
+            hangUp(fault);
+        }
+    }
+    if (begun == delivery) {
+        begun.reset();
+        for (const DeliveryPtr& next : std::exchange(behind, {})) {
+            continueDelivery(next);
+        }
     }
 }

@@ -8,18 +8,20 @@
 #include <functional>
 #include <memory>
 
-/// A simulated device on a real medium. What the media have in common is here: commands are handed
-/// to the device, answers are written in their order and after their pauses, and an answer that is
-/// delayed does not hold up the next one. A medium opens itself, passes on what arrives, and
-/// writes.
+/// A simulated device on a real medium. A medium opens itself, passes on what arrives, and writes.
+/// Here commands are handed to the device, and its answers are written after their pauses.
+///
+/// A delayed answer does not hold up the next one. On osd:// an answer that has begun is written to
+/// its end before another one begins.
 class SimulatedLink : public Simulation
 {
     Q_OBJECT
 
 public:
-    explicit SimulatedLink(const SimulatedDevice::Settings& settings);
+    /// \a medium replaces that of the settings. Devices that share \a chances share their faults.
+    SimulatedLink(Medium medium, const SimulatedDevice::Settings& settings,
+                  const std::shared_ptr<Chances>& chances = {});
 
-    QString error() const override { return problem; }
     void setFault(Fault fault, const Faults::Setting& setting) override;
     qint64 bytesSent() const override { return sent; }
     qint64 noise() const override { return simulated.noise(); }
@@ -32,20 +34,23 @@ protected:
     /// Passes on what has arrived; the answers go through \a writer.
     void received(const QByteArray& bytes, const Writer& writer);
 
-    void fail(const QString& reason) { problem = reason; }
-
-    /// The medium breaks, as a cable that is pulled. Streams only.
-    virtual void hangUp() {}
+    /// The medium breaks, as a cable that is pulled, by HangUp or Reset. Streams only.
+    virtual void hangUp(Fault /*how*/) {}
 
 private:
     struct Delivery;
+    using DeliveryPtr = std::shared_ptr<Delivery>;
     void deliver(const std::vector<Exchange>& exchanges);
-    void continueDelivery(const std::shared_ptr<Delivery>& delivery);
+    void continueDelivery(const DeliveryPtr& delivery);
+    void finish(const DeliveryPtr& delivery);
 
     SimulatedDevice simulated;
+    const bool inOrder;
+    const std::chrono::milliseconds quietTime;
     QTimer quiet; // since something arrived and a command is still open
     Writer lastWriter;
-    QString problem;
+    DeliveryPtr begun;               // inOrder: the one that is being written
+    std::vector<DeliveryPtr> behind; // inOrder: those that wait for it
     qint64 sent = 0;
     int underWay = 0; // deliveries
 };

@@ -3,9 +3,10 @@
 
 #include "simulateddevice.h"
 
+#include <QAbstractSocket>
 #include <QObject>
 
-/// Something simulated that serves until it is destroyed.
+/// A simulated device that serves from open until it is destroyed.
 ///
 /// Belongs to one thread, which must run a Qt event loop. Nothing blocks.
 class Simulation : public QObject
@@ -17,7 +18,7 @@ public:
     virtual bool open() = 0;
 
     virtual QString address() const = 0; ///< where a host finds it, as a link address
-    virtual QString error() const = 0;
+    QString error() const { return problem; }
 
     /// What a host needs to know besides the address; empty if nothing.
     virtual QString hint() const { return {}; }
@@ -32,4 +33,13 @@ public:
 Q_SIGNALS:
     void exchanged(const Exchange& exchange); ///< a command has come, its answer is on its way
     void lost(const QString& reason);         ///< the medium is gone; nothing is served any more
+
+protected:
+    void fail(const QString& reason) { problem = reason; }
+
+    /// Fails with what helps against a bind that failed; \a otherwise if the cause is another one.
+    void failToBind(QAbstractSocket::SocketError error, quint16 port, const QString& otherwise);
+
+private:
+    QString problem;
 };

@@ -1,23 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "udpsimulator.h"
 
-#include "bindfailure.h"
-
-namespace
-{
-
-SimulatedDevice::Settings onDatagrams(SimulatedDevice::Settings settings)
-{
-    settings.framing = devicecodec::Framing::Text;
-    settings.medium = Medium::Datagrams;
-    return settings;
-}
-
-} // namespace
-
 UdpSimulator::UdpSimulator(const QHostAddress& chosenAddress, quint16 port,
                            const SimulatedDevice::Settings& settings)
-    : SimulatedLink(onDatagrams(settings)), localAddress(chosenAddress), localPort(port)
+    : SimulatedLink(Medium::Datagrams, settings), localAddress(chosenAddress), localPort(port)
 {
     connect(&socket, &QUdpSocket::readyRead, this, &UdpSimulator::readAll);
 }
@@ -25,7 +11,7 @@ UdpSimulator::UdpSimulator(const QHostAddress& chosenAddress, quint16 port,
 bool UdpSimulator::open()
 {
     if (!socket.bind(localAddress, localPort)) {
-        fail(bindfailure::reason(socket.error(), localPort, socket.errorString()));
+        failToBind(socket.error(), localPort, socket.errorString());
         return false;
     }
     constexpr int receiveBuffer = 4 * 1024 * 1024;
