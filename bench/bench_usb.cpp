@@ -5,7 +5,6 @@
 #include "core_usb.h"
 #include "debugline.h"
 #include "emulatedhid.h"
-#include "hidtestbed.h"
 #include "processstate.h"
 #include "ratio.h"
 #include "utility_manage.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "hidemulation.h"
 
-#include "simulator/hidtestbed.h"
+#include "simulator/emulatedhid.h"
 
 #include <QFileInfo>
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "emulatedhid.h"
 #include "eventually.h"
-#include "hidtestbed.h"
 #include "replybytes.h"
 #include "toolprocess.h"
 

@@ -5,7 +5,6 @@
 #include "conformance.h"
 #include "corefactory.h"
 #include "emulatedhid.h"
-#include "hidtestbed.h"
 #include "messagecapture.h"
 #include "metamethods.h"
 #include "openhidnodes.h"

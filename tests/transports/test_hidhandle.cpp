@@ -3,7 +3,6 @@
 
 #include "emulatedhid.h"
 #include "eventually.h"
-#include "hidtestbed.h"
 #include "openhidnodes.h"
 #include "receivebuffer.h"
 #include "slowerrortexts.h"

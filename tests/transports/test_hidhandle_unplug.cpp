@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "emulatedhid.h"
 #include "hidhandle.h"
-#include "hidtestbed.h"
 #include "receivebuffer.h"
 #include "slowerrortexts.h"
 

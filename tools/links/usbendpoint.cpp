@@ -7,7 +7,7 @@
 #include "demo/narrator.h"
 #include "hidemulation.h"
 #include "hidnode.h"
-#include "simulator/hidtestbed.h"
+#include "simulator/emulatedhid.h"
 #include "toolerror.h"
 #include "utility_manage.h"
 

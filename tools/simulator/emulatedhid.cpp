@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "emulatedhid.h"
 
-#include "hidtestbed.h"
+#include <QDir>
 
+#include <gio/gio.h>
 #include <umockdev.h>
 
 #include <algorithm>
@@ -17,43 +18,62 @@
 namespace
 {
 
-QByteArray hexDigits(quint32 value, int width)
-{
-    return QByteArray::number(value, 16).toUpper().rightJustified(width, '0');
-}
+constexpr gint descriptorSize = 34; // announces reports of 64 bytes each way, without numbers
 
-QString takeText(gchar* text)
-{
-    QString taken = QString::fromUtf8(text);
-    g_free(text);
-    return taken;
-}
+// %1: number of the node, %2 and %3: ids in lower case, %4 and %5: in upper case
+constexpr const char* devices = R"(P: /devices/1-%1
+E: SUBSYSTEM=usb
+E: DEVTYPE=usb_device
+A: idVendor=%2
+A: idProduct=%3
+A: manufacturer=Emulated
+A: product=HID
+A: serial=1
+A: bcdDevice=0100
 
-gint descriptorSize()
-{
-    return 34; // of one that announces reports of 64 bytes each way, without numbers
-}
+P: /devices/1-%1/1-%1:1.0
+E: SUBSYSTEM=usb
+E: DEVTYPE=usb_interface
+A: bInterfaceNumber=00
+
+P: /devices/1-%1/1-%1:1.0/0003:%4:%5.000%1
+E: SUBSYSTEM=hid
+E: HID_ID=0003:0000%4:0000%5
+E: HID_NAME=Emulated HID
+E: HID_UNIQ=1
+
+P: /devices/1-%1/1-%1:1.0/0003:%4:%5.000%1/hidraw%1
+E: SUBSYSTEM=hidraw
+E: DEVNAME=/dev/hidraw%1
+E: MAJOR=240
+E: MINOR=%1
+L: device=..
+
+)";
 
 } // namespace
 
-class EmulatedHid::Handling
+HidTestbed::HidTestbed() : bed(umockdev_testbed_new())
 {
-public:
-    explicit Handling(EmulatedHid& device) : hid(device) { add(1); }
-    ~Handling() { add(-1); }
-    Handling(const Handling&) = delete;
-    Handling& operator=(const Handling&) = delete;
+    // Starts GLib's own thread now instead of somewhen: whoever counts threads or descriptors from
+    // here on sees it.
+    g_type_ensure(G_TYPE_TASK);
+    QDir(root()).mkdir(QStringLiteral("dev"));
+}
 
-private:
-    void add(int count)
-    {
-        const std::lock_guard guard(hid.lock);
-        hid.handling += count;
-        hid.released.notify_all();
-    }
+HidTestbed::~HidTestbed()
+{
+    QDir(root() + QStringLiteral("/dev")).removeRecursively();
+    g_object_unref(bed);
+}
 
-    EmulatedHid& hid;
-};
+QString HidTestbed::root() const
+{
+    gchar* const directory = umockdev_testbed_get_root_dir(bed);
+    QString text = QString::fromLocal8Bit(directory);
+    g_free(directory);
+    return text;
+}
 
 EmulatedHid::EmulatedHid(HidTestbed& testbed, quint16 vendorId, quint16 productId, Listener heard)
     : bed(testbed), listener(std::move(heard)),
@@ -73,8 +93,7 @@ EmulatedHid::~EmulatedHid()
     unplug();
     umockdev_testbed_detach_ioctl(bed.testbed(), node.toUtf8().constData(), nullptr);
     {
-        std::unique_lock guard(lock);
-        released.wait(guard, [this] { return handling == 0; });
+        const std::unique_lock ended(handling);
     }
     g_object_unref(handlers);
     for (auto& [client, file] : files) {
@@ -86,28 +105,16 @@ EmulatedHid::~EmulatedHid()
 
 void EmulatedHid::addToBus(quint16 vendorId, quint16 productId)
 {
-    const QByteArray number = node.mid(11).toUtf8();
-    const QByteArray vendor = hexDigits(vendorId, 4);
-    const QByteArray product = hexDigits(productId, 4);
-    const QByteArray port = "1-" + number;
-    auto* const testbed = bed.testbed();
-    usbPath = takeText(umockdev_testbed_add_device(
-        testbed, "usb", port.constData(), nullptr, "idVendor", vendor.toLower().constData(),
-        "idProduct", product.toLower().constData(), "manufacturer", "Emulated", "product", "HID",
-        "serial", "1", "bcdDevice", "0100", nullptr, "DEVTYPE", "usb_device", nullptr));
-    const QString interfacePath = takeText(umockdev_testbed_add_device(
-        testbed, "usb", (port + ":1.0").constData(), usbPath.toUtf8().constData(),
-        "bInterfaceNumber", "00", nullptr, "DEVTYPE", "usb_interface", nullptr));
-    const QByteArray name = "0003:" + vendor + ':' + product + ".000" + number;
-    const QByteArray ids = "0003:0000" + vendor + ":0000" + product;
-    const QString hidPath = takeText(umockdev_testbed_add_device(
-        testbed, "hid", name.constData(), interfacePath.toUtf8().constData(), nullptr, "HID_ID",
-        ids.constData(), "HID_NAME", "Emulated HID", "HID_UNIQ", "1", nullptr));
-    hidrawPath = takeText(umockdev_testbed_add_device(
-        testbed, "hidraw", ("hidraw" + number).constData(), hidPath.toUtf8().constData(), nullptr,
-        "DEVNAME", node.toUtf8().constData(), "MAJOR", "240", "MINOR", number.constData(),
-        nullptr));
-    umockdev_testbed_set_attribute_link(testbed, hidrawPath.toUtf8().constData(), "device", "..");
+    const QString number = node.mid(11);
+    const auto id = [](quint16 value) {
+        return QStringLiteral("%1").arg(value, 4, 16, QLatin1Char('0'));
+    };
+    const QString text = QString::fromLatin1(devices).arg(
+        number, id(vendorId), id(productId), id(vendorId).toUpper(), id(productId).toUpper());
+    if (!umockdev_testbed_add_from_string(bed.testbed(), text.toUtf8().constData(), nullptr)) {
+        throw std::runtime_error("an emulated HID device cannot be plugged in");
+    }
+    usbPath = QStringLiteral("/sys/devices/1-") + number;
 }
 
 // Replaces the node in one step: it is never missing for who opens it meanwhile.
@@ -134,81 +141,89 @@ bool EmulatedHid::makeNode()
 void EmulatedHid::attachHandlers()
 {
     handlers = umockdev_ioctl_base_new();
-    g_signal_connect(handlers, "handle-ioctl", G_CALLBACK(onIoctl), this);
-    g_signal_connect(handlers, "handle-read", G_CALLBACK(onRead), this);
-    g_signal_connect(handlers, "handle-write", G_CALLBACK(onWrite), this);
+    g_signal_connect(handlers, "handle-ioctl", G_CALLBACK(handle<&EmulatedHid::control>), this);
+    g_signal_connect(handlers, "handle-read", G_CALLBACK(handle<&EmulatedHid::read>), this);
+    g_signal_connect(handlers, "handle-write", G_CALLBACK(handle<&EmulatedHid::write>), this);
     if (!umockdev_testbed_attach_ioctl(bed.testbed(), node.toUtf8().constData(), handlers,
                                        nullptr)) {
         throw std::runtime_error("an emulated HID device cannot answer its node");
     }
 }
 
+// An operation returns what the system call returns, or minus its error.
+template <int (EmulatedHid::*operation)(UMockdevIoctlClient*)>
+int EmulatedHid::handle(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
+{
+    auto& hid = *static_cast<EmulatedHid*>(self);
+    const std::shared_lock atWork(hid.handling);
+    const int result = (hid.*operation)(client);
+    umockdev_ioctl_client_complete(client, qMax(-1, result), qMax(0, -result));
+    return TRUE;
+}
+
 // The first thing that hidapi asks of a node it has opened.
-int EmulatedHid::onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
+int EmulatedHid::control(UMockdevIoctlClient* client)
 {
     if (umockdev_ioctl_client_get_request(client) != HIDIOCGRDESCSIZE) {
-        umockdev_ioctl_client_complete(client, -1, ENOTTY);
-        return TRUE;
+        return -ENOTTY;
     }
-    auto* const hid = static_cast<EmulatedHid*>(self);
-    const Handling handling(*hid);
-    hid->noteOpen(client);
-    gint size = descriptorSize();
+    noteOpen(client);
+    gint size = descriptorSize;
     UMockdevIoctlData* const answer = umockdev_ioctl_data_resolve(
         umockdev_ioctl_client_get_arg(client), 0, sizeof(size), nullptr);
     umockdev_ioctl_data_update(answer, 0, reinterpret_cast<guint8*>(&size), sizeof(size));
     umockdev_ioctl_data_unref(answer);
-    umockdev_ioctl_client_complete(client, 0, 0);
-    return TRUE;
+    return 0;
 }
 
-int EmulatedHid::onRead(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
+int EmulatedHid::read(UMockdevIoctlClient* client)
 {
-    auto* const hid = static_cast<EmulatedHid*>(self);
-    const Handling handling(*hid);
-    std::string report;
-    const int error = hid->take(client, report);
-    if (error != 0) {
-        umockdev_ioctl_client_complete(client, -1, error);
-        return TRUE;
+    const std::lock_guard guard(lock);
+    const auto found = files.find(client);
+    if (!isPlugged) {
+        return -EIO;
+    }
+    if (found == files.end() || found->second.input.empty()) {
+        return -EAGAIN;
+    }
+    OpenFile& file = found->second;
+    std::string report = std::move(file.input.front());
+    file.input.pop_front();
+    char mark = 0;
+    if (::read(file.slave, &mark, 1) != 1) {
+        return -EIO;
     }
     UMockdevIoctlData* const buffer = umockdev_ioctl_client_get_arg(client);
     const int size = qMin(static_cast<int>(report.size()), buffer->data_len);
     umockdev_ioctl_data_update(buffer, 0, reinterpret_cast<guint8*>(report.data()), size);
-    umockdev_ioctl_client_complete(client, size, 0);
-    return TRUE;
+    return size;
 }
 
-int EmulatedHid::onWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
+int EmulatedHid::write(UMockdevIoctlClient* client)
 {
-    auto* const hid = static_cast<EmulatedHid*>(self);
-    const Handling handling(*hid);
     guint8* bytes = nullptr;
     gint size = 0;
     umockdev_ioctl_data_retrieve(umockdev_ioctl_client_get_arg(client), &bytes, &size);
     const std::string report(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size));
     g_free(bytes);
-    int error = 0;
-    int count = -1;
     {
-        std::unique_lock guard(hid->lock);
-        hid->heldWrites += hid->isHolding ? 1 : 0;
-        hid->released.wait(guard, [hid] { return !hid->isHolding; });
-        if (!hid->isPlugged) {
-            error = ENODEV;
-        } else if (hid->writesLeft == 0) {
-            error = EPIPE;
-        } else {
-            hid->writesLeft -= hid->writesLeft > 0 ? 1 : 0;
-            hid->output.push_back(report);
-            count = hid->writeCount < 0 ? size : hid->writeCount;
+        std::unique_lock guard(lock);
+        heldWrites += isHolding ? 1 : 0;
+        released.wait(guard, [this] { return !isHolding; });
+        if (!isPlugged) {
+            return -ENODEV;
         }
+        if (writesLeft == 0) {
+            return -EPIPE;
+        }
+        writesLeft -= writesLeft > 0 ? 1 : 0;
+        output.push_back(report);
+        size = writeCount < 0 ? size : writeCount;
     }
-    umockdev_ioctl_client_complete(client, count, error);
-    if (error == 0 && hid->listener) {
-        hid->listener(report);
+    if (listener) {
+        listener(report);
     }
-    return TRUE;
+    return size;
 }
 
 // Where there is no further pseudo-terminal, files that are opened from then on share this one, and
@@ -227,24 +242,6 @@ void EmulatedHid::noteOpen(UMockdevIoctlClient* client)
     if (opensLeft == 0) {
         unlink(path.c_str());
     }
-}
-
-// The error of a read, or 0 and the report.
-int EmulatedHid::take(UMockdevIoctlClient* client, std::string& report)
-{
-    const std::lock_guard guard(lock);
-    const auto found = files.find(client);
-    if (!isPlugged) {
-        return EIO;
-    }
-    if (found == files.end() || found->second.input.empty()) {
-        return EAGAIN;
-    }
-    OpenFile& file = found->second;
-    report = std::move(file.input.front());
-    file.input.pop_front();
-    char mark = 0;
-    return read(file.slave, &mark, 1) == 1 ? 0 : EIO;
 }
 
 void EmulatedHid::forgetClosed()
@@ -272,7 +269,7 @@ bool EmulatedHid::send(const QByteArray& report)
         if (isPlugged && file.input.size() < queueLength) {
             file.input.push_back(report.toStdString());
             const char mark = 1;
-            isTaken = write(file.master, &mark, 1) == 1 || isTaken;
+            isTaken = ::write(file.master, &mark, 1) == 1 || isTaken;
         }
     }
     return isTaken;
@@ -314,36 +311,6 @@ std::vector<QByteArray> EmulatedHid::written() const
         reports.push_back(QByteArray::fromStdString(report));
     }
     return reports;
-}
-
-void EmulatedHid::refuseWrites(bool on)
-{
-    refuseWritesAfter(on ? 0 : -1);
-}
-
-void EmulatedHid::refuseWritesAfter(int count)
-{
-    const std::lock_guard guard(lock);
-    writesLeft = count;
-}
-
-void EmulatedHid::countWritesAs(int count)
-{
-    const std::lock_guard guard(lock);
-    writeCount = count;
-}
-
-void EmulatedHid::allowOpens(int count)
-{
-    const std::lock_guard guard(lock);
-    opensLeft = count;
-}
-
-void EmulatedHid::holdWrites(bool on)
-{
-    const std::lock_guard guard(lock);
-    isHolding = on;
-    released.notify_all();
 }
 
 int EmulatedHid::held() const

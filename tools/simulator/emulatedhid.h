@@ -9,12 +9,40 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
-class HidTestbed;
 struct _UMockdevIoctlBase;
 struct _UMockdevIoctlClient;
+struct _UMockdevTestbed;
+
+/// A /sys and a /dev of this process's own, into which emulated HID devices are plugged: libudev
+/// and hidapi look there, and so do programs that it starts. The executable must be linked with
+/// core_manage_hid_testbed, which redirects the system calls.
+///
+/// It is told to programs in the environment variable that locationVariable names.
+///
+/// One at a time. Devices go before it, and open handles before their devices: a write on a handle
+/// that outlives the testbed blocks for ever. The working directory must not be /.
+class HidTestbed
+{
+public:
+    static constexpr const char* locationVariable = "UMOCKDEV_DIR";
+
+    HidTestbed();
+    ~HidTestbed();
+    HidTestbed(const HidTestbed&) = delete;
+    HidTestbed& operator=(const HidTestbed&) = delete;
+
+    _UMockdevTestbed* testbed() const { return bed; }
+    QString root() const; ///< the directory that holds them
+    int nextNumber() { return ++lastNumber; }
+
+private:
+    _UMockdevTestbed* bed;
+    int lastNumber = -1;
+};
 
 /// A HID device with one hidraw node in a HidTestbed, which hidapi finds, opens, writes and reads
 /// like any other.
@@ -58,20 +86,20 @@ public:
     std::vector<QByteArray> written() const;
 
     /// While \a on, the device refuses output reports; what it refuses is not in written.
-    void refuseWrites(bool on);
+    void refuseWrites(bool on) { refuseWritesAfter(on ? 0 : -1); }
 
     /// Refuses every output report after \a count more.
-    void refuseWritesAfter(int count);
+    void refuseWritesAfter(int count) { set(writesLeft, count); }
 
     /// Answers each output report that it takes with this count, at most its length.
-    void countWritesAs(int count);
+    void countWritesAs(int count) { set(writeCount, count); }
 
     /// While \a on, output reports stay in the kernel: their writers wait, and so do all who ask
     /// the node or read it.
-    void holdWrites(bool on);
+    void holdWrites(bool on) { set(isHolding, on); }
 
     /// Lets the node be opened \a count times more; then it is not there any more.
-    void allowOpens(int count);
+    void allowOpens(int count) { set(opensLeft, count); }
 
     int held() const; ///< output reports that are held, or have been
 
@@ -86,15 +114,22 @@ private:
         std::deque<std::string> input;
     };
 
-    class Handling;
-    static int onIoctl(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
-    static int onRead(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
-    static int onWrite(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
+    template <int (EmulatedHid::*operation)(_UMockdevIoctlClient*)>
+    static int handle(_UMockdevIoctlBase*, _UMockdevIoctlClient* client, void* self);
+    int control(_UMockdevIoctlClient* client);
+    int read(_UMockdevIoctlClient* client);
+    int write(_UMockdevIoctlClient* client);
+    template <class Value>
+    void set(Value& setting, Value value)
+    {
+        const std::lock_guard guard(lock);
+        setting = value;
+        released.notify_all();
+    }
     void addToBus(quint16 vendorId, quint16 productId);
     bool makeNode();
     void attachHandlers();
     void noteOpen(_UMockdevIoctlClient* client);
-    int take(_UMockdevIoctlClient* client, std::string& report);
     void forgetClosed();
 
     HidTestbed& bed;
@@ -102,15 +137,14 @@ private:
     const QString node;     // /dev/hidrawN
     const std::string path; // where it really is
     QString usbPath;        // in /sys
-    QString hidrawPath;
     _UMockdevIoctlBase* handlers = nullptr;
+    std::shared_mutex handling; // shared by the handlers at work, which the destructor waits for
 
     mutable std::mutex lock; // a leaf: everything below
     bool isPlugged = true;
     OpenFile next; // what the node is for the next one who opens it
     std::map<_UMockdevIoctlClient*, OpenFile> files;
     std::condition_variable released;
-    int handling = 0; // handlers at work, which the destructor waits for
     bool isHolding = false;
     int heldWrites = 0;
     int opensLeft = -1;  // until the node goes; negative: without limit

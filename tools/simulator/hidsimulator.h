@@ -2,7 +2,6 @@
 #pragma once
 
 #include "emulatedhid.h"
-#include "hidtestbed.h"
 #include "simulatedlink.h"
 
 #include <deque>
