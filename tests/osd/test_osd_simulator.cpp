@@ -197,7 +197,7 @@ TEST(OsdSimulator, SaysWhyItCannotServe)
     options.address = QStringLiteral("203.0.113.7");
     OsdSimulator foreign(options);
     EXPECT_FALSE(foreign.start());
-    EXPECT_TRUE(foreign.error().contains(QStringLiteral("has not that address")));
+    EXPECT_TRUE(foreign.error().contains(QStringLiteral("does not have that address")));
     options.address = QStringLiteral("127.0.0.1");
     options.port = 0;
     OsdSimulator first(options);

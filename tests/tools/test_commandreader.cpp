@@ -70,7 +70,7 @@ TEST(CommandReader, CutsABinaryStreamHoweverItIsSplit)
     }
 }
 
-TEST(CommandReader, FindsItsFeetAfterANoisyBinaryStream)
+TEST(CommandReader, ResynchronisesAfterANoisyBinaryStream)
 {
     CommandReader reader(Framing::Binary, Medium::Stream);
     const auto commands = reader.take(QByteArray(5, '\x77') + binaryCommand(0x22));

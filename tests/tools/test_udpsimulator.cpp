@@ -200,7 +200,7 @@ TEST_F(UdpSimulation, SaysWhyItCannotOpen)
     EXPECT_TRUE(taken.error().contains(QStringLiteral("is taken"))) << taken.error().toStdString();
     UdpSimulator foreign(QHostAddress(QStringLiteral("203.0.113.7")), 0, {});
     EXPECT_FALSE(foreign.open());
-    EXPECT_TRUE(foreign.error().contains(QStringLiteral("has not that address")));
+    EXPECT_TRUE(foreign.error().contains(QStringLiteral("does not have that address")));
 }
 
 TEST_F(UdpSimulation, MayBeDestroyedWithAnswersOnTheirWay)

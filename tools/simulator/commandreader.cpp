@@ -89,12 +89,10 @@ void CommandReader::takeDatagram(const QByteArray& bytes, std::vector<DeviceComm
 void CommandReader::cutStream(std::vector<DeviceCommand>& complete)
 {
     for (bool going = true; going;) {
-        if (!current) {
-            going = cutHead();
-        } else if (missing() <= 0 || anotherCommandFollows()) {
+        if (current && (missing() <= 0 || anotherCommandFollows())) {
             complete.push_back(*settle());
         } else {
-            going = cutBlock();
+            going = current ? cutBlock() : cutHead();
         }
     }
 }
@@ -105,36 +103,33 @@ bool CommandReader::anotherCommandFollows() const
            devicecodec::decodeCommand(pending, framing);
 }
 
+bool CommandReader::mayBeginText() const
+{
+    return framing == Framing::Text && pending.startsWith(textMark.left(pending.size()));
+}
+
 // True if something was cut and there may be more.
 bool CommandReader::cutHead()
 {
-    if (framing == Framing::Text) {
-        const int start = pending.indexOf(textMark.at(0));
-        drop(start < 0 ? pending.size() : start);
-        if (!pending.isEmpty() && !pending.startsWith(textMark.left(pending.size()))) {
-            drop(1);
-            return true;
-        }
-    }
-    if (pending.size() < devicecodec::headSize(framing)) {
+    const int size = devicecodec::headSize(framing);
+    if (pending.size() < size && (framing != Framing::Text || mayBeginText())) {
         return false;
     }
-    const auto head = devicecodec::decodeCommand(pending, framing);
-    if (!head) {
-        drop(1);
-        return true;
+    if (const auto head = devicecodec::decodeCommand(pending, framing)) {
+        current = DeviceCommand{*head, {}};
+        pending.remove(0, size);
+    } else {
+        const int next = framing == Framing::Text ? pending.indexOf(textMark.at(0), 1) : 1;
+        drop(next < 0 ? pending.size() : next);
     }
-    current = DeviceCommand{*head, {}};
-    pending.remove(0, devicecodec::headSize(framing));
     return true;
 }
 
 bool CommandReader::cutBlock()
 {
     const int available = std::min(missing(), pending.size());
-    const bool mayBeHead = framing == Framing::Text && current->block.isEmpty() &&
-                           pending.size() < devicecodec::textHeadSize &&
-                           pending.startsWith(textMark.left(pending.size()));
+    const bool mayBeHead =
+        current->block.isEmpty() && mayBeginText() && pending.size() < devicecodec::textHeadSize;
     if (available == 0 || mayBeHead) {
         return false;
     }

@@ -17,21 +17,21 @@ enum class Medium {
 /// One command as it arrived at the device.
 struct DeviceCommand {
     devicecodec::Head head;
-    QByteArray block; ///< may be shorter than announced; of an on-screen display the whole frame
+    QByteArray block; ///< may be shorter than announced; with Framing::Osd the whole frame
 };
 
-/// Cuts commands out of what a medium delivers, and resynchronises after noise.
+/// Cuts commands out of what a medium delivers, and resynchronises after noise. One thread; no I/O.
 ///
-/// A text command announces its block in DAT3 and DAT4, but not every command that has them set
-/// sends one. On a stream what follows is therefore the block unless it is another command; with
-/// datagrams a block shares the head's datagram and continues in the next one after each of 540
-/// bytes. An on-screen-display frame, which is the block here, announces no length at all. What is
-/// still open when the host has fallen silent is complete as it is: settle.
+/// A text command announces the length of its block in DAT3 and DAT4, but not every command that
+/// sets them sends a block. On a stream the bytes behind such a head are therefore the block unless
+/// they are another command. On datagrams the block begins in the head's datagram; a datagram of
+/// 540 bytes means that it continues in the next one. An on-screen-display frame announces no
+/// length. A command that is still open when the host falls silent is complete: see settle.
 class CommandReader
 {
 public:
-    /// \a dataLength, for on-screen-display frames: each has 8 bytes and these. Without it a frame
-    /// ends when the host falls silent.
+    /// \a dataLength: bytes of data in each on-screen-display frame. Without it a frame ends when
+    /// the host falls silent.
     CommandReader(devicecodec::Framing framing, Medium medium,
                   std::optional<int> dataLength = std::nullopt);
 
@@ -39,7 +39,7 @@ public:
     /// that are complete now.
     std::vector<DeviceCommand> take(const QByteArray& bytes);
 
-    /// The command that still waits for the rest of its block.
+    /// Ends the command that still waits for more bytes, and returns it.
     std::optional<DeviceCommand> settle();
 
     bool isOpen() const;                        ///< whether there is something to settle
@@ -50,6 +50,7 @@ private:
     void cutStream(std::vector<DeviceCommand>& complete);
     void cutOsdFrames(std::vector<DeviceCommand>& complete);
     bool anotherCommandFollows() const;
+    bool mayBeginText() const;
     bool cutHead();
     bool cutBlock();
     void drop(int count);

@@ -5,17 +5,17 @@
 
 #include <optional>
 
-/// The frames as the device sees them: command heads are read, replies are written. Shares nothing
-/// with the library, so that the two check each other. Pure: no state, no I/O.
-///
-/// Frames of on-screen displays have nothing to decode: any 8 bytes or more are a command, and "OK"
-/// with its first byte is the reply.
+/// The frames as the device sees them: decodes command heads, encodes replies. Shares no code with
+/// the library, so that each tests the other. Pure: no state, no I/O.
 ///
 /// | text, 19 bytes                   | binary, 16 bytes, high byte first                        |
 /// |----------------------------------|----------------------------------------------------------|
 /// | `<` `T` (command) or `F` (reply) | 2 lead (command: any; reply: F1 1F), ADDR, aux3, 2 aux4, |
 /// | 16 digits: 7 body bytes, their   | 2 aux5, 2 block length, CMD DAT1 DAT2 DAT3 DAT4,         |
 /// | sum modulo 256; `>`              | the sum of these 15 modulo 256                           |
+///
+/// On-screen displays need no codec: 8 bytes or more are a command, "OK" and its first byte the
+/// reply.
 namespace devicecodec
 {
 
@@ -25,7 +25,7 @@ constexpr int textHeadSize = 19;
 constexpr int binaryHeadSize = 16;
 constexpr int osdFrameSize = 8; ///< without data
 
-/// What a head says.
+/// The fields of a head.
 struct Head {
     quint8 head = 0; ///< text only
     quint8 addr = 0;
@@ -39,12 +39,12 @@ struct Head {
     quint16 aux4 = 0;        ///< binary only
     quint16 aux5 = 0;        ///< binary only
     quint8 sum = 0;          ///< the checksum of a command that was read
-    quint16 blockLength = 0; ///< binary: from its own place; text: DAT4 * 256 + DAT3
+    quint16 blockLength = 0; ///< binary: its own field; text: DAT4 * 256 + DAT3
 };
 
 int headSize(Framing framing);
 
-/// The command head that \a bytes begin with: marks, digits of either case and checksum all right.
+/// The valid command head at the start of \a bytes; text digits may be of either case.
 std::optional<Head> decodeCommand(const QByteArray& bytes, Framing framing);
 
 /// The reply head. In binary framing the lead is F1 1F whatever \a reply holds.

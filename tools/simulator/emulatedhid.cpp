@@ -55,8 +55,7 @@ L: device=..
 
 HidTestbed::HidTestbed() : bed(umockdev_testbed_new())
 {
-    // Starts GLib's own thread now instead of somewhen: whoever counts threads or descriptors from
-    // here on sees it.
+    // Starts GLib's own thread now, before a test counts threads or descriptors.
     g_type_ensure(G_TYPE_TASK);
     QDir(root()).mkdir(QStringLiteral("dev"));
 }
@@ -117,7 +116,7 @@ void EmulatedHid::addToBus(quint16 vendorId, quint16 productId)
     usbPath = QStringLiteral("/sys/devices/1-") + number;
 }
 
-// Replaces the node in one step: it is never missing for who opens it meanwhile.
+// Replaces the node in one step, so that an open never fails meanwhile.
 bool EmulatedHid::makeNode()
 {
     termios settings{};
@@ -150,7 +149,7 @@ void EmulatedHid::attachHandlers()
     }
 }
 
-// An operation returns what the system call returns, or minus its error.
+// Each operation returns the result of the system call, or its error as a negative number.
 template <int (EmulatedHid::*operation)(UMockdevIoctlClient*)>
 int EmulatedHid::handle(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
 {
@@ -178,7 +177,7 @@ int EmulatedHid::control(UMockdevIoctlClient* client)
 
 int EmulatedHid::read(UMockdevIoctlClient* client)
 {
-    const std::lock_guard guard(lock);
+    std::unique_lock guard(lock);
     const auto found = files.find(client);
     if (!isPlugged) {
         return -EIO;
@@ -193,6 +192,7 @@ int EmulatedHid::read(UMockdevIoctlClient* client)
     if (::read(file.slave, &mark, 1) != 1) {
         return -EIO;
     }
+    guard.unlock();
     UMockdevIoctlData* const buffer = umockdev_ioctl_client_get_arg(client);
     const int size = qMin(static_cast<int>(report.size()), buffer->data_len);
     umockdev_ioctl_data_update(buffer, 0, reinterpret_cast<guint8*>(report.data()), size);
@@ -226,8 +226,7 @@ int EmulatedHid::write(UMockdevIoctlClient* client)
     return size;
 }
 
-// Where there is no further pseudo-terminal, files that are opened from then on share this one, and
-// hear nothing.
+// Without a further pseudo-terminal, later opens share this one and get no reports.
 void EmulatedHid::noteOpen(UMockdevIoctlClient* client)
 {
     const std::lock_guard guard(lock);
@@ -288,11 +287,11 @@ int EmulatedHid::unread()
 {
     const std::lock_guard guard(lock);
     forgetClosed();
-    const auto fewest =
-        std::min_element(files.begin(), files.end(), [](const auto& left, const auto& right) {
-            return left.second.input.size() < right.second.input.size();
-        });
-    return fewest == files.end() ? 0 : static_cast<int>(fewest->second.input.size());
+    std::size_t fewest = files.empty() ? 0 : queueLength;
+    for (const auto& [client, file] : files) {
+        fewest = std::min(fewest, file.input.size());
+    }
+    return static_cast<int>(fewest);
 }
 
 int EmulatedHid::openFiles()

@@ -17,14 +17,13 @@ struct _UMockdevIoctlBase;
 struct _UMockdevIoctlClient;
 struct _UMockdevTestbed;
 
-/// A /sys and a /dev of this process's own, into which emulated HID devices are plugged: libudev
-/// and hidapi look there, and so do programs that it starts. The executable must be linked with
-/// core_manage_hid_testbed, which redirects the system calls.
+/// A private /sys and /dev, into which emulated HID devices are plugged. libudev and hidapi use
+/// them in this process and in every process with the environment variable locationVariable. The
+/// executable must be linked with core_manage_hid_testbed, which redirects the system calls.
 ///
-/// It is told to programs in the environment variable that locationVariable names.
-///
-/// One at a time. Devices go before it, and open handles before their devices: a write on a handle
-/// that outlives the testbed blocks for ever. The working directory must not be /.
+/// One at a time. Destroy devices before the testbed, and close handles before their device: a
+/// write on a handle that outlives the testbed blocks for ever. The working directory must not be
+/// /.
 class HidTestbed
 {
 public:
@@ -47,22 +46,21 @@ private:
 /// A HID device with one hidraw node in a HidTestbed, which hidapi finds, opens, writes and reads
 /// like any other.
 ///
-/// As in the kernel, every open file of the node gets every input report, starts with none, and
-/// loses those that come while queueLength of its own are unread.
+/// As in the kernel, every open file of the node has its own queue of input reports. It starts
+/// empty, and a report is lost while queueLength reports are unread.
 ///
-/// The node is the slave of a raw pseudo-terminal. Its reads and writes are answered by a thread of
-/// the testbed, each as one message of its exact length; since that has no say in poll, each queued
-/// input report also puts one byte into the pseudo-terminal, which makes the node readable and is
-/// taken out by the read. So that each open file has a pseudo-terminal of its own, the node becomes
-/// another one as soon as hidapi has opened it: processes must not open it at the same time.
+/// A thread of the testbed answers each read and write with one whole report. It cannot answer
+/// poll. Therefore the node is the slave of a raw pseudo-terminal, and one byte in it for each
+/// queued report makes the node readable. Each open file needs its own pseudo-terminal, so the node
+/// is replaced as soon as hidapi has opened it: two processes must not open it at the same time.
 ///
-/// Any thread may call any operation. What the threads share are standard strings, not Qt's, whose
-/// implicit sharing reaches past the lock.
+/// Any thread may call any operation. The threads share standard strings, because the implicit
+/// sharing of Qt's strings is not covered by the lock.
 class EmulatedHid
 {
 public:
     static constexpr int queueLength = 63; ///< unread input reports that an open file keeps
-    static constexpr int reportData = 64;  ///< bytes of a report of the usual size
+    static constexpr int reportData = 64;  ///< bytes of a report without its number
 
     /// Called with each output report, on a thread of the testbed, while nothing is locked.
     using Listener = std::function<void(const std::string& report)>;
@@ -75,36 +73,36 @@ public:
     /// Queues one input report, exactly these bytes. False if every open file loses it.
     bool send(const QByteArray& report);
 
-    /// Queues these bytes in reports of 64 bytes, the last one filled with zeros. False if send is
-    /// for any of them.
+    /// Queues these bytes in reports of 64 bytes, the last one padded with zeros. False if any of
+    /// them is lost.
     bool sendPadded(const QByteArray& bytes);
 
-    int unread();    ///< input reports that wait in the open file that has the fewest
-    int openFiles(); ///< how many hidapi has open
+    int unread();    ///< queued input reports of the open file that has the fewest
+    int openFiles(); ///< handles that hidapi has open
 
     /// Every output report so far, report number included.
     std::vector<QByteArray> written() const;
 
-    /// While \a on, the device refuses output reports; what it refuses is not in written.
+    /// While \a on, refuses output reports. They are not in written().
     void refuseWrites(bool on) { refuseWritesAfter(on ? 0 : -1); }
 
-    /// Refuses every output report after \a count more.
+    /// Refuses output reports after \a count more.
     void refuseWritesAfter(int count) { set(writesLeft, count); }
 
     /// Answers each output report that it takes with this count, at most its length.
     void countWritesAs(int count) { set(writeCount, count); }
 
-    /// While \a on, output reports stay in the kernel: their writers wait, and so do all who ask
-    /// the node or read it.
+    /// While \a on, output reports stay in the kernel: every write, read and ioctl of the node
+    /// blocks.
     void holdWrites(bool on) { set(isHolding, on); }
 
-    /// Lets the node be opened \a count times more; then it is not there any more.
+    /// Removes the node after it has been opened \a count times more.
     void allowOpens(int count) { set(opensLeft, count); }
 
-    int held() const; ///< output reports that are held, or have been
+    int held() const; ///< output reports held so far
 
-    /// Takes the device off the bus: polls report a hang-up, writes fail with ENODEV, and it is not
-    /// found any more.
+    /// Removes the device from the bus: polls report a hang-up, writes fail with ENODEV, and the
+    /// device is no longer found.
     void unplug();
 
 private:
@@ -142,7 +140,7 @@ private:
 
     mutable std::mutex lock; // a leaf: everything below
     bool isPlugged = true;
-    OpenFile next; // what the node is for the next one who opens it
+    OpenFile next; // the pseudo-terminal of the next open
     std::map<_UMockdevIoctlClient*, OpenFile> files;
     std::condition_variable released;
     bool isHolding = false;

@@ -84,8 +84,7 @@ QStringList namesIf(Condition condition)
     return names;
 }
 
-// 53 random bits make an exact double, the same everywhere, as the standard's own distributions
-// are not.
+// 53 random bits make the same double on every machine; the standard's distributions do not.
 constexpr double unit = 1.0 / 9007199254740992.0;
 constexpr int unusedBits = 11;
 

@@ -38,8 +38,8 @@ enum class Fault {
     Noise,         ///< random bytes inside the reply, as many as the amount (streams only)
     LateBlock,     ///< the block comes later, by the amount in milliseconds (streams only)
     Glue,          ///< the answer waits for the next one, or for silence (streams only)
-    Split,         ///< every byte is written by itself, the amount in ms apart (streams only)
-    HangUp,        ///< half the answer, then the line hangs up (streams only)
+    Split,         ///< every byte is written by itself, the amount in ms apart (streams, endpoints)
+    HangUp,        ///< half the answer, then a hang-up (streams, endpoints)
     Reset,         ///< the connection is reset instead of an answer (endpoints only)
     CloseAfter,    ///< a connection is closed after the amount of bytes (endpoints only)
     Refuse,        ///< connections are refused (endpoints only, lasting)
@@ -51,8 +51,8 @@ constexpr int faultCount = static_cast<int>(Fault::NeverRead) + 1;
 /// Who may show a fault: a device behind datagrams or a stream, or an on-screen-display endpoint.
 enum class Faulty { Datagrams = 1, Stream = 2, Endpoint = 4 };
 
-/// Which faults a device shows, and when. A fault strikes with a probability, or each of the first
-/// so many answers (closings: connections) that it can apply to; a lasting one is there or not.
+/// Which faults a device shows, and when. A fault strikes with a probability, or the first answers
+/// that it can apply to (CloseAfter: connections). A lasting fault is on or off.
 class Faults
 {
 public:
@@ -65,17 +65,17 @@ public:
     void set(Fault fault, const Setting& setting);
     int amount(Fault fault) const;
 
-    /// Whether the fault strikes now. Uses up a count, or draws one number if there is a
-    /// probability.
+    /// Whether the fault strikes now. Uses up a count, else draws a number if the probability is
+    /// not 0.
     bool strikes(Fault fault, SeededRandom& random);
 
-    bool lasts(Fault fault) const; ///< for lasting faults: whether it is there
+    bool lasts(Fault fault) const; ///< whether a lasting fault is on
 
     /// Reads "name=25%", "name=3" (the first three answers) or either with ":amount" behind it;
-    /// "name" alone for a lasting fault. Returns what is wrong with the text, empty if nothing is.
+    /// "name" alone for a lasting fault. Returns what was expected instead, empty if it is valid.
     QString parse(const QString& text);
 
-    /// The names of those that are set and that \a who cannot show.
+    /// The names of the faults that are set but that \a who cannot show.
     QStringList unfit(Faulty who) const;
 
     static bool isLasting(Fault fault);

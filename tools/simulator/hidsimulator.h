@@ -9,13 +9,13 @@
 #include <mutex>
 #include <string>
 
-/// A simulated device on an emulated hidraw node, which this process sees, and every one that is
-/// started with the environment of hint.
+/// A simulated device on an emulated hidraw node. This process sees the node, and every process
+/// with the environment variable of hint.
 ///
-/// Reports have 64 bytes, the last one of an answer filled with zeros; every reply begins a report
-/// and its block follows directly. A command that fills a report with zeros is taken without them,
-/// so a block behind it may begin in the next report; the same happens to a block whose first 45
-/// bytes are zeros.
+/// Reports have 64 bytes. Every reply begins a report, its block follows directly, and zeros pad
+/// the last report of an answer. The zeros behind a command that is alone in its report are taken
+/// for padding, so its block may begin in the next report. A block that begins with 45 zeros loses
+/// them.
 class HidSimulator : public SimulatedLink
 {
     Q_OBJECT
@@ -33,7 +33,7 @@ protected:
 
 private:
     void arrive(const std::string& report); // on a thread of the testbed
-    Q_INVOKABLE void take();                // posted by name: no object of ours crosses the threads
+    Q_INVOKABLE void take();                // posted by name: no functor crosses the threads
     qint64 write(const QByteArray& bytes);
     void flush();
 
@@ -41,7 +41,7 @@ private:
     quint16 product;
     std::mutex lock;                 // a leaf: arrived
     std::deque<std::string> arrived; // reports with their numbers
-    QByteArray pending;              // an answer whose rest may follow
+    QByteArray pending;              // an answer whose block may follow
     std::unique_ptr<HidTestbed> testbed;
     std::unique_ptr<EmulatedHid> hid;
 };

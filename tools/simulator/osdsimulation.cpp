@@ -93,7 +93,7 @@ OsdSimulation::OsdSimulation(const QHostAddress& address, quint16 port,
 
 bool OsdSimulation::open()
 {
-    // Only a port that was asked for stays taken while nothing listens on it.
+    // Only a port that was bound by its number stays taken while nothing listens on it.
     if (localPort == 0 && server.listen(localAddress, localPort)) {
         localPort = server.serverPort();
         server.close();

@@ -14,8 +14,8 @@
 namespace
 {
 
-// The name of a simulated port whose process was killed before it could take it away. Terminals'
-// numbers are given again: it may lead to the one that has just been made.
+// Whether it is the link of a process that was killed before it could remove it. The system reuses
+// terminal numbers, so the link may lead to the terminal that has just been made.
 bool isLeftOver(const QFileInfo& file, const QString& terminal)
 {
     const QString target = file.symLinkTarget();

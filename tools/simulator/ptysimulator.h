@@ -10,9 +10,9 @@
 /// A simulated device on a pseudo-terminal, for either serial line: the host opens the other end as
 /// it opens any serial port.
 ///
-/// With a path the port has that name, a symbolic link that lives as long as this object; after a
-/// hang-up it names a fresh pseudo-terminal, as when a cable is plugged in again. Without one the
-/// port has the name that the system gives it, and a hang-up is the end.
+/// With a path, a symbolic link of that name leads to the port while this object lives; after a
+/// hang-up it leads to a new pseudo-terminal, as when a cable is plugged in again. Without a path
+/// the port has the name that the system gives it, and the simulation ends with a hang-up.
 class PtySimulator : public SimulatedLink
 {
     Q_OBJECT
@@ -39,11 +39,11 @@ private:
 
     QString scheme;
     QString path;
-    QString terminal; // what the system calls the host's end
+    QString terminal; // the system's name of the host's end
     int master = -1;
     int hostEnd = -1; // held open: the line does not hang up while no host has opened it
     bool named = false;
-    QByteArray pending; // the host has not read enough yet
+    QByteArray pending; // not written yet, because the host has not read enough
     std::unique_ptr<QSocketNotifier> readable;
     std::unique_ptr<QSocketNotifier> writable;
 };

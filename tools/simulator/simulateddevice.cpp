@@ -12,7 +12,7 @@ using devicecodec::Head;
 constexpr int longFixedBlock = 145;
 constexpr int fixedBlock = 129;
 constexpr int shortFixedBlock = 33;
-constexpr int datagramLimit = 32767; // the host reads a longer one as negative
+constexpr int datagramLimit = 32767; // the host reads a greater length as negative
 
 int askedFor(const Head& command)
 {
@@ -166,7 +166,7 @@ void SimulatedDevice::reply(Exchange& exchange)
     }
 }
 
-// Where nothing is answered, no other fault can show.
+// No other fault can show when nothing is answered.
 void SimulatedDevice::acknowledge(Exchange& exchange)
 {
     if (strikes(Fault::Reset, exchange) || strikes(Fault::Drop, exchange)) {
@@ -220,7 +220,7 @@ void SimulatedDevice::spoilBlock(QByteArray& block, Exchange& exchange)
     }
 }
 
-// Random bytes that never look like an acknowledgement to an on-screen display's host.
+// To the host of an on-screen display they never look like an acknowledgement.
 QByteArray SimulatedDevice::randomBytes(int count)
 {
     QByteArray bytes;
@@ -270,7 +270,7 @@ void SimulatedDevice::spoilOrder(Exchange& exchange, bool hasBlock)
     }
 }
 
-// How the answer, whatever it is by now, is cut into writes.
+// How the bytes of the answer are cut into writes.
 void SimulatedDevice::spoilPieces(Exchange& exchange)
 {
     auto& answer = exchange.answer;

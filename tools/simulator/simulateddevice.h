@@ -26,7 +26,7 @@ struct Exchange {
     std::vector<Fault> faults;    ///< those that struck
 };
 
-/// Which faults are still to strike, and what decides by chance.
+/// The faults that are still to strike, and the random numbers that decide.
 struct Chances {
     Faults faults;
     SeededRandom random;
@@ -63,17 +63,17 @@ public:
         std::optional<int> dataLength; ///< see CommandReader
     };
 
-    /// With \a chances, which it shares with others, instead of the faults and seed of \a settings.
+    /// \a chances, which several devices may share, replace the faults and seed of \a settings.
     explicit SimulatedDevice(const Settings& settings, std::shared_ptr<Chances> chances = {});
 
     /// Takes what has arrived and returns the exchanges that are due.
     std::vector<Exchange> receive(const QByteArray& bytes);
 
-    /// To be called when nothing has arrived for a while: answers a command whose block has not
-    /// come whole.
+    /// To be called when the host has fallen silent: answers a command whose block is incomplete,
+    /// and releases an answer that waits for the next one.
     std::vector<Exchange> settle();
 
-    /// Whether settle would answer a command, or let go an answer that waits for the next.
+    /// Whether settle has something to do.
     bool isWaiting() const { return reader.isOpen() || held.has_value(); }
     qint64 noise() const { return reader.noise(); } ///< bytes that were no command
 

@@ -38,8 +38,8 @@ void Simulation::failToBind(QAbstractSocket::SocketError error, quint16 port,
             QStringLiteral("port %1 is for root: give one from 1024 on, or 0 for a free one")
                 .arg(port));
     case QAbstractSocket::SocketAddressNotAvailableError:
-        return fail(QStringLiteral("this machine has not that address: give one of its own, or "
-                                   "127.0.0.1"));
+        return fail(QStringLiteral("this machine does not have that address: give one of its own, "
+                                   "or 127.0.0.1"));
     default:
         return fail(otherwise);
     }

@@ -9,7 +9,7 @@
 #include <memory>
 
 /// A simulated device on a real medium. A medium opens itself, passes on what arrives, and writes.
-/// Here commands are handed to the device, and its answers are written after their pauses.
+/// This class hands commands to the device, and writes its answers after their pauses.
 ///
 /// A delayed answer does not hold up the next one. On osd:// an answer that has begun is written to
 /// its end before another one begins.
@@ -34,7 +34,7 @@ protected:
     /// Passes on what has arrived; the answers go through \a writer.
     void received(const QByteArray& bytes, const Writer& writer);
 
-    /// The medium breaks, as a cable that is pulled, by HangUp or Reset. Streams only.
+    /// Breaks the medium by HangUp or Reset. Streams only.
     virtual void hangUp(Fault /*how*/) {}
 
 private:

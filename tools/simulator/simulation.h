@@ -37,7 +37,7 @@ Q_SIGNALS:
 protected:
     void fail(const QString& reason) { problem = reason; }
 
-    /// Fails with what helps against a bind that failed; \a otherwise if the cause is another one.
+    /// Fails with what helps against a failed bind, or with \a otherwise for an unknown cause.
     void failToBind(QAbstractSocket::SocketError error, quint16 port, const QString& otherwise);
 
 private:

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "udpsimulator.h"
 
+#include <QNetworkDatagram>
+
 UdpSimulator::UdpSimulator(const QHostAddress& chosenAddress, quint16 port,
                            const SimulatedDevice::Settings& settings)
     : SimulatedLink(Medium::Datagrams, settings), localAddress(chosenAddress), localPort(port)
@@ -28,17 +30,14 @@ QString UdpSimulator::address() const
 void UdpSimulator::readAll()
 {
     while (socket.hasPendingDatagrams()) {
-        QByteArray datagram(static_cast<int>(std::max<qint64>(0, socket.pendingDatagramSize())),
-                            Qt::Uninitialized);
-        QHostAddress host;
-        quint16 port = 0;
-        const qint64 size = socket.readDatagram(datagram.data(), datagram.size(), &host, &port);
-        if (size < 0) {
-            continue;
+        const QNetworkDatagram command = socket.receiveDatagram();
+        const auto answer =
+            [this, host = command.senderAddress(),
+             port = static_cast<quint16>(command.senderPort())](const QByteArray& bytes) {
+                return socket.writeDatagram(bytes, host, port);
+            };
+        if (command.isValid()) {
+            received(command.data(), answer);
         }
-        datagram.truncate(static_cast<int>(size));
-        received(datagram, [this, host, port](const QByteArray& bytes) {
-            return socket.writeDatagram(bytes, host, port);
-        });
     }
 }
