@@ -98,6 +98,24 @@ TEST(OsdSimulator, SplitsGarblesFloodsAndIsLate)
     ASSERT_TRUE(pair.reads("OK!OK!OK!OK!"));
 }
 
+TEST(OsdSimulator, ASplitAnswerIsWholeBeforeTheNextOneBegins)
+{
+    Faults faults;
+    faults.set(Fault::Split, {0, 2, 20});
+    Pair pair(fixedLength(faults));
+    pair.client.write(goodCommand + "?" + goodCommand.mid(1) + "." + goodCommand.mid(1));
+    ASSERT_TRUE(pair.reads("OK.OK!OK?")) << pair.read.constData();
+}
+
+TEST(OsdSimulator, ADelayedAnswerDoesNotHoldUpTheNextOne)
+{
+    Faults faults;
+    faults.set(Fault::Delay, {0, 1, 200});
+    Pair pair(fixedLength(faults));
+    pair.client.write(goodCommand + "?" + goodCommand.mid(1));
+    ASSERT_TRUE(pair.reads("OK?OK!")) << pair.read.constData();
+}
+
 TEST(OsdSimulator, RefusesAndServesAgain)
 {
     Faults faults;

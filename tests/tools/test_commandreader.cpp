@@ -79,6 +79,34 @@ TEST(CommandReader, ResynchronisesAfterANoisyBinaryStream)
     EXPECT_EQ(reader.noise(), 5);
 }
 
+TEST(CommandReader, CutsOsdFramesOfKnownLengthHoweverTheyAreSplit)
+{
+    const QByteArray stream = "0123456789abcdefghijKLMNO";
+    for (int piece = 1; piece <= stream.size(); ++piece) {
+        CommandReader reader(Framing::Osd, Medium::Stream, 2);
+        const auto commands = takeInPieces(reader, stream, piece);
+        ASSERT_EQ(commands.size(), 2U) << piece;
+        EXPECT_EQ(commands[0].block, QByteArray("0123456789"));
+        EXPECT_EQ(commands[1].block, QByteArray("abcdefghij"));
+        EXPECT_FALSE(reader.settle()) << "the rest may follow at any time";
+    }
+}
+
+TEST(CommandReader, EndsAnOsdFrameOfUnknownLengthWhenSettled)
+{
+    CommandReader reader(Framing::Osd, Medium::Stream);
+    EXPECT_TRUE(reader.take("0123").empty());
+    EXPECT_TRUE(reader.take("4567").empty());
+    EXPECT_TRUE(reader.isOpen());
+    const auto command = reader.settle();
+    ASSERT_TRUE(command);
+    EXPECT_EQ(command->block, QByteArray("01234567"));
+    EXPECT_FALSE(reader.isOpen());
+    EXPECT_TRUE(reader.take("7 bytes").empty());
+    EXPECT_FALSE(reader.settle());
+    EXPECT_EQ(reader.noise(), 7);
+}
+
 TEST(CommandReader, TakesAnUnfinishedBlockAsItIsWhenSettled)
 {
     CommandReader reader(Framing::Text, Medium::Stream);
