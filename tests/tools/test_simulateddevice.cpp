@@ -263,6 +263,17 @@ TEST_F(SimulatedFault, WaitsForAnAnswerThatItCanApplyTo)
     }
 }
 
+TEST_F(SimulatedFault, SplitKeepsADelay)
+{
+    SimulatedDevice::Settings settings = settingsFor(Medium::Stream, "split=1:5");
+    ASSERT_EQ(settings.faults.parse(QStringLiteral("delay=1:77")), QString());
+    SimulatedDevice device(settings);
+    const auto answer = exchangeWith(device, plainCommand).answer;
+    ASSERT_EQ(answer.size(), 19U);
+    EXPECT_EQ(answer[0].after.count(), 77 + 5);
+    EXPECT_EQ(answer[1].after.count(), 5);
+}
+
 QByteArray transcript(quint64 seed)
 {
     SimulatedDevice::Settings settings;
