@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "netns.h"
 
-#include "tools/networknamespace.h"
+#include "tools/system/networknamespace.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -174,14 +174,14 @@ private:
 
 bool devicedemo::run(Narrator& narrator, const QString& place, int burst)
 {
-    const auto simulator = linkregistry::endpoint(place)->simulate({});
+    const auto simulator = linkregistry::target(place)->simulate({});
     if (!simulator->open()) {
         throw LinkDown(QStringLiteral("%1: %2").arg(place, simulator->error()));
     }
     narrator.expect(true, QStringLiteral("a simulated device serves at ") + simulator->address());
-    const auto endpoint = linkregistry::endpoint(simulator->address());
-    const auto link = endpoint->open(false);
-    const bool isBinary = endpoint->fields() == FieldSet::BinaryHead;
+    const auto target = linkregistry::target(simulator->address());
+    const auto link = target->open(false);
+    const bool isBinary = target->fields() == FieldSet::BinaryHead;
     Stage stage(narrator, *simulator, *link, isBinary ? binaryBlock : 0);
     const std::function<void()> steps[] = {
         [&] { stage.plain(); },

@@ -3,8 +3,8 @@
 
 #include "narrator.h"
 #include "osdlink.h"
+#include "osdsimulation.h"
 #include "recordtext.h"
-#include "simulator/osdsimulation.h"
 #include "toolerror.h"
 #include "waiting.h"
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "hidemulation.h"
 
-#include "simulator/emulatedhid.h"
+#include "emulatedhid.h"
 
 #include <QFileInfo>
 

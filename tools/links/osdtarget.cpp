@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "osdendpoint.h"
+#include "osdtarget.h"
 
 #include "commandfields.h"
-#include "demo/osddemo.h"
+#include "osddemo.h"
 #include "osdlink.h"
-#include "simulator/osdsimulation.h"
+#include "osdsimulation.h"
 #include "toolerror.h"
 
 #include <optional>
@@ -14,10 +14,10 @@ namespace
 
 constexpr quint16 usualPort = 10001;
 
-class OsdEndpoints final : public Endpoint
+class OsdTarget final : public LinkTarget
 {
 public:
-    explicit OsdEndpoints(const LinkAddress& address) { add(address); }
+    explicit OsdTarget(const LinkAddress& address) { add(address); }
 
     FieldSet fields() const override { return FieldSet::OsdFrame; }
 
@@ -98,12 +98,12 @@ private:
 
 } // namespace
 
-std::unique_ptr<Endpoint> osdendpoint::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> osdtarget::parse(const LinkAddress& address)
 {
-    return std::make_unique<OsdEndpoints>(address);
+    return std::make_unique<OsdTarget>(address);
 }
 
-bool osdendpoint::demonstrate(Narrator& narrator)
+bool osdtarget::demonstrate(Narrator& narrator)
 {
     return osddemo::run(narrator);
 }

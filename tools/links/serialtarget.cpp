@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "serialendpoint.h"
+#include "serialtarget.h"
 
 #include "core_serialport.h"
 #include "corelink.h"
 #include "decimal.h"
-#include "demo/devicedemo.h"
+#include "devicedemo.h"
 #include "fileholder.h"
 #include "filerights.h"
-#include "simulator/ptysimulator.h"
+#include "ptysimulator.h"
 #include "toolerror.h"
 #include "utility_manage.h"
 #include "vela_core_serialport.h"
@@ -114,10 +114,10 @@ private:
 };
 
 template <class Line>
-class SerialEndpoint : public Endpoint
+class SerialTarget : public LinkTarget
 {
 public:
-    SerialEndpoint(LinkAddress written, FieldSet set, devicecodec::Framing deviceFraming)
+    SerialTarget(LinkAddress written, FieldSet set, devicecodec::Framing deviceFraming)
         : text(std::move(written)), fieldSet(set), framing(deviceFraming)
     {
         text.allowOptions({QStringLiteral("baud"), QStringLiteral("data"), QStringLiteral("parity"),
@@ -158,7 +158,7 @@ public:
             const QString path = text.target.startsWith(QLatin1Char('/'))
                                      ? text.target
                                      : QStringLiteral("/dev/") + text.target;
-            const QString reason = serialendpoint::obstacle(path);
+            const QString reason = serialtarget::obstacle(path);
             throw LinkDown(QStringLiteral("%1: %2").arg(
                 text.text, reason.isEmpty() ? refusal(line->port(), path) : reason));
         }
@@ -185,29 +185,29 @@ private:
 
 } // namespace
 
-std::unique_ptr<Endpoint> serialendpoint::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> serialtarget::parse(const LinkAddress& address)
 {
-    return std::make_unique<SerialEndpoint<Core_SerialPort>>(address, FieldSet::TextBody,
-                                                             devicecodec::Framing::Text);
+    return std::make_unique<SerialTarget<Core_SerialPort>>(address, FieldSet::TextBody,
+                                                           devicecodec::Framing::Text);
 }
 
-std::unique_ptr<Endpoint> serialendpoint::parseVela(const LinkAddress& address)
+std::unique_ptr<LinkTarget> serialtarget::parseVela(const LinkAddress& address)
 {
-    return std::make_unique<SerialEndpoint<Vela_Core_SerialPort>>(address, FieldSet::BinaryHead,
-                                                                  devicecodec::Framing::Binary);
+    return std::make_unique<SerialTarget<Vela_Core_SerialPort>>(address, FieldSet::BinaryHead,
+                                                                devicecodec::Framing::Binary);
 }
 
-bool serialendpoint::demonstrate(Narrator& narrator)
+bool serialtarget::demonstrate(Narrator& narrator)
 {
     return devicedemo::run(narrator, QStringLiteral("serial://"));
 }
 
-bool serialendpoint::demonstrateVela(Narrator& narrator)
+bool serialtarget::demonstrateVela(Narrator& narrator)
 {
     return devicedemo::run(narrator, QStringLiteral("vela://"));
 }
 
-QString serialendpoint::obstacle(const QString& devicePath)
+QString serialtarget::obstacle(const QString& devicePath)
 {
     const QFileInfo file(devicePath);
     if (!file.exists()) {

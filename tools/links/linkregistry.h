@@ -3,17 +3,17 @@
 
 #include "devicelink.h"
 #include "linkaddress.h"
-#include "simulator/simulation.h"
+#include "simulation.h"
 
 #include <memory>
 
 class Narrator;
 
 /// What an address designates, checked; nothing is open yet.
-class Endpoint
+class LinkTarget
 {
 public:
-    virtual ~Endpoint() = default;
+    virtual ~LinkTarget() = default;
 
     /// Takes another address of the same link. Throws BadInput; every link but osd:// has one.
     virtual void add(const LinkAddress& another);
@@ -41,8 +41,8 @@ struct LinkKind {
     const char* scheme;
     const char* form;      ///< what a right address looks like
     const char* describes; ///< what is behind it
-    /// The endpoint of an address with this scheme; throws BadInput.
-    std::unique_ptr<Endpoint> (*parse)(const LinkAddress& address);
+    /// The target of an address with this scheme; throws BadInput.
+    std::unique_ptr<LinkTarget> (*parse)(const LinkAddress& address);
     /// Shows the link at work with a simulated device.
     bool (*demonstrate)(Narrator& narrator);
 };
@@ -50,9 +50,9 @@ struct LinkKind {
 namespace linkregistry
 {
 
-/// The endpoint that a text designates, or several texts together. Throws BadInput.
-std::unique_ptr<Endpoint> endpoint(const QString& text);
-std::unique_ptr<Endpoint> endpoint(const QStringList& texts);
+/// The target that a text designates, or several texts together. Throws BadInput.
+std::unique_ptr<LinkTarget> target(const QString& text);
+std::unique_ptr<LinkTarget> target(const QStringList& texts);
 
 /// Every kind of link.
 const std::vector<LinkKind>& kinds();

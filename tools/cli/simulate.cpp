@@ -203,14 +203,14 @@ void Simulate::summarise(const Simulation& simulator, qint64 elapsed) const
 std::unique_ptr<Simulation> Simulate::simulation()
 {
     const auto chosen = settings();
-    const auto endpoint = linkregistry::endpoint(QString::fromStdString(link));
-    fields = endpoint->fields();
-    const QStringList unfit = chosen.faults.unfit(endpoint->faulty());
+    const auto target = linkregistry::target(QString::fromStdString(link));
+    fields = target->fields();
+    const QStringList unfit = chosen.faults.unfit(target->faulty());
     if (!unfit.isEmpty()) {
         throw BadInput(QStringLiteral("--fault: \"%1\" has no %2: leave it out")
                            .arg(QString::fromStdString(link), unfit.join(QStringLiteral(", "))));
     }
-    return endpoint->simulate(chosen);
+    return target->simulate(chosen);
 }
 
 int Simulate::run()

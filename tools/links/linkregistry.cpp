@@ -1,30 +1,29 @@
 // SPDX-License-Identifier: MIT
 #include "linkregistry.h"
 
-#include "links/osdendpoint.h"
-#include "links/serialendpoint.h"
-#include "links/udpendpoint.h"
-#include "links/usbendpoint.h"
+#include "osdtarget.h"
+#include "serialtarget.h"
 #include "toolerror.h"
+#include "udptarget.h"
+#include "usbtarget.h"
 
 const std::vector<LinkKind>& linkregistry::kinds()
 {
     static const std::vector<LinkKind> table{
-        {"udp", "udp://192.168.1.20:1000", "a device on the network", udpendpoint::parse,
-         udpendpoint::demonstrate},
+        {"udp", "udp://192.168.1.20:1000", "a device on the network", udptarget::parse,
+         udptarget::demonstrate},
         {"serial", "serial:///dev/ttyUSB0?baud=115200", "a device on a serial port",
-         serialendpoint::parse, serialendpoint::demonstrate},
-        {"vela", "vela:///dev/ttyS1", "a device of the second serial line",
-         serialendpoint::parseVela, serialendpoint::demonstrateVela},
-        {"usb", "usb://04b4:1008", "a USB HID device", usbendpoint::parse,
-         usbendpoint::demonstrate},
+         serialtarget::parse, serialtarget::demonstrate},
+        {"vela", "vela:///dev/ttyS1", "a device of the second serial line", serialtarget::parseVela,
+         serialtarget::demonstrateVela},
+        {"usb", "usb://04b4:1008", "a USB HID device", usbtarget::parse, usbtarget::demonstrate},
         {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint; may be several",
-         osdendpoint::parse, osdendpoint::demonstrate},
+         osdtarget::parse, osdtarget::demonstrate},
     };
     return table;
 }
 
-std::unique_ptr<Endpoint> linkregistry::endpoint(const QString& text)
+std::unique_ptr<LinkTarget> linkregistry::target(const QString& text)
 {
     const LinkAddress address = LinkAddress::parse(text);
     QStringList forms;
@@ -38,16 +37,16 @@ std::unique_ptr<Endpoint> linkregistry::endpoint(const QString& text)
                        .arg(address.scheme, forms.join(QStringLiteral(" or "))));
 }
 
-std::unique_ptr<Endpoint> linkregistry::endpoint(const QStringList& texts)
+std::unique_ptr<LinkTarget> linkregistry::target(const QStringList& texts)
 {
-    auto first = endpoint(texts.front());
+    auto first = target(texts.front());
     for (const QString& another : texts.mid(1)) {
         first->add(LinkAddress::parse(another));
     }
     return first;
 }
 
-void Endpoint::add(const LinkAddress& another)
+void LinkTarget::add(const LinkAddress& another)
 {
     another.refuse(QStringLiteral("only osd:// takes several links at once"));
 }

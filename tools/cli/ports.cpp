@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "links/serialendpoint.h"
 #include "output.h"
 #include "recordtext.h"
+#include "serialtarget.h"
 #include "toolerror.h"
 
 #include <CLI/CLI.hpp>
@@ -68,7 +68,7 @@ int Ports::run()
 {
     const QList<QSerialPortInfo> ports = QSerialPortInfo::availablePorts();
     for (const QSerialPortInfo& port : ports) {
-        const QString obstacle = serialendpoint::obstacle(port.systemLocation());
+        const QString obstacle = serialtarget::obstacle(port.systemLocation());
         if (json) {
             showJson(port, obstacle);
         } else {

@@ -22,13 +22,13 @@ void LinkOptions::addTo(CLI::App& app)
     app.add_flag("-v,--verbose", verbose, "show the library's debug lines on standard error");
 }
 
-std::unique_ptr<Endpoint> LinkOptions::endpoint() const
+std::unique_ptr<LinkTarget> LinkOptions::target() const
 {
     if (!deviceType.empty()) {
         Utility_Manage::setDeviceType(static_cast<model_GlobalEnum::DeviceType>(typed::number(
             QStringLiteral("--device-type"), deviceType, 0, std::numeric_limits<qint32>::max())));
     }
-    return linkregistry::endpoint(links());
+    return linkregistry::target(links());
 }
 
 QStringList LinkOptions::links() const

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-#include "udpendpoint.h"
+#include "udptarget.h"
 
 #include "commandframe.h"
 #include "corefactory.h"
 #include "corelink.h"
-#include "demo/devicedemo.h"
+#include "devicedemo.h"
 #include "icorebase.h"
-#include "simulator/udpsimulator.h"
 #include "toolerror.h"
 #include "udpports.h"
+#include "udpsimulator.h"
 #include "utility_manage.h"
 
 #include <cerrno>
@@ -50,10 +50,10 @@ QString obstacle(const QHostAddress& host, quint16 port)
     return reason;
 }
 
-class UdpEndpointAddress : public Endpoint
+class UdpTarget : public LinkTarget
 {
 public:
-    UdpEndpointAddress(LinkAddress written, const QHostAddress& address, quint16 number)
+    UdpTarget(LinkAddress written, const QHostAddress& address, quint16 number)
         : text(std::move(written)), host(address), port(number)
     {
     }
@@ -89,7 +89,7 @@ public:
                                .arg(text.text, target.toString(), reason));
         }
         std::unique_ptr<ICoreBase> core(CoreFactory::creatCoreObjInstance(ConnUdp));
-        const quint16 local = udpendpoint::localPort();
+        const quint16 local = udptarget::localPort();
         if (!udpports::isOurs(local)) {
             throw LinkDown(QStringLiteral("%1: replies come to local port %2, which %3 has; end it "
                                           "first, or, for simulated devices only, run: unshare "
@@ -118,19 +118,19 @@ private:
 
 } // namespace
 
-std::unique_ptr<Endpoint> udpendpoint::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> udptarget::parse(const LinkAddress& address)
 {
     address.allowOptions({});
     const auto target = address.ipTarget(hasFixedPort() ? fixedPort : devicePort);
-    return std::make_unique<UdpEndpointAddress>(address, target.host, target.port);
+    return std::make_unique<UdpTarget>(address, target.host, target.port);
 }
 
-bool udpendpoint::demonstrate(Narrator& narrator)
+bool udptarget::demonstrate(Narrator& narrator)
 {
     return devicedemo::run(narrator, QStringLiteral("udp://127.0.0.1:0"));
 }
 
-quint16 udpendpoint::localPort()
+quint16 udptarget::localPort()
 {
     return hasFixedPort() ? fixedPort : usualLocalPort;
 }

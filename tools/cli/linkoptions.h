@@ -22,7 +22,7 @@ public:
 
     /// Sets the host-wide device type and returns what the link's address designates. Throws
     /// BadInput.
-    std::unique_ptr<Endpoint> endpoint() const;
+    std::unique_ptr<LinkTarget> target() const;
 
     /// Starts the log and the watch on the library's debug lines. Throws BadInput.
     void startLog() const;

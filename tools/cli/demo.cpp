@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "demo/narrator.h"
 #include "linknotes.h"
 #include "linkregistry.h"
-#include "links/udpendpoint.h"
+#include "narrator.h"
 #include "networknamespace.h"
 #include "output.h"
 #include "scratch.h"
 #include "toolerror.h"
 #include "toollog.h"
 #include "udpports.h"
+#include "udptarget.h"
 #include "utility_manage.h"
 
 #include <CLI/CLI.hpp>
@@ -60,7 +60,7 @@ void Demo::makeRoom(Narrator& narrator)
     case networknamespace::Loopback::WasUp:
         break;
     }
-    const quint16 port = udpendpoint::localPort();
+    const quint16 port = udptarget::localPort();
     if (udpports::isFree(port)) {
         return;
     }

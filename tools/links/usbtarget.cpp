@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "usbendpoint.h"
+#include "usbtarget.h"
 
 #include "core_usb.h"
 #include "corelink.h"
-#include "demo/devicedemo.h"
-#include "demo/narrator.h"
+#include "devicedemo.h"
 #include "hidemulation.h"
 #include "hidnode.h"
-#include "simulator/emulatedhid.h"
+#include "emulatedhid.h"
+#include "narrator.h"
 #include "toolerror.h"
 #include "utility_manage.h"
 
@@ -73,10 +73,10 @@ private:
     bool warned = false;
 };
 
-class UsbEndpoint : public Endpoint
+class UsbTarget : public LinkTarget
 {
 public:
-    UsbEndpoint(LinkAddress written, quint16 vendor, quint16 product)
+    UsbTarget(LinkAddress written, quint16 vendor, quint16 product)
         : text(std::move(written)), vendorId(vendor), productId(product)
     {
     }
@@ -138,7 +138,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<Endpoint> usbendpoint::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> usbtarget::parse(const LinkAddress& address)
 {
     address.allowOptions({});
     static const QRegularExpression ids(
@@ -152,10 +152,10 @@ std::unique_ptr<Endpoint> usbendpoint::parse(const LinkAddress& address)
     const auto id = [&match](int group) {
         return static_cast<quint16>(match.captured(group).toUInt(nullptr, hexadecimal));
     };
-    return std::make_unique<UsbEndpoint>(address, id(1), id(2));
+    return std::make_unique<UsbTarget>(address, id(1), id(2));
 }
 
-bool usbendpoint::demonstrate(Narrator& narrator)
+bool usbtarget::demonstrate(Narrator& narrator)
 {
     const QString reason = hidemulation::obstacle();
     if (!reason.isEmpty()) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commandline.h"
 
-#include "commands/commands.h"
+#include "commands.h"
 #include "output.h"
 #include "toolerror.h"
 

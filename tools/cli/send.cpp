@@ -35,7 +35,7 @@ public:
 
 private:
     void readNumbers();
-    Command readCommand(const Endpoint& endpoint) const;
+    Command readCommand(const LinkTarget& target) const;
     qint64 repliesOf(const QString& device) const;
     bool enough() const;
     bool isOver(const DeviceLink& link) const;
@@ -127,17 +127,17 @@ void Send::takeReplies(DeviceLink& link)
     }
 }
 
-Command Send::readCommand(const Endpoint& endpoint) const
+Command Send::readCommand(const LinkTarget& target) const
 {
-    Command command = fields.read(endpoint.fields());
+    Command command = fields.read(target.fields());
     command.record.sendMode = broadcast ? 1 : 0;
     for (const std::string& address : to) {
         command.to << QString::fromStdString(address);
     }
-    if (!to.empty() && endpoint.fields() != FieldSet::OsdFrame) {
+    if (!to.empty() && target.fields() != FieldSet::OsdFrame) {
         throw BadInput(QStringLiteral("--to: only osd:// has several endpoints: leave it out"));
     }
-    endpoint.check(command);
+    target.check(command);
     return command;
 }
 
@@ -210,11 +210,11 @@ WaitEnd Send::waitForReplies(DeviceLink& link, const Interrupt& interrupt)
 int Send::run()
 {
     readNumbers();
-    const auto endpoint = options.endpoint();
-    Command command = readCommand(*endpoint);
+    const auto target = options.target();
+    Command command = readCommand(*target);
     options.startLog();
     const Interrupt interrupt;
-    const auto link = endpoint->open(broadcast);
+    const auto link = target->open(broadcast);
     devices = command.to.isEmpty() ? link->devices() : command.to;
     WaitEnd end = WaitEnd::TimeOut;
     const auto isSilent = [&] {

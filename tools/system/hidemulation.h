@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "simulator/simulatedlink.h"
+#include "simulatedlink.h"
 
 #include <memory>
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "hidemulation.h"
 
+#include "hidsimulator.h"
 #include "output.h"
 #include "scratch.h"
-#include "simulator/hidsimulator.h"
 #include "toolerror.h"
 
 #include <glib.h>

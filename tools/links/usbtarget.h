@@ -4,11 +4,11 @@
 #include "linkregistry.h"
 
 /// usb://VENDOR:PRODUCT, the first USB HID device with these ids, four hexadecimal digits each.
-namespace usbendpoint
+namespace usbtarget
 {
 
-std::unique_ptr<Endpoint> parse(const LinkAddress& address); ///< throws BadInput
+std::unique_ptr<LinkTarget> parse(const LinkAddress& address); ///< throws BadInput
 
 bool demonstrate(Narrator& narrator);
 
-} // namespace usbendpoint
+} // namespace usbtarget

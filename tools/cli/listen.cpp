@@ -93,10 +93,10 @@ bool Listen::look(DeviceLink& link, const Interrupt& interrupt)
 int Listen::run()
 {
     duration.read();
-    const auto endpoint = options.endpoint();
+    const auto target = options.target();
     options.startLog();
     const Interrupt interrupt;
-    const auto link = endpoint->open(false);
+    const auto link = target->open(false);
     clock.start();
     output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(options.link()));
     waitFor([&] { return look(*link, interrupt); }, duration.limit(), interrupt);
