@@ -28,10 +28,10 @@ TEST(OsdLink, SendsAgainWhatAThreadDroppedThatHadNotNoticedItsConnection)
     OsdPeer peer(address.toLatin1().constData());
     int looks = 0;
     bool tellsTheTruth = false;
-    const auto early = [&]() -> std::vector<tcpconnections::Connection> {
+    const auto early = [&]() -> std::vector<sockets::Connection> {
         ++looks;
         if (tellsTheTruth) {
-            return tcpconnections::established();
+            return sockets::established();
         }
         return {{QHostAddress(address), peer.port(), false}};
     };
@@ -59,7 +59,7 @@ TEST(OsdLink, SendsNothingTwice)
 {
     OsdPeer peer(address.toLatin1().constData());
     const auto late = [] {
-        auto seen = tcpconnections::established();
+        auto seen = sockets::established();
         std::this_thread::sleep_for(std::chrono::milliseconds(30)); // it is sent meanwhile
         return seen;
     };

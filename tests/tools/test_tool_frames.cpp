@@ -129,7 +129,7 @@ TEST(Encode, ReadsStandardInputToItsEnd)
     EXPECT_EQ(run.output.mid(19), most);
     const ToolRun tooLong(arguments, most + 'm');
     EXPECT_EQ(tooLong.code, 2);
-    EXPECT_TRUE(tooLong.error.contains(QStringLiteral("give at most 65535")));
+    EXPECT_TRUE(tooLong.error.contains(QStringLiteral("(expected 0 to 65535 bytes)")));
 }
 
 TEST(Decode, ReadsStandardInputToItsEnd)

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "commandline.h"
-
 #include "commands.h"
+
 #include "output.h"
 #include "toolerror.h"
 
@@ -17,12 +16,14 @@ namespace
 
 QString withoutSubcommand(const CLI::App& application)
 {
-    const QString right = QStringLiteral("give one of demo, send, listen, simulate, ports, "
-                                         "devices, encode, decode first");
+    QStringList names;
+    for (const CLI::App* subcommand : application.get_subcommands({})) {
+        names << QString::fromStdString(subcommand->get_name());
+    }
     const std::vector<std::string> unknown = application.remaining();
-    return unknown.empty() ? right
-                           : QStringLiteral("\"%1\" is no subcommand: %2")
-                                 .arg(QString::fromStdString(unknown.front()), right);
+    const QString given = unknown.empty() ? QString() : QString::fromStdString(unknown.front());
+    return QString::fromUtf8(
+        BadInput(QStringLiteral("subcommand"), given, names.join(QStringLiteral(", "))).what());
 }
 
 // CLI11's own words, on one line, where they say what is wrong.

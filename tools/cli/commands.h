@@ -8,6 +8,16 @@ namespace CLI
 class App;
 }
 
+/// The command line as a whole.
+namespace commandline
+{
+
+/// Parses the command line and runs its subcommand. Returns the exit code; what is wrong has been
+/// said then.
+int run(int argc, char** argv);
+
+} // namespace commandline
+
 /// The subcommands of coremanage. Each function adds one to the application; what it returns runs
 /// it once the command line has been parsed, and gives the exit code or throws ToolError.
 namespace commands

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "commandline.h"
+#include "commands.h"
 #include "hidemulation.h"
 
 #include <QCoreApplication>

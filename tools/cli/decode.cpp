@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "commandfields.h"
 #include "commandframe.h"
+#include "options.h"
 #include "osdframe.h"
 #include "output.h"
 #include "recordtext.h"
 #include "replykinds.h"
 #include "toolerror.h"
 
-#include <CLI/CLI.hpp>
-
 #include <QRegularExpression>
+
+#include <memory>
+#include <numeric>
 
 namespace
 {
@@ -20,7 +21,6 @@ namespace
 struct Verdict {
     QString form; // what it is
     Command command;
-    FieldSet fields = FieldSet::TextBody;
     QString wrong; // empty: it is valid
 };
 
@@ -38,15 +38,11 @@ QString wrongLength(int announced, int has)
                : QStringLiteral("it announces %1 block bytes and has %2").arg(announced).arg(has);
 }
 
-// A reply that stands alone may have its block in another datagram.
 QString wrongBlockOfReply(const model_Protocoldata& reply)
 {
     using replykinds::Block;
     const replykinds::Kind kind = replykinds::kindOf(reply);
     const int has = reply.arryDatablock.size();
-    if (has == 0) {
-        return {};
-    }
     if (kind.onStream == Block::None || kind.onStream == Block::Immediate) {
         return QStringLiteral("a reply of its kind has no block, and %1 bytes follow it").arg(has);
     }
@@ -61,179 +57,145 @@ QString wrongBlockOfReply(const model_Protocoldata& reply)
                          .arg(has);
 }
 
-// A command without a block may have anything in the fields that announce its length.
-QString wrongBlockOfCommand(const model_Protocoldata& command)
+void judgeText(const QByteArray& frame, Verdict& verdict)
 {
-    const int has = command.arryDatablock.size();
-    return has == 0 ? QString() : wrongLength(replykinds::announcedLength(command), has);
-}
-
-Verdict judgeText(const QByteArray& frame)
-{
-    Verdict verdict;
-    if (frame.size() < commandframe::textLength) {
-        verdict.wrong = QStringLiteral("a text frame has at least %1 bytes, this has %2")
-                            .arg(commandframe::textLength)
-                            .arg(frame.size());
-        return verdict;
-    }
     const bool isReply = frame.at(1) == commandframe::replyMark;
     if (frame.at(0) != commandframe::startMark ||
         (!isReply && frame.at(1) != commandframe::commandMark)) {
         verdict.wrong = QStringLiteral("a text frame begins with <T or <F (binary: --binary)");
-        return verdict;
+        return;
     }
     verdict.form = isReply ? QStringLiteral("reply") : QStringLiteral("command");
-    const bool valid = commandframe::decodeText(frame, verdict.command.record);
-    verdict.command.record.arryDatablock = frame.mid(commandframe::textLength);
+    model_Protocoldata& record = verdict.command.record;
+    const bool valid = commandframe::decodeText(frame, record);
+    record.arryDatablock = frame.mid(commandframe::textLength);
     static const QRegularExpression hexadecimal(QStringLiteral("^[0-9a-fA-F]{16}$"));
     const QString digits = commandframe::digitsOf(frame);
     constexpr int checksumAt = 14;
     if (!hexadecimal.match(digits).hasMatch()) {
         verdict.wrong = QStringLiteral("its digits are not all hexadecimal");
     } else if (!valid) {
-        verdict.wrong =
-            wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), verdict.command.record.CHKSUM);
+        verdict.wrong = wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), record.CHKSUM);
     } else if (frame.at(commandframe::textLength - 1) != commandframe::endMark) {
         verdict.wrong = QStringLiteral("it does not end with >");
-    } else {
-        verdict.wrong = isReply ? wrongBlockOfReply(verdict.command.record)
-                                : wrongBlockOfCommand(verdict.command.record);
-    }
-    return verdict;
-}
-
-Verdict judgeBinary(const QByteArray& frame)
-{
-    Verdict verdict;
-    verdict.fields = FieldSet::BinaryHead;
-    if (frame.size() < commandframe::binaryLength) {
-        verdict.wrong = QStringLiteral("a binary frame has at least %1 bytes, this has %2")
-                            .arg(commandframe::binaryLength)
-                            .arg(frame.size());
-        return verdict;
-    }
-    verdict.form = QStringLiteral("binary");
-    const bool valid = commandframe::decodeBinary(frame, verdict.command.record);
-    verdict.command.record.arryDatablock = frame.mid(commandframe::binaryLength);
-    if (!valid) {
-        int sum = 0;
-        for (const char byte : frame.left(commandframe::binaryLength - 1)) {
-            sum += static_cast<quint8>(byte);
-        }
-        verdict.wrong = wrongChecksum(verdict.command.record.CHKSUM, sum & 0xff);
-    } else {
+    } else if (!record.arryDatablock.isEmpty()) { // it may be in another datagram, or not be sent
         verdict.wrong =
-            wrongLength(verdict.command.record.aux6, verdict.command.record.arryDatablock.size());
+            isReply ? wrongBlockOfReply(record)
+                    : wrongLength(replykinds::announcedLength(record), record.arryDatablock.size());
     }
-    return verdict;
 }
 
-// Neither of them carries a mark, a length or a checksum: there is only the size to be wrong.
-Verdict judgeOsd(const QByteArray& frame)
+void judgeBinary(const QByteArray& frame, Verdict& verdict)
 {
-    constexpr int shortest = osdframe::headLength + osdframe::tailLength;
+    verdict.form = QStringLiteral("binary");
+    model_Protocoldata& record = verdict.command.record;
+    const bool valid = commandframe::decodeBinary(frame, record);
+    record.arryDatablock = frame.mid(commandframe::binaryLength);
+    if (!valid) {
+        const QByteArray summed = frame.left(commandframe::binaryLength - 1);
+        const int sum = std::accumulate(summed.begin(), summed.end(), 0);
+        verdict.wrong = wrongChecksum(record.CHKSUM, sum & 0xff);
+    } else {
+        verdict.wrong = wrongLength(record.aux6, record.arryDatablock.size());
+    }
+}
+
+Verdict judge(const QByteArray& frame, FieldSet fields)
+{
+    const struct {
+        int leastBytes;
+        QString name;
+        QString hint;
+    } forms[] = {
+        {commandframe::textLength, QStringLiteral("a text frame"), {}},
+        {commandframe::binaryLength, QStringLiteral("a binary frame"), {}},
+        {osdframe::headLength + osdframe::tailLength, QStringLiteral("a command"),
+         QStringLiteral(" (an acknowledgement is OK and one byte)")},
+    };
+    const auto& form = forms[fields == FieldSet::OsdFrame     ? 2
+                             : fields == FieldSet::BinaryHead ? 1
+                                                              : 0];
     Verdict verdict;
-    verdict.fields = FieldSet::OsdFrame;
-    if (frame.size() < shortest) {
-        verdict.wrong = QStringLiteral("a command has at least %1 bytes, this has %2 (an "
-                                       "acknowledgement is OK and one byte)")
-                            .arg(shortest)
-                            .arg(frame.size());
-        return verdict;
+    if (frame.size() < form.leastBytes) {
+        verdict.wrong = QStringLiteral("%1 has at least %2 bytes, this has %3%4")
+                            .arg(form.name)
+                            .arg(form.leastBytes)
+                            .arg(frame.size())
+                            .arg(form.hint);
+    } else if (fields == FieldSet::OsdFrame) { // no mark, length or checksum can be wrong
+        verdict.form = QStringLiteral("command");
+        verdict.command = recordtext::osdCommand(frame);
+    } else if (fields == FieldSet::BinaryHead) {
+        judgeBinary(frame, verdict);
+    } else {
+        judgeText(frame, verdict);
     }
-    verdict.form = QStringLiteral("command");
-    verdict.command = recordtext::osdCommand(frame);
     return verdict;
 }
 
-class Decode
-{
-public:
-    explicit Decode(CLI::App& application);
-
-    CLI::App* parser;
-    int run();
-
-private:
-    QByteArray frame() const;
-    int showAcknowledgement(const QByteArray& bytes) const;
-
+struct Decode {
     std::string input;
     bool binary = false;
     bool osd = false;
     bool raw = false;
     bool json = false;
-};
 
-Decode::Decode(CLI::App& application)
-    : parser(application.add_subcommand("decode", "Read a frame, without a device"))
-{
-    parser->add_option("frame", input, "<T... or <F..., hexadecimal digits, @FILE, or -")
-        ->type_name("FRAME")
-        ->required();
-    auto* binaryFlag =
-        parser->add_flag("--binary", binary, "a binary frame of vela:// instead of a text frame");
-    parser->add_flag("--osd", osd, "a command of osd:// instead, or OK and a byte")
-        ->excludes(binaryFlag);
-    parser->add_flag("--raw", raw,
-                     "take a file as it is, even if it looks like hexadecimal digits");
-    parser->add_flag("--json", json, "print one JSON object");
-    parser->footer(
-        "@FILE is a file, - is standard input: the frame's bytes, or hexadecimal digits.\n"
-        "\nExamples:\n"
-        "  coremanage decode '<F010203040506071c>'\n"
-        "  coremanage decode 3c46303130323033303430353036303731633e\n"
-        "  coremanage decode --binary @captured.bin --json\n"
-        "  coremanage decode --osd 4f4b01\n"
-        "\nExit codes: 0 a valid frame, 1 no valid frame, 2 wrong input.");
-}
+    int run() const;
+    QByteArray frame() const;
+    void showAcknowledgement(const QByteArray& bytes) const;
+};
 
 QByteArray Decode::frame() const
 {
     const QString option = QStringLiteral("frame");
-    QByteArray text = QByteArray::fromStdString(input);
-    if (!binary && !osd && text.startsWith(commandframe::startMark)) {
-        return text;
+    const QString text = QString::fromStdString(input);
+    if (!binary && !osd && text.startsWith(QLatin1Char(commandframe::startMark))) {
+        return QByteArray::fromStdString(input);
     }
-    if (text != "-" && !text.startsWith('@')) {
-        return typed::bytes(option, input, typed::mostFile);
+    if (text != QLatin1String("-") && !text.startsWith(QLatin1Char('@'))) {
+        return typed::bytes(option, text, typed::fileLimit);
     }
     const QByteArray content = typed::file(
-        option, QString::fromStdString(text == "-" ? input : input.substr(1)), typed::mostFile);
+        option, text.startsWith(QLatin1Char('@')) ? text.mid(1) : text, typed::fileLimit);
     static const QRegularExpression digits(QStringLiteral("^[0-9a-fA-F\\s]+$"));
-    const bool looksLikeDigits = digits.match(QString::fromLatin1(content)).hasMatch();
-    return raw || !looksLikeDigits ? content
-                                   : typed::bytes(option, content.toStdString(), typed::mostFile);
+    const QString typedDigits = QString::fromLatin1(content);
+    return raw || !digits.match(typedDigits).hasMatch()
+               ? content
+               : typed::bytes(option, typedDigits, typed::fileLimit);
 }
 
-int Decode::showAcknowledgement(const QByteArray& bytes) const
+void Decode::showAcknowledgement(const QByteArray& bytes) const
 {
     const auto status = static_cast<quint8>(bytes.back());
-    output::line(json ? recordtext::oneLine({{QStringLiteral("form"), QStringLiteral("reply")},
-                                             {QStringLiteral("status"), status},
-                                             {QStringLiteral("valid"), true}})
-                      : QStringLiteral("reply OK %1").arg(status, 2, 16, QLatin1Char('0')));
-    return exitcode::success;
+    if (json) {
+        output::json({{QStringLiteral("form"), QStringLiteral("reply")},
+                      {QStringLiteral("status"), status},
+                      {QStringLiteral("valid"), true}});
+    } else {
+        output::line(QStringLiteral("reply OK ") + recordtext::hex(status));
+    }
 }
 
-int Decode::run()
+int Decode::run() const
 {
     const QByteArray bytes = frame();
     if (osd && bytes.size() == osdframe::acknowledgementLength &&
         bytes.startsWith(osdframe::acknowledgementMark)) {
-        return showAcknowledgement(bytes);
+        showAcknowledgement(bytes);
+        return exitcode::success;
     }
-    const Verdict verdict = osd ? judgeOsd(bytes) : binary ? judgeBinary(bytes) : judgeText(bytes);
+    const FieldSet fields = osd      ? FieldSet::OsdFrame
+                            : binary ? FieldSet::BinaryHead
+                                     : FieldSet::TextBody;
+    const Verdict verdict = judge(bytes, fields);
     if (!verdict.form.isEmpty() && json) {
-        QJsonObject object = recordtext::json(verdict.command, verdict.fields);
+        QJsonObject object = recordtext::json(verdict.command, fields);
         object.insert(QStringLiteral("form"), verdict.form);
         object.insert(QStringLiteral("valid"), verdict.wrong.isEmpty());
-        output::line(recordtext::oneLine(object));
+        output::json(object);
     } else if (!verdict.form.isEmpty()) {
-        output::line(verdict.form + QLatin1Char(' ') +
-                     recordtext::line(verdict.command, verdict.fields));
-        output::raw(recordtext::dump(recordtext::block(verdict.command, verdict.fields)).toUtf8());
+        output::line(verdict.form + QLatin1Char(' ') + recordtext::line(verdict.command, fields));
+        output::raw(recordtext::dump(recordtext::block(verdict.command, fields)).toUtf8());
     }
     if (!verdict.wrong.isEmpty()) {
         throw ToolError(exitcode::failed, QStringLiteral("no valid frame: ") + verdict.wrong);
@@ -245,6 +207,25 @@ int Decode::run()
 
 commands::Subcommand commands::addDecode(CLI::App& application)
 {
-    const auto decode = std::make_shared<Decode>(application);
-    return {decode->parser, [decode] { return decode->run(); }};
+    auto* parser = application.add_subcommand("decode", "Read a frame, without a device");
+    const auto decode = std::make_shared<Decode>();
+    parser->add_option("frame", decode->input, "<T... or <F..., hexadecimal digits, @FILE, or -")
+        ->type_name("FRAME")
+        ->required();
+    auto* binary = parser->add_flag("--binary", decode->binary,
+                                    "a binary frame of vela:// instead of a text frame");
+    parser->add_flag("--osd", decode->osd, "a command of osd:// instead, or OK and a byte")
+        ->excludes(binary);
+    parser->add_flag("--raw", decode->raw,
+                     "take a file as it is, even if it looks like hexadecimal digits");
+    parser->add_flag("--json", decode->json, "print one JSON object");
+    parser->footer(
+        "@FILE is a file, - is standard input: the frame's bytes, or hexadecimal digits.\n"
+        "\nExamples:\n"
+        "  coremanage decode '<F010203040506071c>'\n"
+        "  coremanage decode 3c46303130323033303430353036303731633e\n"
+        "  coremanage decode --binary @captured.bin --json\n"
+        "  coremanage decode --osd 4f4b01\n"
+        "\nExit codes: 0 a valid frame, 1 no valid frame, 2 wrong input.");
+    return {parser, [decode] { return decode->run(); }};
 }

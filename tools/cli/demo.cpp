@@ -5,50 +5,27 @@
 #include "linkregistry.h"
 #include "narrator.h"
 #include "networknamespace.h"
+#include "options.h"
 #include "output.h"
-#include "scratch.h"
+#include "sockets.h"
 #include "toolerror.h"
-#include "toollog.h"
-#include "udpports.h"
-#include "udptarget.h"
-#include "utility_manage.h"
-
-#include <CLI/CLI.hpp>
+#include "toolfiles.h"
 
 namespace
 {
 
-constexpr qint64 mostScratch = qint64{4} * 1024 * 1024; // the log and the simulated devices' files
+constexpr qint64 roomNeeded = qint64{4} * 1024 * 1024; // the log and the simulated devices' files
 
-class Demo
-{
-public:
-    explicit Demo(CLI::App& application);
-
-    CLI::App* parser;
-    int run();
-
-private:
-    static void makeRoom(Narrator& narrator);
-
+struct Demo {
     std::string log;
     bool verbose = false;
-};
 
-Demo::Demo(CLI::App& application)
-    : parser(application.add_subcommand("demo", "Watch the links at work with simulated devices"))
-{
-    parser->add_option("--log", log, "log file of the links (a temporary one)")->type_name("FILE");
-    parser->add_flag("-v,--verbose", verbose, "show the library's debug lines on standard error");
-    parser->footer("Needs no device, no rights and no network: everything happens on this "
-                   "machine's loopback.\n"
-                   "\nExit codes: 0 everything happened as it was said, 1 something did not,\n"
-                   "2 wrong input, 3 a link could not be opened.");
-}
+    int run() const;
+};
 
 // Replies over UDP come to one fixed port: where another program has it, a network of one's own
 // has it free.
-void Demo::makeRoom(Narrator& narrator)
+void findNetwork(Narrator& narrator)
 {
     switch (networknamespace::raiseLoopback()) {
     case networknamespace::Loopback::IsDown:
@@ -61,10 +38,10 @@ void Demo::makeRoom(Narrator& narrator)
         break;
     }
     const quint16 port = udptarget::localPort();
-    if (udpports::isFree(port)) {
+    if (sockets::isFree(port)) {
         return;
     }
-    const QString holder = udpports::holder(port);
+    const QString holder = sockets::holder(port);
     if (!networknamespace::enter()) {
         throw LinkDown(QStringLiteral("local port %1, which replies come to, is taken by %2, and "
                                       "this system allows no network namespace: end that program "
@@ -78,24 +55,35 @@ void Demo::makeRoom(Narrator& narrator)
                         .arg(holder));
 }
 
-int Demo::run()
+void show(Narrator& narrator, const LinkKind& kind)
+{
+    narrator.say(
+        QStringLiteral("%1://, %2").arg(QLatin1String(kind.scheme), QLatin1String(kind.describes)));
+    const QString obstacle =
+        linkregistry::target(QString(QLatin1String(kind.demoLink)))->simulationObstacle();
+    if (!obstacle.isEmpty()) {
+        narrator.detail(QStringLiteral("Not shown: ") + obstacle);
+    } else if (kind.fields == FieldSet::OsdFrame) {
+        osddemo::run(narrator);
+    } else {
+        devicedemo::run(narrator, kind);
+    }
+}
+
+int Demo::run() const
 {
     if (log.empty()) {
-        scratch::require(mostScratch);
-        toollog::chooseTemporary();
+        toolfiles::requireRoom(roomNeeded);
+        toolfiles::startTemporaryLog();
     } else {
-        toollog::choose(QString::fromStdString(log));
+        toolfiles::startLog(QString::fromStdString(log));
     }
     linknotes::install(verbose);
     const Interrupt interrupt;
     Narrator narrator(interrupt);
-    makeRoom(narrator);
+    findNetwork(narrator);
     for (const LinkKind& kind : linkregistry::kinds()) {
-        if (!interrupt.happened()) {
-            narrator.say(QStringLiteral("%1://, %2")
-                             .arg(QLatin1String(kind.scheme), QLatin1String(kind.describes)));
-            kind.demonstrate(narrator);
-        }
+        narrator.run({[&] { show(narrator, kind); }});
     }
     output::checkLoss();
     if (interrupt.happened()) {
@@ -113,6 +101,16 @@ int Demo::run()
 
 commands::Subcommand commands::addDemo(CLI::App& application)
 {
-    const auto demo = std::make_shared<Demo>(application);
-    return {demo->parser, [demo] { return demo->run(); }};
+    auto* parser =
+        application.add_subcommand("demo", "Watch the links at work with simulated devices");
+    const auto demo = std::make_shared<Demo>();
+    parser->add_option("--log", demo->log, "log file of the links (a temporary one)")
+        ->type_name("FILE");
+    parser->add_flag("-v,--verbose", demo->verbose,
+                     "show the library's debug lines on standard error");
+    parser->footer("Needs no device, no rights and no network: everything happens on this "
+                   "machine's loopback.\n"
+                   "\nExit codes: 0 everything happened as it was said, 1 something did not,\n"
+                   "2 wrong input, 3 a link could not be opened.");
+    return {parser, [demo] { return demo->run(); }};
 }

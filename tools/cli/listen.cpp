@@ -1,60 +1,37 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "commandfields.h"
-#include "duration.h"
+#include "link.h"
 #include "linknotes.h"
-#include "linkoptions.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
-#include "waiting.h"
 
-#include <CLI/CLI.hpp>
+#include <QElapsedTimer>
 
 namespace
 {
 
-class Listen
-{
-public:
-    explicit Listen(CLI::App& application);
-
-    CLI::App* parser;
-    int run();
-
-private:
-    bool look(DeviceLink& link, const Interrupt& interrupt);
-    void show(const Reply& reply) const;
-    void showRefusals(const Interrupt& interrupt) const;
-
-    LinkOptions options;
+struct Listen {
+    LinkOptions link;
     Duration duration;
     bool json = false;
     qint64 shown = 0;
     QElapsedTimer clock;
-};
 
-Listen::Listen(CLI::App& application)
-    : parser(application.add_subcommand("listen", "Show replies as they come, one line each"))
-{
-    options.addTo(*parser);
-    duration.addTo(*parser, "replies");
-    parser->add_flag("--json", json, "print one JSON object a line");
-    parser->footer("Links:\n" + linkregistry::help().toStdString() +
-                   "\nCtrl-C ends it. On udp:// every sender is listened to.\n"
-                   "\nExamples:\n"
-                   "  coremanage listen udp://192.168.1.20:1000\n"
-                   "  coremanage listen udp://192.168.1.20 --json --for 60 > replies.jsonl\n"
-                   "  coremanage listen osd://10.0.0.5 osd://10.0.0.6\n"
-                   "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
-                   "the link was lost, 2 wrong input, 3 the link could not be opened.");
-}
+    int run();
+    bool look(DeviceLink& open, const Interrupt& interrupt);
+    void show(const Reply& reply) const;
+    void showRefusals(const Interrupt& interrupt) const;
+};
 
 void Listen::show(const Reply& reply) const
 {
-    output::line(json ? recordtext::oneLine(reply.json)
-                      : recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
+    if (json) {
+        output::json(reply.json);
+    } else {
+        output::line(recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
+    }
 }
 
 void Listen::showRefusals(const Interrupt& interrupt) const
@@ -65,16 +42,16 @@ void Listen::showRefusals(const Interrupt& interrupt) const
         if (interrupt.happened()) {
             return;
         }
-        output::error(begin + refusal.text(options.link()));
+        output::error(begin + refusal.text(link.link()));
     }
     if (refusals.more > 0) {
         output::error(begin + QStringLiteral("%1 more").arg(refusals.more));
     }
 }
 
-bool Listen::look(DeviceLink& link, const Interrupt& interrupt)
+bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
 {
-    for (const Reply& reply : link.takeReplies()) {
+    for (const Reply& reply : open.takeReplies()) {
         if (duration.reached(shown) || interrupt.happened()) {
             return true;
         }
@@ -82,31 +59,30 @@ bool Listen::look(DeviceLink& link, const Interrupt& interrupt)
         show(reply);
     }
     showRefusals(interrupt);
-    for (QString text = link.warning(); !text.isEmpty(); text = link.warning()) {
+    for (QString text = open.warning(); !text.isEmpty(); text = open.warning()) {
         output::error(recordtext::timeOfDay() + QLatin1Char(' ') + text);
     }
     output::progress(
         QStringLiteral("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
-    return duration.reached(shown) || !link.problem().isEmpty();
+    return duration.reached(shown) || !open.problem().isEmpty();
 }
 
 int Listen::run()
 {
-    duration.read();
-    const auto target = options.target();
-    options.startLog();
+    const auto target = link.target();
+    link.startLog();
     const Interrupt interrupt;
-    const auto link = target->open(false);
+    const auto open = target->open(false);
     clock.start();
-    output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(options.link()));
-    waitFor([&] { return look(*link, interrupt); }, duration.limit(), interrupt);
+    output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(link.link()));
+    waitFor([&] { return look(*open, interrupt); }, duration.limit(), interrupt);
     output::endProgress();
     output::error(QStringLiteral("%1 replies in %2 s")
                       .arg(shown)
                       .arg(static_cast<double>(clock.elapsed()) / 1000.0));
-    if (!link->problem().isEmpty()) {
-        throw ToolError(link->wasOpen() ? exitcode::failed : exitcode::linkDown,
-                        options.link() + QStringLiteral(": ") + link->problem());
+    if (!open->problem().isEmpty()) {
+        throw ToolError(open->wasOpen() ? exitcode::failed : exitcode::linkDown,
+                        link.link() + QStringLiteral(": ") + open->problem());
     }
     return duration.fellShort(shown, interrupt.happened()) ? exitcode::failed : exitcode::success;
 }
@@ -115,6 +91,18 @@ int Listen::run()
 
 commands::Subcommand commands::addListen(CLI::App& application)
 {
-    const auto listen = std::make_shared<Listen>(application);
-    return {listen->parser, [listen] { return listen->run(); }};
+    auto* parser = application.add_subcommand("listen", "Show replies as they come, one line each");
+    const auto listen = std::make_shared<Listen>();
+    listen->link.addTo(*parser);
+    listen->duration.addTo(*parser, "replies");
+    parser->add_flag("--json", listen->json, "print one JSON object a line");
+    parser->footer("Links:\n" + linkregistry::help().toStdString() +
+                   "\nCtrl-C ends it. On udp:// every sender is listened to.\n"
+                   "\nExamples:\n"
+                   "  coremanage listen udp://192.168.1.20:1000\n"
+                   "  coremanage listen udp://192.168.1.20 --json --for 60 > replies.jsonl\n"
+                   "  coremanage listen osd://10.0.0.5 osd://10.0.0.6\n"
+                   "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
+                   "the link was lost, 2 wrong input, 3 the link could not be opened.");
+    return {parser, [listen] { return listen->run(); }};
 }

@@ -3,142 +3,90 @@
 
 #include "commandfields.h"
 #include "linknotes.h"
-#include "linkoptions.h"
+#include "options.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
-#include "waiting.h"
 
-#include <CLI/CLI.hpp>
-
+#include <QElapsedTimer>
 #include <QJsonArray>
 
 #include <algorithm>
-#include <limits>
 
 namespace
 {
 
-constexpr qint64 mostMilliseconds = 3'600'000;
-constexpr qint64 mostTries = 1000;
-constexpr qint64 mostReplies = 1000000;
-constexpr int mostRefusalsShown = 5;
-constexpr qint64 progressAfter = 300; // ms: a quick reply shows none
+constexpr int refusalsShown = 5;
+constexpr qint64 progressAfterMs = 300; // a quick reply shows none
 
-class Send
-{
-public:
-    explicit Send(CLI::App& application);
-
-    CLI::App* parser;
-    int run();
-
-private:
-    void readNumbers();
-    Command readCommand(const LinkTarget& target) const;
-    qint64 repliesOf(const QString& device) const;
-    bool enough() const;
-    bool isOver(const DeviceLink& link) const;
-    QStringList silentDevices(const DeviceLink& link) const;
-    WaitEnd waitForReplies(DeviceLink& link, const Interrupt& interrupt);
-    void takeReplies(DeviceLink& link);
-    int report(const DeviceLink& link, const Command& command, WaitEnd end);
-    void printJson(const DeviceLink& link, const Command& command, bool ok) const;
-    QString refused() const;
-    QString failure(const DeviceLink& link, WaitEnd end) const;
-    QString failuresOfDevices(const DeviceLink& link) const;
-
-    LinkOptions options;
+struct Send {
+    LinkOptions linkOptions;
     CommandFields fields;
     std::vector<std::string> to;
     bool broadcast = false;
     bool json = false;
-    std::string timeoutText = "2000";
-    std::string triesText = "1";
-    std::string repliesText;
-    std::chrono::milliseconds timeout{0};
+    qint64 timeoutMs = 2000;
     qint64 tries = 1;
-    qint64 wanted = 1;
+    qint64 repliesGiven = 0; // --replies; 0: not given
 
+    int run();
+
+private:
+    void prepare();
+    qint64 repliesOf(const QString& device) const;
+    bool hasReplied(const QString& device) const { return repliesOf(device) >= wanted; }
+    bool enough() const;
+    bool isOver() const;
+    QStringList silentDevices() const;
+    WaitEnd waitForReplies(const Interrupt& interrupt);
+    void takeReplies();
+    int report(WaitEnd end) const;
+    void print() const;
+    void printJson(bool ok) const;
+    QString failure(WaitEnd end) const;
+    QString failuresOfDevices() const;
+
+    QString link; // as written
+    std::unique_ptr<LinkTarget> target;
+    DeviceLink* open = nullptr; // while run runs
+    Command command;
+    qint64 wanted = 1;   // replies, of each device; 0: as many as come
     QStringList devices; // that are each to reply; empty: whoever does
     std::vector<Reply> replies;
     QStringList strangers; // who else answered
     qint64 tried = 0;
-    qint64 elapsed = 0; // ms
+    qint64 elapsedMs = 0;
 };
 
-Send::Send(CLI::App& application)
-    : parser(application.add_subcommand("send", "Send one command and show the reply"))
+// Everything that can be wrong input, before the link is opened.
+void Send::prepare()
 {
-    options.addTo(*parser);
-    fields.addTo(*parser);
-    parser->add_flag("--broadcast", broadcast,
-                     "send to every device of the network, not to LINK's address, and show who "
-                     "answers until the time-out");
-    parser->add_option("--to", to, "only to these of several endpoints, by address")
-        ->type_name("ADDRESS")
-        ->delimiter(',');
-    parser->add_option("--timeout", timeoutText, "wait for a reply, ms; 0: do not wait (2000)")
-        ->type_name("MS");
-    parser->add_option("--tries", triesText, "send again up to so many times in all (1)")
-        ->type_name("N");
-    parser
-        ->add_option("--replies", repliesText,
-                     "wait for so many replies, of each endpoint (1; --broadcast: all)")
-        ->type_name("N");
-    parser->add_flag("--json", json, "print one JSON object");
-    parser->footer("Links:\n" + linkregistry::help().toStdString() +
-                   "\nNumbers are decimal, or hexadecimal after 0x.\n"
-                   "\nExamples:\n"
-                   "  coremanage send udp://192.168.1.20:1000 --cmd 0x8b --dat1 5\n"
-                   "  coremanage send udp://192.168.1.20 --cmd 0x9a --block @firmware.bin\n"
-                   "  coremanage send udp://192.168.1.20 --cmd 1 --tries 3 --timeout 500 --json\n"
-                   "  coremanage send udp://255.255.255.255 --cmd 1 --broadcast\n"
-                   "  coremanage send osd://10.0.0.5 osd://10.0.0.6 --ch2 1 --text 'Gate 7'\n"
-                   "\nExit codes: 0 replied (or sent, with --timeout 0), 1 no reply or not sent,\n"
-                   "2 wrong input and nothing sent, 3 the link could not be opened. Several\n"
-                   "endpoints: 0 all did, 1 some did not, 3 none could be reached.");
-}
-
-void Send::readNumbers()
-{
-    timeout = std::chrono::milliseconds(
-        typed::number(QStringLiteral("--timeout"), timeoutText, 0, mostMilliseconds));
-    tries = typed::number(QStringLiteral("--tries"), triesText, 1, mostTries);
-    wanted = broadcast ? std::numeric_limits<qint64>::max() : 1;
-    if (!repliesText.empty()) {
-        wanted = typed::number(QStringLiteral("--replies"), repliesText, 1, mostReplies);
-    }
-    if (timeout.count() == 0 && (tries > 1 || !repliesText.empty())) {
+    if (timeoutMs == 0 && (tries > 1 || repliesGiven > 0)) {
         throw BadInput(
             QStringLiteral("%1: --timeout 0 waits for no reply: leave one of them out")
                 .arg(tries > 1 ? QStringLiteral("--tries") : QStringLiteral("--replies")));
     }
+    wanted = repliesGiven > 0 ? repliesGiven : broadcast ? 0 : 1;
+    link = linkOptions.link();
+    target = linkOptions.target();
+    command = fields.read(target->kind().fields);
+    command.record.sendMode = broadcast ? 1 : 0;
+    for (const std::string& address : to) {
+        command.to << QString::fromStdString(address);
+    }
+    target->check(command);
+    linkOptions.startLog();
 }
 
-void Send::takeReplies(DeviceLink& link)
+void Send::takeReplies()
 {
-    for (Reply& reply : link.takeReplies()) {
-        if (link.isFromDevice(reply)) {
+    for (Reply& reply : open->takeReplies()) {
+        if (open->isFromDevice(reply)) {
             replies.push_back(std::move(reply));
         } else if (!strangers.contains(reply.from)) {
             strangers << reply.from;
         }
     }
-}
-
-Command Send::readCommand(const LinkTarget& target) const
-{
-    Command command = fields.read(target.fields());
-    command.record.sendMode = broadcast ? 1 : 0;
-    for (const std::string& address : to) {
-        command.to << QString::fromStdString(address);
-    }
-    if (!to.empty() && target.fields() != FieldSet::OsdFrame) {
-        throw BadInput(QStringLiteral("--to: only osd:// has several endpoints: leave it out"));
-    }
-    target.check(command);
-    return command;
 }
 
 qint64 Send::repliesOf(const QString& device) const
@@ -149,121 +97,110 @@ qint64 Send::repliesOf(const QString& device) const
 
 bool Send::enough() const
 {
-    return devices.isEmpty() ? static_cast<qint64>(replies.size()) >= wanted
-                             : std::all_of(devices.begin(), devices.end(), [this](const auto& one) {
-                                   return repliesOf(one) >= wanted;
-                               });
+    return devices.isEmpty() ? wanted > 0 && static_cast<qint64>(replies.size()) >= wanted
+                             : std::all_of(devices.begin(), devices.end(),
+                                           [this](const auto& one) { return hasReplied(one); });
 }
 
 // Nothing more is to be expected.
-bool Send::isOver(const DeviceLink& link) const
+bool Send::isOver() const
 {
-    const bool isLost =
-        devices.isEmpty()
-            ? !link.problem().isEmpty()
-            : std::all_of(devices.begin(), devices.end(), [this, &link](const auto& one) {
-                  return repliesOf(one) >= wanted || !link.trouble(one).isEmpty();
-              });
-    return enough() || isLost;
+    return devices.isEmpty() ? enough() || !open->problem().isEmpty()
+                             : std::all_of(devices.begin(), devices.end(), [this](const auto& one) {
+                                   return hasReplied(one) || !open->trouble(one).isEmpty();
+                               });
 }
 
-QStringList Send::silentDevices(const DeviceLink& link) const
+QStringList Send::silentDevices() const
 {
     QStringList silent;
     for (const QString& device : devices) {
-        if (repliesOf(device) == 0 && link.trouble(device).isEmpty()) {
+        if (repliesOf(device) == 0 && open->trouble(device).isEmpty()) {
             silent << device;
         }
     }
     return silent;
 }
 
-WaitEnd Send::waitForReplies(DeviceLink& link, const Interrupt& interrupt)
+WaitEnd Send::waitForReplies(const Interrupt& interrupt)
 {
     QElapsedTimer clock;
     clock.start();
-    if (link.isSending()) {
-        const auto sent = [&] {
-            takeReplies(link);
-            return !link.isSending();
-        };
-        if (waitFor(sent, forEver, interrupt) == WaitEnd::Interrupted) {
-            return WaitEnd::Interrupted;
-        }
+    const auto sent = [this] {
+        takeReplies();
+        return !open->isSending();
+    };
+    if (open->isSending() && waitFor(sent, forEver, interrupt) == WaitEnd::Interrupted) {
+        return WaitEnd::Interrupted;
     }
-    const WaitEnd end = waitFor(
-        [&] {
-            takeReplies(link);
-            if (clock.elapsed() > progressAfter) {
-                output::progress(QStringLiteral("waiting for a reply, %1 of %2 s")
-                                     .arg(clock.elapsed() / 1000)
-                                     .arg(static_cast<double>(timeout.count()) / 1000.0));
-            }
-            return isOver(link);
-        },
-        timeout, interrupt);
+    const auto replied = [&] {
+        takeReplies();
+        if (clock.elapsed() > progressAfterMs) {
+            output::progress(QStringLiteral("waiting for a reply, %1 of %2 s")
+                                 .arg(clock.elapsed() / 1000)
+                                 .arg(static_cast<double>(timeoutMs) / 1000.0));
+        }
+        return isOver();
+    };
+    const WaitEnd end = waitFor(replied, std::chrono::milliseconds(timeoutMs), interrupt);
     output::endProgress();
-    elapsed += clock.elapsed();
+    elapsedMs += clock.elapsed();
     return end;
 }
 
 int Send::run()
 {
-    readNumbers();
-    const auto target = options.target();
-    Command command = readCommand(*target);
-    options.startLog();
+    prepare();
     const Interrupt interrupt;
-    const auto link = target->open(broadcast);
-    devices = command.to.isEmpty() ? link->devices() : command.to;
+    const auto owner = target->open(broadcast);
+    open = owner.get();
+    devices = command.to.isEmpty() ? open->devices() : command.to;
     WaitEnd end = WaitEnd::TimeOut;
-    const auto isSilent = [&] {
-        command.to = silentDevices(*link);
+    const auto isSilent = [this] {
+        command.to = silentDevices();
         return devices.isEmpty() ? replies.empty() : !command.to.isEmpty();
     };
     while (end == WaitEnd::TimeOut && tried < tries && isSilent()) {
         ++tried;
-        link->send(command);
+        open->send(command);
         if (linknotes::takeSendFailure()) {
             throw ToolError(exitcode::failed,
                             QStringLiteral("%1: the system did not take it: not sent; is the "
                                            "network up, the device there?")
-                                .arg(options.link()));
+                                .arg(link));
         }
-        end = waitForReplies(*link, interrupt);
+        end = waitForReplies(interrupt);
     }
-    return report(*link, command, end);
+    return report(end);
 }
 
-QString Send::failuresOfDevices(const DeviceLink& link) const
+QString Send::failuresOfDevices() const
 {
     QStringList failures;
     for (const QString& device : devices) {
         const qint64 count = repliesOf(device);
-        const QString trouble = link.trouble(device);
-        const bool isSent = timeout.count() == 0 && trouble.isEmpty();
-        if (count >= wanted || isSent) {
+        const QString trouble = open->trouble(device);
+        if (count >= wanted || (timeoutMs == 0 && trouble.isEmpty())) {
             continue;
         }
         const QString missing =
             count == 0 ? QStringLiteral("no reply")
                        : QStringLiteral("only %1 of %2 replies").arg(count).arg(wanted);
-        failures
-            << device + QLatin1Char(' ') +
-                   (trouble.isEmpty()
-                        ? QStringLiteral("gave %1 within %2 ms").arg(missing).arg(timeout.count())
-                        : trouble);
+        failures << device + QLatin1Char(' ') +
+                        (trouble.isEmpty()
+                             ? QStringLiteral("gave %1 within %2 ms").arg(missing).arg(timeoutMs)
+                             : trouble);
     }
     return failures.join(QStringLiteral("; "));
 }
 
-QString Send::refused() const
+QString refusedText(const QString& link)
 {
     const linknotes::Refusals refusals = linknotes::takeRefusals();
     QStringList shown;
     for (const Refusal& refusal : refusals.kept) {
-        if (shown.size() < mostRefusalsShown) {
-            shown << refusal.text(options.link());
+        if (shown.size() < refusalsShown) {
+            shown << refusal.text(link);
         }
     }
     const qint64 more = static_cast<qint64>(refusals.kept.size()) - shown.size() + refusals.more;
@@ -275,89 +212,122 @@ QString Send::refused() const
                : QStringLiteral("; came but refused: ") + shown.join(QStringLiteral(", "));
 }
 
-QString Send::failure(const DeviceLink& link, WaitEnd end) const
+QString Send::failure(WaitEnd end) const
 {
     if (!devices.isEmpty() && end != WaitEnd::Interrupted) {
-        return failuresOfDevices(link);
+        return failuresOfDevices();
     }
-    if (!link.problem().isEmpty()) {
-        return options.link() + QStringLiteral(": ") + link.problem();
+    if (!open->problem().isEmpty()) {
+        return link + QStringLiteral(": ") + open->problem();
     }
-    QString text =
-        QStringLiteral("%1: no reply within %2 ms").arg(options.link()).arg(timeout.count());
+    QString text = QStringLiteral("%1: no reply within %2 ms").arg(link).arg(timeoutMs);
     if (end == WaitEnd::Interrupted) {
-        text = QStringLiteral("%1: interrupted before a reply came").arg(options.link());
+        text = QStringLiteral("%1: interrupted before a reply came").arg(link);
     } else if (!replies.empty()) {
         text = QStringLiteral("%1: only %2 of %3 replies within %4 ms")
-                   .arg(options.link())
+                   .arg(link)
                    .arg(replies.size())
                    .arg(wanted)
-                   .arg(timeout.count());
+                   .arg(timeoutMs);
     } else if (tried > 1) {
         text += QStringLiteral(", %1 tries").arg(tried);
     }
-    text += refused();
+    text += refusedText(link);
     if (!strangers.isEmpty()) {
         text += QStringLiteral("; replies of others: ") + strangers.join(QStringLiteral(", "));
     }
     return text;
 }
 
-int Send::report(const DeviceLink& link, const Command& command, WaitEnd end)
+int Send::report(WaitEnd end) const
 {
-    const bool every = broadcast && repliesText.empty();
-    const bool waits = timeout.count() > 0;
-    const bool isSent = std::all_of(devices.begin(), devices.end(), [&link](const auto& one) {
-        return link.trouble(one).isEmpty();
+    const bool isSent = std::all_of(devices.begin(), devices.end(), [this](const auto& one) {
+        return open->trouble(one).isEmpty();
     });
-    const bool ok = (!waits && isSent) || enough() || (every && !replies.empty());
-    if (!link.wasOpen() && end != WaitEnd::Interrupted) {
-        throw LinkDown(failure(link, end));
+    const bool ok = (timeoutMs == 0 && isSent) || enough() || (wanted == 0 && !replies.empty());
+    if (!open->wasOpen() && end != WaitEnd::Interrupted) {
+        throw LinkDown(failure(end));
     }
     if (json) {
-        printJson(link, command, ok);
+        printJson(ok);
     } else {
-        output::line(QStringLiteral("sent %1").arg(recordtext::frameText(link.frameOf(command))));
-        for (const Reply& reply : replies) {
-            output::line(QStringLiteral("reply from ") + reply.line);
-            if (!reply.block.isEmpty()) {
-                output::raw(recordtext::dump(reply.block).toUtf8());
-            }
-        }
+        print();
     }
     if (!ok) {
-        throw ToolError(exitcode::failed, failure(link, end));
+        throw ToolError(exitcode::failed, failure(end));
     }
     return exitcode::success;
 }
 
-void Send::printJson(const DeviceLink& link, const Command& command, bool ok) const
+void Send::print() const
+{
+    const QByteArray frame = recordtext::frame(command, target->kind().fields);
+    output::line(QStringLiteral("sent ") + recordtext::frameText(frame));
+    for (const Reply& reply : replies) {
+        output::line(QStringLiteral("reply from ") + reply.line);
+        output::raw(recordtext::dump(reply.block).toUtf8());
+    }
+}
+
+void Send::printJson(bool ok) const
 {
     QJsonArray array;
     for (const Reply& reply : replies) {
         array.append(reply.json);
     }
-    QJsonObject sent = link.jsonOf(command);
-    sent.insert(QStringLiteral("frame"), QString::fromLatin1(link.frameOf(command).toHex()));
-    QJsonObject object{{QStringLiteral("ok"), ok},       {QStringLiteral("link"), options.link()},
-                       {QStringLiteral("tries"), tried}, {QStringLiteral("elapsed_ms"), elapsed},
+    const FieldSet set = target->kind().fields;
+    QJsonObject sent = recordtext::json(recordtext::framed(command, set), set);
+    sent.insert(QStringLiteral("frame"),
+                QString::fromLatin1(recordtext::frame(command, set).toHex()));
+    QJsonObject object{{QStringLiteral("ok"), ok},       {QStringLiteral("link"), link},
+                       {QStringLiteral("tries"), tried}, {QStringLiteral("elapsed_ms"), elapsedMs},
                        {QStringLiteral("sent"), sent},   {QStringLiteral("replies"), array}};
     QJsonArray endpoints;
     for (const QString& device : devices) {
         endpoints.append(QJsonObject{{QStringLiteral("address"), device},
                                      {QStringLiteral("replies"), repliesOf(device)},
-                                     {QStringLiteral("trouble"), link.trouble(device)}});
+                                     {QStringLiteral("trouble"), open->trouble(device)}});
     }
     if (!endpoints.isEmpty()) {
         object.insert(QStringLiteral("endpoints"), endpoints);
     }
-    output::line(recordtext::oneLine(object));
+    output::json(object);
 }
 
 } // namespace
 
 commands::Subcommand commands::addSend(CLI::App& application)
 {
-    const auto send = std::make_shared<Send>(application);
-    return {send->parser, [send] { return send->run(); }};
+    constexpr qint64 timeoutLimitMs = 3'600'000;
+    constexpr qint64 triesLimit = 1000;
+    constexpr qint64 repliesLimit = 1000000;
+    auto* parser = application.add_subcommand("send", "Send one command and show the reply");
+    const auto send = std::make_shared<Send>();
+    send->linkOptions.addTo(*parser);
+    send->fields.addTo(*parser);
+    parser->add_flag("--broadcast", send->broadcast,
+                     "send to every device of the network, not to LINK's address, and show who "
+                     "answers until the time-out");
+    parser->add_option("--to", send->to, "only to these of several endpoints, by address")
+        ->type_name("ADDRESS")
+        ->delimiter(',');
+    options::addNumber(*parser, "--timeout", send->timeoutMs, 0, timeoutLimitMs,
+                       "wait for a reply, ms; 0: do not wait (2000)", "MS");
+    options::addNumber(*parser, "--tries", send->tries, 1, triesLimit,
+                       "send again up to so many times in all (1)");
+    options::addNumber(*parser, "--replies", send->repliesGiven, 1, repliesLimit,
+                       "wait for so many replies, of each endpoint (1; --broadcast: all)");
+    parser->add_flag("--json", send->json, "print one JSON object");
+    parser->footer("Links:\n" + linkregistry::help().toStdString() +
+                   "\nNumbers are decimal, or hexadecimal after 0x.\n"
+                   "\nExamples:\n"
+                   "  coremanage send udp://192.168.1.20:1000 --cmd 0x8b --dat1 5\n"
+                   "  coremanage send udp://192.168.1.20 --cmd 0x9a --block @firmware.bin\n"
+                   "  coremanage send udp://192.168.1.20 --cmd 1 --tries 3 --timeout 500 --json\n"
+                   "  coremanage send udp://255.255.255.255 --cmd 1 --broadcast\n"
+                   "  coremanage send osd://10.0.0.5 osd://10.0.0.6 --ch2 1 --text 'Gate 7'\n"
+                   "\nExit codes: 0 replied (or sent, with --timeout 0), 1 no reply or not sent,\n"
+                   "2 wrong input and nothing sent, 3 the link could not be opened. Several\n"
+                   "endpoints: 0 all did, 1 some did not, 3 none could be reached.");
+    return {parser, [send] { return send->run(); }};
 }

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "commandfields.h"
-#include "duration.h"
-#include "linkoptions.h"
+#include "options.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
-#include "waiting.h"
 
-#include <CLI/CLI.hpp>
-
+#include <QElapsedTimer>
 #include <QJsonArray>
 
 #include <limits>
@@ -18,7 +14,28 @@
 namespace
 {
 
-constexpr qint64 mostAnnounced = 32767;
+struct Simulate {
+    std::string place;
+    std::vector<std::string> faults;
+    SimulatedDevice::Settings settings;
+    Duration duration;
+    bool json = false;
+    bool quiet = false;
+
+    int run();
+
+private:
+    std::unique_ptr<Simulation> simulation();
+    void take(const Exchange& exchange);
+    void show(const Exchange& exchange) const;
+    void showJson(const Exchange& exchange) const;
+    Command commandOf(const Exchange& exchange) const;
+    QString textOf(const Exchange& exchange) const;
+
+    FieldSet fields = FieldSet::TextBody;
+    qint64 commands = 0;
+    qint64 spoiled = 0;
+};
 
 QStringList faultNames(const Exchange& exchange)
 {
@@ -29,130 +46,10 @@ QStringList faultNames(const Exchange& exchange)
     return names;
 }
 
-class Simulate
-{
-public:
-    explicit Simulate(CLI::App& application);
-
-    CLI::App* parser;
-    int run();
-
-private:
-    SimulatedDevice::Settings settings() const;
-    void show(const Exchange& exchange) const;
-    void showJson(const Exchange& exchange) const;
-    QString bodyOf(const Exchange& exchange) const;
-    QJsonObject fieldsOf(const Exchange& exchange) const;
-    std::unique_ptr<Simulation> simulation();
-    void summarise(const Simulation& simulator, qint64 elapsed) const;
-
-    std::string link;
-    std::string seed = "1";
-    std::string announced = "64";
-    std::vector<std::string> faults;
-    Duration duration;
-    bool shortBlock = false;
-    bool json = false;
-    bool quiet = false;
-    FieldSet fields = FieldSet::TextBody;
-    qint64 commands = 0;
-    qint64 spoiled = 0;
-};
-
-Simulate::Simulate(CLI::App& application)
-    : parser(application.add_subcommand("simulate", "Be a device, with faults on demand"))
-{
-    parser->add_option("link", link, "where to be found; port 0: a free one")
-        ->type_name("LINK")
-        ->required();
-    parser->add_option("--fault", faults, "NAME=10% or NAME=3, see below; may come several times")
-        ->type_name("FAULT")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    parser->add_option("--seed", seed, "the same seed and commands give the same answers (1)")
-        ->type_name("N");
-    parser
-        ->add_option("--announced", announced,
-                     "length of an announced block, if the command asks for none (64)")
-        ->type_name("N");
-    parser->add_flag("--short-block", shortBlock, "33 bytes instead of 129 for 0x69 0x09");
-    duration.addTo(*parser, "commands");
-    parser->add_flag("--json", json, "print one JSON object a line");
-    parser->add_flag("-q,--quiet", quiet, "show no commands, only where it is and the summary");
-    parser->footer(
-        "Links:\n" + linkregistry::help().toStdString() + "\nFaults, with their amounts:\n" +
-        Faults::help().toStdString() +
-        "NAME=10% strikes with that chance, NAME=3 the first three times it can,\n"
-        "NAME=10%:250 and NAME=3:250 set the amount.\n"
-        "\nExamples:\n"
-        "  coremanage simulate udp://127.0.0.1:3005\n"
-        "  coremanage simulate udp://0.0.0.0:3005 --fault drop=10% --fault delay=50%:300\n"
-        "  coremanage simulate udp://127.0.0.1:0 --fault flood=1:100000 --count 1\n"
-        "  coremanage simulate osd://127.0.0.2 --fault split=50%:20 --fault reset=1\n"
-        "\nCtrl-C ends it. Exit codes: 0 ended as asked, 1 fewer commands came than --count or\n"
-        "the medium was lost, 2 wrong input, 3 the link could not be opened.");
-}
-
-SimulatedDevice::Settings Simulate::settings() const
-{
-    SimulatedDevice::Settings chosen;
-    chosen.seed = static_cast<quint64>(
-        typed::number(QStringLiteral("--seed"), seed, 0, std::numeric_limits<qint64>::max()));
-    chosen.announcedLength =
-        static_cast<int>(typed::number(QStringLiteral("--announced"), announced, 1, mostAnnounced));
-    chosen.shortBlock = shortBlock;
-    for (const std::string& fault : faults) {
-        const QString wrong = chosen.faults.parse(QString::fromStdString(fault));
-        if (!wrong.isEmpty()) {
-            throw BadInput(QStringLiteral("--fault: ") + wrong);
-        }
-    }
-    return chosen;
-}
-
-QString Simulate::bodyOf(const Exchange& exchange) const
-{
-    const devicecodec::Head& head = exchange.command.head;
-    const QByteArray& block = exchange.command.block;
-    if (fields == FieldSet::OsdFrame) {
-        const Command command = recordtext::osdCommand(block);
-        return (recordtext::line(command, fields) + QLatin1Char(' ') +
-                recordtext::blockSummary(command.osd.arryData, "data"))
-            .trimmed();
-    }
-    const auto hex = [](quint8 byte) {
-        return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
-    };
-    return (QStringLiteral("CMD %1 DAT %2 %3 %4 %5 ")
-                .arg(hex(head.cmd), hex(head.dat1), hex(head.dat2), hex(head.dat3),
-                     hex(head.dat4)) +
-            recordtext::blockSummary(block))
-        .trimmed();
-}
-
-void Simulate::show(const Exchange& exchange) const
-{
-    QStringList sizes;
-    for (const Emission& emission : exchange.answer) {
-        sizes << QString::number(emission.bytes.size());
-    }
-    QString answer = sizes.isEmpty() ? QStringLiteral("nothing")
-                                     : sizes.join(QStringLiteral("+")) + QStringLiteral(" bytes");
-    if (exchange.times > 1) {
-        answer += QStringLiteral(" x%1").arg(exchange.times);
-    }
-    const QStringList struck = faultNames(exchange);
-    if (!struck.isEmpty()) {
-        answer += QStringLiteral(" [%1]").arg(struck.join(QStringLiteral(", ")));
-    }
-    output::line(
-        QStringLiteral("%1 %2 -> %3").arg(recordtext::timeOfDay(), bodyOf(exchange), answer));
-}
-
-QJsonObject Simulate::fieldsOf(const Exchange& exchange) const
+Command Simulate::commandOf(const Exchange& exchange) const
 {
     if (fields == FieldSet::OsdFrame) {
-        return recordtext::json(recordtext::osdCommand(exchange.command.block), fields);
+        return recordtext::osdCommand(exchange.command.block);
     }
     const devicecodec::Head& head = exchange.command.head;
     Command command;
@@ -171,14 +68,52 @@ QJsonObject Simulate::fieldsOf(const Exchange& exchange) const
     record.aux5 = head.aux5;
     record.aux6 = head.blockLength;
     record.arryDatablock = exchange.command.block;
-    QJsonObject object = recordtext::json(command, fields);
-    object.insert(QStringLiteral("block"), QString::fromLatin1(record.arryDatablock.toHex()));
-    return object;
+    return command;
+}
+
+QString Simulate::textOf(const Exchange& exchange) const
+{
+    const Command command = commandOf(exchange);
+    if (fields == FieldSet::OsdFrame) {
+        return recordtext::line(command, fields) + QLatin1Char(' ') +
+               recordtext::blockSummary(command.osd.arryData, "data");
+    }
+    const auto& record = command.record;
+    QStringList words{QStringLiteral("CMD"), recordtext::hex(record.CMD), QStringLiteral("DAT")};
+    for (const int byte : {record.DAT1, record.DAT2, record.DAT3, record.DAT4}) {
+        words << recordtext::hex(byte);
+    }
+    return words.join(QLatin1Char(' ')) + QLatin1Char(' ') +
+           recordtext::blockSummary(record.arryDatablock);
+}
+
+void Simulate::show(const Exchange& exchange) const
+{
+    QStringList sizes;
+    for (const Emission& emission : exchange.answer) {
+        sizes << QString::number(emission.bytes.size());
+    }
+    QString answer = sizes.isEmpty() ? QStringLiteral("nothing")
+                                     : sizes.join(QStringLiteral("+")) + QStringLiteral(" bytes");
+    if (exchange.times > 1) {
+        answer += QStringLiteral(" x%1").arg(exchange.times);
+    }
+    const QStringList struck = faultNames(exchange);
+    if (!struck.isEmpty()) {
+        answer += QStringLiteral(" [%1]").arg(struck.join(QStringLiteral(", ")));
+    }
+    output::line(QStringLiteral("%1 %2 -> %3")
+                     .arg(recordtext::timeOfDay(), textOf(exchange).trimmed(), answer));
 }
 
 void Simulate::showJson(const Exchange& exchange) const
 {
-    QJsonObject object = fieldsOf(exchange);
+    const Command command = commandOf(exchange);
+    QJsonObject object = recordtext::json(command, fields);
+    if (fields != FieldSet::OsdFrame) {
+        object.insert(QStringLiteral("block"),
+                      QString::fromLatin1(command.record.arryDatablock.toHex()));
+    }
     QJsonArray answer;
     for (const Emission& emission : exchange.answer) {
         answer.append(QString::fromLatin1(emission.bytes.toHex()));
@@ -186,55 +121,59 @@ void Simulate::showJson(const Exchange& exchange) const
     object.insert(QStringLiteral("answer"), answer);
     object.insert(QStringLiteral("times"), exchange.times);
     object.insert(QStringLiteral("faults"), QJsonArray::fromStringList(faultNames(exchange)));
-    output::line(recordtext::oneLine(object));
+    output::json(object);
 }
 
-void Simulate::summarise(const Simulation& simulator, qint64 elapsed) const
+void Simulate::take(const Exchange& exchange)
 {
-    output::error(QStringLiteral("%1 commands in %2 s, %3 answers with faults, %4 bytes sent, %5 "
-                                 "bytes that were no command")
-                      .arg(commands)
-                      .arg(static_cast<double>(elapsed) / 1000.0)
-                      .arg(spoiled)
-                      .arg(simulator.bytesSent())
-                      .arg(simulator.noise()));
+    ++commands;
+    spoiled += exchange.faults.empty() ? 0 : 1;
+    if (!quiet) {
+        json ? showJson(exchange) : show(exchange);
+    }
 }
 
 std::unique_ptr<Simulation> Simulate::simulation()
 {
-    const auto chosen = settings();
-    const auto target = linkregistry::target(QString::fromStdString(link));
-    fields = target->fields();
-    const QStringList unfit = chosen.faults.unfit(target->faulty());
+    for (const std::string& fault : faults) {
+        const QString wrong = settings.faults.parse(QString::fromStdString(fault));
+        if (!wrong.isEmpty()) {
+            throw BadInput(QStringLiteral("--fault: ") + wrong);
+        }
+    }
+    const QString link = QString::fromStdString(place);
+    const auto target = linkregistry::target(link);
+    fields = target->kind().fields;
+    const QStringList unfit = settings.faults.unfit(target->kind().faulty);
     if (!unfit.isEmpty()) {
         throw BadInput(QStringLiteral("--fault: \"%1\" has no %2: leave it out")
-                           .arg(QString::fromStdString(link), unfit.join(QStringLiteral(", "))));
+                           .arg(link, unfit.join(QStringLiteral(", "))));
     }
-    return target->simulate(chosen);
+    QString obstacle = target->simulationObstacle();
+    auto simulation = obstacle.isEmpty() ? target->simulate(settings) : nullptr;
+    if (simulation && !simulation->open()) {
+        obstacle = simulation->error();
+    }
+    if (!obstacle.isEmpty()) {
+        throw LinkDown(QStringLiteral("%1: %2").arg(link, obstacle));
+    }
+    return simulation;
 }
 
 int Simulate::run()
 {
-    duration.read();
     const Interrupt interrupt;
     const auto simulator = simulation();
-    if (!simulator->open()) {
-        throw LinkDown(
-            QStringLiteral("%1: %2").arg(QString::fromStdString(link), simulator->error()));
-    }
     QString lostBecause;
     QObject::connect(simulator.get(), &Simulation::lost, simulator.get(),
                      [&lostBecause](const QString& reason) { lostBecause = reason; });
     QObject::connect(simulator.get(), &Simulation::exchanged, simulator.get(),
-                     [this](const Exchange& exchange) {
-                         ++commands;
-                         spoiled += exchange.faults.empty() ? 0 : 1;
-                         if (!quiet) {
-                             json ? showJson(exchange) : show(exchange);
-                         }
-                     });
-    output::line(json ? recordtext::oneLine({{QStringLiteral("simulating"), simulator->address()}})
-                      : QStringLiteral("a simulated device at ") + simulator->address());
+                     [this](const Exchange& exchange) { take(exchange); });
+    if (json) {
+        output::json({{QStringLiteral("simulating"), simulator->address()}});
+    } else {
+        output::line(QStringLiteral("a simulated device at ") + simulator->address());
+    }
     if (!simulator->hint().isEmpty()) {
         output::error(simulator->hint());
     }
@@ -246,7 +185,13 @@ int Simulate::run()
     };
     waitFor(over, duration.limit(), interrupt);
     output::endProgress();
-    summarise(*simulator, clock.elapsed());
+    output::error(QStringLiteral("%1 commands in %2 s, %3 answers with faults, %4 bytes sent, %5 "
+                                 "bytes that were no command")
+                      .arg(commands)
+                      .arg(static_cast<double>(clock.elapsed()) / 1000.0)
+                      .arg(spoiled)
+                      .arg(simulator->bytesSent())
+                      .arg(simulator->noise()));
     if (!lostBecause.isEmpty()) {
         throw ToolError(exitcode::failed, lostBecause);
     }
@@ -258,6 +203,39 @@ int Simulate::run()
 
 commands::Subcommand commands::addSimulate(CLI::App& application)
 {
-    const auto simulate = std::make_shared<Simulate>(application);
-    return {simulate->parser, [simulate] { return simulate->run(); }};
+    constexpr qint64 announcedLimit = 32767;
+    auto* parser = application.add_subcommand("simulate", "Be a device, with faults on demand");
+    const auto simulate = std::make_shared<Simulate>();
+    SimulatedDevice::Settings& settings = simulate->settings;
+    parser->add_option("link", simulate->place, "where to be found; port 0: a free one")
+        ->type_name("LINK")
+        ->required();
+    parser
+        ->add_option("--fault", simulate->faults,
+                     "NAME=10% or NAME=3, see below; may come several times")
+        ->type_name("FAULT")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    options::addNumber(*parser, "--seed", settings.seed, 0, std::numeric_limits<qint64>::max(),
+                       "the same seed and commands give the same answers (1)");
+    options::addNumber(*parser, "--announced", settings.announcedLength, 1, announcedLimit,
+                       "length of an announced block, if the command asks for none (64)");
+    parser->add_flag("--short-block", settings.shortBlock, "33 bytes instead of 129 for 0x69 0x09");
+    simulate->duration.addTo(*parser, "commands");
+    parser->add_flag("--json", simulate->json, "print one JSON object a line");
+    parser->add_flag("-q,--quiet", simulate->quiet,
+                     "show no commands, only where it is and the summary");
+    parser->footer(
+        "Links:\n" + linkregistry::help().toStdString() + "\nFaults, with their amounts:\n" +
+        Faults::help().toStdString() +
+        "NAME=10% strikes with that chance, NAME=3 the first three times it can,\n"
+        "NAME=10%:250 and NAME=3:250 set the amount.\n"
+        "\nExamples:\n"
+        "  coremanage simulate udp://127.0.0.1:3005\n"
+        "  coremanage simulate udp://0.0.0.0:3005 --fault drop=10% --fault delay=50%:300\n"
+        "  coremanage simulate udp://127.0.0.1:0 --fault flood=1:100000 --count 1\n"
+        "  coremanage simulate osd://127.0.0.2 --fault split=50%:20 --fault reset=1\n"
+        "\nCtrl-C ends it. Exit codes: 0 ended as asked, 1 fewer commands came than --count or\n"
+        "the medium was lost, 2 wrong input, 3 the link could not be opened.");
+    return {parser, [simulate] { return simulate->run(); }};
 }

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "devicedemo.h"
-
 #include "linknotes.h"
 #include "linkregistry.h"
 #include "narrator.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
-#include "waiting.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -17,8 +14,7 @@
 namespace
 {
 
-// Everything comes at once, but for a machine that has much else to do.
-constexpr std::chrono::milliseconds patience{120000};
+constexpr qint64 resendLimitMs = 120000;
 constexpr quint8 binaryBlock = 100; // bytes; a binary command asks for its block
 
 Command commandOf(quint8 code, quint8 subCode)
@@ -34,9 +30,8 @@ Command commandOf(quint8 code, quint8 subCode)
 class Stage
 {
 public:
-    /// \a askedLength is the block length that a command asks for, where it must ask.
-    Stage(Narrator& teller, Simulation& simulatedDevice, DeviceLink& openLink, quint8 askedLength)
-        : narrator(teller), simulator(simulatedDevice), link(openLink), asked(askedLength)
+    Stage(Narrator& teller, Simulation& simulatedDevice, DeviceLink& openLink, FieldSet fieldSet)
+        : narrator(teller), simulator(simulatedDevice), link(openLink), fields(fieldSet)
     {
         QObject::connect(&simulator, &Simulation::exchanged, &simulator,
                          [this](const Exchange& exchange) { exchanges.push_back(exchange); });
@@ -48,19 +43,17 @@ public:
         refusals.clear();
         exchanges.clear();
         narrator.detail(QStringLiteral("host   -> device  %1")
-                            .arg(recordtext::frameText(link.frameOf(command))));
+                            .arg(recordtext::frameText(recordtext::frame(command, fields))));
         link.send(command);
     }
 
     /// Runs the links until the condition holds.
     bool comes(const std::function<bool()>& condition)
     {
-        return waitFor(
-                   [&] {
-                       take();
-                       return condition();
-                   },
-                   patience, narrator.interrupt()) == WaitEnd::Done;
+        return narrator.comes([&] {
+            take();
+            return condition();
+        });
     }
 
     void take()
@@ -75,12 +68,17 @@ public:
         }
     }
 
-    bool gotOneReply()
+    void showReplies()
     {
-        const bool came = comes([this] { return !replies.empty(); });
         for (const Reply& reply : replies) {
             narrator.detail(QStringLiteral("device -> host    ") + reply.line);
         }
+    }
+
+    bool gotOneReply()
+    {
+        const bool came = comes([this] { return !replies.empty(); });
+        showReplies();
         return came && replies.size() == 1 && !exchanges.empty();
     }
 
@@ -106,17 +104,15 @@ public:
     {
         narrator.say(about);
         Command command = commandOf(code, subCode);
-        command.record.DAT3 = asked;
+        command.record.DAT3 = fields == FieldSet::BinaryHead ? binaryBlock : 0;
         QElapsedTimer clock;
         clock.start();
         do {
             send(command);
             comes([this] { return !replies.empty() || !refusals.empty(); });
-        } while (!blockArrivedWhole() && !clock.hasExpired(patience.count()) &&
-                 !narrator.interrupt().happened());
-        for (const Reply& reply : replies) {
-            narrator.detail(QStringLiteral("device -> host    ") + reply.line);
-        }
+        } while (!blockArrivedWhole() && !clock.hasExpired(resendLimitMs) &&
+                 !narrator.isInterrupted());
+        showReplies();
         narrator.expect(blockArrivedWhole(),
                         QStringLiteral("the block arrived whole, %1 bytes")
                             .arg(replies.empty() ? 0 : replies.back().block.size()));
@@ -164,7 +160,7 @@ private:
     Narrator& narrator;
     Simulation& simulator;
     DeviceLink& link;
-    quint8 asked;
+    FieldSet fields;
     std::vector<Exchange> exchanges;
     std::vector<Reply> replies;
     std::vector<Refusal> refusals;
@@ -172,18 +168,17 @@ private:
 
 } // namespace
 
-bool devicedemo::run(Narrator& narrator, const QString& place, int burst)
+void devicedemo::run(Narrator& narrator, const LinkKind& kind)
 {
+    const QString place = QLatin1String(kind.demoLink);
     const auto simulator = linkregistry::target(place)->simulate({});
     if (!simulator->open()) {
         throw LinkDown(QStringLiteral("%1: %2").arg(place, simulator->error()));
     }
     narrator.expect(true, QStringLiteral("a simulated device serves at ") + simulator->address());
-    const auto target = linkregistry::target(simulator->address());
-    const auto link = target->open(false);
-    const bool isBinary = target->fields() == FieldSet::BinaryHead;
-    Stage stage(narrator, *simulator, *link, isBinary ? binaryBlock : 0);
-    const std::function<void()> steps[] = {
+    const auto link = linkregistry::target(simulator->address())->open(false);
+    Stage stage(narrator, *simulator, *link, kind.fields);
+    narrator.run({
         [&] { stage.plain(); },
         [&] {
             stage.withBlock(0x8b, 0x05, QStringLiteral("A reply with a block of fixed length"));
@@ -195,15 +190,10 @@ bool devicedemo::run(Narrator& narrator, const QString& place, int burst)
         [&] { stage.recovers(Fault::Drop, QStringLiteral("The device loses one answer"), {}); },
         [&] {
             stage.recovers(Fault::WrongChecksum, QStringLiteral("One reply arrives damaged"),
-                           isBinary ? QString() // that line drops it without a word
-                                    : QStringLiteral("a reply with a wrong checksum"));
+                           kind.fields == FieldSet::BinaryHead
+                               ? QString() // that line drops it without a word
+                               : QStringLiteral("a reply with a wrong checksum"));
         },
-        [&] { stage.inABurst(burst); },
-    };
-    for (const auto& step : steps) {
-        if (!narrator.interrupt().happened()) {
-            step();
-        }
-    }
-    return narrator.allAsSaid();
+        [&] { stage.inABurst(kind.demoBurst); },
+    });
 }

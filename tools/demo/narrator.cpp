@@ -13,14 +13,28 @@ void Narrator::detail(const QString& text)
     output::line(QStringLiteral("    ") + text);
 }
 
-bool Narrator::expect(bool happened, const QString& what)
+void Narrator::expect(bool happened, const QString& what)
 {
     if (stop.happened()) {
-        return happened;
+        return;
     }
     ++total;
     failures += happened ? 0 : 1;
     output::line(QStringLiteral("  %1 %2").arg(
         happened ? QStringLiteral("ok:") : QStringLiteral("FAILED:"), what));
-    return happened;
+}
+
+bool Narrator::comes(const std::function<bool()>& condition)
+{
+    constexpr std::chrono::minutes patience{2};
+    return waitFor(condition, patience, stop) == WaitEnd::Done;
+}
+
+void Narrator::run(const std::vector<std::function<void()>>& steps)
+{
+    for (const auto& step : steps) {
+        if (!stop.happened()) {
+            step();
+        }
+    }
 }

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "osddemo.h"
-
 #include "narrator.h"
 #include "osdlink.h"
 #include "osdsimulation.h"
 #include "recordtext.h"
 #include "toolerror.h"
-#include "waiting.h"
 
 #include <algorithm>
 #include <functional>
@@ -15,7 +12,6 @@
 namespace
 {
 
-constexpr std::chrono::milliseconds patience{120000}; // on a machine that has much else to do
 constexpr Faults::Setting once{0, 1, 0};
 constexpr Faults::Setting always{1.0, 0, 0};
 constexpr int wallSize = 3;
@@ -121,7 +117,7 @@ private:
             }
             return condition();
         };
-        return waitFor(look, patience, narrator.interrupt()) == WaitEnd::Done;
+        return narrator.comes(look);
     }
 
     void sendToAll(const char* text)
@@ -133,7 +129,8 @@ private:
         replies.clear();
         narrator.detail(
             QStringLiteral("host -> endpoints %1  \"%2\"")
-                .arg(recordtext::frameText(link->frameOf(command)), QString::fromLatin1(text)));
+                .arg(recordtext::frameText(recordtext::frame(command, FieldSet::OsdFrame)),
+                     QString::fromLatin1(text)));
         link->send(command);
     }
 
@@ -166,18 +163,16 @@ private:
 
 } // namespace
 
-bool osddemo::run(Narrator& narrator)
+void osddemo::run(Narrator& narrator)
 {
     Wall wall(narrator);
     wall.serve();
-    const std::function<void()> steps[] = {
-        [&] { wall.connect(); },     [&] { wall.sayHello(); },    [&] { wall.answerInPieces(); },
-        [&] { wall.oneVanishes(); }, [&] { wall.itComesBack(); }, [&] { wall.oneIsDeaf(); },
-    };
-    for (const auto& step : steps) {
-        if (!narrator.interrupt().happened()) {
-            step();
-        }
-    }
-    return narrator.allAsSaid();
+    narrator.run({
+        [&] { wall.connect(); },
+        [&] { wall.sayHello(); },
+        [&] { wall.answerInPieces(); },
+        [&] { wall.oneVanishes(); },
+        [&] { wall.itComesBack(); },
+        [&] { wall.oneIsDeaf(); },
+    });
 }

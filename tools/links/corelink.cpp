@@ -2,7 +2,6 @@
 #include "corelink.h"
 
 #include "biz_cmdswork.h"
-#include "commandframe.h"
 #include "icorebase.h"
 #include "recordtext.h"
 
@@ -18,23 +17,6 @@ void CoreLink::send(const Command& command)
 {
     model_Protocoldata record = command.record;
     core->sendDatatoDevice(&record);
-}
-
-QByteArray CoreLink::frameOf(const Command& command) const
-{
-    return recordtext::frame(command, fieldSet);
-}
-
-QJsonObject CoreLink::jsonOf(const Command& command) const
-{
-    const QByteArray frame = frameOf(command);
-    model_Protocoldata framed;
-    fieldSet == FieldSet::BinaryHead ? commandframe::decodeBinary(frame, framed)
-                                     : commandframe::decodeText(frame, framed);
-    Command computed = command;
-    computed.record.CHKSUM = framed.CHKSUM;
-    computed.record.aux6 = framed.aux6;
-    return recordtext::json(computed, fieldSet);
 }
 
 std::vector<Reply> CoreLink::takeReplies()

@@ -3,7 +3,6 @@
 
 #include "devicelink.h"
 
-#include <functional>
 #include <memory>
 
 class ICoreBase;
@@ -16,12 +15,10 @@ class CoreLink : public DeviceLink
 public:
     /// Takes over an open transport and empties the queue. \a device is the sender that replies
     /// of this device carry; empty if every sender is.
-    CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device);
+    CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device = {});
     ~CoreLink() override;
 
     void send(const Command& command) override;
-    QByteArray frameOf(const Command& command) const override;
-    QJsonObject jsonOf(const Command& command) const override;
     std::vector<Reply> takeReplies() override;
     bool isFromDevice(const Reply& reply) const override;
 

@@ -1,28 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "model_osdparam.h"
-#include "model_protocoldata.h"
+#include "commandfield.h"
 
 #include <QJsonObject>
 #include <QString>
 #include <QStringList>
 
 #include <vector>
-
-/// Which fields the commands of a link have.
-enum class FieldSet {
-    TextBody,   ///< HEAD ADDR CMD DAT1 DAT2 DAT3 DAT4 and a block
-    BinaryHead, ///< aux1 ADDR aux3 aux4 aux5 CMD DAT1 DAT2 DAT3 DAT4 and a block
-    OsdFrame,   ///< ch2 ch3 ch5 ch4 ch7 ch8, data, ch9 ch10
-};
-
-/// One command as the person gave it: the record that has the link's fields is the one that counts.
-struct Command {
-    model_Protocoldata record;
-    model_OsdParam osd;
-    QStringList to; ///< which of a link's devices get it; all if there are none
-};
 
 /// One thing that came back from a device, ready to be shown.
 struct Reply {
@@ -42,12 +27,6 @@ public:
 
     /// Sends one command. What the link can tell of a failure is in linknotes afterwards.
     virtual void send(const Command& command) = 0;
-
-    /// The frame that send writes, to be shown.
-    virtual QByteArray frameOf(const Command& command) const = 0;
-
-    /// The command as a program reads it.
-    virtual QJsonObject jsonOf(const Command& command) const = 0;
 
     /// What has come since the last call, oldest first.
     virtual std::vector<Reply> takeReplies() = 0;

@@ -4,29 +4,39 @@
 #include <QHostAddress>
 #include <QMap>
 #include <QString>
+#include <QStringList>
 
-/// A link as a person writes it: scheme://target?key=value&key=value.
+/// A link as a person writes it: scheme://place?key=value&key=value. What is wrong with it throws
+/// BadInput.
 struct LinkAddress {
     QString text;   ///< as written
     QString scheme; ///< lower case
-    QString target; ///< what follows "://" up to "?": a host and port, a path, two ids
+    QString place;  ///< what follows "://" up to "?": a host and port, a path, two ids
     QMap<QString, QString> options;
 
-    /// Cuts the text. Throws BadInput if it has not this form, or if an option comes twice.
+    /// Cuts the text. Refuses another form, and an option that comes twice.
     static LinkAddress parse(const QString& text);
 
-    /// A target of the form ADDRESS or ADDRESS:PORT.
-    struct IpTarget {
+    struct IpPort {
         QHostAddress host;
         quint16 port;
     };
 
-    /// The target as a dotted IPv4 address and a port, 0 to 65535; throws BadInput.
-    IpTarget ipTarget(quint16 usualPort) const;
-
-    /// BadInput, saying that this address is wrong in this way.
-    [[noreturn]] void refuse(const QString& reason) const;
+    /// The place as a dotted IPv4 address and a port, 0 to 65535, if one is given.
+    IpPort ipPort(quint16 defaultPort) const;
 
     /// Refuses every option that is not among these.
     void allowOptions(const QStringList& known) const;
+
+    bool has(const char* option) const { return options.contains(QLatin1String(option)); }
+
+    /// The value of an option that is there, a number in this range.
+    int number(const char* option, int least, int most) const;
+
+    /// The place among \a choices of the option's value; \a otherwise if the option is not there.
+    int choice(const char* option, const QStringList& choices, int otherwise) const;
+
+    /// Throws BadInput: a part of this address has a wrong value.
+    [[noreturn]] void refuse(const QString& part, const QString& value,
+                             const QString& expected) const;
 };

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "linknotes.h"
 
+#include "commandframe.h"
 #include "output.h"
+#include "replykinds.h"
 
 #include <QLoggingCategory>
+#include <QStringList>
 
 #include <algorithm>
 #include <atomic>
@@ -14,9 +17,112 @@
 namespace
 {
 
+constexpr std::size_t keptLimit = 10000; // until they are taken; the others are counted
 constexpr const char* sendFailures[] = {"Send failed", "Send Broadcast failed", "Send unknown",
                                         "Send Broadcast unknown"};
-constexpr std::size_t mostKept = 10000; // until they are taken; the others are counted
+
+QString wrongChecksum()
+{
+    return QStringLiteral("a reply with a wrong checksum");
+}
+
+// What a debug line quotes behind a text, as it shows it; null if it does not.
+QString quotedBehind(const QString& line, const char* text)
+{
+    const QString start = QLatin1Char('"') + QLatin1String(text);
+    const int end = line.indexOf(QLatin1String("\" \""), start.size());
+    return line.startsWith(start)
+               ? line.mid(start.size(), (end < 0 ? line.size() - 1 : end) - start.size())
+               : QString();
+}
+
+// Tells from the debug lines of a UDP link which datagrams it refuses, each once. A datagram that
+// is no reply may be the block of the reply before it: that reply's kind decides, and what the link
+// says of the lengths.
+class DatagramNotes
+{
+public:
+    // Why the datagram in hand is refused; empty if this line refuses none.
+    QString take(const QString& line)
+    {
+        const bool isDamaged = line == QLatin1String("CHKSUM Wrong return");
+        if (const QString shown = quotedBehind(line, "Recv data:"); !shown.isNull()) {
+            begin(shown);
+        } else if (const QString sender = quotedBehind(line, "host ip:"); !sender.isNull()) {
+            current.from = sender;
+        } else if (isDamaged || line.endsWith(QLatin1String("\"reInitUdp()\""))) {
+            awaited = Awaited::Nothing;
+            isReply = false;
+            return isDamaged ? wrongChecksum() : QString();
+        } else if (line == QLatin1String("datagram.size()!=19 return") ||
+                   line == QLatin1String("no '<' 'F'")) {
+            return noReply();
+        } else if (line.startsWith(QLatin1String("dataLeng = "))) {
+            return judgeLength(line);
+        }
+        return {};
+    }
+
+    Refusal current; // the datagram in hand
+
+private:
+    enum class Awaited { Nothing, NoBytes, AnnouncedBlock, FixedBlock };
+
+    // The one before was a reply if no line has said otherwise.
+    void begin(const QString& shown)
+    {
+        if (isReply) {
+            awaitBlock(current.bytes.toUtf8());
+        }
+        current = Refusal{{}, {}, shown};
+        isReply = true;
+        isJudged = true;
+    }
+
+    void awaitBlock(const QByteArray& reply)
+    {
+        using replykinds::Block;
+        model_Protocoldata record;
+        commandframe::decodeText(reply, record);
+        const bool announces = replykinds::announcedLength(record) != 0;
+        const Block block = replykinds::kindOf(record).onUdp;
+        if (block == Block::FixedA || block == Block::FixedB) {
+            awaited = Awaited::FixedBlock;
+        } else if (announces && (block == Block::Announced || block == Block::AnnouncedIfAny)) {
+            awaited = Awaited::AnnouncedBlock;
+        } else if (block == Block::Announced) {
+            awaited = Awaited::NoBytes;
+        }
+    }
+
+    QString noReply()
+    {
+        isReply = false;
+        const Awaited before = std::exchange(awaited, Awaited::Nothing);
+        isJudged = before != Awaited::AnnouncedBlock; // a fixed block is taken whatever its length
+        return before == Awaited::Nothing   ? QStringLiteral("bytes that are no reply")
+               : before == Awaited::NoBytes ? QStringLiteral("a block that no reply announced")
+                                            : QString();
+    }
+
+    QString judgeLength(const QString& line)
+    {
+        const QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        constexpr int announcedWord = 2; // "dataLeng = ANNOUNCED TAKEN"
+        const QString announced = words.value(announcedWord);
+        const QString taken = words.value(announcedWord + 1);
+        if (std::exchange(isJudged, true) || announced == taken) {
+            return {};
+        }
+        return QStringLiteral("a block of another length than announced, %1 bytes instead of %2")
+            .arg(taken)
+            .arg(static_cast<quint16>(announced.toInt()));
+    }
+
+    Awaited awaited = Awaited::Nothing;
+    bool isReply = false; // the datagram in hand, as far as is known
+    bool isJudged = true; // else the next lengths decide
+};
 
 struct Notes {
     std::mutex lock; // a leaf
@@ -34,22 +140,20 @@ Notes& notes()
 std::atomic<bool> sendFailed{false};
 std::atomic<bool> showsAll{false};
 
-// Of what a stream link refuses, which has one device.
-std::optional<Refusal> refusedOfStream(const QString& line)
+// What a stream link refuses, which has one device; without a reason if this line refuses nothing.
+Refusal refusedOfStream(const QString& line)
 {
-    constexpr const char* digitsMark = "::getArrayData   dataStr==";
+    const QString digitsMark = QStringLiteral("::getArrayData   dataStr==");
     if (line.endsWith(QLatin1String("CheckBlock default:\""))) {
-        return Refusal{QStringLiteral("a reply whose block came too late or damaged"), QString(),
-                       quotedBehind(line, "Recv data:")};
+        return {QStringLiteral("a reply whose block came too late or damaged"), QString(),
+                quotedBehind(line, "Recv data:")};
     }
-    const int digits = line.indexOf(QLatin1String(digitsMark));
-    if (digits < 0) {
-        return std::nullopt;
+    if (!line.contains(digitsMark)) {
+        return {};
     }
-    QString shown = line.mid(digits + static_cast<int>(qstrlen(digitsMark)));
-    shown.chop(1); // the closing quote
-    return Refusal{QStringLiteral("a reply with a wrong checksum"), QString(),
-                   QStringLiteral("<F%1>").arg(shown)};
+    QString digits = line.section(digitsMark, 1);
+    digits.chop(1); // the closing quote
+    return {wrongChecksum(), QString(), QStringLiteral("<F%1>").arg(digits)};
 }
 
 void note(const QString& line)
@@ -60,11 +164,14 @@ void note(const QString& line)
     sendFailed = sendFailed || isSendFailure;
     Notes& all = notes();
     const std::lock_guard guard(all.lock);
-    auto refusal = all.datagrams.take(line);
-    refusal = refusal ? refusal : refusedOfStream(line);
-    if (refusal && all.refusals.kept.size() < mostKept) {
-        all.refusals.kept.push_back(std::move(*refusal));
-    } else if (refusal) {
+    const QString reason = all.datagrams.take(line);
+    Refusal refusal = reason.isEmpty() ? refusedOfStream(line) : all.datagrams.current;
+    if (!reason.isEmpty()) {
+        refusal.reason = reason;
+    }
+    if (!refusal.reason.isEmpty() && all.refusals.kept.size() < keptLimit) {
+        all.refusals.kept.push_back(std::move(refusal));
+    } else if (!refusal.reason.isEmpty()) {
         ++all.refusals.more;
     }
 }
@@ -81,6 +188,11 @@ void handle(QtMsgType type, const QMessageLogContext& context, const QString& me
 }
 
 } // namespace
+
+QString Refusal::text(const QString& link) const
+{
+    return QStringLiteral("%1 from %2: %3").arg(reason, from.isEmpty() ? link : from, bytes);
+}
 
 void linknotes::install(bool verbose)
 {

@@ -1,9 +1,19 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "datagramnotes.h"
+#include <QString>
 
 #include <vector>
+
+/// Something that came from a device and was refused.
+struct Refusal {
+    QString reason; ///< "a reply with a wrong checksum"
+    QString from;   ///< the sender's address; empty: the link's one device
+    QString bytes;  ///< as the debug line shows them: up to the first zero byte
+
+    /// All of it in words; \a link is what the one device is called.
+    QString text(const QString& link) const;
+};
 
 /// What the library says only in its debug lines: that a frame did not go out, that something came
 /// which was no reply. Any thread.

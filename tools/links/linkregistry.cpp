@@ -1,40 +1,55 @@
 // SPDX-License-Identifier: MIT
 #include "linkregistry.h"
 
-#include "osdtarget.h"
-#include "serialtarget.h"
 #include "toolerror.h"
-#include "udptarget.h"
-#include "usbtarget.h"
+
+#include <algorithm>
 
 const std::vector<LinkKind>& linkregistry::kinds()
 {
+    constexpr int burst = 200;
+    constexpr int reportBurst = 20; // ten reports a second are read
     static const std::vector<LinkKind> table{
-        {"udp", "udp://192.168.1.20:1000", "a device on the network", udptarget::parse,
-         udptarget::demonstrate},
+        {"udp", "udp://192.168.1.20:1000", "a device on the network", FieldSet::TextBody,
+         Faulty::Datagrams, "udp://127.0.0.1:0", burst, udptarget::parse},
         {"serial", "serial:///dev/ttyUSB0?baud=115200", "a device on a serial port",
-         serialtarget::parse, serialtarget::demonstrate},
-        {"vela", "vela:///dev/ttyS1", "a device of the second serial line", serialtarget::parseVela,
-         serialtarget::demonstrateVela},
-        {"usb", "usb://04b4:1008", "a USB HID device", usbtarget::parse, usbtarget::demonstrate},
+         FieldSet::TextBody, Faulty::Stream, "serial://", burst, serialtarget::parse},
+        {"vela", "vela:///dev/ttyS1", "a device of the second serial line", FieldSet::BinaryHead,
+         Faulty::Stream, "vela://", burst, serialtarget::parse},
+        {"usb", "usb://04b4:1008", "a USB HID device", FieldSet::TextBody, Faulty::Stream,
+         "usb://04b4:1008", reportBurst, usbtarget::parse},
         {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint; may be several",
-         osdtarget::parse, osdtarget::demonstrate},
+         FieldSet::OsdFrame, Faulty::Endpoint, "osd://127.0.0.1:0", 0, osdtarget::parse},
     };
     return table;
 }
 
+namespace
+{
+
+// Null if there is none.
+const LinkKind* kindOf(const LinkAddress& address)
+{
+    const auto& kinds = linkregistry::kinds();
+    const auto found = std::find_if(kinds.begin(), kinds.end(), [&address](const LinkKind& kind) {
+        return address.scheme == QLatin1String(kind.scheme);
+    });
+    return found == kinds.end() ? nullptr : &*found;
+}
+
+} // namespace
+
 std::unique_ptr<LinkTarget> linkregistry::target(const QString& text)
 {
     const LinkAddress address = LinkAddress::parse(text);
+    if (const LinkKind* kind = kindOf(address)) {
+        return kind->parse(address);
+    }
     QStringList forms;
     for (const LinkKind& kind : kinds()) {
-        if (address.scheme == QLatin1String(kind.scheme)) {
-            return kind.parse(address);
-        }
         forms << QLatin1String(kind.form);
     }
-    address.refuse(QStringLiteral("there is no link \"%1\": write %2")
-                       .arg(address.scheme, forms.join(QStringLiteral(" or "))));
+    throw BadInput(QStringLiteral("link"), text, forms.join(QStringLiteral(" or ")));
 }
 
 std::unique_ptr<LinkTarget> linkregistry::target(const QStringList& texts)
@@ -46,11 +61,6 @@ std::unique_ptr<LinkTarget> linkregistry::target(const QStringList& texts)
     return first;
 }
 
-void LinkTarget::add(const LinkAddress& another)
-{
-    another.refuse(QStringLiteral("only osd:// takes several links at once"));
-}
-
 QString linkregistry::help()
 {
     QString text;
@@ -60,4 +70,26 @@ QString linkregistry::help()
                     .arg(QLatin1String(kind.describes));
     }
     return text;
+}
+
+const LinkKind& LinkTarget::kind() const
+{
+    return *kindOf(address);
+}
+
+void LinkTarget::add(const LinkAddress& another)
+{
+    throw BadInput(QStringLiteral("link"), another.text,
+                   QStringLiteral("one link; only osd:// takes several at once"));
+}
+
+void LinkTarget::check(const Command& command) const
+{
+    if (command.record.sendMode != 0) {
+        throw BadInput(
+            QStringLiteral("--broadcast: %1:// has none: leave it out").arg(address.scheme));
+    }
+    if (!command.to.isEmpty()) {
+        throw BadInput(QStringLiteral("--to: only osd:// has several endpoints: leave it out"));
+    }
 }

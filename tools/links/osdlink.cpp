@@ -12,11 +12,12 @@
 namespace
 {
 
-constexpr qint64 connectTime = 2000; // ms
-constexpr qint64 lookInterval = 50;  // ms, while nothing is expected
+constexpr qint64 lookIntervalMs = 5;
+constexpr qint64 connectLimitMs = 2000;
+constexpr qint64 offerIntervalMs = 1000; // longer than a thread goes without processor time
 
 // What came just before a hang-up is still on its way through the parser.
-constexpr qint64 goneTime = 100; // ms
+constexpr qint64 hangUpPauseMs = 100;
 
 } // namespace
 
@@ -27,6 +28,7 @@ OsdLink::OsdLink(const std::vector<Endpoint>& endpoints, Connections connections
         const std::lock_guard lock(biz_Osd_CMDSWork::receiveOsdlock);
         biz_Osd_CMDSWork::receivequeueOsd.clear();
     }
+    lastLook.start();
     for (const Endpoint& endpoint : endpoints) {
         Client client;
         client.endpoint = endpoint;
@@ -45,8 +47,7 @@ void OsdLink::begin(Client& client)
     manager->openClient(client.endpoint.ip, client.endpoint.port);
     client.state = State::Connecting;
     client.since.start();
-    client.hasSent = false;
-    lastLook.invalidate();
+    client.offered.invalidate();
 }
 
 void OsdLink::reopen(const QString& ip)
@@ -77,27 +78,19 @@ void OsdLink::send(const Command& command)
 {
     for (Client& client : clients) {
         const bool addressed = command.to.isEmpty() || command.to.contains(client.endpoint.ip);
-        if (addressed && trouble(client.endpoint.ip).isEmpty()) {
+        if (addressed && trouble(client).isEmpty()) {
             client.waiting.push_back(command.osd);
             client.waiting.back().strIP = client.endpoint.ip;
         }
     }
-    lastLook.invalidate();
-    look();
 }
 
 void OsdLink::look()
 {
-    const bool isQuiet = std::all_of(clients.begin(), clients.end(), [](const Client& client) {
-        return client.state != State::Connecting && client.waiting.empty() && !client.underWay;
-    });
-    if (isQuiet && lastLook.isValid() && !lastLook.hasExpired(lookInterval)) {
+    if (!lastLook.hasExpired(lookIntervalMs)) {
         return;
     }
     lastLook.start();
-    for (Client& client : clients) { // before the connections: what was written is seen there then
-        client.isDone = !client.underWay || client.underWay->strParam.isDetached();
-    }
     const auto connections = established();
     for (Client& client : clients) {
         const QHostAddress host(client.endpoint.ip);
@@ -105,76 +98,60 @@ void OsdLink::look()
             std::find_if(connections.begin(), connections.end(), [&](const auto& connection) {
                 return connection.host == host && connection.port == client.endpoint.port;
             });
-        const bool connected = found != connections.end();
-        follow(client, connected, connected && found->hasSent);
+        follow(client, found == connections.end() ? nullptr : &*found);
     }
 }
 
-void OsdLink::follow(Client& client, bool connected, bool hasSent)
+void OsdLink::follow(Client& client, const sockets::Connection* connection)
 {
-    if (connected) {
-        client.state = State::Connected;
-        client.hasSent = hasSent;
-        client.since.invalidate();
-        reached = true;
-        sendWaiting(client);
+    if (connection != nullptr) {
+        // From the second look on: the endpoint's thread has most likely noticed it by then.
+        if (client.state == State::Connected) {
+            sendWaiting(client, connection->hasSent);
+        }
+        noteConnected(client);
     } else if (client.state == State::Connected && !client.since.isValid()) {
         client.since.start();
-    } else if (client.state == State::Connected && client.since.hasExpired(goneTime)) {
+    } else if (client.state == State::Connected && client.since.hasExpired(hangUpPauseMs)) {
         giveUp(client, State::Lost);
-    } else if (client.state == State::Connecting && client.since.hasExpired(connectTime)) {
+    } else if (client.state == State::Connecting && client.since.hasExpired(connectLimitMs)) {
         giveUp(client, State::Absent);
     }
 }
 
-void OsdLink::sendWaiting(Client& client)
+void OsdLink::noteConnected(Client& client)
 {
-    if (!client.isDone) {
-        return;
-    }
-    if (client.underWay && !client.hasSent) {
-        emitRecord(*client.underWay);
-        return;
-    }
-    client.underWay.reset();
-    while (!client.waiting.empty()) {
-        model_OsdParam record = std::move(client.waiting.front());
-        client.waiting.pop_front();
-        if (!client.hasSent) {
-            // Every thread that a record is offered to holds a share of this text until it is done.
-            record.strParam = QString::number(++serial);
-            client.underWay = record;
-            emitRecord(std::move(record));
-            return;
-        }
-        emitRecord(std::move(record));
-    }
+    client.state = State::Connected;
+    client.since.invalidate();
+    reached = true;
 }
 
-void OsdLink::emitRecord(model_OsdParam record)
+void OsdLink::sendWaiting(Client& client, bool hasSent)
 {
-    manager->sendDatatoDevice(&record);
+    if (hasSent && client.offered.isValid()) { // it was the first record that was sent
+        client.offered.invalidate();
+        client.waiting.pop_front();
+    }
+    if (hasSent) {
+        for (model_OsdParam& record : std::exchange(client.waiting, {})) {
+            manager->sendDatatoDevice(&record);
+        }
+    } else if (!client.waiting.empty() &&
+               (!client.offered.isValid() || client.offered.hasExpired(offerIntervalMs))) {
+        client.offered.start();
+        manager->sendDatatoDevice(&client.waiting.front());
+    }
 }
 
 void OsdLink::giveUp(Client& client, State state)
 {
     client.state = state;
     client.waiting.clear();
-    client.underWay.reset();
+    client.offered.invalidate();
     warnings << QStringLiteral("%1:%2 %3")
                     .arg(client.endpoint.ip)
                     .arg(client.endpoint.port)
-                    .arg(trouble(client.endpoint.ip));
-}
-
-QByteArray OsdLink::frameOf(const Command& command) const
-{
-    return recordtext::frame(command, FieldSet::OsdFrame);
-}
-
-QJsonObject OsdLink::jsonOf(const Command& command) const
-{
-    return recordtext::json(command, FieldSet::OsdFrame);
+                    .arg(trouble(client));
 }
 
 std::vector<Reply> OsdLink::takeReplies()
@@ -189,6 +166,11 @@ std::vector<Reply> OsdLink::takeReplies()
     replies.reserve(records.size());
     for (const model_OsdParam& record : records) {
         replies.push_back(recordtext::reply(record));
+        for (Client& client : clients) { // it may have hung up before it was looked at
+            if (client.endpoint.ip == record.strIP && client.state == State::Connecting) {
+                noteConnected(client);
+            }
+        }
     }
     return replies;
 }
@@ -207,28 +189,24 @@ QStringList OsdLink::devices() const
     return ips;
 }
 
+QString OsdLink::trouble(const Client& client)
+{
+    return client.state == State::Lost ? QStringLiteral("has hung up")
+           : client.state == State::Absent
+               ? QStringLiteral("takes no connection: is it on, and is that its port?")
+               : QString();
+}
+
 QString OsdLink::trouble(const QString& device) const
 {
     const Client* client = clientAt(device);
-    if (client != nullptr && client->state == State::Lost) {
-        return QStringLiteral("has hung up");
-    }
-    if (client != nullptr && client->state == State::Absent) {
-        return QStringLiteral("takes no connection: is it on, and is that its port?");
-    }
-    return {};
+    return client == nullptr ? QString() : trouble(*client);
 }
 
 bool OsdLink::isSending() const
 {
-    return std::any_of(clients.begin(), clients.end(), [](const Client& client) {
-        return !client.waiting.empty() || client.underWay;
-    });
-}
-
-bool OsdLink::wasOpen() const
-{
-    return reached;
+    return std::any_of(clients.begin(), clients.end(),
+                       [](const Client& client) { return !client.waiting.empty(); });
 }
 
 QString OsdLink::warning()
@@ -238,8 +216,7 @@ QString OsdLink::warning()
 
 QString OsdLink::problem() const
 {
-    const bool works = std::any_of(clients.begin(), clients.end(), [this](const Client& client) {
-        return trouble(client.endpoint.ip).isEmpty();
-    });
+    const bool works = std::any_of(clients.begin(), clients.end(),
+                                   [](const Client& client) { return trouble(client).isEmpty(); });
     return works ? QString() : QStringLiteral("no endpoint is left");
 }

@@ -2,13 +2,12 @@
 #pragma once
 
 #include "devicelink.h"
-#include "tcpconnections.h"
+#include "sockets.h"
 
 #include <QElapsedTimer>
 
 #include <deque>
 #include <functional>
-#include <optional>
 #include <vector>
 
 class ICoreOsdBase;
@@ -16,11 +15,11 @@ class ICoreOsdBase;
 /// A link to on-screen-display endpoints, all driven by one manager. Only one may exist at a time,
 /// since the manager that records come from and the queue that acknowledgements go to are shared.
 ///
-/// The library drops a record for an endpoint that is not connected, and tells nobody of
-/// connections. So this link looks at the process's connections: a record goes to each endpoint as
-/// soon as it is connected, whatever the others do, and counts as sent when the endpoint's thread
-/// is done with it and bytes have been written to the connection. A thread that has not noticed its
-/// connection yet gets the record again.
+/// The library drops a record for an endpoint that is not connected, and reports no connections. So
+/// this link looks at the process's connections: a record goes to each endpoint as soon as it is
+/// connected, whatever the others do. The endpoint's thread may notice its connection later than
+/// the system does, and drops a record that comes first: until the first bytes have been written to
+/// a connection, its first record is offered again every second.
 ///
 /// Belongs to one thread. Nothing but reopen and the destructor blocks.
 class OsdLink : public DeviceLink
@@ -32,11 +31,11 @@ public:
     };
 
     /// Tells which connections are established.
-    using Connections = std::function<std::vector<tcpconnections::Connection>()>;
+    using Connections = std::function<std::vector<sockets::Connection>()>;
 
     /// Begins to connect to every endpoint and empties the queue. Each address comes once.
     explicit OsdLink(const std::vector<Endpoint>& endpoints,
-                     Connections connections = tcpconnections::established);
+                     Connections connections = sockets::established);
 
     /// Closes every endpoint: 100 ms each, more for one that does not take what is pending.
     ~OsdLink() override;
@@ -50,17 +49,15 @@ public:
     bool isConnected(const QString& ip) const;
 
     void send(const Command& command) override;
-    QByteArray frameOf(const Command& command) const override;
-    QJsonObject jsonOf(const Command& command) const override;
 
-    /// Also looks at the connections and sends what waits for one.
+    /// Also looks at the connections, every 5 ms, and sends what waits for one.
     std::vector<Reply> takeReplies() override;
 
     bool isFromDevice(const Reply& reply) const override;
     QStringList devices() const override;
     QString trouble(const QString& device) const override;
     bool isSending() const override;
-    bool wasOpen() const override;
+    bool wasOpen() const override { return reached; }
     QString warning() override;
     QString problem() const override; ///< every endpoint has trouble
 
@@ -69,20 +66,19 @@ private:
     struct Client {
         Endpoint endpoint;
         State state = State::Connecting;
-        QElapsedTimer since; // that it connects, or is gone
-        bool hasSent = false;
+        QElapsedTimer since;   // when it began to connect, or was seen to be gone
+        QElapsedTimer offered; // when the first record was sent
         std::deque<model_OsdParam> waiting;
-        std::optional<model_OsdParam> underWay; // the first one: was the connection noticed?
-        bool isDone = true;                     // no thread has that one any more
     };
 
     void begin(Client& client);
     void look();
-    void follow(Client& client, bool connected, bool hasSent);
-    void sendWaiting(Client& client);
-    void emitRecord(model_OsdParam record);
+    void follow(Client& client, const sockets::Connection* connection);
+    void noteConnected(Client& client);
+    void sendWaiting(Client& client, bool hasSent);
     void giveUp(Client& client, State state);
     const Client* clientAt(const QString& ip) const;
+    static QString trouble(const Client& client);
 
     ICoreOsdBase* manager;
     Connections established;
@@ -90,5 +86,4 @@ private:
     QElapsedTimer lastLook;
     QStringList warnings;
     bool reached = false;
-    int serial = 0;
 };

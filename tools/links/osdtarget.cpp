@@ -1,49 +1,39 @@
 // SPDX-License-Identifier: MIT
-#include "osdtarget.h"
-
-#include "commandfields.h"
-#include "osddemo.h"
+#include "linkregistry.h"
 #include "osdlink.h"
 #include "osdsimulation.h"
 #include "toolerror.h"
+#include "typed.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace
 {
 
-constexpr quint16 usualPort = 10001;
+constexpr quint16 defaultPort = 10001;
 
 class OsdTarget final : public LinkTarget
 {
 public:
-    explicit OsdTarget(const LinkAddress& address) { add(address); }
+    explicit OsdTarget(const LinkAddress& written) : LinkTarget(written) { add(written); }
 
-    FieldSet fields() const override { return FieldSet::OsdFrame; }
-
-    Faulty faulty() const override { return Faulty::Endpoint; }
-
-    void add(const LinkAddress& address) override
+    void add(const LinkAddress& another) override
     {
-        if (address.scheme != QLatin1String("osd")) {
-            address.refuse(QStringLiteral("only osd:// links go together"));
+        if (another.scheme != address.scheme) {
+            throw BadInput(QStringLiteral("link"), another.text,
+                           QStringLiteral("only osd:// links together"));
         }
-        address.allowOptions({QStringLiteral("data")});
-        const LinkAddress::IpTarget target = address.ipTarget(usualPort);
-        const QString ip = target.host.toString();
-        for (const OsdLink::Endpoint& other : endpoints) {
-            if (other.ip == ip) {
-                address.refuse(QStringLiteral("%1 comes twice: an address has one endpoint, "
-                                              "whatever its port")
-                                   .arg(ip));
-            }
+        another.allowOptions({QStringLiteral("data")});
+        const LinkAddress::IpPort place = another.ipPort(defaultPort);
+        const QString ip = place.host.toString();
+        if (addresses().contains(ip)) {
+            another.refuse(QStringLiteral("host"), ip,
+                           QStringLiteral("each address once, whatever its port"));
         }
-        text = address;
-        endpoints.push_back({ip, target.port});
-        if (address.options.contains(QStringLiteral("data"))) {
-            dataLength = static_cast<int>(typed::number(
-                QStringLiteral("data"), address.options.value(QStringLiteral("data")).toStdString(),
-                0, typed::mostFile));
+        endpoints.push_back({ip, place.port});
+        if (another.has("data")) {
+            dataLength = another.number("data", 0, typed::fileLimit);
         }
     }
 
@@ -54,25 +44,20 @@ public:
                                           "link"));
         }
         for (const QString& ip : command.to) {
-            if (std::none_of(endpoints.begin(), endpoints.end(),
-                             [&ip](const OsdLink::Endpoint& known) { return known.ip == ip; })) {
-                throw BadInput(
-                    QStringLiteral("--to: \"%1\" is none of the endpoints: give the address of a "
-                                   "link, without its port")
-                        .arg(ip));
+            if (!addresses().contains(ip)) {
+                throw BadInput(QStringLiteral("--to"), ip, addresses().join(QStringLiteral(", ")));
             }
         }
         for (const OsdLink::Endpoint& endpoint : endpoints) {
             if (endpoint.port == 0 || endpoint.ip == QLatin1String("0.0.0.0")) {
                 throw BadInput(
-                    QStringLiteral("\"osd://%1:%2\" is no endpoint: give its own address "
-                                   "and a port from 1 to 65535")
-                        .arg(endpoint.ip)
-                        .arg(endpoint.port));
+                    QStringLiteral("link"),
+                    QStringLiteral("osd://%1:%2").arg(endpoint.ip).arg(endpoint.port),
+                    QStringLiteral("the endpoint's own address and a port from 1 to 65535"));
             }
         }
         if (dataLength) {
-            text.refuse(QStringLiteral("?data is for simulate: leave it out"));
+            throw BadInput(QStringLiteral("?data is for simulate: leave it out"));
         }
     }
 
@@ -91,7 +76,15 @@ public:
     }
 
 private:
-    LinkAddress text; // the last one
+    QStringList addresses() const
+    {
+        QStringList ips;
+        for (const OsdLink::Endpoint& endpoint : endpoints) {
+            ips << endpoint.ip;
+        }
+        return ips;
+    }
+
     std::vector<OsdLink::Endpoint> endpoints;
     std::optional<int> dataLength;
 };
@@ -101,9 +94,4 @@ private:
 std::unique_ptr<LinkTarget> osdtarget::parse(const LinkAddress& address)
 {
     return std::make_unique<OsdTarget>(address);
-}
-
-bool osdtarget::demonstrate(Narrator& narrator)
-{
-    return osddemo::run(narrator);
 }

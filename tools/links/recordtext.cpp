@@ -5,7 +5,6 @@
 #include "osdframe.h"
 
 #include <QDateTime>
-#include <QJsonDocument>
 
 #include <algorithm>
 
@@ -15,49 +14,6 @@ namespace
 constexpr int summaryBytes = 8;
 constexpr int dumpWidth = 16;
 constexpr int shownFrame = 64;
-
-struct Field {
-    const char* name;
-    int value;
-    int digits;
-};
-
-std::vector<Field> fieldsOf(const model_OsdParam& osd)
-{
-    std::vector<Field> all;
-    const auto add = [&all](const char* name, char byte) {
-        all.push_back({name, static_cast<quint8>(byte), 2});
-    };
-    add("ch2", osd.ch2);
-    add("ch3", osd.ch3);
-    add("ch5", osd.ch5); // the frame's order
-    add("ch4", osd.ch4);
-    add("ch7", osd.ch7);
-    add("ch8", osd.ch8);
-    add("ch9", osd.ch9);
-    add("ch10", osd.ch10);
-    return all;
-}
-
-std::vector<Field> fieldsOf(const Command& command, FieldSet fields)
-{
-    if (fields == FieldSet::OsdFrame) {
-        return fieldsOf(command.osd);
-    }
-    const model_Protocoldata& record = command.record;
-    const std::vector<Field> text{{"HEAD", record.HEAD, 2}, {"ADDR", record.ADDR, 2}};
-    const std::vector<Field> binary{{"aux1", record.aux1, 4}, {"aux2", record.aux2, 4},
-                                    {"ADDR", record.ADDR, 2}, {"aux3", record.aux3, 2},
-                                    {"aux4", record.aux4, 4}, {"aux5", record.aux5, 4},
-                                    {"aux6", record.aux6, 4}};
-    std::vector<Field> all = fields == FieldSet::BinaryHead ? binary : text;
-    for (const Field& field : {Field{"CMD", record.CMD, 2}, Field{"DAT1", record.DAT1, 2},
-                               Field{"DAT2", record.DAT2, 2}, Field{"DAT3", record.DAT3, 2},
-                               Field{"DAT4", record.DAT4, 2}, Field{"CHKSUM", record.CHKSUM, 2}}) {
-        all.push_back(field);
-    }
-    return all;
-}
 
 void addOrigin(Reply& reply)
 {
@@ -75,15 +31,23 @@ bool isPrintable(char c)
 
 QByteArray recordtext::frame(const Command& command, FieldSet fields)
 {
-    switch (fields) {
-    case FieldSet::BinaryHead:
-        return commandframe::encodeBinary(command.record);
-    case FieldSet::OsdFrame:
-        return osdframe::encode(command.osd);
-    case FieldSet::TextBody:
-        break;
+    return fields == FieldSet::OsdFrame     ? osdframe::encode(command.osd)
+           : fields == FieldSet::BinaryHead ? commandframe::encodeBinary(command.record)
+                                            : commandframe::encodeText(command.record);
+}
+
+Command recordtext::framed(const Command& command, FieldSet fields)
+{
+    Command sent = command;
+    if (fields != FieldSet::OsdFrame) {
+        const QByteArray bytes = frame(command, fields);
+        model_Protocoldata read;
+        fields == FieldSet::BinaryHead ? commandframe::decodeBinary(bytes, read)
+                                       : commandframe::decodeText(bytes, read);
+        sent.record.CHKSUM = read.CHKSUM;
+        sent.record.aux6 = read.aux6;
     }
-    return commandframe::encodeText(command.record);
+    return sent;
 }
 
 const QByteArray& recordtext::block(const Command& command, FieldSet fields)
@@ -93,27 +57,28 @@ const QByteArray& recordtext::block(const Command& command, FieldSet fields)
 
 Command recordtext::osdCommand(const QByteArray& frame)
 {
-    const QByteArray tail = frame.right(osdframe::tailLength);
+    const int dataLength = frame.size() - osdframe::headLength - osdframe::tailLength;
     Command command;
-    char* const head[osdframe::headLength] = {&command.osd.ch2, &command.osd.ch3, &command.osd.ch5,
-                                              &command.osd.ch4, &command.osd.ch7, &command.osd.ch8};
-    for (int i = 0; i < osdframe::headLength; ++i) {
-        *head[i] = frame.at(i);
+    command.osd.arryData = frame.mid(osdframe::headLength, dataLength);
+    const QByteArray fixed = frame.left(osdframe::headLength) + frame.right(osdframe::tailLength);
+    auto byte = fixed.begin();
+    for (const CommandField& field : CommandField::all()) {
+        if (field.isIn(FieldSet::OsdFrame)) {
+            field.set(command, *byte++);
+        }
     }
-    command.osd.arryData =
-        frame.mid(osdframe::headLength, frame.size() - osdframe::headLength - osdframe::tailLength);
-    command.osd.ch9 = tail.at(0);
-    command.osd.ch10 = tail.at(1);
     return command;
 }
 
 QString recordtext::line(const Command& command, FieldSet fields)
 {
     QStringList words;
-    for (const Field& field : fieldsOf(command, fields)) {
-        words << QStringLiteral("%1 %2")
-                     .arg(QLatin1String(field.name))
-                     .arg(field.value, field.digits, 16, QLatin1Char('0'));
+    for (const CommandField& field : CommandField::all()) {
+        if (field.isIn(fields)) {
+            words << QStringLiteral("%1 %2")
+                         .arg(QLatin1String(field.name))
+                         .arg(field.value(command), 2 * field.bytes(), 16, QLatin1Char('0'));
+        }
     }
     return words.join(QLatin1Char(' '));
 }
@@ -121,8 +86,10 @@ QString recordtext::line(const Command& command, FieldSet fields)
 QJsonObject recordtext::json(const Command& command, FieldSet fields)
 {
     QJsonObject object;
-    for (const Field& field : fieldsOf(command, fields)) {
-        object.insert(QString::fromLatin1(field.name).toLower(), field.value);
+    for (const CommandField& field : CommandField::all()) {
+        if (field.isIn(fields)) {
+            object.insert(QString::fromLatin1(field.name).toLower(), field.value(command));
+        }
     }
     const QByteArray& bytes = block(command, fields);
     const QString name =
@@ -136,8 +103,7 @@ QJsonObject recordtext::json(const Command& command, FieldSet fields)
 
 Reply recordtext::reply(const model_Protocoldata& record, FieldSet fields)
 {
-    Command received;
-    received.record = record;
+    const Command received{record, {}, {}};
     Reply reply;
     reply.from = record.strKey2;
     reply.block = record.arryDatablock;
@@ -158,7 +124,7 @@ Reply recordtext::reply(const model_OsdParam& acknowledgement)
     Reply reply;
     reply.from = acknowledgement.strIP;
     const auto status = static_cast<quint8>(acknowledgement.arryData.back());
-    reply.line = QStringLiteral("%1 OK %2").arg(reply.from).arg(status, 2, 16, QLatin1Char('0'));
+    reply.line = QStringLiteral("%1 OK %2").arg(reply.from, hex(status));
     reply.json.insert(QStringLiteral("acknowledgement"),
                       QString::fromLatin1(acknowledgement.arryData.toHex()));
     reply.json.insert(QStringLiteral("status"), status);
@@ -210,9 +176,9 @@ QString recordtext::frameText(const QByteArray& frame)
     return QString::fromLatin1(shown.toHex(' ')) + rest;
 }
 
-QString recordtext::oneLine(const QJsonObject& object)
+QString recordtext::hex(int byte)
 {
-    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+    return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
 }
 
 QString recordtext::timeOfDay()

@@ -10,6 +10,9 @@ namespace recordtext
 /// The command frame of a record, checksum and (binary) block length computed.
 QByteArray frame(const Command& command, FieldSet fields);
 
+/// The command whose frame was sent: with the fields that the frame computes.
+Command framed(const Command& command, FieldSet fields);
+
 /// The fields in frame order, in hexadecimal: "HEAD 01 ADDR 02 CMD 8b ...".
 QString line(const Command& command, FieldSet fields);
 
@@ -38,8 +41,8 @@ QString dump(const QByteArray& bytes);
 /// A frame for a person: its text if it is printable, else hexadecimal; long ones are cut.
 QString frameText(const QByteArray& frame);
 
-/// A JSON object as one line.
-QString oneLine(const QJsonObject& object);
+/// A byte as two hexadecimal digits.
+QString hex(int byte);
 
 /// The local time of day with milliseconds.
 QString timeOfDay();

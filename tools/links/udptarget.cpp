@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "udptarget.h"
-
 #include "commandframe.h"
 #include "corefactory.h"
 #include "corelink.h"
-#include "devicedemo.h"
 #include "icorebase.h"
+#include "linkregistry.h"
+#include "sockets.h"
 #include "toolerror.h"
-#include "udpports.h"
 #include "udpsimulator.h"
 #include "utility_manage.h"
 
@@ -22,10 +20,9 @@ namespace
 {
 
 constexpr quint16 fixedPort = 3005; // of the device types that have one, at both ends
-constexpr quint16 devicePort = 1000;
-constexpr quint16 usualLocalPort = 5104;
-constexpr int largestDatagram = 65507;
-constexpr quint8 broadcastMode = 1;
+constexpr quint16 defaultDevicePort = 1000;
+constexpr quint16 defaultLocalPort = 5104;
+constexpr int datagramLimit = 65507; // bytes
 
 bool hasFixedPort()
 {
@@ -53,84 +50,77 @@ QString obstacle(const QHostAddress& host, quint16 port)
 class UdpTarget : public LinkTarget
 {
 public:
-    UdpTarget(LinkAddress written, const QHostAddress& address, quint16 number)
-        : text(std::move(written)), host(address), port(number)
+    explicit UdpTarget(const LinkAddress& written)
+        : LinkTarget(written),
+          device(written.ipPort(hasFixedPort() ? fixedPort : defaultDevicePort))
     {
+        address.allowOptions({});
     }
-
-    FieldSet fields() const override { return FieldSet::TextBody; }
-
-    Faulty faulty() const override { return Faulty::Datagrams; }
 
     void check(const Command& command) const override
     {
-        const int most = largestDatagram - commandframe::textLength;
-        if (command.record.sendMode == broadcastMode &&
-            command.record.arryDatablock.size() > most) {
-            throw BadInput(QStringLiteral("--block: %1 bytes do not fit into one broadcast: give "
-                                          "at most %2")
-                               .arg(command.record.arryDatablock.size())
-                               .arg(most));
+        const int limit = datagramLimit - commandframe::textLength;
+        Command unicast = command;
+        unicast.record.sendMode = 0;
+        LinkTarget::check(unicast);
+        if (command.record.sendMode != 0 && command.record.arryDatablock.size() > limit) {
+            throw BadInput(QStringLiteral("--block"),
+                           QStringLiteral("%1 bytes").arg(command.record.arryDatablock.size()),
+                           QStringLiteral("0 to %1 bytes in one broadcast").arg(limit));
         }
     }
 
     std::unique_ptr<DeviceLink> open(bool broadcast) const override
     {
-        if (port == 0) {
-            text.refuse(QStringLiteral("a device's port is a number from 1 to 65535"));
+        const QString host = device.host.toString();
+        if (device.port == 0) {
+            address.refuse(QStringLiteral("port"), QStringLiteral("0"),
+                           QStringLiteral("1 to 65535"));
         }
-        if (host == QHostAddress(QHostAddress::AnyIPv4)) {
-            text.refuse(QStringLiteral("0.0.0.0 is no device: give the device's own address"));
+        if (device.host == QHostAddress(QHostAddress::AnyIPv4)) {
+            address.refuse(QStringLiteral("host"), host,
+                           QStringLiteral("the device's own address"));
         }
-        const QHostAddress target = broadcast ? QHostAddress(QHostAddress::Broadcast) : host;
-        const QString reason = obstacle(target, port);
+        const QHostAddress target = broadcast ? QHostAddress(QHostAddress::Broadcast) : device.host;
+        const QString reason = obstacle(target, device.port);
         if (!reason.isEmpty()) {
             throw LinkDown(QStringLiteral("%1: no way to %2: %3; is the network up?")
-                               .arg(text.text, target.toString(), reason));
+                               .arg(address.text, target.toString(), reason));
         }
-        std::unique_ptr<ICoreBase> core(CoreFactory::creatCoreObjInstance(ConnUdp));
         const quint16 local = udptarget::localPort();
-        if (!udpports::isOurs(local)) {
+        if (!sockets::isFree(local)) {
             throw LinkDown(QStringLiteral("%1: replies come to local port %2, which %3 has; end it "
                                           "first, or, for simulated devices only, run: unshare "
                                           "-rn sh -c 'ip link set lo up; exec sh'")
-                               .arg(text.text)
+                               .arg(address.text)
                                .arg(local)
-                               .arg(udpports::holder(local)));
+                               .arg(sockets::holder(local)));
         }
-        core->setDeviceIP(host.toString());
-        core->setPort(port);
+        std::unique_ptr<ICoreBase> core(CoreFactory::creatCoreObjInstance(ConnUdp));
+        core->setDeviceIP(host);
+        core->setPort(device.port);
         core->setDeviceType(Utility_Manage::getDeviceType());
-        return std::make_unique<CoreLink>(std::move(core), fields(),
-                                          broadcast ? QString() : host.toString());
+        return std::make_unique<CoreLink>(std::move(core), FieldSet::TextBody,
+                                          broadcast ? QString() : host);
     }
 
     std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override
     {
-        return std::make_unique<UdpSimulator>(host, port, settings);
+        return std::make_unique<UdpSimulator>(device.host, device.port, settings);
     }
 
 private:
-    LinkAddress text;
-    QHostAddress host;
-    quint16 port;
+    LinkAddress::IpPort device;
 };
 
 } // namespace
 
 std::unique_ptr<LinkTarget> udptarget::parse(const LinkAddress& address)
 {
-    address.allowOptions({});
-    const auto target = address.ipTarget(hasFixedPort() ? fixedPort : devicePort);
-    return std::make_unique<UdpTarget>(address, target.host, target.port);
-}
-
-bool udptarget::demonstrate(Narrator& narrator)
-{
-    return devicedemo::run(narrator, QStringLiteral("udp://127.0.0.1:0"));
+    return std::make_unique<UdpTarget>(address);
 }
 
 quint16 udptarget::localPort()
 {
-    return hasFixedPort() ? fixedPort : usualLocalPort;
+    return hasFixedPort() ? fixedPort : defaultLocalPort;
 }

@@ -1,25 +1,22 @@
 // SPDX-License-Identifier: MIT
-#include "usbtarget.h"
-
 #include "core_usb.h"
 #include "corelink.h"
-#include "devicedemo.h"
+#include "fileaccess.h"
 #include "hidemulation.h"
 #include "hidnode.h"
 #include "emulatedhid.h"
-#include "narrator.h"
+#include "linkregistry.h"
 #include "toolerror.h"
 #include "utility_manage.h"
 
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QRegularExpression>
 
 #include <algorithm>
 
 namespace
 {
-
-constexpr int hexadecimal = 16;
 
 // The reader takes a report every 100 ms and what it costs, and the parser looks every 20 ms: while
 // reports wait to be read, replies are no further apart than this, and otherwise they are soon.
@@ -30,7 +27,7 @@ class UsbCoreLink : public CoreLink
 {
 public:
     UsbCoreLink(std::unique_ptr<ICoreBase> line, std::vector<HidNode> devices)
-        : CoreLink(std::move(line), FieldSet::TextBody, QString()), nodes(std::move(devices))
+        : CoreLink(std::move(line), FieldSet::TextBody), nodes(std::move(devices))
     {
         clock.start();
     }
@@ -60,8 +57,9 @@ public:
     // that is open may be any.
     QString problem() const override
     {
-        const bool isThere = std::any_of(nodes.begin(), nodes.end(),
-                                         [](const HidNode& node) { return node.exists(); });
+        const bool isThere = std::any_of(nodes.begin(), nodes.end(), [](const HidNode& node) {
+            return QFileInfo::exists(node.path);
+        });
         return isThere ? QString() : QStringLiteral("the device has gone");
     }
 
@@ -76,20 +74,20 @@ private:
 class UsbTarget : public LinkTarget
 {
 public:
-    UsbTarget(LinkAddress written, quint16 vendor, quint16 product)
-        : text(std::move(written)), vendorId(vendor), productId(product)
+    explicit UsbTarget(const LinkAddress& written) : LinkTarget(written)
     {
-    }
-
-    FieldSet fields() const override { return FieldSet::TextBody; }
-
-    Faulty faulty() const override { return Faulty::Stream; }
-
-    void check(const Command& command) const override
-    {
-        if (command.record.sendMode != 0) {
-            throw BadInput(QStringLiteral("--broadcast: there is one device at usb://"));
+        static const QRegularExpression form(
+            QRegularExpression::anchoredPattern(QStringLiteral("([0-9a-f]{4}):([0-9a-f]{4})")),
+            QRegularExpression::CaseInsensitiveOption);
+        const auto ids = form.match(address.place);
+        if (!ids.hasMatch()) {
+            address.refuse(QStringLiteral("ids"), address.place,
+                           QStringLiteral("two of four hexadecimal digits, like 04b4:1008; see "
+                                          "coremanage devices"));
         }
+        address.allowOptions({});
+        vendorId = static_cast<quint16>(ids.captured(1).toUInt(nullptr, 16));
+        productId = static_cast<quint16>(ids.captured(2).toUInt(nullptr, 16));
     }
 
     std::unique_ptr<DeviceLink> open(bool /*broadcast*/) const override
@@ -97,26 +95,25 @@ public:
         auto line = std::make_unique<Core_USB>();
         line->setDeviceType(Utility_Manage::getDeviceType());
         if (!line->openUSB(vendorId, productId)) {
-            throw LinkDown(QStringLiteral("%1: %2").arg(text.text, obstacle()));
+            throw LinkDown(QStringLiteral("%1: %2").arg(address.text, obstacle()));
         }
         return std::make_unique<UsbCoreLink>(std::move(line), HidNode::with(vendorId, productId));
     }
 
+    QString simulationObstacle() const override { return hidemulation::obstacle(); }
+
     std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override
     {
-        const QString reason = hidemulation::obstacle();
-        if (!reason.isEmpty()) {
-            throw LinkDown(QStringLiteral("%1: %2").arg(text.text, reason));
-        }
         return hidemulation::device(vendorId, productId, settings);
     }
 
 private:
     QString obstacle() const
     {
-        for (const HidNode& node : HidNode::with(vendorId, productId)) {
-            const QString reason = node.obstacle();
-            return node.path + QStringLiteral(": ") +
+        const auto nodes = HidNode::with(vendorId, productId);
+        if (!nodes.empty()) {
+            const QString reason = fileaccess::obstacle(nodes.front().path);
+            return nodes.front().path + QStringLiteral(": ") +
                    (reason.isEmpty()
                         ? QStringLiteral("it cannot be opened")
                         : reason +
@@ -131,7 +128,6 @@ private:
                    : unseen;
     }
 
-    LinkAddress text;
     quint16 vendorId;
     quint16 productId;
 };
@@ -140,28 +136,5 @@ private:
 
 std::unique_ptr<LinkTarget> usbtarget::parse(const LinkAddress& address)
 {
-    address.allowOptions({});
-    static const QRegularExpression ids(
-        QRegularExpression::anchoredPattern(QStringLiteral("([0-9a-fA-F]{4}):([0-9a-fA-F]{4})")));
-    const auto match = ids.match(address.target);
-    if (!match.hasMatch()) {
-        address.refuse(QStringLiteral("\"%1\" is no pair of ids: write usb://04b4:1008, and see "
-                                      "coremanage devices")
-                           .arg(address.target));
-    }
-    const auto id = [&match](int group) {
-        return static_cast<quint16>(match.captured(group).toUInt(nullptr, hexadecimal));
-    };
-    return std::make_unique<UsbTarget>(address, id(1), id(2));
-}
-
-bool usbtarget::demonstrate(Narrator& narrator)
-{
-    const QString reason = hidemulation::obstacle();
-    if (!reason.isEmpty()) {
-        narrator.detail(QStringLiteral("Not shown: ") + reason);
-        return true;
-    }
-    constexpr int burst = 20; // ten reports a second are read
-    return devicedemo::run(narrator, QStringLiteral("usb://04b4:1008"), burst);
+    return std::make_unique<UsbTarget>(address);
 }

@@ -3,8 +3,8 @@
 
 #include "hidsimulator.h"
 #include "output.h"
-#include "scratch.h"
 #include "toolerror.h"
+#include "toolfiles.h"
 
 #include <glib.h>
 
@@ -23,7 +23,7 @@ QString warning;        // GLib's first one
 
 QString refusal(const QString& reason)
 {
-    return scratch::refusal(QStringLiteral("the files of a simulated USB device"), reason);
+    return toolfiles::noRoom(QStringLiteral("the files of a simulated USB device"), reason);
 }
 
 // GLib ends the process where a file cannot be made: it ends in the tool's way.
@@ -92,7 +92,8 @@ QString hidemulation::obstacle()
 std::unique_ptr<Simulation> hidemulation::device(quint16 vendorId, quint16 productId,
                                                  const SimulatedDevice::Settings& settings)
 {
-    scratch::require(filesOfADevice);
-    qputenv("TMPDIR", scratch::path().toLocal8Bit()); // what umockdev leaves there goes, too
+    toolfiles::requireRoom(filesOfADevice);
+    qputenv("TMPDIR",
+            toolfiles::temporaryPath().toLocal8Bit()); // what umockdev leaves there goes, too
     return std::make_unique<WatchedHidSimulator>(vendorId, productId, settings);
 }

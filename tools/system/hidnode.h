@@ -11,13 +11,9 @@ struct HidNode {
     quint16 bus = 0;
     quint16 vendorId = 0;
     quint16 productId = 0;
-    QString name; ///< as the device says; unprintable characters replaced
+    QString name; ///< as the device reports it; unprintable characters replaced
 
     QString address() const; ///< as a link address: usb://04b4:1008
-    bool exists() const;
-
-    /// Why this user cannot open it, with the rights it has; empty if he can.
-    QString obstacle() const;
 
     /// The udev rule that gives the user at the machine access to devices with these ids.
     QString rule() const;

@@ -3,6 +3,8 @@
 
 #include "toolerror.h"
 
+#include <QJsonDocument>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -68,6 +70,11 @@ void write(int descriptor, const QByteArray& bytes)
 void output::line(const QString& text)
 {
     write(STDOUT_FILENO, text.toUtf8() + '\n');
+}
+
+void output::json(const QJsonObject& object)
+{
+    raw(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
 }
 
 void output::raw(const QByteArray& bytes)

@@ -2,17 +2,19 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 
 /// The tool's output. Every line is written at once and whole. Any thread.
 namespace output
 {
 
-void line(const QString& text);    ///< to standard output
-void raw(const QByteArray& bytes); ///< to standard output, as they are
-bool lost();                       ///< whether some of standard output could not be written
-void checkLoss();                  ///< throws ToolError if so
-void error(const QString& text);   ///< one line to standard error
+void line(const QString& text);       ///< to standard output
+void json(const QJsonObject& object); ///< as one line, to standard output
+void raw(const QByteArray& bytes);    ///< to standard output, as they are
+bool lost();                          ///< whether some of standard output could not be written
+void checkLoss();                     ///< throws ToolError if so
+void error(const QString& text);      ///< one line to standard error
 
 /// From when this descriptor is readable, output that nobody takes within half a second is lost;
 /// -1: there is none, and a reader that does not read is waited for.

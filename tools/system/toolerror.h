@@ -31,11 +31,18 @@ private:
     int exitCode;
 };
 
-/// What the person typed is wrong: the text says what, and what would be right.
+/// What the person typed is wrong: the text says what, and what was expected.
 class BadInput : public ToolError
 {
 public:
     explicit BadInput(const QString& text) : ToolError(exitcode::badInput, text) {}
+
+    /// WHERE: invalid value "VALUE" (expected EXPECTED)
+    BadInput(const QString& where, const QString& value, const QString& expected)
+        : BadInput(
+              QStringLiteral("%1: invalid value \"%2\" (expected %3)").arg(where, value, expected))
+    {
+    }
 };
 
 /// The link could not be opened: the text says which, why, and what would help.

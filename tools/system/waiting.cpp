@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "interrupt.h"
+#include "waiting.h"
 
 #include "output.h"
+
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QTimer>
 
 #include <csignal>
 
@@ -12,6 +16,8 @@
 namespace
 {
 
+constexpr std::chrono::milliseconds pollInterval{2};
+
 sigset_t watched()
 {
     sigset_t signals;
@@ -21,7 +27,7 @@ sigset_t watched()
     struct sigaction hangUp {
     };
     sigaction(SIGHUP, nullptr, &hangUp);
-    if (hangUp.sa_handler != SIG_IGN) { // as nohup has it: blocked, it would come nevertheless
+    if (hangUp.sa_handler != SIG_IGN) { // nohup ignores it; blocked, it would come nevertheless
         sigaddset(&signals, SIGHUP);
     }
     return signals;
@@ -47,9 +53,31 @@ Interrupt::~Interrupt()
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
-// The signal stays where it is: whoever else watches the descriptor is to see it, too.
+// The signal stays pending: output watches the descriptor, too.
 bool Interrupt::happened() const
 {
     pollfd pending{descriptor, POLLIN, 0};
     return poll(&pending, 1, 0) == 1 || output::lost();
+}
+
+WaitEnd waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit,
+                const Interrupt& interrupt)
+{
+    QEventLoop loop;
+    QTimer poll;
+    QElapsedTimer clock;
+    WaitEnd end = WaitEnd::Done;
+    clock.start();
+    poll.setTimerType(Qt::PreciseTimer);
+    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+        const bool over = limit != forEver && clock.hasExpired(limit.count());
+        const bool done = condition();
+        end = done ? WaitEnd::Done : interrupt.happened() ? WaitEnd::Interrupted : WaitEnd::TimeOut;
+        if (over || end != WaitEnd::TimeOut) {
+            loop.quit();
+        }
+    });
+    poll.start(pollInterval);
+    loop.exec();
+    return end;
 }

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "linkregistry.h"
+#include "typed.h"
+#include "waiting.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Options that several subcommands have. What is wrong with one throws BadInput while the command
+/// line is parsed, which every object here must outlive.
+namespace options
+{
+
+/// Adds an option for a number from \a least to \a most.
+template <class Number>
+void addNumber(CLI::App& app, const std::string& name, Number& value, qint64 least, qint64 most,
+               const std::string& help, const char* type = "N")
+{
+    const auto read = [&value, name, least, most](const std::string& text) {
+        value = static_cast<Number>(
+            typed::number(QString::fromStdString(name), QString::fromStdString(text), least, most));
+    };
+    app.add_option_function<std::string>(name, read, help)->type_name(type);
+}
+
+} // namespace options
+
+/// The options of every subcommand that works with a link: which link, which device type, where
+/// the log goes.
+class LinkOptions
+{
+public:
+    void addTo(CLI::App& app);
+
+    /// Sets the host-wide device type and returns what the link's address designates. Throws
+    /// BadInput.
+    std::unique_ptr<LinkTarget> target() const;
+
+    /// Starts the log and the watch on the library's debug lines. Throws BadInput.
+    void startLog() const;
+
+    QString link() const { return links().join(QLatin1Char(' ')); } ///< as written
+
+private:
+    QStringList links() const;
+
+    std::vector<std::string> addresses;
+    int deviceType = -1; // -1: as it is
+    std::string log;
+    bool verbose = false;
+};
+
+/// The options --count and --for: how long something goes on.
+class Duration
+{
+public:
+    void addTo(CLI::App& app, const std::string& what); ///< \a what is counted
+
+    bool reached(qint64 number) const { return count > 0 && number >= count; }
+
+    /// Whether fewer came than were asked for, and nobody ended it by hand.
+    bool fellShort(qint64 number, bool interrupted) const { return number < count && !interrupted; }
+
+    std::chrono::milliseconds limit() const; ///< or forEver
+
+private:
+    qint64 count = 0;   // 0: no end
+    qint64 seconds = 0; // 0: no end
+};
