@@ -36,16 +36,12 @@ void Listen::show(const Reply& reply) const
 
 void Listen::showRefusals(const Interrupt& interrupt) const
 {
-    const linknotes::Refusals refusals = linknotes::takeRefusals();
-    const QString begin = recordtext::timeOfDay() + QStringLiteral(" refused: ");
-    for (const Refusal& refusal : refusals.kept) {
+    for (const Refusal& refusal : linknotes::takeRefusals()) {
         if (interrupt.happened()) {
             return;
         }
-        output::error(begin + refusal.text(link.link()));
-    }
-    if (refusals.more > 0) {
-        output::error(begin + QStringLiteral("%1 more").arg(refusals.more));
+        output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") +
+                      refusal.text(link.link()));
     }
 }
 

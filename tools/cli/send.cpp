@@ -34,7 +34,11 @@ struct Send {
 private:
     void prepare();
     qint64 repliesOf(const QString& device) const;
-    bool hasReplied(const QString& device) const { return repliesOf(device) >= wanted; }
+    bool hasReplied(const QString& device) const
+    {
+        return wanted > 0 && repliesOf(device) >= wanted;
+    }
+    QString troubleOf(const QString& device) const;
     bool enough() const;
     bool isOver() const;
     QStringList silentDevices() const;
@@ -51,7 +55,7 @@ private:
     DeviceLink* open = nullptr; // while run runs
     Command command;
     qint64 wanted = 1;   // replies, of each device; 0: as many as come
-    QStringList devices; // that are each to reply; empty: whoever does
+    QStringList devices; // that are each to reply; an empty name: whoever does
     std::vector<Reply> replies;
     QStringList strangers; // who else answered
     qint64 tried = 0;
@@ -91,31 +95,35 @@ void Send::takeReplies()
 
 qint64 Send::repliesOf(const QString& device) const
 {
-    return std::count_if(replies.begin(), replies.end(),
-                         [&device](const Reply& reply) { return reply.from == device; });
+    return std::count_if(replies.begin(), replies.end(), [&device](const Reply& reply) {
+        return device.isEmpty() || reply.from == device;
+    });
+}
+
+QString Send::troubleOf(const QString& device) const
+{
+    return device.isEmpty() ? open->problem() : open->trouble(device);
 }
 
 bool Send::enough() const
 {
-    return devices.isEmpty() ? wanted > 0 && static_cast<qint64>(replies.size()) >= wanted
-                             : std::all_of(devices.begin(), devices.end(),
-                                           [this](const auto& one) { return hasReplied(one); });
+    return std::all_of(devices.begin(), devices.end(),
+                       [this](const QString& one) { return hasReplied(one); });
 }
 
 // Nothing more is to be expected.
 bool Send::isOver() const
 {
-    return devices.isEmpty() ? enough() || !open->problem().isEmpty()
-                             : std::all_of(devices.begin(), devices.end(), [this](const auto& one) {
-                                   return hasReplied(one) || !open->trouble(one).isEmpty();
-                               });
+    return std::all_of(devices.begin(), devices.end(), [this](const QString& one) {
+        return hasReplied(one) || !troubleOf(one).isEmpty();
+    });
 }
 
 QStringList Send::silentDevices() const
 {
     QStringList silent;
     for (const QString& device : devices) {
-        if (repliesOf(device) == 0 && open->trouble(device).isEmpty()) {
+        if (repliesOf(device) == 0 && troubleOf(device).isEmpty()) {
             silent << device;
         }
     }
@@ -155,12 +163,15 @@ int Send::run()
     const auto owner = target->open(broadcast);
     open = owner.get();
     devices = command.to.isEmpty() ? open->devices() : command.to;
+    if (devices.isEmpty()) {
+        devices << QString();
+    }
     WaitEnd end = WaitEnd::TimeOut;
-    const auto isSilent = [this] {
+    while (end == WaitEnd::TimeOut && tried < tries) {
         command.to = silentDevices();
-        return devices.isEmpty() ? replies.empty() : !command.to.isEmpty();
-    };
-    while (end == WaitEnd::TimeOut && tried < tries && isSilent()) {
+        if (command.to.isEmpty()) {
+            break;
+        }
         ++tried;
         open->send(command);
         if (linknotes::takeSendFailure()) {
@@ -179,7 +190,7 @@ QString Send::failuresOfDevices() const
     QStringList failures;
     for (const QString& device : devices) {
         const qint64 count = repliesOf(device);
-        const QString trouble = open->trouble(device);
+        const QString trouble = troubleOf(device);
         if (count >= wanted || (timeoutMs == 0 && trouble.isEmpty())) {
             continue;
         }
@@ -196,16 +207,15 @@ QString Send::failuresOfDevices() const
 
 QString refusedText(const QString& link)
 {
-    const linknotes::Refusals refusals = linknotes::takeRefusals();
+    const std::vector<Refusal> refusals = linknotes::takeRefusals();
     QStringList shown;
-    for (const Refusal& refusal : refusals.kept) {
-        if (shown.size() < refusalsShown) {
-            shown << refusal.text(link);
+    for (const Refusal& refusal : refusals) {
+        if (shown.size() == refusalsShown) {
+            shown << QStringLiteral("%1 more").arg(static_cast<int>(refusals.size()) -
+                                                   refusalsShown);
+            break;
         }
-    }
-    const qint64 more = static_cast<qint64>(refusals.kept.size()) - shown.size() + refusals.more;
-    if (more > 0) {
-        shown << QStringLiteral("%1 more").arg(more);
+        shown << refusal.text(link);
     }
     return shown.isEmpty()
                ? QString()
@@ -214,7 +224,7 @@ QString refusedText(const QString& link)
 
 QString Send::failure(WaitEnd end) const
 {
-    if (!devices.isEmpty() && end != WaitEnd::Interrupted) {
+    if (!devices.contains(QString()) && end != WaitEnd::Interrupted) {
         return failuresOfDevices();
     }
     if (!open->problem().isEmpty()) {
@@ -241,8 +251,8 @@ QString Send::failure(WaitEnd end) const
 
 int Send::report(WaitEnd end) const
 {
-    const bool isSent = std::all_of(devices.begin(), devices.end(), [this](const auto& one) {
-        return open->trouble(one).isEmpty();
+    const bool isSent = std::all_of(devices.begin(), devices.end(), [this](const QString& one) {
+        return troubleOf(one).isEmpty();
     });
     const bool ok = (timeoutMs == 0 && isSent) || enough() || (wanted == 0 && !replies.empty());
     if (!open->wasOpen() && end != WaitEnd::Interrupted) {
@@ -282,13 +292,13 @@ void Send::printJson(bool ok) const
     QJsonObject object{{QStringLiteral("ok"), ok},       {QStringLiteral("link"), link},
                        {QStringLiteral("tries"), tried}, {QStringLiteral("elapsed_ms"), elapsedMs},
                        {QStringLiteral("sent"), sent},   {QStringLiteral("replies"), array}};
-    QJsonArray endpoints;
-    for (const QString& device : devices) {
-        endpoints.append(QJsonObject{{QStringLiteral("address"), device},
-                                     {QStringLiteral("replies"), repliesOf(device)},
-                                     {QStringLiteral("trouble"), open->trouble(device)}});
-    }
-    if (!endpoints.isEmpty()) {
+    if (!devices.contains(QString())) {
+        QJsonArray endpoints;
+        for (const QString& device : devices) {
+            endpoints.append(QJsonObject{{QStringLiteral("address"), device},
+                                         {QStringLiteral("replies"), repliesOf(device)},
+                                         {QStringLiteral("trouble"), open->trouble(device)}});
+        }
         object.insert(QStringLiteral("endpoints"), endpoints);
     }
     output::json(object);

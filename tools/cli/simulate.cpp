@@ -30,7 +30,6 @@ private:
     void show(const Exchange& exchange) const;
     void showJson(const Exchange& exchange) const;
     Command commandOf(const Exchange& exchange) const;
-    QString textOf(const Exchange& exchange) const;
 
     FieldSet fields = FieldSet::TextBody;
     qint64 commands = 0;
@@ -71,22 +70,6 @@ Command Simulate::commandOf(const Exchange& exchange) const
     return command;
 }
 
-QString Simulate::textOf(const Exchange& exchange) const
-{
-    const Command command = commandOf(exchange);
-    if (fields == FieldSet::OsdFrame) {
-        return recordtext::line(command, fields) + QLatin1Char(' ') +
-               recordtext::blockSummary(command.osd.arryData, "data");
-    }
-    const auto& record = command.record;
-    QStringList words{QStringLiteral("CMD"), recordtext::hex(record.CMD), QStringLiteral("DAT")};
-    for (const int byte : {record.DAT1, record.DAT2, record.DAT3, record.DAT4}) {
-        words << recordtext::hex(byte);
-    }
-    return words.join(QLatin1Char(' ')) + QLatin1Char(' ') +
-           recordtext::blockSummary(record.arryDatablock);
-}
-
 void Simulate::show(const Exchange& exchange) const
 {
     QStringList sizes;
@@ -103,7 +86,8 @@ void Simulate::show(const Exchange& exchange) const
         answer += QStringLiteral(" [%1]").arg(struck.join(QStringLiteral(", ")));
     }
     output::line(QStringLiteral("%1 %2 -> %3")
-                     .arg(recordtext::timeOfDay(), textOf(exchange).trimmed(), answer));
+                     .arg(recordtext::timeOfDay(), recordtext::summary(commandOf(exchange), fields),
+                          answer));
 }
 
 void Simulate::showJson(const Exchange& exchange) const

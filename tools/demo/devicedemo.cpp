@@ -61,7 +61,7 @@ public:
         for (Reply& reply : link.takeReplies()) {
             replies.push_back(std::move(reply));
         }
-        for (Refusal& refusal : linknotes::takeRefusals().kept) {
+        for (Refusal& refusal : linknotes::takeRefusals()) {
             narrator.detail(QStringLiteral("refused           ") +
                             refusal.text(simulator.address()));
             refusals.push_back(std::move(refusal));

@@ -11,16 +11,14 @@ constexpr auto byBinary = static_cast<unsigned>(FieldSet::BinaryHead);
 constexpr auto byOsd = static_cast<unsigned>(FieldSet::OsdFrame);
 constexpr unsigned byDevices = byText | byBinary;
 
-template <class AnyCommand, class Value>
-auto& memberOf(AnyCommand& command, Value model_Protocoldata::*member)
+template <class AnyCommand, class Member>
+auto& memberOf(AnyCommand& command, Member member)
 {
-    return command.record.*member;
-}
-
-template <class AnyCommand>
-auto& memberOf(AnyCommand& command, char model_OsdParam::*member)
-{
-    return command.osd.*member;
+    if constexpr (std::is_same_v<Member, char model_OsdParam::*>) {
+        return command.osd.*member;
+    } else {
+        return command.record.*member;
+    }
 }
 
 // Calls a function with the member itself.

@@ -5,8 +5,10 @@
 #include "icorebase.h"
 #include "recordtext.h"
 
-CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device)
-    : core(std::move(transport)), fieldSet(fields), deviceName(std::move(device))
+CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
+                   std::function<QString()> whyLost)
+    : core(std::move(transport)), fieldSet(fields), deviceName(std::move(device)),
+      lossReason(std::move(whyLost))
 {
     biz_CMDSWork().clearQueue();
 }

@@ -3,6 +3,7 @@
 
 #include "devicelink.h"
 
+#include <functional>
 #include <memory>
 
 class ICoreBase;
@@ -14,16 +15,20 @@ class CoreLink : public DeviceLink
 {
 public:
     /// Takes over an open transport and empties the queue. \a device is the sender that replies
-    /// of this device carry; empty if every sender is.
-    CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device = {});
+    /// of this device carry; empty if every sender is. \a whyLost tells why the link does not work
+    /// any more; empty if it does.
+    CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
+             std::function<QString()> whyLost);
     ~CoreLink() override;
 
     void send(const Command& command) override;
     std::vector<Reply> takeReplies() override;
     bool isFromDevice(const Reply& reply) const override;
+    QString problem() const override { return lossReason(); }
 
 private:
     std::unique_ptr<ICoreBase> core;
     FieldSet fieldSet;
     QString deviceName;
+    std::function<QString()> lossReason;
 };

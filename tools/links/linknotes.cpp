@@ -17,7 +17,7 @@
 namespace
 {
 
-constexpr std::size_t keptLimit = 10000; // until they are taken; the others are counted
+constexpr std::size_t keptLimit = 10000; // until they are taken; the others are dropped
 constexpr const char* sendFailures[] = {"Send failed", "Send Broadcast failed", "Send unknown",
                                         "Send Broadcast unknown"};
 
@@ -127,7 +127,7 @@ private:
 struct Notes {
     std::mutex lock; // a leaf
     DatagramNotes datagrams;
-    linknotes::Refusals refusals;
+    std::vector<Refusal> refusals;
 };
 
 // Never destroyed: the links' threads may still write debug lines while the process ends.
@@ -169,10 +169,8 @@ void note(const QString& line)
     if (!reason.isEmpty()) {
         refusal.reason = reason;
     }
-    if (!refusal.reason.isEmpty() && all.refusals.kept.size() < keptLimit) {
-        all.refusals.kept.push_back(std::move(refusal));
-    } else if (!refusal.reason.isEmpty()) {
-        ++all.refusals.more;
+    if (!refusal.reason.isEmpty() && all.refusals.size() < keptLimit) {
+        all.refusals.push_back(std::move(refusal));
     }
 }
 
@@ -206,7 +204,7 @@ bool linknotes::takeSendFailure()
     return sendFailed.exchange(false);
 }
 
-linknotes::Refusals linknotes::takeRefusals()
+std::vector<Refusal> linknotes::takeRefusals()
 {
     const std::lock_guard guard(notes().lock);
     return std::exchange(notes().refusals, {});

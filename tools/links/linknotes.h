@@ -26,12 +26,7 @@ void install(bool verbose);
 /// Whether a frame was refused by the system since the last call.
 bool takeSendFailure();
 
-struct Refusals {
-    std::vector<Refusal> kept; ///< oldest first, 10,000 at most
-    qint64 more = 0;           ///< that came after these
-};
-
-/// What came and was refused since the last call.
-Refusals takeRefusals();
+/// What came and was refused since the last call, oldest first, at most 10,000.
+std::vector<Refusal> takeRefusals();
 
 } // namespace linknotes

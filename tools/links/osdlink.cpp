@@ -68,12 +68,6 @@ const OsdLink::Client* OsdLink::clientAt(const QString& ip) const
     return found == clients.end() ? nullptr : &*found;
 }
 
-bool OsdLink::isConnected(const QString& ip) const
-{
-    const Client* client = clientAt(ip);
-    return client != nullptr && client->state == State::Connected;
-}
-
 void OsdLink::send(const Command& command)
 {
     for (Client& client : clients) {

@@ -45,9 +45,6 @@ public:
     /// Closes an endpoint and begins to connect to it anew.
     void reopen(const QString& ip);
 
-    /// Whether an endpoint is connected, as far as it has been looked at.
-    bool isConnected(const QString& ip) const;
-
     void send(const Command& command) override;
 
     /// Also looks at the connections, every 5 ms, and sends what waits for one.

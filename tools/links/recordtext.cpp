@@ -15,6 +15,20 @@ constexpr int summaryBytes = 8;
 constexpr int dumpWidth = 16;
 constexpr int shownFrame = 64;
 
+QString blockName(FieldSet fields)
+{
+    return fields == FieldSet::OsdFrame ? QStringLiteral("data") : QStringLiteral("block");
+}
+
+QString beginning(const QByteArray& bytes, const QString& name)
+{
+    return QStringLiteral("%1 %2 bytes: %3%4")
+        .arg(name)
+        .arg(bytes.size())
+        .arg(QString::fromLatin1(bytes.left(summaryBytes).toHex(' ')),
+             bytes.size() > summaryBytes ? QStringLiteral(" ...") : QString());
+}
+
 void addOrigin(Reply& reply)
 {
     reply.json.insert(QStringLiteral("from"), reply.from);
@@ -92,8 +106,7 @@ QJsonObject recordtext::json(const Command& command, FieldSet fields)
         }
     }
     const QByteArray& bytes = block(command, fields);
-    const QString name =
-        fields == FieldSet::OsdFrame ? QStringLiteral("data") : QStringLiteral("block");
+    const QString name = blockName(fields);
     object.insert(name + QStringLiteral("_length"), bytes.size());
     if (!bytes.isEmpty()) {
         object.insert(name, QString::fromLatin1(bytes.toHex()));
@@ -107,13 +120,7 @@ Reply recordtext::reply(const model_Protocoldata& record, FieldSet fields)
     Reply reply;
     reply.from = record.strKey2;
     reply.block = record.arryDatablock;
-    reply.line = line(received, fields);
-    if (!reply.from.isEmpty()) {
-        reply.line.prepend(reply.from + QLatin1Char(' '));
-    }
-    if (!reply.block.isEmpty()) {
-        reply.line += QLatin1Char(' ') + blockSummary(reply.block);
-    }
+    reply.line = (reply.from + QLatin1Char(' ') + summary(received, fields)).trimmed();
     reply.json = json(received, fields);
     addOrigin(reply);
     return reply;
@@ -132,16 +139,12 @@ Reply recordtext::reply(const model_OsdParam& acknowledgement)
     return reply;
 }
 
-QString recordtext::blockSummary(const QByteArray& block, const char* name)
+QString recordtext::summary(const Command& command, FieldSet fields)
 {
-    if (block.isEmpty()) {
-        return {};
-    }
-    return QStringLiteral("%1 %2 bytes: %3%4")
-        .arg(QLatin1String(name))
-        .arg(block.size())
-        .arg(QString::fromLatin1(block.left(summaryBytes).toHex(' ')),
-             block.size() > summaryBytes ? QStringLiteral(" ...") : QString());
+    const QByteArray& bytes = block(command, fields);
+    return bytes.isEmpty()
+               ? line(command, fields)
+               : line(command, fields) + QLatin1Char(' ') + beginning(bytes, blockName(fields));
 }
 
 QString recordtext::dump(const QByteArray& bytes)
@@ -171,7 +174,7 @@ QString recordtext::frameText(const QByteArray& frame)
     }
     if (shown.size() > commandframe::textLength && shown.startsWith("<T")) {
         return QString::fromLatin1(shown.left(commandframe::textLength)) + QLatin1String(" + ") +
-               blockSummary(frame.mid(commandframe::textLength));
+               beginning(frame.mid(commandframe::textLength), QStringLiteral("block"));
     }
     return QString::fromLatin1(shown.toHex(' ')) + rest;
 }

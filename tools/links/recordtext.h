@@ -32,8 +32,8 @@ Reply reply(const model_Protocoldata& record, FieldSet fields);
 /// A received acknowledgement, its origin included.
 Reply reply(const model_OsdParam& acknowledgement);
 
-/// "block 145 bytes: 00 01 02 ...", the first few bytes of it; empty for no block.
-QString blockSummary(const QByteArray& block, const char* name = "block");
+/// The line, and the first few bytes of the block if there is one: "block 145 bytes: 00 01 ...".
+QString summary(const Command& command, FieldSet fields);
 
 /// All bytes, sixteen a line, with offset and text.
 QString dump(const QByteArray& bytes);

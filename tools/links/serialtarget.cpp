@@ -43,24 +43,6 @@ QString refusal(const QSerialPort& port, const QString& path)
                             : QStringLiteral("%1 has it: end that first").arg(holder);
 }
 
-// A link over a serial line, which closes its port when the device goes.
-class SerialCoreLink : public CoreLink
-{
-public:
-    SerialCoreLink(std::unique_ptr<ICoreBase> line, const QSerialPort& itsPort, FieldSet fields)
-        : CoreLink(std::move(line), fields), port(itsPort)
-    {
-    }
-
-    QString problem() const override
-    {
-        return port.isOpen() ? QString() : QStringLiteral("the device has gone");
-    }
-
-private:
-    const QSerialPort& port;
-};
-
 class SerialTarget : public LinkTarget
 {
 public:
@@ -114,7 +96,10 @@ private:
         QObject::connect(&line->port(), &QSerialPort::errorOccurred, line.get(),
                          &Line::handleError);
         const QSerialPort& port = line->port();
-        return std::make_unique<SerialCoreLink>(std::move(line), port, kind().fields);
+        const auto whyLost = [&port] {
+            return port.isOpen() ? QString() : QStringLiteral("the device has gone");
+        };
+        return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost);
     }
 
     int baud = QSerialPort::Baud115200;

@@ -4,7 +4,6 @@
 #include "toolerror.h"
 
 #include <QFile>
-#include <QFileInfo>
 #include <QRegularExpression>
 
 #include <unistd.h>
@@ -60,9 +59,6 @@ QByteArray typed::file(const QString& option, const QString& path, int limit)
     const auto refuse = [&](const QString& reason) {
         throw BadInput(option, path, QStringLiteral("a readable file: ") + reason);
     };
-    if (path.isEmpty() || QFileInfo(path).isDir()) {
-        refuse(path.isEmpty() ? QStringLiteral("no name") : QStringLiteral("it is a directory"));
-    }
     QFile file(path);
     // By its descriptor: as a stream it would be switched to not waiting, for whoever shares it.
     const bool opened = path == QLatin1String("-") ? file.open(STDIN_FILENO, QIODevice::ReadOnly)

@@ -9,12 +9,8 @@
 #include "udpsimulator.h"
 #include "utility_manage.h"
 
-#include <cerrno>
-#include <cstring>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <QNetworkProxy>
+#include <QUdpSocket>
 
 namespace
 {
@@ -33,18 +29,10 @@ bool hasFixedPort()
 // Why datagrams cannot go there now; empty if they can. Sends nothing.
 QString obstacle(const QHostAddress& host, quint16 port)
 {
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(host.toIPv4Address());
-    const bool reachable =
-        connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    QString reason = reachable ? QString() : QString::fromLocal8Bit(std::strerror(errno));
-    close(descriptor);
-    return reason;
+    QUdpSocket probe;
+    probe.setProxy(QNetworkProxy::NoProxy);
+    probe.connectToHost(host, port);
+    return probe.state() == QAbstractSocket::ConnectedState ? QString() : probe.errorString();
 }
 
 class UdpTarget : public LinkTarget
@@ -101,7 +89,7 @@ public:
         core->setPort(device.port);
         core->setDeviceType(Utility_Manage::getDeviceType());
         return std::make_unique<CoreLink>(std::move(core), FieldSet::TextBody,
-                                          broadcast ? QString() : host);
+                                          broadcast ? QString() : host, [] { return QString(); });
     }
 
     std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override

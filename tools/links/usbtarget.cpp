@@ -26,8 +26,9 @@ constexpr qint64 watchedTimeMs = 2000;
 class UsbCoreLink : public CoreLink
 {
 public:
-    UsbCoreLink(std::unique_ptr<ICoreBase> line, std::vector<HidNode> devices)
-        : CoreLink(std::move(line), FieldSet::TextBody), nodes(std::move(devices))
+    UsbCoreLink(std::unique_ptr<ICoreBase> line, const std::vector<HidNode>& nodes)
+        : CoreLink(std::move(line), FieldSet::TextBody, QString(),
+                   [nodes] { return whyLost(nodes); })
     {
         clock.start();
     }
@@ -55,7 +56,7 @@ public:
 
     // The transport stays open over a device that is gone. With several of the same ids, the one
     // that is open may be any.
-    QString problem() const override
+    static QString whyLost(const std::vector<HidNode>& nodes)
     {
         const bool isThere = std::any_of(nodes.begin(), nodes.end(), [](const HidNode& node) {
             return QFileInfo::exists(node.path);
@@ -64,7 +65,6 @@ public:
     }
 
 private:
-    std::vector<HidNode> nodes; // that the device may be
     QElapsedTimer clock;
     qint64 last = 0;
     qint64 closeSince = 0; // replies have followed closely

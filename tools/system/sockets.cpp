@@ -4,6 +4,8 @@
 #include "fileaccess.h"
 
 #include <QFile>
+#include <QNetworkProxy>
+#include <QUdpSocket>
 
 #include <cstdlib>
 #include <filesystem>
@@ -13,7 +15,6 @@
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace
 {
@@ -73,19 +74,9 @@ std::optional<sockets::Connection> connectionAt(int descriptor)
 
 bool sockets::isFree(quint16 port)
 {
-    const int descriptor = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) {
-        return socketNames(port).empty();
-    }
-    const int off = 0;
-    setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = htons(port);
-    const bool bound =
-        bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(descriptor);
-    return bound;
+    QUdpSocket probe;
+    probe.setProxy(QNetworkProxy::NoProxy);
+    return probe.bind(port);
 }
 
 QString sockets::holder(quint16 port)
