@@ -119,8 +119,8 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send %1 --cmd 1 --block @/no/such/file",
              "--block: invalid value \"/no/such/file\" (expected a readable file: No such file or "
              "directory)"},
-        Case{"send %1 --cmd 1 --block @/tmp",
-             "--block: invalid value \"/tmp\" (expected a readable file: it is a directory)"},
+        Case{"send %1 --cmd 1 --block @/tmp", "--block: invalid value \"/tmp\" (expected a "
+                                              "readable file: file to open is a directory)"},
         Case{"send %1 --cmd 1 --block @",
              "--block: invalid value \"\" (expected a readable file: no name)"},
         Case{"send %1 --cmd 1 --block @/proc/self/mem",
@@ -145,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"send %1 --cmd 1 --device-type x",
              "--device-type: invalid value \"x\" (expected 0 to 2147483647)"},
         Case{"send %1 --cmd 1 --log /",
-             "--log: invalid value \"/\" (expected a file that can be written: is a directory)"},
+             "--log: invalid value \"/\" (expected a file that can be written: is no plain file)"},
         Case{"send %1 --cmd 1 --log /proc/no/such.log",
              "--log: invalid value \"/proc/no/such.log\" (expected a file that can be written: No "
              "such file or directory)"},
@@ -225,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(
                            "like 00ff10, or @FILE)"},
         Case{"decode @/no/such/file", "No such file or directory"},
         Case{"demo --log /",
-             "--log: invalid value \"/\" (expected a file that can be written: is a directory)"},
+             "--log: invalid value \"/\" (expected a file that can be written: is no plain file)"},
         Case{"demo extra", "extra: see coremanage demo --help"}));
 
 TEST(BadInput, RefusesABlockThatIsTooLong)

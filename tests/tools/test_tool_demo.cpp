@@ -19,7 +19,7 @@ void expectAllAsSaid(const ToolRun& run)
           "the block arrived whole, 64 bytes", "a reply with a wrong checksum",
           "the second try got its reply", "200 replies came",
           "a simulated endpoint serves at osd://127.0.0.3:",
-          "127.0.0.1, 127.0.0.2, 127.0.0.3 are connected",
+          "127.0.0.1, 127.0.0.2, 127.0.0.3 acknowledged",
           "127.0.0.1, 127.0.0.2, 127.0.0.3 acknowledged", "endpoint -> host  127.0.0.2 OK 01",
           "127.0.0.2 goes away; the others go on\n  ok: 127.0.0.2 has hung up",
           "127.0.0.2 comes back", "it reads again: 127.0.0.2 acknowledged",

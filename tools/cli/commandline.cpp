@@ -8,7 +8,6 @@
 
 #include <QRegularExpression>
 
-#include <array>
 #include <sstream>
 
 namespace
@@ -22,24 +21,19 @@ QString withoutSubcommand(const CLI::App& application)
     }
     const std::vector<std::string> unknown = application.remaining();
     const QString given = unknown.empty() ? QString() : QString::fromStdString(unknown.front());
-    return QString::fromUtf8(
-        BadInput(QStringLiteral("subcommand"), given, names.join(QStringLiteral(", "))).what());
+    return QString::fromUtf8(BadInput("subcommand", given, names.join(", ")).what());
 }
 
 // CLI11's own words, on one line, where they say what is wrong.
 QString inWords(const CLI::ParseError& error)
 {
-    static const QRegularExpression repeated(QStringLiteral("^(.+): At Most 1 required"));
-    static const QRegularExpression bare(QStringLiteral("^(.+): 1 required"));
-    QString text = QString::fromLocal8Bit(error.what());
-    text.replace(QLatin1Char('\n'), QLatin1Char(' '));
-    if (const auto match = repeated.match(text); match.hasMatch()) {
-        return QStringLiteral("%1 comes more than once: give it once").arg(match.captured(1));
-    }
-    if (const auto match = bare.match(text); match.hasMatch()) {
-        return QStringLiteral("%1 has no value: give one behind it").arg(match.captured(1));
-    }
-    return text.trimmed();
+    static const QRegularExpression repeated("^(.+): At Most 1 required.*");
+    static const QRegularExpression bare("^(.+): 1 required.*");
+    return QString::fromLocal8Bit(error.what())
+        .replace('\n', ' ')
+        .replace(repeated, "\\1 comes more than once: give it once")
+        .replace(bare, "\\1 has no value: give one behind it")
+        .trimmed();
 }
 
 // What is wrong, and where to find what would be right.
@@ -51,8 +45,7 @@ int reportParseError(const CLI::App& application, const CLI::ParseError& error)
     }
     const QString what =
         application.get_subcommands().empty() ? withoutSubcommand(application) : inWords(error);
-    output::error(
-        QStringLiteral("coremanage: %1: see %2 --help").arg(what, QString::fromStdString(help)));
+    output::error(QString("coremanage: %1: see %2 --help").arg(what, QString::fromStdString(help)));
     return exitcode::badInput;
 }
 
@@ -61,11 +54,12 @@ int parseAndRun(int argc, char** argv)
     CLI::App application("Talks to a device, or plays one", "coremanage");
     application.set_version_flag("--version", COREMANAGE_VERSION);
     application.require_subcommand(1);
-    const std::array subcommands{
-        commands::addDemo(application),   commands::addSend(application),
-        commands::addListen(application), commands::addSimulate(application),
-        commands::addPorts(application),  commands::addDevices(application),
-        commands::addEncode(application), commands::addDecode(application)};
+    int code = exitcode::badInput;
+    for (const auto add :
+         {commands::addDemo, commands::addSend, commands::addListen, commands::addSimulate,
+          commands::addPorts, commands::addDevices, commands::addEncode, commands::addDecode}) {
+        add(application, code);
+    }
     application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
                        "\nExit codes: 0 done, 1 the operation failed (no reply, no valid frame),\n"
                        "2 wrong input and nothing sent, 3 a link could not be opened.");
@@ -73,21 +67,13 @@ int parseAndRun(int argc, char** argv)
         application.parse(argc, argv);
     } catch (const CLI::Success& help) {
         std::ostringstream text;
-        const int code = application.exit(help, text, text);
+        code = application.exit(help, text, text);
         output::raw(QByteArray::fromStdString(text.str()));
-        output::checkLoss();
-        return code;
     } catch (const CLI::ParseError& error) {
         return reportParseError(application, error);
     }
-    for (const commands::Subcommand& subcommand : subcommands) {
-        if (subcommand.parser->parsed()) {
-            const int code = subcommand.run();
-            output::checkLoss();
-            return code;
-        }
-    }
-    return exitcode::badInput;
+    output::checkLoss();
+    return code;
 }
 
 } // namespace
@@ -97,10 +83,10 @@ int commandline::run(int argc, char** argv)
     try {
         return parseAndRun(argc, argv);
     } catch (const ToolError& error) {
-        output::error(QStringLiteral("coremanage: ") + QString::fromUtf8(error.what()));
+        output::error("coremanage: " + QString::fromUtf8(error.what()));
         return error.code();
     } catch (const std::exception& error) {
-        output::error(QStringLiteral("coremanage: ") + QString::fromLocal8Bit(error.what()));
+        output::error("coremanage: " + QString::fromLocal8Bit(error.what()));
         return exitcode::failed;
     }
 }

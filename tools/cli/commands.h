@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <functional>
-
 namespace CLI
 {
 class App;
@@ -18,23 +16,18 @@ int run(int argc, char** argv);
 
 } // namespace commandline
 
-/// The subcommands of coremanage. Each function adds one to the application; what it returns runs
-/// it once the command line has been parsed, and gives the exit code or throws ToolError.
+/// The subcommands of coremanage. Each function adds one to the application. Once the command line
+/// has been parsed, the one that it names runs and sets the exit code, or throws ToolError.
 namespace commands
 {
 
-struct Subcommand {
-    CLI::App* parser;
-    std::function<int()> run;
-};
-
-Subcommand addDemo(CLI::App& application);
-Subcommand addSend(CLI::App& application);
-Subcommand addListen(CLI::App& application);
-Subcommand addSimulate(CLI::App& application);
-Subcommand addPorts(CLI::App& application);
-Subcommand addDevices(CLI::App& application);
-Subcommand addEncode(CLI::App& application);
-Subcommand addDecode(CLI::App& application);
+void addDemo(CLI::App& application, int& code);
+void addSend(CLI::App& application, int& code);
+void addListen(CLI::App& application, int& code);
+void addSimulate(CLI::App& application, int& code);
+void addPorts(CLI::App& application, int& code);
+void addDevices(CLI::App& application, int& code);
+void addEncode(CLI::App& application, int& code);
+void addDecode(CLI::App& application, int& code);
 
 } // namespace commands

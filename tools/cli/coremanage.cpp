@@ -11,6 +11,6 @@ int main(int argc, char** argv)
     hidemulation::prepare(argv);
     std::signal(SIGPIPE, SIG_IGN); // lost output is noticed where it is written
     const QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("coremanage"));
+    QCoreApplication::setApplicationName("coremanage");
     return commandline::run(argc, argv);
 }

@@ -26,16 +26,15 @@ struct Verdict {
 
 QString wrongChecksum(int sent, int right)
 {
-    return QStringLiteral("its checksum is %1, and %2 would be right")
-        .arg(sent, 2, 16, QLatin1Char('0'))
-        .arg(right, 2, 16, QLatin1Char('0'));
+    return QString("its checksum is %1, and %2 would be right")
+        .arg(recordtext::hex(sent), recordtext::hex(right));
 }
 
 QString wrongLength(int announced, int has)
 {
     return announced == has
                ? QString()
-               : QStringLiteral("it announces %1 block bytes and has %2").arg(announced).arg(has);
+               : QString("it announces %1 block bytes and has %2").arg(announced).arg(has);
 }
 
 QString wrongBlockOfReply(const model_Protocoldata& reply)
@@ -44,7 +43,7 @@ QString wrongBlockOfReply(const model_Protocoldata& reply)
     const replykinds::Kind kind = replykinds::kindOf(reply);
     const int has = reply.arryDatablock.size();
     if (kind.onStream == Block::None || kind.onStream == Block::Immediate) {
-        return QStringLiteral("a reply of its kind has no block, and %1 bytes follow it").arg(has);
+        return QString("a reply of its kind has no block, and %1 bytes follow it").arg(has);
     }
     if (kind.onStream == Block::Announced) {
         return wrongLength(replykinds::announcedLength(reply), has);
@@ -52,7 +51,7 @@ QString wrongBlockOfReply(const model_Protocoldata& reply)
     const int right = replykinds::fixedLength(kind.onStream);
     const bool isRight = has == right || (kind.mayBeShort && has == replykinds::fixedLengthAShort);
     return isRight ? QString()
-                   : QStringLiteral("a reply of its kind has a block of %1 bytes, and %2 follow it")
+                   : QString("a reply of its kind has a block of %1 bytes, and %2 follow it")
                          .arg(right)
                          .arg(has);
 }
@@ -62,22 +61,22 @@ void judgeText(const QByteArray& frame, Verdict& verdict)
     const bool isReply = frame.at(1) == commandframe::replyMark;
     if (frame.at(0) != commandframe::startMark ||
         (!isReply && frame.at(1) != commandframe::commandMark)) {
-        verdict.wrong = QStringLiteral("a text frame begins with <T or <F (binary: --binary)");
+        verdict.wrong = "a text frame begins with <T or <F (binary: --binary)";
         return;
     }
-    verdict.form = isReply ? QStringLiteral("reply") : QStringLiteral("command");
+    verdict.form = isReply ? "reply" : "command";
     model_Protocoldata& record = verdict.command.record;
     const bool valid = commandframe::decodeText(frame, record);
     record.arryDatablock = frame.mid(commandframe::textLength);
-    static const QRegularExpression hexadecimal(QStringLiteral("^[0-9a-fA-F]{16}$"));
+    static const QRegularExpression hexadecimal("^[0-9a-fA-F]{16}$");
     const QString digits = commandframe::digitsOf(frame);
     constexpr int checksumAt = 14;
     if (!hexadecimal.match(digits).hasMatch()) {
-        verdict.wrong = QStringLiteral("its digits are not all hexadecimal");
+        verdict.wrong = "its digits are not all hexadecimal";
     } else if (!valid) {
         verdict.wrong = wrongChecksum(digits.mid(checksumAt).toInt(nullptr, 16), record.CHKSUM);
     } else if (frame.at(commandframe::textLength - 1) != commandframe::endMark) {
-        verdict.wrong = QStringLiteral("it does not end with >");
+        verdict.wrong = "it does not end with >";
     } else if (!record.arryDatablock.isEmpty()) { // it may be in another datagram, or not be sent
         verdict.wrong =
             isReply ? wrongBlockOfReply(record)
@@ -87,7 +86,7 @@ void judgeText(const QByteArray& frame, Verdict& verdict)
 
 void judgeBinary(const QByteArray& frame, Verdict& verdict)
 {
-    verdict.form = QStringLiteral("binary");
+    verdict.form = "binary";
     model_Protocoldata& record = verdict.command.record;
     const bool valid = commandframe::decodeBinary(frame, record);
     record.arryDatablock = frame.mid(commandframe::binaryLength);
@@ -102,30 +101,23 @@ void judgeBinary(const QByteArray& frame, Verdict& verdict)
 
 Verdict judge(const QByteArray& frame, FieldSet fields)
 {
-    const struct {
-        int leastBytes;
-        QString name;
-        QString hint;
-    } forms[] = {
-        {commandframe::textLength, QStringLiteral("a text frame"), {}},
-        {commandframe::binaryLength, QStringLiteral("a binary frame"), {}},
-        {osdframe::headLength + osdframe::tailLength, QStringLiteral("a command"),
-         QStringLiteral(" (an acknowledgement is OK and one byte)")},
-    };
-    const auto& form = forms[fields == FieldSet::OsdFrame     ? 2
-                             : fields == FieldSet::BinaryHead ? 1
-                                                              : 0];
+    const bool isOsd = fields == FieldSet::OsdFrame;
+    const bool isBinary = fields == FieldSet::BinaryHead;
+    const int least = isOsd      ? osdframe::headLength + osdframe::tailLength
+                      : isBinary ? commandframe::binaryLength
+                                 : commandframe::textLength;
     Verdict verdict;
-    if (frame.size() < form.leastBytes) {
-        verdict.wrong = QStringLiteral("%1 has at least %2 bytes, this has %3%4")
-                            .arg(form.name)
-                            .arg(form.leastBytes)
-                            .arg(frame.size())
-                            .arg(form.hint);
-    } else if (fields == FieldSet::OsdFrame) { // no mark, length or checksum can be wrong
-        verdict.form = QStringLiteral("command");
+    if (frame.size() < least) {
+        verdict.wrong = QString("%1 has at least %2 bytes, this has %3")
+                            .arg(isOsd      ? "a command"
+                                 : isBinary ? "a binary frame"
+                                            : "a text frame")
+                            .arg(least)
+                            .arg(frame.size());
+    } else if (isOsd) { // no mark, length or checksum can be wrong
+        verdict.form = "command";
         verdict.command = recordtext::osdCommand(frame);
-    } else if (fields == FieldSet::BinaryHead) {
+    } else if (isBinary) {
         judgeBinary(frame, verdict);
     } else {
         judgeText(frame, verdict);
@@ -147,17 +139,17 @@ struct Decode {
 
 QByteArray Decode::frame() const
 {
-    const QString option = QStringLiteral("frame");
+    const QString option = "frame";
     const QString text = QString::fromStdString(input);
     if (!binary && !osd && text.startsWith(QLatin1Char(commandframe::startMark))) {
         return QByteArray::fromStdString(input);
     }
-    if (text != QLatin1String("-") && !text.startsWith(QLatin1Char('@'))) {
+    if (text != "-" && !text.startsWith('@')) {
         return typed::bytes(option, text, typed::fileLimit);
     }
-    const QByteArray content = typed::file(
-        option, text.startsWith(QLatin1Char('@')) ? text.mid(1) : text, typed::fileLimit);
-    static const QRegularExpression digits(QStringLiteral("^[0-9a-fA-F\\s]+$"));
+    const QByteArray content =
+        typed::file(option, text.startsWith('@') ? text.mid(1) : text, typed::fileLimit);
+    static const QRegularExpression digits("^[0-9a-fA-F\\s]+$");
     const QString typedDigits = QString::fromLatin1(content);
     return raw || !digits.match(typedDigits).hasMatch()
                ? content
@@ -168,11 +160,9 @@ void Decode::showAcknowledgement(const QByteArray& bytes) const
 {
     const auto status = static_cast<quint8>(bytes.back());
     if (json) {
-        output::json({{QStringLiteral("form"), QStringLiteral("reply")},
-                      {QStringLiteral("status"), status},
-                      {QStringLiteral("valid"), true}});
+        output::json({{"form", "reply"}, {"status", status}, {"valid", true}});
     } else {
-        output::line(QStringLiteral("reply OK ") + recordtext::hex(status));
+        output::line("reply OK " + recordtext::hex(status));
     }
 }
 
@@ -190,22 +180,22 @@ int Decode::run() const
     const Verdict verdict = judge(bytes, fields);
     if (!verdict.form.isEmpty() && json) {
         QJsonObject object = recordtext::json(verdict.command, fields);
-        object.insert(QStringLiteral("form"), verdict.form);
-        object.insert(QStringLiteral("valid"), verdict.wrong.isEmpty());
+        object.insert("form", verdict.form);
+        object.insert("valid", verdict.wrong.isEmpty());
         output::json(object);
     } else if (!verdict.form.isEmpty()) {
-        output::line(verdict.form + QLatin1Char(' ') + recordtext::line(verdict.command, fields));
+        output::line(verdict.form + ' ' + recordtext::line(verdict.command, fields));
         output::raw(recordtext::dump(recordtext::block(verdict.command, fields)).toUtf8());
     }
     if (!verdict.wrong.isEmpty()) {
-        throw ToolError(exitcode::failed, QStringLiteral("no valid frame: ") + verdict.wrong);
+        throw ToolError(exitcode::failed, "no valid frame: " + verdict.wrong);
     }
     return exitcode::success;
 }
 
 } // namespace
 
-commands::Subcommand commands::addDecode(CLI::App& application)
+void commands::addDecode(CLI::App& application, int& code)
 {
     auto* parser = application.add_subcommand("decode", "Read a frame, without a device");
     const auto decode = std::make_shared<Decode>();
@@ -227,5 +217,5 @@ commands::Subcommand commands::addDecode(CLI::App& application)
         "  coremanage decode --binary @captured.bin --json\n"
         "  coremanage decode --osd 4f4b01\n"
         "\nExit codes: 0 a valid frame, 1 no valid frame, 2 wrong input.");
-    return {parser, [decode] { return decode->run(); }};
+    parser->callback([decode, &code] { code = decode->run(); });
 }

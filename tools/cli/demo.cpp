@@ -11,6 +11,8 @@
 #include "toolerror.h"
 #include "toolfiles.h"
 
+#include <QNetworkInterface>
+
 namespace
 {
 
@@ -27,30 +29,27 @@ struct Demo {
 // has it free.
 void findNetwork(Narrator& narrator)
 {
-    switch (networknamespace::raiseLoopback()) {
-    case networknamespace::Loopback::IsDown:
-        throw LinkDown(
-            QStringLiteral("the loopback interface is down: run sudo ip link set lo up"));
-    case networknamespace::Loopback::IsUpNow:
-        narrator.detail(QStringLiteral("The loopback interface was down: it is up now."));
-        break;
-    case networknamespace::Loopback::WasUp:
-        break;
+    const bool wasUp = QNetworkInterface::interfaceFromName("lo").flags() & QNetworkInterface::IsUp;
+    if (!networknamespace::raiseLoopback()) {
+        throw LinkDown("the loopback interface is down: run sudo ip link set lo up");
     }
-    const quint16 port = udptarget::localPort();
+    if (!wasUp) {
+        narrator.detail("The loopback interface was down: it is up now.");
+    }
+    const quint16 port = linktargets::localUdpPort();
     if (sockets::isFree(port)) {
         return;
     }
     const QString holder = sockets::holder(port);
     if (!networknamespace::enter()) {
-        throw LinkDown(QStringLiteral("local port %1, which replies come to, is taken by %2, and "
-                                      "this system allows no network namespace: end that program "
-                                      "first")
+        throw LinkDown(QString("local port %1, which replies come to, is taken by %2, and "
+                               "this system allows no network namespace: end that program "
+                               "first")
                            .arg(port)
                            .arg(holder));
     }
-    narrator.detail(QStringLiteral("Local port %1, which replies come to, is taken by %2: the demo "
-                                   "runs in a network namespace of its own.")
+    narrator.detail(QString("Local port %1, which replies come to, is taken by %2: the demo "
+                            "runs in a network namespace of its own.")
                         .arg(port)
                         .arg(holder));
 }
@@ -58,11 +57,11 @@ void findNetwork(Narrator& narrator)
 void show(Narrator& narrator, const LinkKind& kind)
 {
     narrator.say(
-        QStringLiteral("%1://, %2").arg(QLatin1String(kind.scheme), QLatin1String(kind.describes)));
+        QString("%1://, %2").arg(QLatin1String(kind.scheme), QLatin1String(kind.describes)));
     const QString obstacle =
         linkregistry::target(QString(QLatin1String(kind.demoLink)))->simulationObstacle();
     if (!obstacle.isEmpty()) {
-        narrator.detail(QStringLiteral("Not shown: ") + obstacle);
+        narrator.detail("Not shown: " + obstacle);
     } else if (kind.fields == FieldSet::OsdFrame) {
         osddemo::run(narrator);
     } else {
@@ -87,19 +86,19 @@ int Demo::run() const
     }
     output::checkLoss();
     if (interrupt.happened()) {
-        throw ToolError(exitcode::failed, QStringLiteral("interrupted"));
+        throw ToolError(exitcode::failed, "interrupted");
     }
     if (!narrator.allAsSaid()) {
-        throw ToolError(exitcode::failed, QStringLiteral("not everything happened as it was said"));
+        throw ToolError(exitcode::failed, "not everything happened as it was said");
     }
     output::line(
-        QStringLiteral("\nAll %1 things happened as they were said.").arg(narrator.expectations()));
+        QString("\nAll %1 things happened as they were said.").arg(narrator.expectations()));
     return exitcode::success;
 }
 
 } // namespace
 
-commands::Subcommand commands::addDemo(CLI::App& application)
+void commands::addDemo(CLI::App& application, int& code)
 {
     auto* parser =
         application.add_subcommand("demo", "Watch the links at work with simulated devices");
@@ -112,5 +111,5 @@ commands::Subcommand commands::addDemo(CLI::App& application)
                    "machine's loopback.\n"
                    "\nExit codes: 0 everything happened as it was said, 1 something did not,\n"
                    "2 wrong input, 3 a link could not be opened.");
-    return {parser, [demo] { return demo->run(); }};
+    parser->callback([demo, &code] { code = demo->run(); });
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "commandfields.h"
 #include "options.h"
 #include "output.h"
 #include "recordtext.h"
@@ -29,11 +28,11 @@ int Encode::run() const
     if (raw) {
         output::raw(frame);
     } else if (json) {
-        output::json({{QStringLiteral("form"), binary ? QStringLiteral("binary")
-                                               : osd  ? QStringLiteral("osd")
-                                                      : QStringLiteral("text")},
-                      {QStringLiteral("length"), frame.size()},
-                      {QStringLiteral("frame"), QString::fromLatin1(frame.toHex())}});
+        output::json({{"form", binary ? "binary"
+                               : osd  ? "osd"
+                                      : "text"},
+                      {"length", frame.size()},
+                      {"frame", QString::fromLatin1(frame.toHex())}});
     } else {
         output::line(QString::fromLatin1(frame.toHex()));
     }
@@ -42,7 +41,7 @@ int Encode::run() const
 
 } // namespace
 
-commands::Subcommand commands::addEncode(CLI::App& application)
+void commands::addEncode(CLI::App& application, int& code)
 {
     auto* parser =
         application.add_subcommand("encode", "Show the frame of a command, without a device");
@@ -60,5 +59,5 @@ commands::Subcommand commands::addEncode(CLI::App& application)
                    "  coremanage encode --cmd 1 | coremanage decode -\n"
                    "  coremanage encode --osd --ch2 1 --ch10 9 --text 'Gate 7'\n"
                    "\nExit codes: 0 done, 2 wrong input.");
-    return {parser, [encode] { return encode->run(); }};
+    parser->callback([encode, &code] { code = encode->run(); });
 }

@@ -30,7 +30,7 @@ void Listen::show(const Reply& reply) const
     if (json) {
         output::json(reply.json);
     } else {
-        output::line(recordtext::timeOfDay() + QLatin1Char(' ') + reply.line);
+        output::line(recordtext::timeOfDay() + ' ' + reply.line);
     }
 }
 
@@ -40,8 +40,7 @@ void Listen::showRefusals(const Interrupt& interrupt) const
         if (interrupt.happened()) {
             return;
         }
-        output::error(recordtext::timeOfDay() + QStringLiteral(" refused: ") +
-                      refusal.text(link.link()));
+        output::error(recordtext::timeOfDay() + " refused: " + refusal.text(link.link()));
     }
 }
 
@@ -56,10 +55,9 @@ bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
     }
     showRefusals(interrupt);
     for (QString text = open.warning(); !text.isEmpty(); text = open.warning()) {
-        output::error(recordtext::timeOfDay() + QLatin1Char(' ') + text);
+        output::error(recordtext::timeOfDay() + ' ' + text);
     }
-    output::progress(
-        QStringLiteral("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
+    output::progress(QString("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
     return duration.reached(shown) || !open.problem().isEmpty();
 }
 
@@ -70,22 +68,22 @@ int Listen::run()
     const Interrupt interrupt;
     const auto open = target->open(false);
     clock.start();
-    output::error(QStringLiteral("listening on %1; Ctrl-C ends it").arg(link.link()));
+    output::error(QString("listening on %1; Ctrl-C ends it").arg(link.link()));
     waitFor([&] { return look(*open, interrupt); }, duration.limit(), interrupt);
     output::endProgress();
-    output::error(QStringLiteral("%1 replies in %2 s")
+    output::error(QString("%1 replies in %2 s")
                       .arg(shown)
                       .arg(static_cast<double>(clock.elapsed()) / 1000.0));
     if (!open->problem().isEmpty()) {
         throw ToolError(open->wasOpen() ? exitcode::failed : exitcode::linkDown,
-                        link.link() + QStringLiteral(": ") + open->problem());
+                        link.link() + ": " + open->problem());
     }
     return duration.fellShort(shown, interrupt.happened()) ? exitcode::failed : exitcode::success;
 }
 
 } // namespace
 
-commands::Subcommand commands::addListen(CLI::App& application)
+void commands::addListen(CLI::App& application, int& code)
 {
     auto* parser = application.add_subcommand("listen", "Show replies as they come, one line each");
     const auto listen = std::make_shared<Listen>();
@@ -100,5 +98,5 @@ commands::Subcommand commands::addListen(CLI::App& application)
                    "  coremanage listen osd://10.0.0.5 osd://10.0.0.6\n"
                    "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
                    "the link was lost, 2 wrong input, 3 the link could not be opened.");
-    return {parser, [listen] { return listen->run(); }};
+    parser->callback([listen, &code] { code = listen->run(); });
 }

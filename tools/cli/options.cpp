@@ -2,10 +2,27 @@
 #include "options.h"
 
 #include "linknotes.h"
+#include "toolerror.h"
 #include "toolfiles.h"
 #include "utility_manage.h"
 
+#include <algorithm>
 #include <limits>
+
+namespace
+{
+
+constexpr int blockLimit = 65535; // DAT4 * 256 + DAT3 announces no more
+constexpr quint16 binaryLead = 0xf11f;
+constexpr const char* deviceGroup = "Command";
+constexpr const char* osdGroup = "Command of an on-screen display";
+
+QString optionOf(const CommandField& field)
+{
+    return "--" + QString::fromLatin1(field.name).toLower();
+}
+
+} // namespace
 
 void LinkOptions::addTo(CLI::App& app)
 {
@@ -53,4 +70,84 @@ void Duration::addTo(CLI::App& app, const std::string& what)
 std::chrono::milliseconds Duration::limit() const
 {
     return seconds > 0 ? std::chrono::seconds(seconds) : forEver;
+}
+
+void CommandFields::addTo(CLI::App& app)
+{
+    for (const CommandField& field : CommandField::all()) {
+        if (field.help == nullptr) {
+            continue;
+        }
+        const QString option = optionOf(field);
+        const auto read = [this, &field, option](const std::string& text) {
+            const qint64 limit = (1 << (8 * field.bytes())) - 1;
+            numbers[&field] =
+                static_cast<int>(typed::number(option, QString::fromStdString(text), 0, limit));
+        };
+        app.add_option_function<std::string>(option.toStdString(), read, field.help)
+            ->type_name("")
+            ->group(field.isIn(FieldSet::OsdFrame) ? osdGroup : deviceGroup);
+    }
+    const auto addPayload = [this, &app](const char* option, const char* help, const char* group) {
+        const auto keep = [this, option](const std::string& text) { payload[option] = text; };
+        return app.add_option_function<std::string>(option, keep, help)
+            ->type_name("")
+            ->group(group);
+    };
+    addPayload("--block", "block: @FILE, or hexadecimal digits", deviceGroup);
+    auto* data = addPayload("--data", "data: @FILE, or hexadecimal digits", osdGroup);
+    addPayload("--text", "data: a text, sent in UTF-8", osdGroup)->excludes(data);
+}
+
+QByteArray CommandFields::payloadOf(const char* option, int limit) const
+{
+    return given(option) ? typed::bytes(QString::fromLatin1(option),
+                                        QString::fromStdString(payload.at(option)), limit)
+                         : QByteArray();
+}
+
+Command CommandFields::read(FieldSet fields) const
+{
+    const bool isOsd = fields == FieldSet::OsdFrame;
+    const auto refuse = [&](const QString& option) {
+        throw BadInput(QString("%1: %2 frames do not carry it: leave it out")
+                           .arg(option, isOsd                            ? "on-screen-display"
+                                        : fields == FieldSet::BinaryHead ? "binary"
+                                                                         : "text"));
+    };
+    for (const auto& [field, value] : numbers) {
+        if (!field->isIn(fields)) {
+            refuse(optionOf(*field));
+        }
+    }
+    for (const auto& [option, text] : payload) {
+        if ((option == "--block") == isOsd) {
+            refuse(QString::fromStdString(option));
+        }
+    }
+    Command command;
+    if (isOsd) {
+        if (numbers.empty() && payload.empty()) {
+            throw BadInput("there is no command: give --ch2 to --ch10 (but no "
+                           "ch6), --data or --text");
+        }
+        command.osd.arryData = given("--text") ? QByteArray::fromStdString(payload.at("--text"))
+                                               : payloadOf("--data", typed::fileLimit);
+    } else {
+        const bool hasCode = std::any_of(numbers.begin(), numbers.end(), [&](const auto& number) {
+            return optionOf(*number.first) == "--cmd";
+        });
+        if (!hasCode) {
+            throw BadInput("--cmd is missing: give the command code, like --cmd 0x8b");
+        }
+        model_Protocoldata& record = command.record;
+        record.arryDatablock = payloadOf("--block", blockLimit);
+        record.DAT3 = static_cast<quint8>(record.arryDatablock.size());
+        record.DAT4 = static_cast<quint8>(record.arryDatablock.size() >> 8);
+        record.aux1 = fields == FieldSet::BinaryHead ? binaryLead : 0;
+    }
+    for (const auto& [field, value] : numbers) {
+        field->set(command, value);
+    }
+    return command;
 }

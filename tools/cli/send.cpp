@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "commandfields.h"
 #include "linknotes.h"
 #include "options.h"
 #include "output.h"
@@ -66,9 +65,8 @@ private:
 void Send::prepare()
 {
     if (timeoutMs == 0 && (tries > 1 || repliesGiven > 0)) {
-        throw BadInput(
-            QStringLiteral("%1: --timeout 0 waits for no reply: leave one of them out")
-                .arg(tries > 1 ? QStringLiteral("--tries") : QStringLiteral("--replies")));
+        throw BadInput(QString("%1: --timeout 0 waits for no reply: leave one of them out")
+                           .arg(tries > 1 ? "--tries" : "--replies"));
     }
     wanted = repliesGiven > 0 ? repliesGiven : broadcast ? 0 : 1;
     link = linkOptions.link();
@@ -144,7 +142,7 @@ WaitEnd Send::waitForReplies(const Interrupt& interrupt)
     const auto replied = [&] {
         takeReplies();
         if (clock.elapsed() > progressAfterMs) {
-            output::progress(QStringLiteral("waiting for a reply, %1 of %2 s")
+            output::progress(QString("waiting for a reply, %1 of %2 s")
                                  .arg(clock.elapsed() / 1000)
                                  .arg(static_cast<double>(timeoutMs) / 1000.0));
         }
@@ -176,8 +174,8 @@ int Send::run()
         open->send(command);
         if (linknotes::takeSendFailure()) {
             throw ToolError(exitcode::failed,
-                            QStringLiteral("%1: the system did not take it: not sent; is the "
-                                           "network up, the device there?")
+                            QString("%1: the system did not take it: not sent; is the "
+                                    "network up, the device there?")
                                 .arg(link));
         }
         end = waitForReplies(interrupt);
@@ -195,14 +193,13 @@ QString Send::failuresOfDevices() const
             continue;
         }
         const QString missing =
-            count == 0 ? QStringLiteral("no reply")
-                       : QStringLiteral("only %1 of %2 replies").arg(count).arg(wanted);
-        failures << device + QLatin1Char(' ') +
+            count == 0 ? "no reply" : QString("only %1 of %2 replies").arg(count).arg(wanted);
+        failures << device + ' ' +
                         (trouble.isEmpty()
-                             ? QStringLiteral("gave %1 within %2 ms").arg(missing).arg(timeoutMs)
+                             ? QString("gave %1 within %2 ms").arg(missing).arg(timeoutMs)
                              : trouble);
     }
-    return failures.join(QStringLiteral("; "));
+    return failures.join("; ");
 }
 
 QString refusedText(const QString& link)
@@ -211,15 +208,12 @@ QString refusedText(const QString& link)
     QStringList shown;
     for (const Refusal& refusal : refusals) {
         if (shown.size() == refusalsShown) {
-            shown << QStringLiteral("%1 more").arg(static_cast<int>(refusals.size()) -
-                                                   refusalsShown);
+            shown << QString("%1 more").arg(static_cast<int>(refusals.size()) - refusalsShown);
             break;
         }
         shown << refusal.text(link);
     }
-    return shown.isEmpty()
-               ? QString()
-               : QStringLiteral("; came but refused: ") + shown.join(QStringLiteral(", "));
+    return shown.isEmpty() ? QString() : "; came but refused: " + shown.join(", ");
 }
 
 QString Send::failure(WaitEnd end) const
@@ -228,23 +222,23 @@ QString Send::failure(WaitEnd end) const
         return failuresOfDevices();
     }
     if (!open->problem().isEmpty()) {
-        return link + QStringLiteral(": ") + open->problem();
+        return link + ": " + open->problem();
     }
-    QString text = QStringLiteral("%1: no reply within %2 ms").arg(link).arg(timeoutMs);
+    QString text = QString("%1: no reply within %2 ms").arg(link).arg(timeoutMs);
     if (end == WaitEnd::Interrupted) {
-        text = QStringLiteral("%1: interrupted before a reply came").arg(link);
+        text = QString("%1: interrupted before a reply came").arg(link);
     } else if (!replies.empty()) {
-        text = QStringLiteral("%1: only %2 of %3 replies within %4 ms")
+        text = QString("%1: only %2 of %3 replies within %4 ms")
                    .arg(link)
                    .arg(replies.size())
                    .arg(wanted)
                    .arg(timeoutMs);
     } else if (tried > 1) {
-        text += QStringLiteral(", %1 tries").arg(tried);
+        text += QString(", %1 tries").arg(tried);
     }
     text += refusedText(link);
     if (!strangers.isEmpty()) {
-        text += QStringLiteral("; replies of others: ") + strangers.join(QStringLiteral(", "));
+        text += "; replies of others: " + strangers.join(", ");
     }
     return text;
 }
@@ -272,9 +266,9 @@ int Send::report(WaitEnd end) const
 void Send::print() const
 {
     const QByteArray frame = recordtext::frame(command, target->kind().fields);
-    output::line(QStringLiteral("sent ") + recordtext::frameText(frame));
+    output::line("sent " + recordtext::frameText(frame));
     for (const Reply& reply : replies) {
-        output::line(QStringLiteral("reply from ") + reply.line);
+        output::line("reply from " + reply.line);
         output::raw(recordtext::dump(reply.block).toUtf8());
     }
 }
@@ -287,26 +281,25 @@ void Send::printJson(bool ok) const
     }
     const FieldSet set = target->kind().fields;
     QJsonObject sent = recordtext::json(recordtext::framed(command, set), set);
-    sent.insert(QStringLiteral("frame"),
-                QString::fromLatin1(recordtext::frame(command, set).toHex()));
-    QJsonObject object{{QStringLiteral("ok"), ok},       {QStringLiteral("link"), link},
-                       {QStringLiteral("tries"), tried}, {QStringLiteral("elapsed_ms"), elapsedMs},
-                       {QStringLiteral("sent"), sent},   {QStringLiteral("replies"), array}};
+    sent.insert("frame", QString::fromLatin1(recordtext::frame(command, set).toHex()));
+    QJsonObject object{{"ok", ok},       {"link", link},
+                       {"tries", tried}, {"elapsed_ms", elapsedMs},
+                       {"sent", sent},   {"replies", array}};
     if (!devices.contains(QString())) {
         QJsonArray endpoints;
         for (const QString& device : devices) {
-            endpoints.append(QJsonObject{{QStringLiteral("address"), device},
-                                         {QStringLiteral("replies"), repliesOf(device)},
-                                         {QStringLiteral("trouble"), open->trouble(device)}});
+            endpoints.append(QJsonObject{{"address", device},
+                                         {"replies", repliesOf(device)},
+                                         {"trouble", open->trouble(device)}});
         }
-        object.insert(QStringLiteral("endpoints"), endpoints);
+        object.insert("endpoints", endpoints);
     }
     output::json(object);
 }
 
 } // namespace
 
-commands::Subcommand commands::addSend(CLI::App& application)
+void commands::addSend(CLI::App& application, int& code)
 {
     constexpr qint64 timeoutLimitMs = 3'600'000;
     constexpr qint64 triesLimit = 1000;
@@ -339,5 +332,5 @@ commands::Subcommand commands::addSend(CLI::App& application)
                    "\nExit codes: 0 replied (or sent, with --timeout 0), 1 no reply or not sent,\n"
                    "2 wrong input and nothing sent, 3 the link could not be opened. Several\n"
                    "endpoints: 0 all did, 1 some did not, 3 none could be reached.");
-    return {parser, [send] { return send->run(); }};
+    parser->callback([send, &code] { code = send->run(); });
 }

@@ -76,16 +76,15 @@ void Simulate::show(const Exchange& exchange) const
     for (const Emission& emission : exchange.answer) {
         sizes << QString::number(emission.bytes.size());
     }
-    QString answer = sizes.isEmpty() ? QStringLiteral("nothing")
-                                     : sizes.join(QStringLiteral("+")) + QStringLiteral(" bytes");
+    QString answer = sizes.isEmpty() ? "nothing" : sizes.join("+") + " bytes";
     if (exchange.times > 1) {
-        answer += QStringLiteral(" x%1").arg(exchange.times);
+        answer += QString(" x%1").arg(exchange.times);
     }
     const QStringList struck = faultNames(exchange);
     if (!struck.isEmpty()) {
-        answer += QStringLiteral(" [%1]").arg(struck.join(QStringLiteral(", ")));
+        answer += QString(" [%1]").arg(struck.join(", "));
     }
-    output::line(QStringLiteral("%1 %2 -> %3")
+    output::line(QString("%1 %2 -> %3")
                      .arg(recordtext::timeOfDay(), recordtext::summary(commandOf(exchange), fields),
                           answer));
 }
@@ -95,16 +94,15 @@ void Simulate::showJson(const Exchange& exchange) const
     const Command command = commandOf(exchange);
     QJsonObject object = recordtext::json(command, fields);
     if (fields != FieldSet::OsdFrame) {
-        object.insert(QStringLiteral("block"),
-                      QString::fromLatin1(command.record.arryDatablock.toHex()));
+        object.insert("block", QString::fromLatin1(command.record.arryDatablock.toHex()));
     }
     QJsonArray answer;
     for (const Emission& emission : exchange.answer) {
         answer.append(QString::fromLatin1(emission.bytes.toHex()));
     }
-    object.insert(QStringLiteral("answer"), answer);
-    object.insert(QStringLiteral("times"), exchange.times);
-    object.insert(QStringLiteral("faults"), QJsonArray::fromStringList(faultNames(exchange)));
+    object.insert("answer", answer);
+    object.insert("times", exchange.times);
+    object.insert("faults", QJsonArray::fromStringList(faultNames(exchange)));
     output::json(object);
 }
 
@@ -122,7 +120,7 @@ std::unique_ptr<Simulation> Simulate::simulation()
     for (const std::string& fault : faults) {
         const QString wrong = settings.faults.parse(QString::fromStdString(fault));
         if (!wrong.isEmpty()) {
-            throw BadInput(QStringLiteral("--fault: ") + wrong);
+            throw BadInput("--fault: " + wrong);
         }
     }
     const QString link = QString::fromStdString(place);
@@ -130,8 +128,8 @@ std::unique_ptr<Simulation> Simulate::simulation()
     fields = target->kind().fields;
     const QStringList unfit = settings.faults.unfit(target->kind().faulty);
     if (!unfit.isEmpty()) {
-        throw BadInput(QStringLiteral("--fault: \"%1\" has no %2: leave it out")
-                           .arg(link, unfit.join(QStringLiteral(", "))));
+        throw BadInput(
+            QString("--fault: \"%1\" has no %2: leave it out").arg(link, unfit.join(", ")));
     }
     QString obstacle = target->simulationObstacle();
     auto simulation = obstacle.isEmpty() ? target->simulate(settings) : nullptr;
@@ -139,7 +137,7 @@ std::unique_ptr<Simulation> Simulate::simulation()
         obstacle = simulation->error();
     }
     if (!obstacle.isEmpty()) {
-        throw LinkDown(QStringLiteral("%1: %2").arg(link, obstacle));
+        throw LinkDown(QString("%1: %2").arg(link, obstacle));
     }
     return simulation;
 }
@@ -154,9 +152,9 @@ int Simulate::run()
     QObject::connect(simulator.get(), &Simulation::exchanged, simulator.get(),
                      [this](const Exchange& exchange) { take(exchange); });
     if (json) {
-        output::json({{QStringLiteral("simulating"), simulator->address()}});
+        output::json({{"simulating", simulator->address()}});
     } else {
-        output::line(QStringLiteral("a simulated device at ") + simulator->address());
+        output::line("a simulated device at " + simulator->address());
     }
     if (!simulator->hint().isEmpty()) {
         output::error(simulator->hint());
@@ -164,13 +162,13 @@ int Simulate::run()
     QElapsedTimer clock;
     clock.start();
     const auto over = [&] {
-        output::progress(QStringLiteral("%1 commands").arg(commands));
+        output::progress(QString("%1 commands").arg(commands));
         return !lostBecause.isEmpty() || (duration.reached(commands) && simulator->isIdle());
     };
     waitFor(over, duration.limit(), interrupt);
     output::endProgress();
-    output::error(QStringLiteral("%1 commands in %2 s, %3 answers with faults, %4 bytes sent, %5 "
-                                 "bytes that were no command")
+    output::error(QString("%1 commands in %2 s, %3 answers with faults, %4 bytes sent, %5 "
+                          "bytes that were no command")
                       .arg(commands)
                       .arg(static_cast<double>(clock.elapsed()) / 1000.0)
                       .arg(spoiled)
@@ -185,7 +183,7 @@ int Simulate::run()
 
 } // namespace
 
-commands::Subcommand commands::addSimulate(CLI::App& application)
+void commands::addSimulate(CLI::App& application, int& code)
 {
     constexpr qint64 announcedLimit = 32767;
     auto* parser = application.add_subcommand("simulate", "Be a device, with faults on demand");
@@ -221,5 +219,5 @@ commands::Subcommand commands::addSimulate(CLI::App& application)
         "  coremanage simulate osd://127.0.0.2 --fault split=50%:20 --fault reset=1\n"
         "\nCtrl-C ends it. Exit codes: 0 ended as asked, 1 fewer commands came than --count or\n"
         "the medium was lost, 2 wrong input, 3 the link could not be opened.");
-    return {parser, [simulate] { return simulate->run(); }};
+    parser->callback([simulate, &code] { code = simulate->run(); });
 }

@@ -42,36 +42,29 @@ public:
         replies.clear();
         refusals.clear();
         exchanges.clear();
-        narrator.detail(QStringLiteral("host   -> device  %1")
+        narrator.detail(QString("host   -> device  %1")
                             .arg(recordtext::frameText(recordtext::frame(command, fields))));
         link.send(command);
     }
 
-    /// Runs the links until the condition holds.
     bool comes(const std::function<bool()>& condition)
     {
         return narrator.comes([&] {
-            take();
+            for (Reply& reply : link.takeReplies()) {
+                replies.push_back(std::move(reply));
+            }
+            for (Refusal& refusal : linknotes::takeRefusals()) {
+                narrator.detail("refused           " + refusal.text(simulator.address()));
+                refusals.push_back(std::move(refusal));
+            }
             return condition();
         });
-    }
-
-    void take()
-    {
-        for (Reply& reply : link.takeReplies()) {
-            replies.push_back(std::move(reply));
-        }
-        for (Refusal& refusal : linknotes::takeRefusals()) {
-            narrator.detail(QStringLiteral("refused           ") +
-                            refusal.text(simulator.address()));
-            refusals.push_back(std::move(refusal));
-        }
     }
 
     void showReplies()
     {
         for (const Reply& reply : replies) {
-            narrator.detail(QStringLiteral("device -> host    ") + reply.line);
+            narrator.detail("device -> host    " + reply.line);
         }
     }
 
@@ -91,11 +84,10 @@ public:
 
     void plain()
     {
-        narrator.say(QStringLiteral("A command and its reply"));
+        narrator.say("A command and its reply");
         send(commandOf(0x10, 0x02));
-        narrator.expect(gotOneReply() &&
-                            replies.front().json.value(QStringLiteral("cmd")).toInt() == 0x10,
-                        QStringLiteral("the reply came back decoded"));
+        narrator.expect(gotOneReply() && replies.front().json.value("cmd").toInt() == 0x10,
+                        "the reply came back decoded");
     }
 
     // A line gives up a block of which nothing comes for 600 ms, and a machine may be as loaded as
@@ -114,7 +106,7 @@ public:
                  !narrator.isInterrupted());
         showReplies();
         narrator.expect(blockArrivedWhole(),
-                        QStringLiteral("the block arrived whole, %1 bytes")
+                        QString("the block arrived whole, %1 bytes")
                             .arg(replies.empty() ? 0 : replies.back().block.size()));
     }
 
@@ -132,14 +124,14 @@ public:
             exchanges.back().faults == std::vector<Fault>{fault};
         narrator.expect(struck && replies.empty() && refusals.size() == refused &&
                             (refused == 0 || refusals.front().reason == reason),
-                        QStringLiteral("no reply was taken for one; the host sends again"));
+                        "no reply was taken for one; the host sends again");
         send(command);
-        narrator.expect(gotOneReply(), QStringLiteral("the second try got its reply"));
+        narrator.expect(gotOneReply(), "the second try got its reply");
     }
 
     void inABurst(int burst)
     {
-        narrator.say(QStringLiteral("%1 commands as fast as they go").arg(burst));
+        narrator.say(QString("%1 commands as fast as they go").arg(burst));
         replies.clear();
         exchanges.clear();
         for (int i = 0; i < burst; ++i) {
@@ -147,13 +139,13 @@ public:
             command.record.DAT2 = static_cast<quint8>(i);
             link.send(command);
             QCoreApplication::processEvents();
-            output::progress(QStringLiteral("%1 of %2 sent").arg(i + 1).arg(burst));
+            output::progress(QString("%1 of %2 sent").arg(i + 1).arg(burst));
         }
         const auto count = static_cast<std::size_t>(burst);
         comes([&] { return replies.size() >= count && exchanges.size() >= count; });
         output::endProgress();
         narrator.expect(replies.size() == count && exchanges.size() == count,
-                        QStringLiteral("%1 replies came").arg(replies.size()));
+                        QString("%1 replies came").arg(replies.size()));
     }
 
 private:
@@ -173,26 +165,21 @@ void devicedemo::run(Narrator& narrator, const LinkKind& kind)
     const QString place = QLatin1String(kind.demoLink);
     const auto simulator = linkregistry::target(place)->simulate({});
     if (!simulator->open()) {
-        throw LinkDown(QStringLiteral("%1: %2").arg(place, simulator->error()));
+        throw LinkDown(QString("%1: %2").arg(place, simulator->error()));
     }
-    narrator.expect(true, QStringLiteral("a simulated device serves at ") + simulator->address());
+    narrator.expect(true, "a simulated device serves at " + simulator->address());
     const auto link = linkregistry::target(simulator->address())->open(false);
     Stage stage(narrator, *simulator, *link, kind.fields);
     narrator.run({
         [&] { stage.plain(); },
+        [&] { stage.withBlock(0x8b, 0x05, "A reply with a block of fixed length"); },
+        [&] { stage.withBlock(0x8e, 0x27, "A reply that announces its block's length"); },
+        [&] { stage.recovers(Fault::Drop, "The device loses one answer", {}); },
         [&] {
-            stage.withBlock(0x8b, 0x05, QStringLiteral("A reply with a block of fixed length"));
-        },
-        [&] {
-            stage.withBlock(0x8e, 0x27,
-                            QStringLiteral("A reply that announces its block's length"));
-        },
-        [&] { stage.recovers(Fault::Drop, QStringLiteral("The device loses one answer"), {}); },
-        [&] {
-            stage.recovers(Fault::WrongChecksum, QStringLiteral("One reply arrives damaged"),
+            stage.recovers(Fault::WrongChecksum, "One reply arrives damaged",
                            kind.fields == FieldSet::BinaryHead
                                ? QString() // that line drops it without a word
-                               : QStringLiteral("a reply with a wrong checksum"));
+                               : "a reply with a wrong checksum");
         },
         [&] { stage.inABurst(kind.demoBurst); },
     });

@@ -5,12 +5,12 @@
 
 void Narrator::say(const QString& text)
 {
-    output::line(QStringLiteral("\n* ") + text);
+    output::line("\n* " + text);
 }
 
 void Narrator::detail(const QString& text)
 {
-    output::line(QStringLiteral("    ") + text);
+    output::line("    " + text);
 }
 
 void Narrator::expect(bool happened, const QString& what)
@@ -20,8 +20,7 @@ void Narrator::expect(bool happened, const QString& what)
     }
     ++total;
     failures += happened ? 0 : 1;
-    output::line(QStringLiteral("  %1 %2").arg(
-        happened ? QStringLiteral("ok:") : QStringLiteral("FAILED:"), what));
+    output::line(QString("  %1 %2").arg(happened ? "ok:" : "FAILED:", what));
 }
 
 bool Narrator::comes(const std::function<bool()>& condition)

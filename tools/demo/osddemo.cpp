@@ -5,7 +5,6 @@
 #include "recordtext.h"
 #include "toolerror.h"
 
-#include <algorithm>
 #include <functional>
 #include <memory>
 
@@ -19,7 +18,7 @@ constexpr int leaving = 1; // the endpoint that goes away
 
 QString ipOf(int number)
 {
-    return QStringLiteral("127.0.0.%1").arg(number + 1);
+    return QString("127.0.0.%1").arg(number + 1);
 }
 
 class Wall
@@ -35,27 +34,25 @@ public:
                                                                 SimulatedDevice::Settings{}));
             OsdSimulation& endpoint = *endpoints.back();
             if (!endpoint.open()) {
-                throw LinkDown(QStringLiteral("osd://%1: %2").arg(ipOf(i), endpoint.error()));
+                throw LinkDown(QString("osd://%1: %2").arg(ipOf(i), endpoint.error()));
             }
-            narrator.expect(true,
-                            QStringLiteral("a simulated endpoint serves at ") + endpoint.address());
+            narrator.expect(true, "a simulated endpoint serves at " + endpoint.address());
             places.push_back(
-                {ipOf(i),
-                 static_cast<quint16>(endpoint.address().section(QLatin1Char(':'), -1).toUInt())});
+                {ipOf(i), static_cast<quint16>(endpoint.address().section(':', -1).toUInt())});
         }
         link = std::make_unique<OsdLink>(places);
     }
 
     void sayHello()
     {
-        narrator.say(QStringLiteral("One record to all of them"));
+        narrator.say("One record to all of them");
         sendToAll("Gate 7");
         expectReplies({0, 1, 2});
     }
 
     void answerInPieces()
     {
-        narrator.say(QStringLiteral("One answers in pieces, one late, one with noise before"));
+        narrator.say("One answers in pieces, one late, one with noise before");
         endpoints[0]->setFault(Fault::Split, {0, 1, 20});
         endpoints[1]->setFault(Fault::Delay, {0, 1, 300});
         endpoints[2]->setFault(Fault::Garbage, once);
@@ -65,19 +62,18 @@ public:
 
     void oneVanishes()
     {
-        narrator.say(QStringLiteral("%1 goes away; the others go on").arg(ipOf(leaving)));
+        narrator.say(QString("%1 goes away; the others go on").arg(ipOf(leaving)));
         endpoints[leaving]->setFault(Fault::Refuse, always);
         endpoints[leaving]->hangUp();
         const bool noticed = waitUntil([this] { return !link->trouble(ipOf(leaving)).isEmpty(); });
-        narrator.expect(noticed,
-                        QStringLiteral("%1 %2").arg(ipOf(leaving), link->trouble(ipOf(leaving))));
+        narrator.expect(noticed, QString("%1 %2").arg(ipOf(leaving), link->trouble(ipOf(leaving))));
         sendToAll("Last call");
         expectReplies({0, 2});
     }
 
     void itComesBack()
     {
-        narrator.say(QStringLiteral("%1 comes back: close and open").arg(ipOf(leaving)));
+        narrator.say(QString("%1 comes back: close and open").arg(ipOf(leaving)));
         endpoints[leaving]->setFault(Fault::Refuse, {});
         link->reopen(ipOf(leaving));
         sendToAll("Gate closed");
@@ -86,12 +82,12 @@ public:
 
     void oneIsDeaf()
     {
-        narrator.say(QStringLiteral("%1 never reads; the others go on").arg(ipOf(leaving)));
+        narrator.say(QString("%1 never reads; the others go on").arg(ipOf(leaving)));
         endpoints[leaving]->setFault(Fault::NeverRead, always);
         sendToAll("Delayed");
         expectReplies({0, 2});
         endpoints[leaving]->setFault(Fault::NeverRead, {});
-        expectReplies({leaving}, QStringLiteral("it reads again"));
+        expectReplies({leaving}, "it reads again: ");
     }
 
 private:
@@ -99,7 +95,7 @@ private:
     {
         const auto look = [&] {
             for (Reply& reply : link->takeReplies()) {
-                narrator.detail(QStringLiteral("endpoint -> host  ") + reply.line);
+                narrator.detail("endpoint -> host  " + reply.line);
                 replies.push_back(std::move(reply));
             }
             return condition();
@@ -115,31 +111,25 @@ private:
         command.osd.arryData = text;
         replies.clear();
         narrator.detail(
-            QStringLiteral("host -> endpoints %1  \"%2\"")
+            QString("host -> endpoints %1  \"%2\"")
                 .arg(recordtext::frameText(recordtext::frame(command, FieldSet::OsdFrame)),
                      QString::fromLatin1(text)));
         link->send(command);
     }
 
-    bool has(int endpoint) const
-    {
-        return std::any_of(replies.begin(), replies.end(),
-                           [endpoint](const Reply& reply) { return reply.from == ipOf(endpoint); });
-    }
-
     void expectReplies(const std::vector<int>& from, const QString& why = {})
     {
-        const auto all = [&] {
-            return std::all_of(from.begin(), from.end(), [this](int one) { return has(one); });
-        };
-        const bool came = waitUntil(all);
         QStringList names;
         for (const int endpoint : from) {
             names << ipOf(endpoint);
         }
-        narrator.expect(came, (why.isEmpty() ? QString() : why + QStringLiteral(": ")) +
-                                  names.join(QStringLiteral(", ")) +
-                                  QStringLiteral(" acknowledged"));
+        const bool came = waitUntil([this, silent = names]() mutable {
+            for (const Reply& reply : replies) {
+                silent.removeAll(reply.from);
+            }
+            return silent.isEmpty();
+        });
+        narrator.expect(came, why + names.join(", ") + " acknowledged");
     }
 
     Narrator& narrator;

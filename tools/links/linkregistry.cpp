@@ -11,15 +11,15 @@ const std::vector<LinkKind>& linkregistry::kinds()
     constexpr int reportBurst = 20; // ten reports a second are read
     static const std::vector<LinkKind> table{
         {"udp", "udp://192.168.1.20:1000", "a device on the network", FieldSet::TextBody,
-         Faulty::Datagrams, "udp://127.0.0.1:0", burst, udptarget::parse},
+         Faulty::Datagrams, "udp://127.0.0.1:0", burst, linktargets::udp},
         {"serial", "serial:///dev/ttyUSB0?baud=115200", "a device on a serial port",
-         FieldSet::TextBody, Faulty::Stream, "serial://", burst, serialtarget::parse},
+         FieldSet::TextBody, Faulty::Stream, "serial://", burst, linktargets::serial},
         {"vela", "vela:///dev/ttyS1", "a device of the second serial line", FieldSet::BinaryHead,
-         Faulty::Stream, "vela://", burst, serialtarget::parse},
+         Faulty::Stream, "vela://", burst, linktargets::serial},
         {"usb", "usb://04b4:1008", "a USB HID device", FieldSet::TextBody, Faulty::Stream,
-         "usb://04b4:1008", reportBurst, usbtarget::parse},
+         "usb://04b4:1008", reportBurst, linktargets::usb},
         {"osd", "osd://10.0.0.5:10001", "an on-screen-display endpoint; may be several",
-         FieldSet::OsdFrame, Faulty::Endpoint, "osd://127.0.0.1:0", 0, osdtarget::parse},
+         FieldSet::OsdFrame, Faulty::Endpoint, "osd://127.0.0.1:0", 0, linktargets::osd},
     };
     return table;
 }
@@ -49,7 +49,7 @@ std::unique_ptr<LinkTarget> linkregistry::target(const QString& text)
     for (const LinkKind& kind : kinds()) {
         forms << QLatin1String(kind.form);
     }
-    throw BadInput(QStringLiteral("link"), text, forms.join(QStringLiteral(" or ")));
+    throw BadInput("link", text, forms.join(" or "));
 }
 
 std::unique_ptr<LinkTarget> linkregistry::target(const QStringList& texts)
@@ -65,7 +65,7 @@ QString linkregistry::help()
 {
     QString text;
     for (const LinkKind& kind : kinds()) {
-        text += QStringLiteral("  %1 %2\n")
+        text += QString("  %1 %2\n")
                     .arg(QLatin1String(kind.form), -36)
                     .arg(QLatin1String(kind.describes));
     }
@@ -79,17 +79,15 @@ const LinkKind& LinkTarget::kind() const
 
 void LinkTarget::add(const LinkAddress& another)
 {
-    throw BadInput(QStringLiteral("link"), another.text,
-                   QStringLiteral("one link; only osd:// takes several at once"));
+    throw BadInput("link", another.text, "one link; only osd:// takes several at once");
 }
 
 void LinkTarget::check(const Command& command) const
 {
     if (command.record.sendMode != 0) {
-        throw BadInput(
-            QStringLiteral("--broadcast: %1:// has none: leave it out").arg(address.scheme));
+        throw BadInput(QString("--broadcast: %1:// has none: leave it out").arg(address.scheme));
     }
     if (!command.to.isEmpty()) {
-        throw BadInput(QStringLiteral("--to: only osd:// has several endpoints: leave it out"));
+        throw BadInput("--to: only osd:// has several endpoints: leave it out");
     }
 }

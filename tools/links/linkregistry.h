@@ -68,46 +68,27 @@ QString help();
 
 } // namespace linkregistry
 
-/// udp://ADDRESS:PORT, a device on the network. The port may be left out.
+/// The targets that the registry knows. Each throws BadInput.
 ///
-/// Replies come to one local port, which is fixed and which only one program can have at a time:
-/// the library stays silent if it is taken, so the tool looks.
-namespace udptarget
+/// | scheme       | place            |                                                            |
+/// |--------------|------------------|------------------------------------------------------------|
+/// | udp          | ADDRESS[:PORT]   | a device on the network                                    |
+/// | serial, vela | PORT             | ?baud=115200&data=8&parity=none&stop=1&flow=none; a        |
+/// |              |                  | simulated one needs no PORT: it gets one                   |
+/// | usb          | VENDOR:PRODUCT   | the first HID device with these ids, four hex digits each  |
+/// | osd          | ADDRESS[:PORT]   | an on-screen-display endpoint; several make one link; a    |
+/// |              |                  | simulated one takes ?data=N, the bytes of data in each     |
+/// |              |                  | command: commands carry no length                          |
+namespace linktargets
 {
 
-std::unique_ptr<LinkTarget> parse(const LinkAddress& address);
+std::unique_ptr<LinkTarget> udp(const LinkAddress& address);
+std::unique_ptr<LinkTarget> serial(const LinkAddress& address);
+std::unique_ptr<LinkTarget> usb(const LinkAddress& address);
+std::unique_ptr<LinkTarget> osd(const LinkAddress& address);
 
-/// The local port that replies come to, for the host-wide device type.
-quint16 localPort();
+/// The local port that UDP replies come to, for the host-wide device type. Only one program can
+/// have it at a time: the library stays silent if it is taken, so the tool looks.
+quint16 localUdpPort();
 
-} // namespace udptarget
-
-/// serial://PORT?baud=115200&data=8&parity=none&stop=1&flow=none, a device on a serial port, and
-/// vela:// alike, a device of the second serial line. A simulated one needs no PORT: it gets one.
-namespace serialtarget
-{
-
-std::unique_ptr<LinkTarget> parse(const LinkAddress& address);
-
-/// Why this user cannot open a device file, with what would help; empty if he can.
-QString obstacle(const QString& devicePath);
-
-} // namespace serialtarget
-
-/// usb://VENDOR:PRODUCT, the first USB HID device with these ids, four hexadecimal digits each.
-namespace usbtarget
-{
-
-std::unique_ptr<LinkTarget> parse(const LinkAddress& address);
-
-} // namespace usbtarget
-
-/// osd://ADDRESS:PORT, an on-screen-display endpoint; several of them make one link. The port may
-/// be left out. A simulated one takes ?data=N, the bytes of data in each command: commands carry no
-/// length.
-namespace osdtarget
-{
-
-std::unique_ptr<LinkTarget> parse(const LinkAddress& address);
-
-} // namespace osdtarget
+} // namespace linktargets

@@ -142,7 +142,7 @@ void OsdLink::giveUp(Client& client, State state)
     client.state = state;
     client.waiting.clear();
     client.offered.invalidate();
-    warnings << QStringLiteral("%1:%2 %3")
+    warnings << QString("%1:%2 %3")
                     .arg(client.endpoint.ip)
                     .arg(client.endpoint.port)
                     .arg(trouble(client));
@@ -185,10 +185,9 @@ QStringList OsdLink::devices() const
 
 QString OsdLink::trouble(const Client& client)
 {
-    return client.state == State::Lost ? QStringLiteral("has hung up")
-           : client.state == State::Absent
-               ? QStringLiteral("takes no connection: is it on, and is that its port?")
-               : QString();
+    return client.state == State::Lost     ? "has hung up"
+           : client.state == State::Absent ? "takes no connection: is it on, and is that its port?"
+                                           : QString();
 }
 
 QString OsdLink::trouble(const QString& device) const
@@ -212,5 +211,5 @@ QString OsdLink::problem() const
 {
     const bool works = std::any_of(clients.begin(), clients.end(),
                                    [](const Client& client) { return trouble(client).isEmpty(); });
-    return works ? QString() : QStringLiteral("no endpoint is left");
+    return works ? QString() : "no endpoint is left";
 }

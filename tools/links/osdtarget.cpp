@@ -21,15 +21,13 @@ public:
     void add(const LinkAddress& another) override
     {
         if (another.scheme != address.scheme) {
-            throw BadInput(QStringLiteral("link"), another.text,
-                           QStringLiteral("only osd:// links together"));
+            throw BadInput("link", another.text, "only osd:// links together");
         }
-        another.allowOptions({QStringLiteral("data")});
+        another.allowOptions({"data"});
         const LinkAddress::IpPort place = another.ipPort(defaultPort);
         const QString ip = place.host.toString();
         if (addresses().contains(ip)) {
-            another.refuse(QStringLiteral("host"), ip,
-                           QStringLiteral("each address once, whatever its port"));
+            another.refuse("host", ip, "each address once, whatever its port");
         }
         endpoints.push_back({ip, place.port});
         if (another.has("data")) {
@@ -40,24 +38,22 @@ public:
     void check(const Command& command) const override
     {
         if (command.record.sendMode != 0) {
-            throw BadInput(QStringLiteral("--broadcast: osd:// has none: give every endpoint's "
-                                          "link"));
+            throw BadInput("--broadcast: osd:// has none: give every endpoint's "
+                           "link");
         }
         for (const QString& ip : command.to) {
             if (!addresses().contains(ip)) {
-                throw BadInput(QStringLiteral("--to"), ip, addresses().join(QStringLiteral(", ")));
+                throw BadInput("--to", ip, addresses().join(", "));
             }
         }
         for (const OsdLink::Endpoint& endpoint : endpoints) {
-            if (endpoint.port == 0 || endpoint.ip == QLatin1String("0.0.0.0")) {
-                throw BadInput(
-                    QStringLiteral("link"),
-                    QStringLiteral("osd://%1:%2").arg(endpoint.ip).arg(endpoint.port),
-                    QStringLiteral("the endpoint's own address and a port from 1 to 65535"));
+            if (endpoint.port == 0 || endpoint.ip == "0.0.0.0") {
+                throw BadInput("link", QString("osd://%1:%2").arg(endpoint.ip).arg(endpoint.port),
+                               "the endpoint's own address and a port from 1 to 65535");
             }
         }
         if (dataLength) {
-            throw BadInput(QStringLiteral("?data is for simulate: leave it out"));
+            throw BadInput("?data is for simulate: leave it out");
         }
     }
 
@@ -91,7 +87,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<LinkTarget> osdtarget::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> linktargets::osd(const LinkAddress& address)
 {
     return std::make_unique<OsdTarget>(address);
 }

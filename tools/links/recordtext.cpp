@@ -17,23 +17,22 @@ constexpr int shownFrame = 64;
 
 QString blockName(FieldSet fields)
 {
-    return fields == FieldSet::OsdFrame ? QStringLiteral("data") : QStringLiteral("block");
+    return fields == FieldSet::OsdFrame ? "data" : "block";
 }
 
 QString beginning(const QByteArray& bytes, const QString& name)
 {
-    return QStringLiteral("%1 %2 bytes: %3%4")
+    return QString("%1 %2 bytes: %3%4")
         .arg(name)
         .arg(bytes.size())
         .arg(QString::fromLatin1(bytes.left(summaryBytes).toHex(' ')),
-             bytes.size() > summaryBytes ? QStringLiteral(" ...") : QString());
+             bytes.size() > summaryBytes ? " ..." : QString());
 }
 
 void addOrigin(Reply& reply)
 {
-    reply.json.insert(QStringLiteral("from"), reply.from);
-    reply.json.insert(QStringLiteral("time"),
-                      QDateTime::currentDateTime().toString(Qt::ISODateWithMs));
+    reply.json.insert("from", reply.from);
+    reply.json.insert("time", QDateTime::currentDateTime().toString(Qt::ISODateWithMs));
 }
 
 bool isPrintable(char c)
@@ -89,12 +88,12 @@ QString recordtext::line(const Command& command, FieldSet fields)
     QStringList words;
     for (const CommandField& field : CommandField::all()) {
         if (field.isIn(fields)) {
-            words << QStringLiteral("%1 %2")
+            words << QString("%1 %2")
                          .arg(QLatin1String(field.name))
-                         .arg(field.value(command), 2 * field.bytes(), 16, QLatin1Char('0'));
+                         .arg(field.value(command), 2 * field.bytes(), 16, QChar('0'));
         }
     }
-    return words.join(QLatin1Char(' '));
+    return words.join(' ');
 }
 
 QJsonObject recordtext::json(const Command& command, FieldSet fields)
@@ -107,7 +106,7 @@ QJsonObject recordtext::json(const Command& command, FieldSet fields)
     }
     const QByteArray& bytes = block(command, fields);
     const QString name = blockName(fields);
-    object.insert(name + QStringLiteral("_length"), bytes.size());
+    object.insert(name + "_length", bytes.size());
     if (!bytes.isEmpty()) {
         object.insert(name, QString::fromLatin1(bytes.toHex()));
     }
@@ -120,7 +119,7 @@ Reply recordtext::reply(const model_Protocoldata& record, FieldSet fields)
     Reply reply;
     reply.from = record.strKey2;
     reply.block = record.arryDatablock;
-    reply.line = (reply.from + QLatin1Char(' ') + summary(received, fields)).trimmed();
+    reply.line = (reply.from + ' ' + summary(received, fields)).trimmed();
     reply.json = json(received, fields);
     addOrigin(reply);
     return reply;
@@ -131,10 +130,9 @@ Reply recordtext::reply(const model_OsdParam& acknowledgement)
     Reply reply;
     reply.from = acknowledgement.strIP;
     const auto status = static_cast<quint8>(acknowledgement.arryData.back());
-    reply.line = QStringLiteral("%1 OK %2").arg(reply.from, hex(status));
-    reply.json.insert(QStringLiteral("acknowledgement"),
-                      QString::fromLatin1(acknowledgement.arryData.toHex()));
-    reply.json.insert(QStringLiteral("status"), status);
+    reply.line = QString("%1 OK %2").arg(reply.from, hex(status));
+    reply.json.insert("acknowledgement", QString::fromLatin1(acknowledgement.arryData.toHex()));
+    reply.json.insert("status", status);
     addOrigin(reply);
     return reply;
 }
@@ -142,9 +140,8 @@ Reply recordtext::reply(const model_OsdParam& acknowledgement)
 QString recordtext::summary(const Command& command, FieldSet fields)
 {
     const QByteArray& bytes = block(command, fields);
-    return bytes.isEmpty()
-               ? line(command, fields)
-               : line(command, fields) + QLatin1Char(' ') + beginning(bytes, blockName(fields));
+    return bytes.isEmpty() ? line(command, fields)
+                           : line(command, fields) + ' ' + beginning(bytes, blockName(fields));
 }
 
 QString recordtext::dump(const QByteArray& bytes)
@@ -156,8 +153,8 @@ QString recordtext::dump(const QByteArray& bytes)
         for (const char c : row) {
             readable += QLatin1Char(isPrintable(c) ? c : '.');
         }
-        text += QStringLiteral("  %1  %2  %3\n")
-                    .arg(offset, 4, 16, QLatin1Char('0'))
+        text += QString("  %1  %2  %3\n")
+                    .arg(offset, 4, 16, QChar('0'))
                     .arg(QString::fromLatin1(row.toHex(' ')), -(3 * dumpWidth - 1))
                     .arg(readable);
     }
@@ -168,23 +165,23 @@ QString recordtext::frameText(const QByteArray& frame)
 {
     const QByteArray shown = frame.left(shownFrame);
     const QString rest =
-        frame.size() > shownFrame ? QStringLiteral(" ... (%1 bytes)").arg(frame.size()) : QString();
+        frame.size() > shownFrame ? QString(" ... (%1 bytes)").arg(frame.size()) : QString();
     if (std::all_of(shown.begin(), shown.end(), isPrintable)) {
         return QString::fromLatin1(shown) + rest;
     }
     if (shown.size() > commandframe::textLength && shown.startsWith("<T")) {
-        return QString::fromLatin1(shown.left(commandframe::textLength)) + QLatin1String(" + ") +
-               beginning(frame.mid(commandframe::textLength), QStringLiteral("block"));
+        return QString::fromLatin1(shown.left(commandframe::textLength)) + " + " +
+               beginning(frame.mid(commandframe::textLength), "block");
     }
     return QString::fromLatin1(shown.toHex(' ')) + rest;
 }
 
 QString recordtext::hex(int byte)
 {
-    return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
+    return QString("%1").arg(byte, 2, 16, QChar('0'));
 }
 
 QString recordtext::timeOfDay()
 {
-    return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
+    return QTime::currentTime().toString("HH:mm:ss.zzz");
 }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "core_serialport.h"
-#include "corelink.h"
 #include "fileaccess.h"
 #include "linkregistry.h"
 #include "ptysimulator.h"
@@ -31,16 +30,15 @@ QString refusal(const QSerialPort& port, const QString& path)
         return port.errorString();
     }
     const std::string device = QFileInfo(path).canonicalFilePath().toStdString();
-    const QString lock =
-        QStringLiteral("/LCK..") + port.portName().replace(QLatin1Char('/'), QLatin1Char('_'));
+    const QString lock = "/LCK.." + port.portName().replace('/', '_');
     QString holder = fileaccess::holder(
         [&lock](const std::string& name) { return QString::fromStdString(name).endsWith(lock); });
     if (holder.isEmpty()) {
         holder = fileaccess::holder([&device](const std::string& name) { return name == device; });
     }
-    return holder.isEmpty() ? QStringLiteral("%1: another program may have it: end that first")
-                                  .arg(port.errorString())
-                            : QStringLiteral("%1 has it: end that first").arg(holder);
+    return holder.isEmpty()
+               ? QString("%1: another program may have it: end that first").arg(port.errorString())
+               : QString("%1 has it: end that first").arg(holder);
 }
 
 class SerialTarget : public LinkTarget
@@ -48,9 +46,7 @@ class SerialTarget : public LinkTarget
 public:
     explicit SerialTarget(const LinkAddress& written) : LinkTarget(written)
     {
-        const auto list = [](const char* words) {
-            return QString::fromLatin1(words).split(QLatin1Char(' '));
-        };
+        const auto list = [](const char* words) { return QString::fromLatin1(words).split(' '); };
         address.allowOptions(list("baud data parity stop flow"));
         baud = address.has("baud") ? address.number("baud", 1, baudLimit) : baud;
         dataBits = address.has("data") ? address.number("data", 5, 8) : dataBits;
@@ -62,8 +58,7 @@ public:
     std::unique_ptr<DeviceLink> open(bool /*broadcast*/) const override
     {
         if (address.place.isEmpty()) {
-            address.refuse(QStringLiteral("port"), QString(),
-                           QStringLiteral("one like /dev/ttyUSB0; see coremanage ports"));
+            address.refuse("port", QString(), "one like /dev/ttyUSB0; see coremanage ports");
         }
         return isVela() ? openOver<Vela_Core_SerialPort>() : openOver<Core_SerialPort>();
     }
@@ -86,19 +81,19 @@ private:
         if (!line->openSerialPort(address.place, static_cast<QSerialPort::BaudRate>(baud),
                                   stopBits[stop], parities[parity], flows[flow],
                                   static_cast<QSerialPort::DataBits>(dataBits))) {
-            const QString path = address.place.startsWith(QLatin1Char('/'))
-                                     ? address.place
-                                     : QStringLiteral("/dev/") + address.place;
-            const QString reason = serialtarget::obstacle(path);
-            throw LinkDown(QStringLiteral("%1: %2").arg(
+            const QString path =
+                address.place.startsWith('/') ? address.place : "/dev/" + address.place;
+            const QString reason =
+                QFileInfo::exists(path)
+                    ? fileaccess::obstacle(path)
+                    : QString("there is no %1: coremanage ports lists what there is").arg(path);
+            throw LinkDown(QString("%1: %2").arg(
                 address.text, reason.isEmpty() ? refusal(line->port(), path) : reason));
         }
         QObject::connect(&line->port(), &QSerialPort::errorOccurred, line.get(),
                          &Line::handleError);
         const QSerialPort& port = line->port();
-        const auto whyLost = [&port] {
-            return port.isOpen() ? QString() : QStringLiteral("the device has gone");
-        };
+        const auto whyLost = [&port] { return port.isOpen() ? QString() : "the device has gone"; };
         return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost);
     }
 
@@ -111,21 +106,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<LinkTarget> serialtarget::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> linktargets::serial(const LinkAddress& address)
 {
     return std::make_unique<SerialTarget>(address);
-}
-
-QString serialtarget::obstacle(const QString& devicePath)
-{
-    const QFileInfo file(devicePath);
-    if (!file.exists()) {
-        return QStringLiteral("there is no %1: coremanage ports lists what there is")
-            .arg(devicePath);
-    }
-    const QString reason = fileaccess::obstacle(devicePath);
-    return reason.isEmpty() || !fileaccess::groupHelps(devicePath)
-               ? reason
-               : QStringLiteral("%1: join its group: sudo usermod -aG %2 $USER, and log in again")
-                     .arg(reason, file.group());
 }

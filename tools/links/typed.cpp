@@ -13,7 +13,7 @@ namespace
 
 QString lengthExpected(int limit)
 {
-    return QStringLiteral("0 to %1 bytes").arg(limit);
+    return QString("0 to %1 bytes").arg(limit);
 }
 
 } // namespace
@@ -21,35 +21,34 @@ QString lengthExpected(int limit)
 qint64 typed::number(const QString& option, const QString& text, qint64 least, qint64 most)
 {
     static const QRegularExpression form(
-        QRegularExpression::anchoredPattern(QStringLiteral("(0[xX])?([0-9a-fA-F]+)")));
+        QRegularExpression::anchoredPattern("(0[xX])?([0-9a-fA-F]+)"));
     const auto match = form.match(text);
     bool valid = false;
     const qint64 value =
         match.captured(2).toLongLong(&valid, match.captured(1).isEmpty() ? 10 : 16);
     if (!valid || value < least || value > most) {
-        throw BadInput(option, text, QStringLiteral("%1 to %2").arg(least).arg(most));
+        throw BadInput(option, text, QString("%1 to %2").arg(least).arg(most));
     }
     return value;
 }
 
 QByteArray typed::bytes(const QString& option, const QString& text, int limit)
 {
-    if (text.startsWith(QLatin1Char('@'))) {
+    if (text.startsWith('@')) {
         return file(option, text.mid(1), limit);
     }
-    static const QRegularExpression blanks(QStringLiteral("[\\s:]+"));
+    static const QRegularExpression blanks("[\\s:]+");
     static const QRegularExpression hexadecimal(
-        QRegularExpression::anchoredPattern(QStringLiteral("[0-9a-fA-F]+")));
+        QRegularExpression::anchoredPattern("[0-9a-fA-F]+"));
     constexpr int shownDigits = 40;
     const QString digits = QString(text).remove(blanks);
     if (digits.size() % 2 != 0 || !hexadecimal.match(digits).hasMatch()) {
         throw BadInput(option, text.left(shownDigits),
-                       QStringLiteral("hexadecimal digits in pairs, like 00ff10, or @FILE"));
+                       "hexadecimal digits in pairs, like 00ff10, or @FILE");
     }
     const QByteArray bytes = QByteArray::fromHex(digits.toLatin1());
     if (bytes.size() > limit) {
-        throw BadInput(option, QStringLiteral("%1...").arg(text.left(shownDigits)),
-                       lengthExpected(limit));
+        throw BadInput(option, QString("%1...").arg(text.left(shownDigits)), lengthExpected(limit));
     }
     return bytes;
 }
@@ -57,12 +56,15 @@ QByteArray typed::bytes(const QString& option, const QString& text, int limit)
 QByteArray typed::file(const QString& option, const QString& path, int limit)
 {
     const auto refuse = [&](const QString& reason) {
-        throw BadInput(option, path, QStringLiteral("a readable file: ") + reason);
+        throw BadInput(option, path, "a readable file: " + reason);
     };
+    if (path.isEmpty()) {
+        refuse("no name");
+    }
     QFile file(path);
     // By its descriptor: as a stream it would be switched to not waiting, for whoever shares it.
-    const bool opened = path == QLatin1String("-") ? file.open(STDIN_FILENO, QIODevice::ReadOnly)
-                                                   : file.open(QIODevice::ReadOnly);
+    const bool opened =
+        path == "-" ? file.open(STDIN_FILENO, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
     if (!opened) {
         refuse(file.errorString());
     }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commandframe.h"
 #include "corefactory.h"
-#include "corelink.h"
 #include "icorebase.h"
 #include "linkregistry.h"
 #include "sockets.h"
@@ -52,9 +51,8 @@ public:
         unicast.record.sendMode = 0;
         LinkTarget::check(unicast);
         if (command.record.sendMode != 0 && command.record.arryDatablock.size() > limit) {
-            throw BadInput(QStringLiteral("--block"),
-                           QStringLiteral("%1 bytes").arg(command.record.arryDatablock.size()),
-                           QStringLiteral("0 to %1 bytes in one broadcast").arg(limit));
+            throw BadInput("--block", QString("%1 bytes").arg(command.record.arryDatablock.size()),
+                           QString("0 to %1 bytes in one broadcast").arg(limit));
         }
     }
 
@@ -62,24 +60,22 @@ public:
     {
         const QString host = device.host.toString();
         if (device.port == 0) {
-            address.refuse(QStringLiteral("port"), QStringLiteral("0"),
-                           QStringLiteral("1 to 65535"));
+            address.refuse("port", "0", "1 to 65535");
         }
         if (device.host == QHostAddress(QHostAddress::AnyIPv4)) {
-            address.refuse(QStringLiteral("host"), host,
-                           QStringLiteral("the device's own address"));
+            address.refuse("host", host, "the device's own address");
         }
         const QHostAddress target = broadcast ? QHostAddress(QHostAddress::Broadcast) : device.host;
         const QString reason = obstacle(target, device.port);
         if (!reason.isEmpty()) {
-            throw LinkDown(QStringLiteral("%1: no way to %2: %3; is the network up?")
+            throw LinkDown(QString("%1: no way to %2: %3; is the network up?")
                                .arg(address.text, target.toString(), reason));
         }
-        const quint16 local = udptarget::localPort();
+        const quint16 local = linktargets::localUdpPort();
         if (!sockets::isFree(local)) {
-            throw LinkDown(QStringLiteral("%1: replies come to local port %2, which %3 has; end it "
-                                          "first, or, for simulated devices only, run: unshare "
-                                          "-rn sh -c 'ip link set lo up; exec sh'")
+            throw LinkDown(QString("%1: replies come to local port %2, which %3 has; end it "
+                                   "first, or, for simulated devices only, run: unshare "
+                                   "-rn sh -c 'ip link set lo up; exec sh'")
                                .arg(address.text)
                                .arg(local)
                                .arg(sockets::holder(local)));
@@ -103,12 +99,12 @@ private:
 
 } // namespace
 
-std::unique_ptr<LinkTarget> udptarget::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> linktargets::udp(const LinkAddress& address)
 {
     return std::make_unique<UdpTarget>(address);
 }
 
-quint16 udptarget::localPort()
+quint16 linktargets::localUdpPort()
 {
     return hasFixedPort() ? fixedPort : defaultLocalPort;
 }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "core_usb.h"
-#include "corelink.h"
 #include "fileaccess.h"
 #include "hidemulation.h"
 #include "hidnode.h"
@@ -50,8 +49,8 @@ public:
             return {};
         }
         warned = true;
-        return QStringLiteral("replies come as fast as reports are read, ten a second: more may be "
-                              "waiting, and while 63 wait the system drops new ones");
+        return "replies come as fast as reports are read, ten a second: more may be "
+               "waiting, and while 63 wait the system drops new ones";
     }
 
     // The transport stays open over a device that is gone. With several of the same ids, the one
@@ -61,7 +60,7 @@ public:
         const bool isThere = std::any_of(nodes.begin(), nodes.end(), [](const HidNode& node) {
             return QFileInfo::exists(node.path);
         });
-        return isThere ? QString() : QStringLiteral("the device has gone");
+        return isThere ? QString() : "the device has gone";
     }
 
 private:
@@ -77,13 +76,13 @@ public:
     explicit UsbTarget(const LinkAddress& written) : LinkTarget(written)
     {
         static const QRegularExpression form(
-            QRegularExpression::anchoredPattern(QStringLiteral("([0-9a-f]{4}):([0-9a-f]{4})")),
+            QRegularExpression::anchoredPattern("([0-9a-f]{4}):([0-9a-f]{4})"),
             QRegularExpression::CaseInsensitiveOption);
         const auto ids = form.match(address.place);
         if (!ids.hasMatch()) {
-            address.refuse(QStringLiteral("ids"), address.place,
-                           QStringLiteral("two of four hexadecimal digits, like 04b4:1008; see "
-                                          "coremanage devices"));
+            address.refuse("ids", address.place,
+                           "two of four hexadecimal digits, like 04b4:1008; see "
+                           "coremanage devices");
         }
         address.allowOptions({});
         vendorId = static_cast<quint16>(ids.captured(1).toUInt(nullptr, 16));
@@ -95,7 +94,7 @@ public:
         auto line = std::make_unique<Core_USB>();
         line->setDeviceType(Utility_Manage::getDeviceType());
         if (!line->openUSB(vendorId, productId)) {
-            throw LinkDown(QStringLiteral("%1: %2").arg(address.text, obstacle()));
+            throw LinkDown(QString("%1: %2").arg(address.text, obstacle()));
         }
         return std::make_unique<UsbCoreLink>(std::move(line), HidNode::with(vendorId, productId));
     }
@@ -113,19 +112,15 @@ private:
         const auto nodes = HidNode::with(vendorId, productId);
         if (!nodes.empty()) {
             const QString reason = fileaccess::obstacle(nodes.front().path);
-            return nodes.front().path + QStringLiteral(": ") +
-                   (reason.isEmpty()
-                        ? QStringLiteral("it cannot be opened")
-                        : reason +
-                              QStringLiteral(": coremanage devices shows the rule that helps"));
+            return nodes.front().path + ": " +
+                   (reason.isEmpty() ? "it cannot be opened"
+                                     : reason + ": coremanage devices shows the rule that helps");
         }
         const QString unseen = qEnvironmentVariableIsSet(HidTestbed::locationVariable)
                                    ? hidemulation::obstacle()
                                    : QString();
-        return unseen.isEmpty()
-                   ? QStringLiteral(
-                         "there is no such device: coremanage devices lists what there is")
-                   : unseen;
+        return unseen.isEmpty() ? "there is no such device: coremanage devices lists what there is"
+                                : unseen;
     }
 
     quint16 vendorId;
@@ -134,7 +129,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<LinkTarget> usbtarget::parse(const LinkAddress& address)
+std::unique_ptr<LinkTarget> linktargets::usb(const LinkAddress& address)
 {
     return std::make_unique<UsbTarget>(address);
 }

@@ -27,25 +27,24 @@ QString fileaccess::obstacle(const QString& path)
     }
     constexpr unsigned permissionBits = 0777;
     const QFileInfo file(path);
-    return QStringLiteral("%1 (%2, owner %3, group %4)")
+    const bool groupHelps =
+        file.groupId() != 0 && file.permission(QFile::ReadGroup | QFile::WriteGroup);
+    return QString("%1 (%2, owner %3, group %4)%5")
         .arg(reason)
-        .arg(status.st_mode & permissionBits, 4, 8, QLatin1Char('0'))
-        .arg(file.owner(), file.group());
-}
-
-bool fileaccess::groupHelps(const QString& path)
-{
-    const QFileInfo file(path);
-    return file.groupId() != 0 && file.permission(QFile::ReadGroup | QFile::WriteGroup);
+        .arg(status.st_mode & permissionBits, 4, 8, QChar('0'))
+        .arg(file.owner(), file.group(),
+             groupHelps ? QString(": join its group: sudo usermod -aG %1 $USER, and log in "
+                                  "again")
+                              .arg(file.group())
+                        : QString());
 }
 
 QString fileaccess::holder(const std::function<bool(const std::string& name)>& fits)
 {
-    for (const QString& process : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        const QString directory = QStringLiteral("/proc/") + process;
+    for (const QString& process : QDir("/proc").entryList(QDir::Dirs)) {
+        const QString directory = "/proc/" + process;
         std::error_code error; // it may end meanwhile, or belong to somebody else
-        const std::filesystem::directory_iterator files(
-            (directory + QStringLiteral("/fd")).toStdString(), error);
+        const std::filesystem::directory_iterator files((directory + "/fd").toStdString(), error);
         const bool isNumber =
             std::all_of(process.begin(), process.end(), [](QChar c) { return c.isDigit(); });
         const bool holds =
@@ -54,9 +53,9 @@ QString fileaccess::holder(const std::function<bool(const std::string& name)>& f
                 return fits(std::filesystem::read_symlink(file, gone).string());
             });
         if (holds) {
-            QFile name(directory + QStringLiteral("/comm"));
+            QFile name(directory + "/comm");
             name.open(QIODevice::ReadOnly);
-            return QStringLiteral("process %1 (%2)")
+            return QString("process %1 (%2)")
                 .arg(process, QString::fromLocal8Bit(name.readAll().trimmed()));
         }
     }

@@ -9,12 +9,9 @@
 namespace fileaccess
 {
 
-/// Why this user cannot read and write it, with its rights: "Permission denied (0660, owner root,
-/// group dialout)". Empty if he can.
+/// Why this user cannot read and write it, with its rights and what would help: "Permission denied
+/// (0660, owner root, group dialout): join its group: ...". Empty if he can.
 QString obstacle(const QString& path);
-
-/// Whether membership of the file's group, one other than root's, allows reading and writing it.
-bool groupHelps(const QString& path);
 
 /// "process 123 (name)" of one that has something open whose name, as /proc/PID/fd shows it, fits.
 /// Empty if there is none that this user may see.

@@ -32,9 +32,8 @@ bool isWanted(char** arguments)
 
 QString emulating()
 {
-    const QFileInfo self(QStringLiteral("/proc/self/exe"));
-    return QFileInfo(self.canonicalFilePath()).path() + QLatin1Char('/') +
-           QStringLiteral(COREMANAGE_EMULATING);
+    const QFileInfo self("/proc/self/exe");
+    return QFileInfo(self.canonicalFilePath()).path() + '/' + QStringLiteral(COREMANAGE_EMULATING);
 }
 
 // Tried here, where it can be said in plain words; there the loader ends the program.
@@ -63,18 +62,18 @@ QString hidemulation::obstacle()
 {
     const QString path = QFileInfo(emulating()).canonicalFilePath();
     if (path.isEmpty()) {
-        return QStringLiteral("this coremanage simulates no USB devices: it was built without "
-                              "umockdev (there is no %1)")
+        return QString("this coremanage simulates no USB devices: it was built without "
+                       "umockdev (there is no %1)")
             .arg(emulating());
     }
     const QString missing = missingLibrary();
     if (!missing.isEmpty()) {
-        return QStringLiteral("USB devices are simulated with umockdev: sudo apt install umockdev "
-                              "libumockdev0 (%1)")
+        return QString("USB devices are simulated with umockdev: sudo apt install umockdev "
+                       "libumockdev0 (%1)")
             .arg(missing);
     }
     if (access(path.toLocal8Bit().constData(), X_OK) != 0) {
-        return QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
+        return QString("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
     }
     return {};
 }

@@ -23,13 +23,13 @@ QString warning;        // GLib's first one
 
 QString refusal(const QString& reason)
 {
-    return toolfiles::noRoom(QStringLiteral("the files of a simulated USB device"), reason);
+    return toolfiles::noRoom("the files of a simulated USB device", reason);
 }
 
 // GLib ends the process where a file cannot be made: it ends in the tool's way.
 [[noreturn]] void end(const QString& reason)
 {
-    output::error(QStringLiteral("coremanage: ") + refusal(reason));
+    output::error("coremanage: " + refusal(reason));
     std::exit(exitcode::linkDown);
 }
 

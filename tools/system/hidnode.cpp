@@ -9,7 +9,7 @@
 namespace
 {
 
-const QString classDirectory = QStringLiteral("/sys/class/hidraw/");
+const QString classDirectory = "/sys/class/hidraw/";
 constexpr quint16 usbBus = 3;
 
 // The device chose it: it must not move the cursor of whoever reads it.
@@ -24,8 +24,8 @@ QString printable(QString text)
 HidNode read(const QString& entry)
 {
     HidNode node;
-    node.path = QStringLiteral("/dev/") + entry;
-    QFile file(classDirectory + entry + QStringLiteral("/device/uevent"));
+    node.path = "/dev/" + entry;
+    QFile file(classDirectory + entry + "/device/uevent");
     if (!file.open(QIODevice::ReadOnly)) {
         return node;
     }
@@ -33,7 +33,7 @@ HidNode read(const QString& entry)
         const QString value = QString::fromUtf8(line.mid(line.indexOf('=') + 1)).trimmed();
         if (line.startsWith("HID_ID=")) { // 0003:000004B4:00001008: bus, vendor, product
             const auto id = [&value](int index) {
-                const QString digits = value.section(QLatin1Char(':'), index, index);
+                const QString digits = value.section(':', index, index);
                 return static_cast<quint16>(digits.toUInt(nullptr, 16));
             };
             node.bus = id(0);
@@ -48,26 +48,25 @@ HidNode read(const QString& entry)
 
 QString hexId(quint16 id)
 {
-    return QStringLiteral("%1").arg(id, 4, 16, QLatin1Char('0'));
+    return QString("%1").arg(id, 4, 16, QChar('0'));
 }
 
 } // namespace
 
 QString HidNode::address() const
 {
-    return QStringLiteral("usb://%1:%2").arg(hexId(vendorId), hexId(productId));
+    return QString("usb://%1:%2").arg(hexId(vendorId), hexId(productId));
 }
 
 // Only devices on USB have the attributes of one above them; all have their ids in their name.
 QString HidNode::rule() const
 {
     const QString match =
-        bus == usbBus ? QStringLiteral("ATTRS{idVendor}==\"%1\", ATTRS{idProduct}==\"%2\"")
+        bus == usbBus ? QString("ATTRS{idVendor}==\"%1\", ATTRS{idProduct}==\"%2\"")
                             .arg(hexId(vendorId), hexId(productId))
-                      : QStringLiteral("KERNELS==\"%1:%2:%3.*\"")
+                      : QString("KERNELS==\"%1:%2:%3.*\"")
                             .arg(hexId(bus), hexId(vendorId).toUpper(), hexId(productId).toUpper());
-    return QStringLiteral("KERNEL==\"hidraw*\", SUBSYSTEM==\"hidraw\", %1, TAG+=\"uaccess\"")
-        .arg(match);
+    return QString("KERNEL==\"hidraw*\", SUBSYSTEM==\"hidraw\", %1, TAG+=\"uaccess\"").arg(match);
 }
 
 std::vector<HidNode> HidNode::all()

@@ -9,27 +9,23 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-networknamespace::Loopback networknamespace::raiseLoopback()
+bool networknamespace::raiseLoopback()
 {
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};
     std::strcpy(request.ifr_name, "lo");
-    auto state = Loopback::IsDown;
+    bool isUp = false;
     if (ioctl(descriptor, SIOCGIFFLAGS, &request) == 0) {
-        if ((request.ifr_flags & IFF_UP) != 0) {
-            state = Loopback::WasUp;
-        } else {
-            request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-            state = ioctl(descriptor, SIOCSIFFLAGS, &request) == 0 ? Loopback::IsUpNow
-                                                                   : Loopback::IsDown;
-        }
+        isUp = (request.ifr_flags & IFF_UP) != 0;
+        request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+        isUp = isUp || ioctl(descriptor, SIOCSIFFLAGS, &request) == 0;
     }
     close(descriptor);
-    return state;
+    return isUp;
 }
 
 bool networknamespace::enter()
 {
     return (unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) &&
-           raiseLoopback() != Loopback::IsDown;
+           raiseLoopback();
 }

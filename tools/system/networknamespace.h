@@ -9,10 +9,8 @@ namespace networknamespace
 /// loopback interface up. False, with nothing changed, where the system does not allow it.
 bool enter();
 
-enum class Loopback { WasUp, IsUpNow, IsDown };
-
 /// Brings the loopback interface up where it is down, as in a network namespace of a shell that was
-/// left as it was made, and this process may.
-Loopback raiseLoopback();
+/// left as it was made, and this process may. False if it is down then.
+bool raiseLoopback();
 
 } // namespace networknamespace

@@ -91,7 +91,7 @@ bool output::lost()
 void output::checkLoss()
 {
     if (lost()) {
-        throw ToolError(exitcode::failed, QStringLiteral("standard output could not be written"));
+        throw ToolError(exitcode::failed, "standard output could not be written");
     }
 }
 

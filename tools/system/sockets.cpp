@@ -84,7 +84,7 @@ QString sockets::holder(quint16 port)
     const auto names = socketNames(port);
     const QString holder =
         fileaccess::holder([&names](const std::string& name) { return names.count(name) != 0; });
-    return holder.isEmpty() ? QStringLiteral("another program") : holder;
+    return holder.isEmpty() ? "another program" : holder;
 }
 
 std::vector<sockets::Connection> sockets::established()

@@ -39,8 +39,7 @@ public:
 
     /// WHERE: invalid value "VALUE" (expected EXPECTED)
     BadInput(const QString& where, const QString& value, const QString& expected)
-        : BadInput(
-              QStringLiteral("%1: invalid value \"%2\" (expected %3)").arg(where, value, expected))
+        : BadInput(QString("%1: invalid value \"%2\" (expected %3)").arg(where, value, expected))
     {
     }
 };

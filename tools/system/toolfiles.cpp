@@ -21,9 +21,9 @@ constexpr int olderFiles = 1;
 
 struct Temporary {
     // TMPDIR may lead elsewhere later; QDir has no path of a directory that is not there.
-    const QString parent = qEnvironmentVariableIsEmpty("TMPDIR") ? QStringLiteral("/tmp")
-                                                                 : qEnvironmentVariable("TMPDIR");
-    const QTemporaryDir made{parent + QStringLiteral("/coremanage-XXXXXX")};
+    const QString parent =
+        qEnvironmentVariableIsEmpty("TMPDIR") ? "/tmp" : qEnvironmentVariable("TMPDIR");
+    const QTemporaryDir made{parent + "/coremanage-XXXXXX"};
 };
 
 const Temporary& temporary()
@@ -38,7 +38,7 @@ QString roomObstacle(qint64 bytes)
     if (!temporary().made.isValid()) {
         return temporary().made.errorString();
     }
-    QFile file(temporary().made.filePath(QStringLiteral("room")));
+    QFile file(temporary().made.filePath("room"));
     if (!file.open(QIODevice::WriteOnly)) {
         return file.errorString();
     }
@@ -51,9 +51,9 @@ QString defaultLog()
 {
     QString state = qEnvironmentVariable("XDG_STATE_HOME");
     if (!QDir::isAbsolutePath(state)) { // a relative one is to be ignored
-        state = QDir::homePath() + QStringLiteral("/.local/state");
+        state = QDir::homePath() + "/.local/state";
     }
-    return state + QStringLiteral("/coremanage/coremanage.log");
+    return state + "/coremanage/coremanage.log";
 }
 
 // Starts the log there. Why it cannot be written; empty if it can.
@@ -61,16 +61,15 @@ QString logObstacle(const QString& path)
 {
     const QFileInfo info(path);
     if (info.exists() && !info.isFile()) {
-        return info.isDir() ? QStringLiteral("is a directory") : QStringLiteral("is no plain file");
+        return "is no plain file";
     }
     QDir().mkpath(info.absolutePath());
     QFile file(path);
     if (!file.open(QIODevice::Append)) {
         return file.errorString();
     }
-    return Utility_Manage::setLogFile(path, logLimit, olderFiles)
-               ? QString()
-               : QStringLiteral("the log does not take it");
+    return Utility_Manage::setLogFile(path, logLimit, olderFiles) ? QString()
+                                                                  : "the log does not take it";
 }
 
 } // namespace
@@ -84,14 +83,14 @@ void toolfiles::requireRoom(qint64 bytes)
 {
     const QString reason = roomObstacle(bytes);
     if (!reason.isEmpty()) {
-        throw LinkDown(noRoom(QStringLiteral("%1 bytes").arg(bytes), reason));
+        throw LinkDown(noRoom(QString("%1 bytes").arg(bytes), reason));
     }
 }
 
 QString toolfiles::noRoom(const QString& whose, const QString& reason)
 {
-    return QStringLiteral("the temporary directory %1 does not take %2: %3: make room there, or "
-                          "set TMPDIR to another directory")
+    return QString("the temporary directory %1 does not take %2: %3: make room there, or "
+                   "set TMPDIR to another directory")
         .arg(temporary().parent, whose, reason.simplified());
 }
 
@@ -99,8 +98,7 @@ void toolfiles::startLog(const QString& path)
 {
     const QString reason = logObstacle(path.isEmpty() ? defaultLog() : path);
     if (!reason.isEmpty() && !path.isEmpty()) {
-        throw BadInput(QStringLiteral("--log"), path,
-                       QStringLiteral("a file that can be written: ") + reason);
+        throw BadInput("--log", path, "a file that can be written: " + reason);
     }
     if (!reason.isEmpty()) {
         startTemporaryLog();
@@ -110,6 +108,6 @@ void toolfiles::startLog(const QString& path)
 void toolfiles::startTemporaryLog()
 {
     if (!temporaryPath().isEmpty()) {
-        (void)logObstacle(temporaryPath() + QStringLiteral("/coremanage.log"));
+        (void)logObstacle(temporaryPath() + "/coremanage.log");
     }
 }

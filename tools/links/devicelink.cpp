@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "corelink.h"
+#include "devicelink.h"
 
 #include "biz_cmdswork.h"
 #include "icorebase.h"
