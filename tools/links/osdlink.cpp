@@ -16,8 +16,8 @@ constexpr qint64 lookIntervalMs = 5;
 constexpr qint64 connectLimitMs = 2000;
 constexpr qint64 offerIntervalMs = 1000; // longer than a thread goes without processor time
 
-// What came just before a hang-up is still on its way through the parser.
-constexpr qint64 hangUpPauseMs = 100;
+// What came just before a hang-up is still on its way through the parser, on a loaded machine too.
+constexpr qint64 hangUpPauseMs = 500;
 
 } // namespace
 
