@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "core_usb.h"
+#include "emulatedhid.h"
 #include "fileaccess.h"
 #include "hidemulation.h"
 #include "hidnode.h"
-#include "emulatedhid.h"
 #include "linkregistry.h"
 #include "toolerror.h"
 #include "utility_manage.h"
