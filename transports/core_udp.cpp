@@ -120,14 +120,10 @@ bool core_UDP::openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopB
     return false;
 }
 
-void core_UDP::closeSerialPort() {}
-
 bool core_UDP::openUSB(unsigned short /*vendorId*/, unsigned short /*productId*/)
 {
     return false;
 }
-
-void core_UDP::closeUSB() {}
 
 void core_UDP::setDeviceType(model_GlobalEnum::DeviceType type)
 {
@@ -412,7 +408,3 @@ QString core_UDP::autoRec(QString text)
 {
     return text.rightJustified(2, QLatin1Char('0'));
 }
-
-void core_UDP::senToUipro(void* /*parameters*/) {}
-
-void core_UDP::processInfoDisplayonUI(void* /*parameters*/) {}

@@ -48,10 +48,10 @@ public:
     void setPort(int port) override;
     void clearQueue() override;
     bool openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
-                        QSerialPort::FlowControl, QSerialPort::DataBits) override;
-    void closeSerialPort() override;
-    bool openUSB(unsigned short vendorId, unsigned short productId) override;
-    void closeUSB() override;
+                        QSerialPort::FlowControl, QSerialPort::DataBits) override; ///< false
+    void closeSerialPort() override {}                                             ///< does nothing
+    bool openUSB(unsigned short vendorId, unsigned short productId) override;      ///< false
+    void closeUSB() override {}                                                    ///< does nothing
     void setDeviceType(model_GlobalEnum::DeviceType type) override;
 
     /// Closes the socket, with a reply that waits for its block, and makes and binds a new one.
@@ -78,7 +78,7 @@ public:
     /// \a text padded on the left with "0" to two characters.
     QString autoRec(QString text);
 
-    void senToUipro(void* parameters); ///< does nothing
+    void senToUipro(void* /*parameters*/) {} ///< does nothing
 
     /// The text frame of a record.
     QByteArray produceCmds(model_Protocoldata record);
@@ -119,7 +119,7 @@ public Q_SLOTS:
     void sendDatatoDevice(void* parameters) override;
     void sendDatatoDeviceByFeatures(void* parameters) override;
     void sendDatatoDeviceForSysPlan(void* parameters) override;
-    void processInfoDisplayonUI(void* parameters); ///< does nothing
+    void processInfoDisplayonUI(void* parameters) { Q_UNUSED(parameters) } ///< does nothing
 
 private:
     enum class Device { Kept, Forgotten };

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "udplink.h"
 
-#include "debugline.h"
 #include "handoverthread.h"
 #include "replyqueue.h"
-#include "utility_manage.h"
+#include "sendreport.h"
 
+#include <array>
 #include <functional>
 
 namespace
@@ -16,36 +16,18 @@ constexpr std::size_t reportLimit = 65536;
 // The result of an operation that is still in progress, as the device's first driver returned it.
 constexpr qint64 inProgress = -115;
 
-struct SentTexts {
-    const char* successful;
-    const char* failed;
-    const char* broadcastFailed;
-    const char* unknown;
-};
+// In the order of SendOutcome.
+using SentLines = std::array<const char*, 4>;
 
-// A plain failure of a unicast is reported with the broadcast's wording: log readers rely on it.
-constexpr SentTexts unicastTexts{"Send successful", "Send failed", "Send Broadcast failed",
-                                 "Send unknown"};
-constexpr SentTexts broadcastTexts{"Send Broadcast successful", "Send Broadcast failed",
+// A plain failure of a unicast has the broadcast's wording: log readers rely on it.
+constexpr SentLines unicastLines{sentLine, sendFailedLine, "Send Broadcast failed", "Send unknown"};
+constexpr SentLines broadcastLines{"Send Broadcast successful", "Send Broadcast failed",
                                    "Send Broadcast failed", "Send Broadcast unknown"};
 
-void report(SendOutcome outcome, const SentTexts& texts, const QByteArray& frame)
+void report(SendOutcome outcome, const SentLines& lines, const QByteArray& frame)
 {
-    switch (outcome) {
-    case SendOutcome::Successful:
-        qCDebug(debugLine) << texts.successful;
-        Utility_Manage::writeLog(textWithBytes("Send successful:", frame));
-        break;
-    case SendOutcome::Failed:
-        qCDebug(debugLine) << texts.failed;
-        break;
-    case SendOutcome::BroadcastFailed:
-        qCDebug(debugLine) << texts.broadcastFailed;
-        break;
-    case SendOutcome::Unknown:
-        qCDebug(debugLine) << texts.unknown;
-        break;
-    }
+    reportSend(outcome == SendOutcome::Successful, lines.at(static_cast<std::size_t>(outcome)),
+               textWithBytes("", frame));
 }
 
 using Report = std::function<void()>;
@@ -145,7 +127,7 @@ SendOutcome UdpLink::send(const QByteArray& frame, const Destination& to)
 SendOutcome UdpLink::sendUnicast(const QByteArray& frame)
 {
     const SendOutcome outcome = send(frame, destination());
-    report(outcome, unicastTexts, frame);
+    report(outcome, unicastLines, frame);
     return outcome;
 }
 
@@ -154,7 +136,7 @@ SendOutcome UdpLink::sendBroadcast(const QByteArray& frame)
     const Destination everyone{{}, QHostAddress(QHostAddress::Broadcast), destination().port};
     const SendOutcome outcome =
         classifySent(write(frame.constData(), frame.size(), everyone), frame.size());
-    report(outcome, broadcastTexts, frame);
+    report(outcome, broadcastLines, frame);
     return outcome;
 }
 
@@ -166,7 +148,7 @@ bool UdpLink::sendTo(const QString& ip, const QByteArray& frame)
     }
     const SendOutcome outcome = send(frame, to);
     const auto tell = [link = shared_from_this(), outcome, frame] {
-        report(outcome, unicastTexts, frame);
+        report(outcome, unicastLines, frame);
         if (outcome == SendOutcome::Unknown) {
             Q_EMIT link->unknownSent();
         }

@@ -20,12 +20,12 @@ void* run(void* argument)
 } // namespace
 
 // Created detached: to detach a thread that runs already can fail, and would end the process.
-bool detachedthread::create(Function function)
+bool detachedthread::create(Function function) noexcept
 {
     processend::watch();
-    auto argument = std::make_unique<Function>(std::move(function));
+    std::unique_ptr<Function> argument(new (std::nothrow) Function(std::move(function)));
     pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
+    if (argument == nullptr || pthread_attr_init(&attributes) != 0) {
         return false;
     }
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);

@@ -12,7 +12,7 @@ namespace detachedthread
 
 /// Starts a thread that nobody joins and that the end of the process does not wait for. False, with
 /// the function not run, when the system refuses it. Any thread; does not block.
-[[nodiscard]] bool create(std::function<void()> function);
+[[nodiscard]] bool create(std::function<void()> function) noexcept;
 
 } // namespace detachedthread
 

@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <utility>
 
@@ -64,10 +63,7 @@ public:
 private:
     bool startLocked()
     {
-        try {
-            running = running || detachedthread::create([this] { run(); });
-        } catch (const std::bad_alloc&) {
-        }
+        running = running || detachedthread::create([this] { run(); });
         return running;
     }
 

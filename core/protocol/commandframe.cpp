@@ -106,17 +106,18 @@ bool decodeAnyText(const QString& text, model_Protocoldata& record)
     return sent == body.back(); // as parsed: "-1" is not 0xff
 }
 
-bool decodeDigits(const char* frame, int size, model_Protocoldata& record)
+bool decodeDigits(const QByteArray& frame, model_Protocoldata& record)
 {
     using namespace commandframe;
     Body body{};
-    if (size >= digitsOffset + digitsLength && decodePlainDigits(frame + digitsOffset, body)) {
+    if (frame.size() >= digitsOffset + digitsLength &&
+        decodePlainDigits(frame.constData() + digitsOffset, body)) {
         const quint8 sent = body.back();
         body.back() = checksum(body, body.size() - 1);
         setBody(record, body);
         return sent == body.back();
     }
-    return decodeAnyText(digitsOf(QByteArray(frame, size)), record);
+    return decodeAnyText(digitsOf(frame), record);
 }
 
 void putWord(QByteArray& out, quint16 value)
@@ -180,16 +181,8 @@ QByteArray commandframe::encodeBinary(const model_Protocoldata& record)
 
 bool commandframe::decodeText(const QByteArray& frame, model_Protocoldata& record)
 {
-    return decodeText(frame.constData(), frame.size(), record);
-}
-
-bool commandframe::decodeText(const char* frame, int size, model_Protocoldata& record)
-{
-    const bool isIntact = decodeDigits(frame, size, record);
-    if (isIntact) {
-        record.arryDatablock.clear(); // whatever the host's constructor has left there
-    }
-    return isIntact;
+    record.arryDatablock.clear(); // whatever the host's constructor has left there
+    return decodeDigits(frame, record);
 }
 
 QString commandframe::digitsOf(const QByteArray& frame)
@@ -199,14 +192,9 @@ QString commandframe::digitsOf(const QByteArray& frame)
 
 bool commandframe::decodeBinary(const QByteArray& head, model_Protocoldata& record)
 {
-    return decodeBinary(head.constData(), head.size(), record);
-}
-
-bool commandframe::decodeBinary(const char* head, int size, model_Protocoldata& record)
-{
     std::array<quint8, binaryLength> bytes{};
-    const auto present = std::min<std::size_t>(bytes.size(), static_cast<std::size_t>(size));
-    std::memcpy(bytes.data(), head, present);
+    std::memcpy(bytes.data(), head.constData(),
+                std::min(bytes.size(), static_cast<std::size_t>(head.size())));
     const auto word = [&bytes](std::size_t high) {
         return static_cast<quint16>(Utility_Manage::combineTwoByte(bytes[high + 1], bytes[high]));
     };

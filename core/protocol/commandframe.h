@@ -60,7 +60,6 @@ QByteArray encodeBinary(const model_Protocoldata& record);
 /// marks are not checked. The digits are 8-bit local text up to the first zero byte; each pair is
 /// parsed as QString::toInt(base 16) does it, and counts as 0 if it does not parse. False if the
 /// last pair is not the checksum of the seven before it; the body is set all the same.
-bool decodeText(const char* frame, int size, model_Protocoldata& record);
 bool decodeText(const QByteArray& frame, model_Protocoldata& record);
 
 /// The digits of a text reply as text, for messages.
@@ -69,6 +68,5 @@ QString digitsOf(const QByteArray& frame);
 /// Decodes the head of a binary reply into \a record and clears its block; bytes beyond the end
 /// count as 0. False if the checksum is wrong; the fields are set all the same.
 bool decodeBinary(const QByteArray& head, model_Protocoldata& record);
-bool decodeBinary(const char* head, int size, model_Protocoldata& record);
 
 } // namespace commandframe

@@ -1,14 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include "faults.h"
 
-#include "decimal.h"
-
 #include <QRegularExpression>
 
 #include <algorithm>
 
 namespace
 {
+
+// The number that a text writes in decimal digits and nothing else.
+std::optional<int> decimal(const QString& text)
+{
+    const auto isDigit = [](QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); };
+    bool isNumber = false;
+    const int number = text.toInt(&isNumber);
+    return isNumber && std::all_of(text.begin(), text.end(), isDigit) ? std::optional(number)
+                                                                      : std::nullopt;
+}
 
 constexpr auto onDatagrams = static_cast<unsigned>(Faulty::Datagrams);
 constexpr auto onStreams = static_cast<unsigned>(Faulty::Stream);
