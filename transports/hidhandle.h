@@ -18,7 +18,7 @@ struct hid_device_;
 /// own, and a read and a write have nothing in common. What the kernel keeps for the handle that
 /// writes, up to 63 input reports, nobody reads.
 ///
-/// Any thread may call any operation. Whoever is in one shares ownership of the object.
+/// Any thread may call any operation. A caller shares ownership of the object during the call.
 class HidHandle
 {
 public:
