@@ -203,7 +203,7 @@ void reading()
     setsockopt(bare, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
     sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
-    bind(bare, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    (void)bind(bare, reinterpret_cast<sockaddr*>(&address), sizeof address);
     getsockname(bare, reinterpret_cast<sockaddr*>(&address), &length);
     std::vector<double> readings;
     std::vector<double> baselines;

@@ -46,7 +46,7 @@ QByteArray typed::bytes(const QString& option, const QString& text, int limit)
         throw BadInput(option, text.left(shownDigits),
                        "hexadecimal digits in pairs, like 00ff10, or @FILE");
     }
-    const QByteArray bytes = QByteArray::fromHex(digits.toLatin1());
+    QByteArray bytes = QByteArray::fromHex(digits.toLatin1());
     if (bytes.size() > limit) {
         throw BadInput(option, QString("%1...").arg(text.left(shownDigits)), lengthExpected(limit));
     }

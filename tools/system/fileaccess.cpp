@@ -19,7 +19,7 @@ QString fileaccess::obstacle(const QString& path)
     if (access(name.constData(), R_OK | W_OK) == 0) {
         return {};
     }
-    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+    QString reason = QString::fromLocal8Bit(std::strerror(errno));
     struct stat status {
     };
     if (stat(name.constData(), &status) != 0) {
