@@ -6,21 +6,11 @@
 
 #include <QFile>
 
-#include <atomic>
-
-namespace
-{
-
-std::atomic<qint64> logStart{0}; // what the log held at the last clear
-
-} // namespace
-
 void hostqueue::clear()
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
     biz_CMDSWork::receivequeueHexCmd.clear();
     setFlag(false);
-    logStart = QFile(Utility_Manage::logFile()).size();
 }
 
 std::size_t hostqueue::size()
@@ -51,7 +41,7 @@ QStringList hostqueue::logLines()
 {
     QFile file(Utility_Manage::logFile());
     QStringList lines;
-    if (file.open(QIODevice::ReadOnly) && file.seek(logStart)) {
+    if (file.open(QIODevice::ReadOnly)) {
         while (!file.atEnd()) {
             const QString line = QString::fromUtf8(file.readLine());
             const int text = line.indexOf(QStringLiteral("] ")) + 2;

@@ -12,13 +12,13 @@
 namespace hostqueue
 {
 
-void clear();                              ///< empties the queue, lowers the flag, forgets the log
+void clear();                              ///< empties the queue, lowers the flag
 std::size_t size();                        ///< records in the queue
 std::vector<model_Protocoldata> records(); ///< a copy of the queue, oldest first
 bool flag();                               ///< biz_CMDSWork::bRetFlag
 void setFlag(bool on);
 
-QStringList logLines();            ///< the log's lines since clear, without time and thread
+QStringList logLines();            ///< the log's lines so far, without time and thread
 int countLog(const QString& line); ///< how many of them are exactly this
 
 } // namespace hostqueue
