@@ -35,6 +35,7 @@ Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
 Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
 {
     close();
+    connection->disconnectSignals(); // a slot of closeSocket may have begun it once more
     connection->forgetOwner();
 }
 

@@ -731,13 +731,16 @@ TEST_F(OsdLife, AReconnectDuringTheDestructionLeavesNoThread)
         QObject::connect(
             socket, &Core_Osd_TcpSocket::closeSocket, socket,
             [&] {
-                socket->connectSever(address, endpoint.port());
+                connectAndAnswer(*socket, 'b');
                 reconnected = true;
             },
             Qt::DirectConnection);
         delete socket;
         EXPECT_TRUE(reconnected);
+        send('z'); // its connection may still be there, and must not take it
     }
+    EXPECT_TRUE(eventually([this] { return ended(); }));
+    EXPECT_FALSE(endpoint.received().contains('z'));
 }
 
 // The system has the frame and the endpoint takes nothing: there is nothing to wait for.
