@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
-# The installed package: libraries, public headers, CMake package and pkg-config file.
+# The installed package: libraries, public headers, CMake package and pkg-config files. The
+# reference host is a part of its own.
 include(CMakePackageConfigHelpers)
 
 set(CORE_MANAGE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Core_Manage")
@@ -9,36 +10,22 @@ list(TRANSFORM header_sets REPLACE "(.+)"
     "FILE_SET;\\1;DESTINATION;${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
 install(TARGETS Core_Manage EXPORT Core_ManageTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" ${header_sets})
-
-# Where consumers find the host: headers and a library outside the package, unless it brings them.
-# The host of an enclosing project is that project's to bring.
-set(CORE_MANAGE_INSTALLS_HOST_HEADERS OFF)
-set(CORE_MANAGE_OUTER_HOST_INCLUDE_DIR "")
-set(CORE_MANAGE_OUTER_HOST_LIBRARY "")
-if(NOT CORE_MANAGE_HOST_KIND STREQUAL "target")
-    set(CORE_MANAGE_OUTER_HOST_INCLUDE_DIR "${CORE_MANAGE_HOST_INCLUDE_DIR}")
-    set(CORE_MANAGE_OUTER_HOST_LIBRARY "${CORE_MANAGE_HOST_LIBRARY}")
-endif()
-if(TARGET Core_ManageHost)
-    set(CORE_MANAGE_INSTALLS_HOST_HEADERS ON)
-    install(DIRECTORY host/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage/host"
-        FILES_MATCHING PATTERN "*.h")
-    install(FILES "${PROJECT_BINARY_DIR}/host/core_manage_host_export.h"
-        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage/host")
-endif()
-if(CORE_MANAGE_HOST_KIND STREQUAL "reference")
-    install(TARGETS Core_ManageHost EXPORT Core_ManageTargets
-        LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-endif()
-
 install(EXPORT Core_ManageTargets NAMESPACE Core_Manage:: DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
+if(TARGET Core_ManageHost)
+    install(TARGETS Core_ManageHost EXPORT Core_ManageReferenceHostTargets
+        LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+        FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage/host")
+    install(EXPORT Core_ManageReferenceHostTargets NAMESPACE Core_Manage::
+        DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
+endif()
+
 configure_package_config_file(cmake/Core_ManageConfig.cmake.in
     "${PROJECT_BINARY_DIR}/Core_ManageConfig.cmake"
-    INSTALL_DESTINATION "${CORE_MANAGE_CMAKE_DIR}"
-    PATH_VARS CMAKE_INSTALL_INCLUDEDIR)
+    INSTALL_DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/Core_ManageConfigVersion.cmake"
     COMPATIBILITY SameMajorVersion)
 install(FILES
+    cmake/Core_ManageHost.cmake
     "${PROJECT_BINARY_DIR}/Core_ManageConfig.cmake"
     "${PROJECT_BINARY_DIR}/Core_ManageConfigVersion.cmake"
     DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
@@ -49,18 +36,14 @@ file(RELATIVE_PATH CORE_MANAGE_PC_PREFIX
 string(REGEX REPLACE "/$" "" CORE_MANAGE_PC_PREFIX "${CORE_MANAGE_PC_PREFIX}")
 cmake_path(APPEND CORE_MANAGE_PC_LIBDIR "\${prefix}" "${CMAKE_INSTALL_LIBDIR}")
 cmake_path(APPEND CORE_MANAGE_PC_INCLUDEDIR "\${prefix}" "${CMAKE_INSTALL_INCLUDEDIR}")
-set(CORE_MANAGE_PC_HOST_CFLAGS "")
-set(CORE_MANAGE_PC_HOST_LIBS "${CORE_MANAGE_OUTER_HOST_LIBRARY}")
-if(CORE_MANAGE_INSTALLS_HOST_HEADERS)
-    set(CORE_MANAGE_PC_HOST_CFLAGS "-I\${includedir}/core_manage/host")
-elseif(CORE_MANAGE_OUTER_HOST_INCLUDE_DIR)
-    set(CORE_MANAGE_PC_HOST_CFLAGS "-I${CORE_MANAGE_OUTER_HOST_INCLUDE_DIR}")
+set(pc_files core_manage)
+if(TARGET Core_ManageHost)
+    list(APPEND pc_files core_manage_host)
 endif()
-if(CORE_MANAGE_HOST_KIND STREQUAL "reference")
-    set(CORE_MANAGE_PC_HOST_LIBS "-lCore_ManageHost")
-endif()
-configure_file(packaging/core_manage.pc.in "${PROJECT_BINARY_DIR}/core_manage.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/core_manage.pc" DESTINATION "${pc_directory}")
+foreach(name IN LISTS pc_files)
+    configure_file("packaging/${name}.pc.in" "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)
+    install(FILES "${PROJECT_BINARY_DIR}/${name}.pc" DESTINATION "${pc_directory}")
+endforeach()
 install(FILES LICENSE README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 # Below the prefix, which udev reads as /usr and /usr/local.
 install(FILES packaging/70-core-manage.rules DESTINATION lib/udev/rules.d)

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "core_manage_export.h"
-#include "model_globalenum.h"
+#include "hostcontract.h"
 
 #include <QObject>
 #include <QSerialPort>

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core_manage_export.h"
+#include "hostcontract.h"
 
 #include <QObject>
 #include <QString>

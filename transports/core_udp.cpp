@@ -65,20 +65,17 @@ void clearBody(model_Protocoldata& record)
     record.DAT1 = record.DAT2 = record.DAT3 = record.DAT4 = 0;
 }
 
-// A host's new record may hold anything.
 model_Protocoldata undecodable(const char* reason)
 {
     qCDebug(debugLine) << reason;
     model_Protocoldata record;
-    clearBody(record);
-    record.arryDatablock.clear();
     record.strReply = QLatin1String("");
     return record;
 }
 
 } // namespace
 
-core_UDP::core_UDP() : link(std::make_shared<UdpLink>()), cmdsWork(std::make_shared<biz_CMDSWork>())
+core_UDP::core_UDP() : link(std::make_shared<UdpLink>()), cmdsWork(replyqueue::makeWork())
 {
     // Queued: a send may come from any thread, and what a slot does is not the sender's to wait
     // for.

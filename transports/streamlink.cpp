@@ -16,8 +16,7 @@ constexpr std::chrono::milliseconds endPoll{5};
 } // namespace
 
 StreamLink::StreamLink(const ReplyFormat& replies)
-    : ReplyStreamParser(replies, std::make_shared<ReplyStream>()),
-      cmdsWork(std::make_shared<biz_CMDSWork>())
+    : ReplyStreamParser(replies, std::make_shared<ReplyStream>()), cmdsWork(replyqueue::makeWork())
 {
 }
 

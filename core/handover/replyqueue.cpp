@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "replyqueue.h"
 
-#include "biz_cmdswork.h"
 #include "handoverthread.h"
+#include "hostcontract.h"
 #include "processend.h"
-#include "receivebuffer.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <new>
 #include <optional>
 #include <thread>
 
@@ -16,6 +18,7 @@ namespace
 {
 
 constexpr std::chrono::milliseconds lockPause{1};
+constexpr qint64 waitingLimit = 16 * 1024 * 1024;
 
 // A record, or nothing: the flag alone is to be raised.
 using Delivery = std::optional<model_Protocoldata>;
@@ -94,6 +97,17 @@ void clearAll(std::deque<std::shared_ptr<biz_CMDSWork>>& batch)
     }
 }
 
+// Room for the host's class, whose size the library does not know.
+struct WorkRoom {
+    WorkRoom() = default;
+    ~WorkRoom() { work->~biz_CMDSWork(); }
+    WorkRoom(const WorkRoom&) = delete;
+    WorkRoom& operator=(const WorkRoom&) = delete;
+
+    alignas(std::max_align_t) std::array<std::byte, hostcontract::workSizeLimit> bytes;
+    biz_CMDSWork* const work = new (bytes.data()) biz_CMDSWork;
+};
+
 // Never destroyed: their threads may be at work while the process ends.
 HandOverThread<Delivery>& deliveries()
 {
@@ -138,7 +152,7 @@ void replyqueue::post(model_Protocoldata record)
 
 bool replyqueue::isFull()
 {
-    return waitingBytes >= ReceiveBuffer::limit;
+    return waitingBytes >= waitingLimit;
 }
 
 void replyqueue::setRetFlag(bool on)
@@ -152,6 +166,12 @@ void replyqueue::raiseRetFlag()
     if (!raisedAtOnce() && !raiseWanted.exchange(true)) {
         deliveries().put(std::nullopt);
     }
+}
+
+std::shared_ptr<biz_CMDSWork> replyqueue::makeWork()
+{
+    const auto room = std::make_shared<WorkRoom>();
+    return {room, room->work};
 }
 
 void replyqueue::clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work)

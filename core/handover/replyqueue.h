@@ -35,6 +35,10 @@ void setRetFlag(bool on);
 /// Raises the flag without waiting: at once if its lock is free, else on that thread.
 void raiseRetFlag();
 
+/// An object of the host's class, which may be larger than the one that the library is compiled
+/// with.
+std::shared_ptr<biz_CMDSWork> makeWork();
+
 /// Runs biz_CMDSWork::clearQueue on another thread, which shares ownership of \a work meanwhile:
 /// one call after the other. Does not wait.
 void clearElsewhere(const std::shared_ptr<biz_CMDSWork>& work);

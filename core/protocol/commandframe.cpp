@@ -181,7 +181,7 @@ QByteArray commandframe::encodeBinary(const model_Protocoldata& record)
 
 bool commandframe::decodeText(const QByteArray& frame, model_Protocoldata& record)
 {
-    record.arryDatablock.clear(); // whatever the host's constructor has left there
+    record.arryDatablock.clear(); // the caller's record may hold one
     return decodeDigits(frame, record);
 }
 

@@ -44,4 +44,13 @@ refuses(model_OsdParam::ch10 records.h "${records}" "ch9 = 0,
          ch10 = 0;" "ch9 = 0;
     short ch10 = 0;")
 refuses(model_GlobalEnum::DeviceType records.h "${records}" "DeviceType : qint32 { PlainUnit = 0, PanelUnit = 0x353101 }" "DeviceType : qint64 { PlainUnit = 0, PanelUnit = 0x353101 }")
+refuses(model_Protocoldata::aux1 records.h "${records}" "unsigned char HEAD;
+    unsigned short aux1;" "unsigned short aux1;
+    unsigned char HEAD;")
+refuses(model_Protocoldata::CMD records.h "${records}" "unsigned char ADDR;" "")
+refuses(model_Protocoldata records.h "${records}" "int featureCode;" "int featureCode;
+    QString note;")
+refuses(model_OsdParam::nParam2 records.h "${records}" "int nParam2" "unsigned nParam2")
+refuses(model_OsdParam::nParam3 records.h "${records}" "int nParam3" "QString note; int nParam3")
+refuses(biz_CMDSWork biz_cmdswork.h "${business}" "marks;" "marks; char room[4096];")
 refuses(biz_CMDSWork::HexCmdlock biz_cmdswork.h "${business}" "static std::mutex HexCmdlock" "static std::recursive_mutex HexCmdlock")

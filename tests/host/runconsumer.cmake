@@ -1,17 +1,14 @@
 # SPDX-License-Identifier: MIT
 # Builds and runs the consumer program in one of the ways a host can take part:
-#   cmake -DWAY=installed|target|library|open -DSOURCE_DIR=… -DWORK_DIR=… -DBUILD_DIR=… … -P runconsumer.cmake
+#   cmake -DWAY=reference|target|library|program|refused -DSOURCE_DIR=… -DWORK_DIR=… … -P runconsumer.cmake
 # What is installed is consumed twice, through the CMake package and through pkg-config.
 cmake_minimum_required(VERSION 3.22)
 
 set(here "${SOURCE_DIR}/tests/host")
 set(consumer "-DCONSUMER_SOURCE=${here}/consumer/main.cpp")
 set(own_host "-DOWN_HOST_DIR=${here}/ownhost")
-# Compiled quickly: what is looked at is how things fit together.
-set(quickly -DCMAKE_CXX_FLAGS_RELEASE=-O1 -DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1)
-set(common -G Ninja -DCMAKE_BUILD_TYPE=Release ${quickly})
-set(library_only -DCORE_MANAGE_TOOLS=OFF -DCORE_MANAGE_TESTS=OFF)
 set(prefix "${WORK_DIR}/prefix")
+set(installed "-DCMAKE_PREFIX_PATH=${prefix}")
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}")
 
@@ -23,28 +20,27 @@ function(run)
     set(output "${output}" PARENT_SCOPE)
 endfunction()
 
+# Compiled quickly: what is looked at is how things fit together.
 function(build source directory)
-    run(${CMAKE_COMMAND} -S "${source}" -B "${directory}" ${common} ${ARGN})
+    run(${CMAKE_COMMAND} -S "${source}" -B "${directory}" -G Ninja -DCMAKE_BUILD_TYPE=Debug
+        -DCMAKE_CXX_FLAGS_DEBUG= ${ARGN})
     run(${CMAKE_COMMAND} --build "${directory}")
 endfunction()
 
-# As a reader of the documentation does it, without a word about the kind of build.
-function(build_installed_library)
-    set(common -G Ninja ${quickly})
-    build("${SOURCE_DIR}" "${WORK_DIR}/library" ${library_only} ${ARGN})
-    run(${CMAKE_COMMAND} --install "${WORK_DIR}/library" --prefix "${prefix}")
-    if(EXISTS "${prefix}/include/core_manage/host")
-        message(FATAL_ERROR "the reference host's headers are installed beside the own ones")
-    endif()
-    file(STRINGS "${WORK_DIR}/library/CMakeCache.txt" kind REGEX "^CMAKE_BUILD_TYPE:")
-    if(NOT kind MATCHES "=RelWithDebInfo$")
-        message(FATAL_ERROR "without a build type, the library is built as \"${kind}\"")
+function(refused message project)
+    execute_process(
+        COMMAND ${CMAKE_COMMAND} -S "${here}/projects/${project}" -B "${WORK_DIR}/refused" -G Ninja
+            --fresh ${consumer} ${own_host} ${ARGN}
+        RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    string(REGEX REPLACE "[ \n]+" " " output "${output}") # CMake breaks the lines of a message
+    if(result EQUAL 0 OR NOT output MATCHES "${message}")
+        message(FATAL_ERROR "${project} ${ARGN} gave ${result}, expected \"${message}\"\n${output}")
     endif()
 endfunction()
 
-function(build_with_pkgconfig)
+function(build_with_pkgconfig package)
     run(${CMAKE_COMMAND} -E env "PKG_CONFIG_PATH=${prefix}/${LIBDIR}/pkgconfig"
-        ${PKG_CONFIG} --cflags --libs core_manage)
+        ${PKG_CONFIG} --cflags --libs ${package})
     separate_arguments(flags UNIX_COMMAND "${output}")
     run(${CXX} ${ARGN} ${flags} -o "${WORK_DIR}/pkgconfig-consumer")
     set(flags "${flags}" PARENT_SCOPE)
@@ -52,7 +48,7 @@ endfunction()
 
 function(check_headers)
     file(GLOB headers "${prefix}/include/core_manage/*.h" "${prefix}/include/core_manage/host/*.h")
-    foreach(required core_osd_manage core_osd_tcpsocket core_udp icorebase host/biz_cmdswork)
+    foreach(required core_osd_manage core_osd_tcpsocket core_udp hostcontract icorebase host/biz_cmdswork)
         if(NOT "${prefix}/include/core_manage/${required}.h" IN_LIST headers)
             message(FATAL_ERROR "${required}.h is not installed")
         endif()
@@ -80,31 +76,42 @@ function(run_consumer program)
 endfunction()
 
 set(host_argument own)
-set(library_path "")
-if(WAY STREQUAL "installed")
+set(library_path "${prefix}/${LIBDIR}")
+if(NOT WAY STREQUAL "target")
     run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+endif()
+if(WAY STREQUAL "reference")
     check_installed_files()
-    build("${here}/projects/installed" "${WORK_DIR}/consumer" ${consumer} "-DCMAKE_PREFIX_PATH=${prefix}")
-    build_with_pkgconfig("${here}/consumer/main.cpp")
+    build("${here}/projects/reference" "${WORK_DIR}/consumer" ${consumer} ${installed})
+    build_with_pkgconfig(core_manage_host "${here}/consumer/main.cpp")
     check_headers()
     set(host_argument reference)
-    set(library_path "${prefix}/${LIBDIR}")
 elseif(WAY STREQUAL "target")
     build("${here}/projects/target" "${WORK_DIR}/consumer" ${consumer} ${own_host}
         "-DLIBRARY_SOURCE_DIR=${SOURCE_DIR}")
+    run(${CMAKE_COMMAND} --install "${WORK_DIR}/consumer" --prefix "${prefix}")
+    if(EXISTS "${prefix}")
+        message(FATAL_ERROR "a subdirectory installs itself into its parent's prefix")
+    endif()
 elseif(WAY STREQUAL "library")
-    build("${here}/projects/library" "${WORK_DIR}/host" ${own_host})
-    build_installed_library("-DCORE_MANAGE_HOST_INCLUDE_DIR=${here}/ownhost"
-        "-DCORE_MANAGE_HOST_LIBRARY=${WORK_DIR}/host/libownhost.so")
-    build("${here}/projects/installed" "${WORK_DIR}/consumer" ${consumer} "-DCMAKE_PREFIX_PATH=${prefix}")
-    build_with_pkgconfig("${here}/consumer/main.cpp")
-    set(library_path "${prefix}/${LIBDIR}:${WORK_DIR}/host")
-elseif(WAY STREQUAL "open")
-    build_installed_library(-DCORE_MANAGE_HOST=none "-DCORE_MANAGE_HOST_INCLUDE_DIR=${here}/ownhost")
-    build("${here}/projects/open" "${WORK_DIR}/consumer" ${consumer} ${own_host}
-        "-DCMAKE_PREFIX_PATH=${prefix}")
-    build_with_pkgconfig(-rdynamic "${here}/consumer/main.cpp" "${here}/ownhost/ownhost.cpp")
-    set(library_path "${prefix}/${LIBDIR}")
+    build("${here}/projects/host" "${WORK_DIR}/host" ${own_host})
+    build("${here}/projects/library" "${WORK_DIR}/consumer" ${consumer} ${own_host} ${installed}
+        "-DOWN_HOST_LIBRARY=${WORK_DIR}/host/libownhost.so")
+    build_with_pkgconfig(core_manage "-I${here}/ownhost" "${here}/consumer/main.cpp"
+        "-Wl,--push-state,--as-needed" "${WORK_DIR}/host/libownhost.so" "-Wl,--pop-state")
+    string(APPEND library_path ":${WORK_DIR}/host")
+elseif(WAY STREQUAL "program")
+    build("${here}/projects/program" "${WORK_DIR}/consumer" ${consumer} ${own_host} ${installed})
+    build_with_pkgconfig(core_manage -rdynamic "-I${here}/ownhost" "${here}/consumer/main.cpp"
+        "${here}/ownhost/ownhost.cpp")
+elseif(WAY STREQUAL "refused")
+    refused("this program has no host" nohost ${installed})
+    refused("this program has no host" nohost "-DLIBRARY_SOURCE_DIR=${SOURCE_DIR}")
+    refused("this program has a host already" twohosts ${installed})
+    refused("this program has a host already" twohosts "-DLIBRARY_SOURCE_DIR=${SOURCE_DIR}")
+    file(REMOVE "${prefix}/${LIBDIR}/cmake/Core_Manage/Core_ManageReferenceHostTargets.cmake")
+    refused("the reference host is not installed" reference ${installed})
+    return()
 else()
     message(FATAL_ERROR "unknown WAY \"${WAY}\"")
 endif()

@@ -129,6 +129,12 @@ int main(int argc, char** argv)
     if (Utility_Manage::linesWritten == 0) {
         return failed("the own log did not get its lines");
     }
+    transport->clearQueue();
+    while (biz_CMDSWork::cleared == 0) {
+        if (patience.elapsed() > patienceMs) {
+            return failed("the own class was not asked to clear the queue");
+        }
+    }
 #endif
     std::puts("consumer: reply received");
     return 0;

@@ -3,11 +3,14 @@
 #include "biz_osd_cmdswork.h"
 #include "utility_manage.h"
 
+#include <algorithm>
+#include <cstdlib>
+
 std::mutex biz_CMDSWork::HexCmdlock;
 bool biz_CMDSWork::bRetFlag = false;
 std::mutex biz_CMDSWork::receiveHexCmdlock;
 std::deque<model_Protocoldata> biz_CMDSWork::receivequeueHexCmd;
-int biz_CMDSWork::cleared = 0;
+std::atomic<int> biz_CMDSWork::cleared{0};
 std::atomic<int> Utility_Manage::linesWritten{0};
 
 // What a new record holds is the host's own affair.
@@ -22,13 +25,25 @@ model_Protocoldata::model_Protocoldata(const model_Protocoldata& other) = defaul
 model_Protocoldata& model_Protocoldata::operator=(const model_Protocoldata& other) = default;
 model_Protocoldata::~model_Protocoldata() = default;
 
-biz_CMDSWork::biz_CMDSWork() = default;
-biz_CMDSWork::~biz_CMDSWork() = default;
+biz_CMDSWork::biz_CMDSWork()
+{
+    marks.fill(0x1234);
+}
+biz_CMDSWork::~biz_CMDSWork()
+{
+    if (!isWhole()) {
+        std::abort();
+    }
+}
+bool biz_CMDSWork::isWhole() const
+{
+    return std::count(marks.begin(), marks.end(), 0x1234) == static_cast<long>(marks.size());
+}
 void biz_CMDSWork::clearQueue()
 {
     const std::lock_guard lock(receiveHexCmdlock);
     receivequeueHexCmd.clear();
-    ++cleared;
+    cleared += isWhole() ? 1 : 0;
 }
 
 void biz_Osd_CMDSWork::addToReceiveQueue(model_OsdParam /*record*/) {}
