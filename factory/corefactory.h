@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+/// @file
+
 #include "core_manage_export.h"
 
 #include <cstdint>
@@ -10,15 +12,15 @@ class ICoreOsdBase;
 
 /// The kind of device link. Any other value makes a UDP link.
 enum ConnType : std::int32_t {
-    ConnUsb = 0,
-    ConnSerial = 1,
-    ConnUdp = 2,
-    ConnVelaSerial = 3,
+    ConnUsb = 0,        ///< Core_USB
+    ConnSerial = 1,     ///< Core_SerialPort
+    ConnUdp = 2,        ///< core_UDP
+    ConnVelaSerial = 3, ///< Vela_Core_SerialPort
 };
 
 /// The kind of on-screen-display link. Every value makes TCP clients.
 enum ConnOsdType : std::int32_t {
-    ConnOsdTcp = 0,
+    ConnOsdTcp = 0, ///< Core_Osd_TcpSocket
 };
 
 /// Makes links and keeps the two shared ones. To be called from one thread, the application's main

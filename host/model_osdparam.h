@@ -11,23 +11,23 @@
 class model_OsdParam
 {
 public:
-    char ch0 = 0; ///< carried, never sent
-    char ch1 = 0; ///< carried, never sent
-    char ch2 = 0;
-    char ch3 = 0;
-    char ch4 = 0; ///< 0xFF in an acknowledgement
-    char ch5 = 0;
-    char ch6 = 0; ///< carried, never sent
-    char ch7 = 0;
-    char ch8 = 0;
-    char ch9 = 0;
-    char ch10 = 0;
-    QString strIP; ///< address text of the endpoint that the record is for, or came from
-    qint32 nParam1 = 0;
-    qint32 nParam2 = 0;
-    QString strParam;
+    char ch0 = 0;        ///< carried, never sent
+    char ch1 = 0;        ///< carried, never sent
+    char ch2 = 0;        ///< byte 0
+    char ch3 = 0;        ///< byte 1
+    char ch4 = 0;        ///< byte 3; 0xFF in an acknowledgement
+    char ch5 = 0;        ///< byte 2
+    char ch6 = 0;        ///< carried, never sent
+    char ch7 = 0;        ///< byte 4
+    char ch8 = 0;        ///< byte 5
+    char ch9 = 0;        ///< the byte behind arryData
+    char ch10 = 0;       ///< the last byte
+    QString strIP;       ///< address text of the endpoint that the record is for, or came from
+    qint32 nParam1 = 0;  ///< carried, never sent
+    qint32 nParam2 = 0;  ///< carried, never sent
+    QString strParam;    ///< carried, never sent
     QByteArray arryData; ///< data of a command; the three bytes of an acknowledgement
-    qint32 nParam3 = 0;
+    qint32 nParam3 = 0;  ///< carried, never sent
 };
 
 Q_DECLARE_METATYPE(model_OsdParam)

@@ -18,9 +18,9 @@ public:
 
     /// Appends one line, with a time stamp, to the log file and hands it to the kernel before
     /// returning. Control characters, line and paragraph separators, and lone surrogates are
-    /// written as escapes (\n, \x1b, \u2028), a backslash as two, so one call is one line whatever
-    /// it is given and no text can forge a second one. Never throws; a log that cannot be written
-    /// is reported once on standard error.
+    /// written as escapes (`\n`, `\x1b`, `\u2028`), a backslash as two, so one call is one line
+    /// whatever it is given and no text can forge a second one. Never throws; a log that cannot be
+    /// written is reported once on standard error.
     static void writeLog(QString text);
 
     /// Chooses the log file and its bounds: the file rotates at \a maxBytes (at least 1024) and
@@ -42,5 +42,5 @@ public:
 
     /// The current device model; DeviceUnknown until set.
     static model_GlobalEnum::DeviceType getDeviceType();
-    static void setDeviceType(model_GlobalEnum::DeviceType type);
+    static void setDeviceType(model_GlobalEnum::DeviceType type); ///< any 32-bit value
 };

@@ -61,9 +61,9 @@ public:
     void sendComData(QByteArray data);
 
 protected:
-    static constexpr char shownText[] = "Send data:";
+    static constexpr char shownText[] = "Send data:"; ///< the debug line of a send begins with it
 
-    explicit SerialLine(const ReplyFormat& replies);
+    explicit SerialLine(const ReplyFormat& replies); ///< \a replies must live for ever
 
     /// Closes the port on a resource error, and on the read error of a line that has hung up. All
     /// other errors are ignored. The parser runs on until the next open.

@@ -34,7 +34,7 @@ public:
     virtual QByteArray produceCmds(model_Protocoldata record) = 0;
 
 protected:
-    explicit StreamLink(const ReplyFormat& replies);
+    explicit StreamLink(const ReplyFormat& replies); ///< \a replies must live for ever
 
     /// Encodes the record behind \a parameters, writes its frame, and shows the first 19 bytes of
     /// it behind \a text in the debug log. Does nothing for null.

@@ -37,15 +37,15 @@
 namespace commandframe
 {
 
-constexpr int textLength = 19;   ///< a text frame without block
-constexpr int binaryLength = 16; ///< a binary frame without block
-constexpr int bodyLength = 8;
-constexpr int digitsOffset = 2; ///< where the body's digits begin
-constexpr int digitsLength = 2 * bodyLength;
-constexpr char startMark = '<';
-constexpr char commandMark = 'T';
-constexpr char replyMark = 'F';
-constexpr char endMark = '>';
+constexpr int textLength = 19;               ///< a text frame without block
+constexpr int binaryLength = 16;             ///< a binary frame without block
+constexpr int bodyLength = 8;                ///< HEAD to CHKSUM, in bytes
+constexpr int digitsOffset = 2;              ///< where the body's digits begin
+constexpr int digitsLength = 2 * bodyLength; ///< of the body
+constexpr char startMark = '<';              ///< a text frame's first byte
+constexpr char commandMark = 'T';            ///< behind the start mark of a command
+constexpr char replyMark = 'F';              ///< behind the start mark of a reply
+constexpr char endMark = '>';                ///< behind the digits
 
 /// The text frame of a record, its checksum computed.
 QByteArray encodeText(const model_Protocoldata& record);

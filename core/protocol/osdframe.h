@@ -32,10 +32,10 @@
 namespace osdframe
 {
 
-constexpr int headLength = 6;
-constexpr int tailLength = 2;
-constexpr char acknowledgementMark[] = "OK";
-constexpr int acknowledgementLength = 3;
+constexpr int headLength = 6;                ///< of a command, before arryData
+constexpr int tailLength = 2;                ///< behind it
+constexpr char acknowledgementMark[] = "OK"; ///< an acknowledgement begins with it
+constexpr int acknowledgementLength = 3;     ///< the mark and one byte
 
 /// The command frame of a record.
 QByteArray encode(const model_OsdParam& record);

@@ -33,14 +33,14 @@ enum class Block {
     FixedB,         ///< fixedLengthB bytes
 };
 
-constexpr int fixedLengthA = 129;
+constexpr int fixedLengthA = 129;     ///< bytes of block A
 constexpr int fixedLengthAShort = 33; ///< replaces fixedLengthA for mayBeShort kinds
-constexpr int fixedLengthB = 145;
+constexpr int fixedLengthB = 145;     ///< bytes of block B
 
 /// One reply kind.
 struct Kind {
-    Block onUdp;
-    Block onStream;
+    Block onUdp;     ///< in a datagram of its own
+    Block onStream;  ///< directly behind the reply
     bool mayBeShort; ///< stream: has the short block A on device type 0x290200 of the serial line
 };
 

@@ -76,9 +76,9 @@ public:
     void pass();
 
 protected:
-    std::shared_ptr<ReplyStream> stream() const;
+    std::shared_ptr<ReplyStream> stream() const; ///< the current one, never null
 
-    const ReplyFormat& format;
-    mutable std::mutex streamLock;        // which stream is the current one, its stamps
-    std::shared_ptr<ReplyStream> current; // never null
+    const ReplyFormat& format;            ///< how replies are found and decoded
+    mutable std::mutex streamLock;        ///< which stream is the current one, its stamps
+    std::shared_ptr<ReplyStream> current; ///< never null
 };
