@@ -17,9 +17,11 @@
 #include <QTcpSocket>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -29,6 +31,7 @@ namespace
 {
 
 constexpr int wallSize = 100;
+constexpr std::array wallSizes{1, 10, 50, wallSize};
 constexpr double pollSeconds = 0.003;
 
 QString ipOf(int endpoint)
@@ -110,7 +113,7 @@ std::unique_ptr<core_Osd_Manage> sharedManager()
     model_OsdParam record;
     record.strIP = QStringLiteral("10.0.0.1"); // taken by none
     int opened = 0;
-    for (const int count : {1, 10, 50, wallSize}) {
+    for (const int count : wallSizes) {
         for (; opened < count; ++opened) {
             library->openClient(ipOf(opened), endpoint->port());
             literal.openClient(ipOf(opened), endpoint->port());
@@ -136,7 +139,7 @@ std::unique_ptr<core_Osd_Manage> sharedManager()
 }
 
 struct Figures {
-    int threads = 0;
+    std::map<int, int> threads; // by endpoints
     double closingOne = 0;
     double destruction = 0;
 };
@@ -148,12 +151,15 @@ Figures wall(std::unique_ptr<Manager> manager)
     Figures figures;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const int threads = processstate::threads();
-    for (int i = 0; i < wallSize; ++i) {
-        manager->openClient(ipOf(i), endpoint->port());
+    int opened = 0;
+    for (const int count : wallSizes) {
+        for (; opened < count; ++opened) {
+            manager->openClient(ipOf(opened), endpoint->port());
+        }
+        waitFor([&] { return endpoint->connected() == count; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        figures.threads[count] = processstate::threads() - threads + 1;
     }
-    waitFor([&] { return endpoint->connected() == wallSize; });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    figures.threads = processstate::threads() - threads + 1;
     std::vector<double> closings;
     for (int i = 0; i < 5; ++i) {
         closings.push_back(secondsOf([&] { manager->closeClient(ipOf(i)); }));
@@ -171,8 +177,12 @@ void walls()
     const Figures library = wall(sharedManager());
     CoreFactory::iOsdCore = nullptr;
     const Figures literal = wall(std::make_unique<LiteralOsdManage>());
+    for (const int count : wallSizes) {
+        ratio::record("threads of silent endpoints", count, library.threads.at(count),
+                      literal.threads.at(count), "threads");
+    }
     std::printf("%d silent endpoints: %d threads (goal: %d or fewer), baseline %d\n", wallSize,
-                library.threads, 2 * wallSize + 1, literal.threads);
+                library.threads.at(wallSize), 2 * wallSize + 1, literal.threads.at(wallSize));
     std::printf("closing one endpoint: %.1f ms, baseline %.1f ms (goal: 100 and the hang-up)\n",
                 library.closingOne * 1e3, literal.closingOne * 1e3);
     std::printf("destroying a manager with %d endpoints: %.2f s, baseline %.2f s (goal: under "
@@ -220,6 +230,7 @@ void idling()
     }
     const double share = ratio::percentile(library, 0.5);
     const double baseline = ratio::percentile(literal, 0.5);
+    ratio::record("silent endpoints", wallSize, share * 100, baseline * 100, "% of a core");
     std::printf("%d silent endpoints: %.1f %% of a core, baseline %.1f %%: %.2f times its share "
                 "(goal: 1.0 or less)\n",
                 wallSize, share * 100, baseline * 100, share / baseline);
@@ -267,6 +278,8 @@ void roundTrips()
     CoreFactory::iOsdCore = nullptr;
     const double median = ratio::percentile(library, 0.5);
     const double bound = pollSeconds + ratio::percentile(echo, 0.5);
+    ratio::record("OSD round trip, to the pause and a bare echo", 0, median * 1e6, bound * 1e6,
+                  "us");
     std::printf("command to acknowledgement, median: %.3f ms, the pause and a bare echo %.3f ms "
                 "(goal: 0.3 more or less)\n",
                 median * 1e3, bound * 1e3);

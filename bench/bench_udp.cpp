@@ -274,6 +274,10 @@ void flood(const char* what, const QByteArray& datagram)
         QCoreApplication::processEvents();
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    const QByteArray name = QByteArray("flood of ") + what;
+    ratio::record(name + ": kept", total, static_cast<double>(entries()),
+                  static_cast<double>(delivered), "datagrams");
+    ratio::record(name + ": each", total, seconds / static_cast<double>(total) * 1e6, 0, "us");
     std::printf(
         "flood of %s: %ld sent, %ld delivered by the kernel, %ld in the queue or the log, "
         "%.2f us each,\n    %d threads more than at rest (goal: 4 or fewer), %ld KiB more "

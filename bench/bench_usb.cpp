@@ -52,6 +52,7 @@ void printSend(const char* what, std::vector<double>& alone, std::vector<double>
 {
     const double baseline = ratio::percentile(alone, 0.5) * 1e6;
     const double added = ratio::percentile(whole, 0.5) * 1e6 - baseline;
+    ratio::record(what, 0, added, baseline, "us");
     std::printf("%-46s %8.2f us more than %8.2f us (goal: %.1f or less)\n", what, added, baseline,
                 goal);
 }
@@ -104,6 +105,7 @@ void benchReplies(EmulatedHid& device)
         latencies.push_back(
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     }
+    ratio::record("USB round trip", 0, ratio::percentile(latencies, 0.5) * 1e6, 0, "us");
     std::printf("%-46s %8.1f ms median, %.1f ms worst (pauses: up to 120; goal: 121 or less)\n",
                 "reply latency", ratio::percentile(latencies, 0.5) * 1e3,
                 ratio::percentile(latencies, 1) * 1e3);
