@@ -10,7 +10,7 @@ shutil.rmtree(work, ignore_errors=True)
 shutil.copytree(source, copy, ignore=shutil.ignore_patterns("build*", ".git", ".cache"))
 page = (copy / "docs/adding-a-link.md").read_text()
 
-new = re.findall(r"\*\*`([^`\n]+)`\*\*\n\n```cpp\n(.*?)```", page, re.S)
+new = re.findall(r"^`([^`\n]+)`:\n\n```cpp\n(.*?)```", page, re.S | re.M)
 for name, text in new:
     assert not (copy / name).exists(), f"{name} is there already"
     (copy / name).write_text(text)

@@ -1,12 +1,17 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Fails when a relative link of a page leads nowhere, to a heading that is not there included:
+"""Fails when a relative link of a page leads nowhere, to a heading that is not there included, and
+when a page of the site shows Markdown that Doxygen did not understand, a link out of the site for one:
 checklinks.py DIR…
 The pages of a directory are its *.md and *.html and those of its folders docs/ and examples/."""
 import html, pathlib, re, sys, urllib.parse
 
 def plain(text):
     return re.sub(r"^(```|~~~).*?^\1|`[^`\n]*`|<!--.*?-->", "", text, flags=re.S | re.M)
+
+def leftovers(page):
+    text = re.sub(r'<(pre|code|script)\b.*?</\1>|<div class="line">.*?</div>', "", page.read_text(), flags=re.S)
+    return re.findall(r"\[[^\]\n]*\]\([\w./#-]+\)|\*\*[^*\n]*", text) if page.suffix == ".html" else []
 
 def links(page):
     text = page.read_text()
@@ -25,6 +30,7 @@ pages = [page for top in map(pathlib.Path, sys.argv[1:]) for folder in (top, top
          for page in sorted(folder.glob("*")) if page.suffix in (".md", ".html")]
 count, faults = 0, []
 for page in pages:
+    faults += [f"{page}: shows {text}" for text in leftovers(page)]
     for link in links(page):
         url = urllib.parse.urlsplit(html.unescape(link))
         if url.scheme or url.netloc:
