@@ -41,6 +41,12 @@ TEST(Demo, ShowsEverythingItSays)
     expectAllAsSaid(ToolRun({QStringLiteral("demo")}));
 }
 
+TEST(Demo, NeedsNoTerminal)
+{
+    expectAllAsSaid(ToolRun({QStringLiteral("demo")}, {},
+                            {QStringLiteral("setsid"), QStringLiteral("-w"), builtTool()}));
+}
+
 TEST(Demo, MakesRoomWhenTheReplyPortIsTaken)
 {
     const UdpPeer holder(QStringLiteral("127.0.0.1"), UdpPeer::linkPort);

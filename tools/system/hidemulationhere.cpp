@@ -12,6 +12,9 @@
 #include <cstring>
 #include <mutex>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace
 {
 
@@ -76,10 +79,21 @@ public:
     }
 };
 
+// An emulated device is a pseudo-terminal. A session leader without a terminal, such as the first
+// process of a container, would take it for its own and be hung up with it: it gets another one.
+void takeTerminal()
+{
+    const int master = getsid(0) == getpid() ? posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC) : -1;
+    if (master >= 0 && unlockpt(master) == 0) {
+        (void)open(ptsname(master), O_RDWR | O_CLOEXEC); // does nothing where there is one
+    }
+}
+
 } // namespace
 
 void hidemulation::prepare(char** /*arguments*/)
 {
+    takeTerminal();
     g_log_set_writer_func(takeMessage, nullptr, nullptr);
     g_set_printerr_handler(takeFailedAssertion);
 }
