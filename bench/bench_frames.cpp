@@ -25,7 +25,7 @@ int main(int argc, char** argv)
     ratio::printFaster("produceCmds, no block", literal, library, 8);
 
     record.arryDatablock = QByteArray(4096, 'b');
-    const int size = transport.produceCmds(record).size();
+    const auto size = transport.produceCmds(record).size();
     const QByteArray source(size, 'b');
     const auto [copy, withBlock] = ratio::inTurns(
         [&] {

@@ -74,7 +74,7 @@ void frames()
     LiteralOsdSocket literal(&manager);
     model_OsdParam record;
     record.strIP = QStringLiteral("127.0.0.1");
-    int size = 0;
+    qsizetype size = 0;
     const auto [plain, literalPlain] =
         ratio::inTurns([&] { size += library.produceCmds(record).size(); },
                        [&] { size += literal.produceCmds(record).size(); });

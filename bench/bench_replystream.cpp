@@ -64,7 +64,7 @@ void workOff(ReplyStreamParser& parser, const QByteArray& reply, int backlog,
              std::vector<double>& results)
 {
     constexpr int batch = 25;
-    const int replies = backlog / reply.size();
+    const auto replies = static_cast<int>(backlog / reply.size());
     parser.appendBuffData(reply.repeated(replies));
     for (int done = 0; done < replies; done += batch) {
         const int passes = std::min(batch, replies - done);
@@ -103,7 +103,7 @@ double secondsToSkip(ReplyStream& stream, ReplyStreamParser& parser, const QByte
 {
     parser.appendBuffData(noise + "<F");
     const auto start = Clock::now();
-    for (int before = -1; stream.received.size() != before;) {
+    for (qsizetype before = -1; stream.received.size() != before;) {
         before = stream.received.size();
         parser.pass();
     }
@@ -117,9 +117,9 @@ double secondsToSearch(const QByteArray& original)
 {
     const QByteArray noise = original + "<F";
     const auto start = Clock::now();
-    for (int position = 0; position < noise.size();) {
+    for (QByteArray::size_type position = 0; position < noise.size();) {
         const QByteArray inspected = noise.mid(position, window);
-        const int mark = inspected.indexOf('<');
+        const auto mark = inspected.indexOf('<');
         position += mark < 0 ? inspected.size() : mark + 1;
     }
     return elapsed(start);

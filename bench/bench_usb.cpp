@@ -70,9 +70,9 @@ void benchSend(Core_USB& line, const char* what, int blockSize, double goal)
     std::vector<double> whole;
     for (int i = 0; i < rounds * 19 / frame.size() + 20; ++i) {
         measure(alone, [&] {
-            for (int start = 0; start < frame.size(); start += reportLength - 1) {
+            for (QByteArray::size_type start = 0; start < frame.size(); start += reportLength - 1) {
                 std::array<unsigned char, reportLength> report{};
-                const int size = qMin(reportLength - 1, frame.size() - start);
+                const auto size = qMin(reportLength - 1, frame.size() - start);
                 std::copy_n(frame.constData() + start, size, report.begin() + 1);
                 hid_write(bare, report.data(), report.size());
                 Utility_Manage::writeLog(textWithBytes("Send successful:", frame.mid(start)));

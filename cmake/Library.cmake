@@ -8,7 +8,7 @@ add_library(core_manage_objects OBJECT)
 set_target_properties(core_manage_objects PROPERTIES AUTOMOC ON)
 target_include_directories(core_manage_objects PUBLIC "${PROJECT_SOURCE_DIR}/host")
 target_link_libraries(core_manage_objects
-    PUBLIC Qt5::Core Qt5::Network Qt5::SerialPort Threads::Threads
+    PUBLIC Qt::Core Qt::Network Qt::SerialPort Threads::Threads
     PRIVATE core_manage_flags PkgConfig::Hidapi)
 
 add_library(Core_Manage SHARED)
@@ -20,7 +20,7 @@ target_compile_features(Core_Manage PUBLIC cxx_std_17)
 # The host's symbols stay open, and no host is named: the consumer has one. The expression keeps
 # CMake from writing down the target that the name stands for here.
 target_link_libraries(Core_Manage
-    PUBLIC Qt5::Core Qt5::Network Qt5::SerialPort
+    PUBLIC Qt::Core Qt::Network Qt::SerialPort
     INTERFACE Core_Manage::$<1:Host>
     PRIVATE $<BUILD_INTERFACE:core_manage_objects> $<BUILD_INTERFACE:core_manage_flags>
         $<BUILD_INTERFACE:core_manage_shared> PkgConfig::Hidapi Threads::Threads)

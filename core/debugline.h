@@ -26,8 +26,5 @@ inline void prepareDebugLines()
 /// lines stream it as a QString, so received control characters come out escaped.
 inline QString textWithBytes(const char* text, const QByteArray& bytes)
 {
-    return QLatin1String(text) +
-           QString::fromUtf8(
-               bytes.constData(),
-               static_cast<int>(qstrnlen(bytes.constData(), static_cast<uint>(bytes.size()))));
+    return QLatin1String(text) + QString::fromUtf8(bytes.mid(0, bytes.indexOf('\0')));
 }

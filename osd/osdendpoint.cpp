@@ -27,7 +27,7 @@ OsdEndpoint::Address OsdEndpoint::address() const
 
 bool OsdEndpoint::findAcknowledgement(const QByteArray& peeked)
 {
-    const int mark = peeked.indexOf(osdframe::acknowledgementMark);
+    const auto mark = peeked.indexOf(osdframe::acknowledgementMark);
     if (mark < 0) {
         received.discard(peeked.size());
         return false;

@@ -47,16 +47,17 @@ constexpr std::array<const char*, 7> updateCodes{"9aa0", "9aa2", "9aa4", "9aa6",
 // Writes a frame whose first report takes up to firstLength bytes of it and each other up to 64.
 void writeReports(HidHandle& device, const QByteArray& frame, int firstLength, bool logsSuccess)
 {
-    int length = firstLength;
-    for (int start = 0; start < frame.size(); start += length, length = reportData) {
+    QByteArray::size_type length = firstLength;
+    for (QByteArray::size_type start = 0; start < frame.size();
+         start += length, length = reportData) {
         if (!device.write(frame.mid(start, length))) {
             reportSend(false, sendFailedLine, QString());
             return;
         }
         if (logsSuccess) {
-            const char* const rest = frame.constData() + start;
-            const auto size = qstrnlen(rest, static_cast<uint>(frame.size() - start));
-            reportSend(true, nullptr, QString::fromLatin1(rest, static_cast<int>(size)));
+            const auto zero = frame.indexOf('\0', start);
+            const QByteArray rest = frame.mid(start, zero < 0 ? zero : zero - start);
+            reportSend(true, nullptr, QString::fromLatin1(rest));
         }
     }
 }

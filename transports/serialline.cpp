@@ -5,9 +5,12 @@
 #include "replystream.h"
 #include "sendreport.h"
 
+#include <QVariant>
+
 #include <cerrno>
 #include <thread>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -50,14 +53,24 @@ int queuedForLine(int descriptor)
     return queued + ((status & TIOCSER_TEMT) == 0 ? 1 : 0);
 }
 
+// Closes the line behind its port's back: what the port does to the descriptor then, and its own
+// close, go to nothing.
+void closeLine(int descriptor)
+{
+    const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    ioctl(descriptor, TIOCNXCL); // somebody may hold the line open
+    dup3(nothing, descriptor, O_CLOEXEC);
+    ::close(nothing);
+}
+
 } // namespace
 
 SerialLine::SerialLine(const ReplyFormat& replies) : StreamLink(replies)
 {
     serialPort.setReadBufferSize(readAhead);
-    // An adapter changes its speed at once, also under the frames that it has not sent yet. (The
-    // property's setter is deprecated.)
-    serialPort.setProperty("settingsRestoredOnClose", false);
+    // An adapter changes its speed at once, also under the frames that it has not sent yet. (Qt 5
+    // has a property for it, whose setter is deprecated; see closePort for Qt 6.)
+    serialPort.setProperty("settingsRestoredOnClose", QVariant(false));
     lookAgain.setSingleShot(true);
     lookAgain.setInterval(roomPause);
     lookAgain.callOnTimeout([this] {
@@ -88,6 +101,9 @@ void SerialLine::closePort()
     dropPending();
     lookAgain.stop();
     if (serialPort.isOpen()) { // the log may have closed it
+        if constexpr (QT_VERSION_MAJOR >= 6) {
+            closeLine(serialPort.handle()); // before the port restores the settings
+        }
         serialPort.close();
     }
 }
@@ -153,13 +169,13 @@ void SerialLine::write()
 {
     while (!pending.empty() && serialPort.isOpen()) {
         const char* const rest = pending.front().constData() + written;
-        const int left = pending.front().size() - written;
+        const qint64 left = pending.front().size() - written;
         const auto size = ::write(serialPort.handle(), rest, static_cast<std::size_t>(left));
         if (size < 0 && errno == EINTR) {
             continue;
         }
         const bool failed = size < 0 && errno != EAGAIN;
-        const int taken = qMax(0, static_cast<int>(size));
+        const qint64 taken = qMax(qint64{0}, qint64{size});
         written += taken;
         unwritten -= taken;
         if (taken < left && !failed) {

@@ -87,7 +87,7 @@ private:
 
     QSerialPort serialPort;
     std::deque<QByteArray> pending; // frames that the system has not taken whole
-    int written = 0;                // bytes of the first of them
+    qint64 written = 0;             // bytes of the first of them
     qint64 unwritten = 0;           // bytes of all of them
     QTimer lookAgain;               // when the line or the receive buffer may have room again
 };

@@ -102,7 +102,7 @@ UdpLink::Destination UdpLink::destination() const
     return device;
 }
 
-qint64 UdpLink::write(const char* data, int size, const Destination& to)
+qint64 UdpLink::write(const char* data, qint64 size, const Destination& to)
 {
     bool isOpened = false;
     qint64 written = -1;
@@ -120,7 +120,7 @@ qint64 UdpLink::write(const char* data, int size, const Destination& to)
 SendOutcome UdpLink::send(const QByteArray& frame, const Destination& to)
 {
     const qint32 sum =
-        sendInPieces(frame, [&](const char* data, int size) { return write(data, size, to); });
+        sendInPieces(frame, [&](const char* data, qint64 size) { return write(data, size, to); });
     return classifySent(sum, frame.size());
 }
 
@@ -174,7 +174,7 @@ bool UdpLink::isBehind()
     return reports().size() >= reportLimit;
 }
 
-SendOutcome classifySent(qint64 sum, int frameSize)
+SendOutcome classifySent(qint64 sum, qint64 frameSize)
 {
     if (sum == frameSize) {
         return SendOutcome::Successful;

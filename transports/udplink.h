@@ -76,7 +76,7 @@ private:
     Destination destination() const;
     bool open();
     SendOutcome send(const QByteArray& frame, const Destination& to);
-    qint64 write(const char* data, int size, const Destination& to);
+    qint64 write(const char* data, qint64 size, const Destination& to);
 
     mutable std::mutex lock; // everything below; held while a datagram is sent, which never blocks
     Destination device;
@@ -88,25 +88,26 @@ private:
 constexpr int udpPieceSize = 540;
 
 /// Which outcome a sum of write results stands for, given the frame's size.
-SendOutcome classifySent(qint64 sum, int frameSize);
+SendOutcome classifySent(qint64 sum, qint64 frameSize);
 
-/// Sends a frame in pieces through \a write, a callable (const char*, int) -> qint64, and returns
+/// Sends a frame in pieces through \a write, a callable (const char*, size) -> qint64, and returns
 /// the 32-bit sum of its results. A piece that fails ends the pieces; one last write of what was
 /// not counted as sent follows, taken from the index that the sum gives, as QByteArray::mid takes
 /// it.
 template <class Write>
 qint32 sendInPieces(const QByteArray& frame, Write&& write)
 {
+    using Size = QByteArray::size_type;
     qint32 sum = 0;
-    int remainder = frame.size();
-    const auto writeFrom = [&](int size) {
-        int index = sum;
+    Size remainder = frame.size();
+    const auto writeFrom = [&](Size size) {
+        Size index = sum;
         if (index < 0) { // mid: what lies before the frame is cut off the length
             size = size + index >= frame.size() ? frame.size() : size + index;
             index = 0;
         }
         index = qMin(index, frame.size());
-        size = qBound(0, size, frame.size() - index);
+        size = qBound(Size{0}, size, frame.size() - index);
         return static_cast<qint32>(write(frame.constData() + index, size));
     };
     while (remainder > udpPieceSize) {

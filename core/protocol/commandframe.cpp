@@ -92,12 +92,19 @@ bool decodePlainDigits(const char* text, Body& body)
     return seen < 16;
 }
 
+// Qt 6 knows fewer blanks than Qt 5, and only one minus sign.
+int parsePair(const QString& pair)
+{
+    constexpr QChar minusSign(0x2212);
+    return pair.trimmed().replace(minusSign, QLatin1Char('-')).toInt(nullptr, 16);
+}
+
 bool decodeAnyText(const QString& text, model_Protocoldata& record)
 {
     Body body{};
     int sent = 0;
     for (int i = 0; i < commandframe::bodyLength; ++i) {
-        const int value = text.mid(2 * i, 2).toInt(nullptr, 16);
+        const int value = parsePair(text.mid(2 * i, 2));
         body[static_cast<std::size_t>(i)] = static_cast<quint8>(value);
         sent = value;
     }
@@ -130,7 +137,7 @@ void putWord(QByteArray& out, quint16 value)
 
 QByteArray commandframe::encodeText(const model_Protocoldata& record)
 {
-    const int blockSize = record.arryDatablock.size();
+    const auto blockSize = record.arryDatablock.size();
     QByteArray frame(textLength + blockSize, Qt::Uninitialized);
     char* out = frame.data();
     *out++ = startMark;
@@ -187,7 +194,8 @@ bool commandframe::decodeText(const QByteArray& frame, model_Protocoldata& recor
 
 QString commandframe::digitsOf(const QByteArray& frame)
 {
-    return QString::fromLocal8Bit(frame.mid(digitsOffset, digitsLength));
+    const QByteArray text = frame.mid(digitsOffset, digitsLength);
+    return QString::fromLocal8Bit(text.mid(0, text.indexOf('\0')));
 }
 
 bool commandframe::decodeBinary(const QByteArray& head, model_Protocoldata& record)

@@ -4,16 +4,28 @@
 namespace
 {
 
-constexpr uint seed = 888; // a constant: the same local port on every run
 constexpr int lowestPort = 1000;
+
+#if QT_VERSION_MAJOR < 6
+int firstRandomValue()
+{
+    constexpr uint seed = 888; // a constant: the same local port on every run
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    qsrand(seed);
+    return qrand();
+    QT_WARNING_POP
+}
+#else // without that generator: the value that it gave
+int firstRandomValue()
+{
+    return 4104;
+}
+#endif
 
 } // namespace
 
 quint16 fixedLocalPort()
 {
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    qsrand(seed);
-    return static_cast<quint16>(lowestPort + qrand());
-    QT_WARNING_POP
+    return static_cast<quint16>(lowestPort + firstRandomValue());
 }

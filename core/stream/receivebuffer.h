@@ -13,32 +13,34 @@
 class ReceiveBuffer
 {
 public:
+    using Size = QByteArray::size_type;
+
     /// The unparsed bytes, 16 MiB, from which a link leaves what comes to the medium's own flow
     /// control. Append itself takes whatever it is given.
-    static constexpr int limit = 16 * 1024 * 1024;
+    static constexpr Size limit = 16 * 1024 * 1024;
 
     void append(const QByteArray& data);
-    void append(const char* data, int size);
+    void append(const char* data, Size size);
 
     /// A copy of the first \a count bytes, or of all if there are fewer. Consumes nothing.
-    QByteArray peek(int count) const;
+    QByteArray peek(Size count) const;
 
     /// Removes the first \a count bytes, or all if there are fewer, and returns them.
-    QByteArray take(int count);
+    QByteArray take(Size count);
 
     /// As take, without the copy.
-    void discard(int count);
+    void discard(Size count);
 
-    int size() const;
+    Size size() const;
     bool isFull() const { return size() >= limit; }
     void clear(); ///< empties it and gives its memory back
 
 private:
-    int sizeLocked() const { return bytes.size() - head; }
-    void discardLocked(int count);
-    void makeRoom(int size);
+    Size sizeLocked() const { return bytes.size() - head; }
+    void discardLocked(Size count);
+    void makeRoom(Size size);
 
     mutable std::mutex buffLock; // a leaf
     QByteArray bytes;            // what is before head is consumed
-    int head = 0;
+    Size head = 0;
 };

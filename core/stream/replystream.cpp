@@ -22,7 +22,7 @@ std::shared_ptr<ReplyStream> ReplyStream::successor() const
     return next;
 }
 
-bool ReplyStream::skipTo(int index, int inspected)
+bool ReplyStream::skipTo(ReceiveBuffer::Size index, ReceiveBuffer::Size inspected)
 {
     received.discard(static_cast<quint16>(index < 0 ? inspected : index));
     return index >= 0;

@@ -33,7 +33,7 @@ public:
 
     /// Drops the \a index bytes before a start mark, or, where \a index is -1, the \a inspected
     /// bytes that hold none; both modulo 65536. True if there is a mark.
-    bool skipTo(int index, int inspected);
+    bool skipTo(ReceiveBuffer::Size index, ReceiveBuffer::Size inspected);
 
     /// Takes a block of \a length bytes off the buffer, looking for it 150 times with a pause of
     /// 4 ms behind each miss. False if it does not come, which consumes nothing, or if its last

@@ -19,7 +19,7 @@ namespace
 
 QStringList written(const QString& text)
 {
-    const int before = hostqueue::logLines().size();
+    const auto before = hostqueue::logLines().size();
     Utility_Manage::writeLog(text);
     return hostqueue::logLines().mid(before);
 }

@@ -114,7 +114,7 @@ protected:
 TEST_F(KernelSerial, WhatIsSentBeforeTheCloseArrivesWhole)
 {
     for (const int blockSize : {0, 100, 3000}) { // a UART's buffer in the system takes 4096
-        const int before = device.received().size();
+        const auto before = device.received().size();
         ASSERT_TRUE(open(QSerialPort::NoFlowControl));
         const QByteArray frame = send(blockSize);
         EXPECT_EQ(

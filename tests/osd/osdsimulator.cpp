@@ -135,7 +135,7 @@ int OsdSimulator::accepted() const
     return static_cast<int>(peerPorts().size());
 }
 
-int OsdSimulator::connected() const
+qsizetype OsdSimulator::connected() const
 {
     return ask([](Endpoint& endpoint) { return endpoint.simulation.connected(); });
 }

@@ -44,7 +44,7 @@ public:
     void send(const QByteArray& bytes); ///< as they are, to everyone who is connected
 
     int accepted() const;                     ///< connections so far
-    int connected() const;                    ///< connections now
+    qsizetype connected() const;              ///< connections now
     int good() const;                         ///< commands so far
     qint64 noise() const;                     ///< bytes that were no command
     qint64 answers() const;                   ///< acknowledgements given so far

@@ -685,8 +685,8 @@ TEST_F(OsdLife, AFloodBeforeAHangUpIsTakenWhole)
     endpoint.send(flood);
     endpoint.hangUp(false);
     ASSERT_TRUE(eventually([&] { return ended(); }));
-    int kept = 0;
-    for (int taken = -1; taken != 0; kept += taken) {
+    qsizetype kept = 0;
+    for (qsizetype taken = -1; taken != 0; kept += taken) {
         taken = socket.takeBuffData(0xffff).size();
     }
     EXPECT_EQ(kept + 3 * static_cast<int>(osdhost::size() - before), flood.size());

@@ -87,9 +87,9 @@ protected:
         CoreFactory::iOsdCore = nullptr;
     }
 
-    static int unconnectedInLog(int endpoints, int port)
+    static qsizetype unconnectedInLog(int endpoints, int port)
     {
-        int lines = 0;
+        qsizetype lines = 0;
         for (int i = 0; i < endpoints; ++i) {
             lines += hostqueue::countLog(QStringLiteral("OSD endpoint %1, port %2: not connected, "
                                                         "no descriptor or thread left")

@@ -184,6 +184,36 @@ TEST(TextReply, SignsAndBlanksParseAsNumbersDo)
     EXPECT_EQ(record.HEAD, 5);
 }
 
+TEST(TextReply, NothingBehindAZeroByteIsRead)
+{
+    model_Protocoldata record;
+    EXPECT_FALSE(commandframe::decodeText(QByteArray("<F1\0"
+                                                     "230000000000ff>",
+                                                     19),
+                                          record));
+    EXPECT_EQ(record.HEAD, 1);
+    EXPECT_EQ(record.ADDR, 0);
+    EXPECT_EQ(commandframe::digitsOf(QByteArray("<F12\0"
+                                                "30000000000ff>",
+                                                19)),
+              QStringLiteral("12"));
+}
+
+TEST(TextReply, BlanksAndSignsBeyondAsciiParseAlikeWithEveryQt)
+{
+    if (QString::fromLocal8Bit("\xc2\xa0").size() != 1) {
+        GTEST_SKIP() << "the locale's encoding is not UTF-8";
+    }
+    model_Protocoldata record; // a no-break space and 7, a minus sign and 7
+    EXPECT_TRUE(commandframe::decodeText("<F\xc2\xa0"
+                                         "7"
+                                         "\xe2\x88\x92"
+                                         "7000000000>",
+                                         record));
+    EXPECT_EQ(record.HEAD, 7);
+    EXPECT_EQ(record.ADDR, 0xf9);
+}
+
 TEST(TextReply, EveryTwoBytePieceAsTheLiteralVersion)
 {
     for (int piece = 0; piece < 65536; ++piece) {

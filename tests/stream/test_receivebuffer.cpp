@@ -126,7 +126,7 @@ TEST(ReceiveBuffer, WriterAndConsumerSeeEveryByteInOrder)
     std::atomic<bool> wrong{false};
     std::thread consumer([&] {
         quint8 expected = 0;
-        for (int seen = 0; seen < total;) {
+        for (qsizetype seen = 0; seen < total;) {
             const QByteArray taken = buffer.take(1000);
             for (const char byte : taken) {
                 wrong = wrong || static_cast<quint8>(byte) != expected++;

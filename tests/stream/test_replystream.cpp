@@ -29,7 +29,7 @@ class ReplyStreamPass : public ::testing::TestWithParam<bool>
 protected:
     ReplyStreamPass() { hostqueue::clear(); }
 
-    int left() { return stream->received.size(); }
+    qsizetype left() { return stream->received.size(); }
 
     const QByteArray reply = GetParam() ? binaryReply() : replybytes::text(0x79, 0x0C);
     const std::shared_ptr<ReplyStream> stream = std::make_shared<ReplyStream>();

@@ -52,7 +52,7 @@ QByteArray anyReply(Line line)
 
 QByteArray mutated(QByteArray bytes)
 {
-    const int position = *rc::gen::inRange(0, bytes.size());
+    const auto position = *rc::gen::inRange<QByteArray::size_type>(0, bytes.size());
     switch (*rc::gen::inRange(0, 3)) {
     case 0:
         bytes[position] = static_cast<char>(*rc::gen::inRange(0, 256));
@@ -85,7 +85,7 @@ QVector<QByteArray> randomChunks(Line line)
     }
     QVector<QByteArray> chunks;
     const int largest = *rc::gen::element(1, 7, 64, 255);
-    for (int position = 0; position < stream.size();) {
+    for (QByteArray::size_type position = 0; position < stream.size();) {
         const QByteArray chunk = stream.mid(position, *rc::gen::inRange(1, largest + 1));
         chunks.append(chunk);
         position += chunk.size();

@@ -44,14 +44,14 @@ QStringList hostqueue::logLines()
     if (file.open(QIODevice::ReadOnly)) {
         while (!file.atEnd()) {
             const QString line = QString::fromUtf8(file.readLine());
-            const int text = line.indexOf(QStringLiteral("] ")) + 2;
+            const auto text = line.indexOf(QStringLiteral("] ")) + 2;
             lines << line.mid(text, line.size() - text - 1);
         }
     }
     return lines;
 }
 
-int hostqueue::countLog(const QString& line)
+qsizetype hostqueue::countLog(const QString& line)
 {
     return logLines().count(line);
 }

@@ -18,7 +18,7 @@ std::vector<model_Protocoldata> records(); ///< a copy of the queue, oldest firs
 bool flag();                               ///< biz_CMDSWork::bRetFlag
 void setFlag(bool on);
 
-QStringList logLines();            ///< the log's lines so far, without time and thread
-int countLog(const QString& line); ///< how many of them are exactly this
+QStringList logLines();                  ///< the log's lines so far, without time and thread
+qsizetype countLog(const QString& line); ///< how many of them are exactly this
 
 } // namespace hostqueue

@@ -9,7 +9,8 @@ namespace
 
 bool decodeDigits(const QByteArray& frame, model_Protocoldata& record)
 {
-    const QString text = QString::fromLocal8Bit(frame.mid(2, 16));
+    const QByteArray digits = frame.mid(2, 16);
+    const QString text = QString::fromLocal8Bit(digits.constData()); // up to a zero byte
     QVector<int> pieces;
     for (int position = 0; position < 16; position += 2) {
         bool parsed = false;

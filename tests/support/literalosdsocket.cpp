@@ -91,7 +91,7 @@ QByteArray LiteralOsdSocket::takeBuffData(unsigned short count)
 
 bool LiteralOsdSocket::isFindStdCmdPreFlag(QByteArray peeked)
 {
-    const int mark = peeked.indexOf("OK");
+    const auto mark = peeked.indexOf("OK");
     if (mark < 0) {
         takeBuffData(static_cast<unsigned short>(peeked.size()));
         return false;
@@ -149,11 +149,7 @@ void LiteralOsdSocket::onStarted()
         onCloseSocket();
     }
     tcpSocket = new QTcpSocket;
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    qsrand(888);
-    tcpSocket->bind(static_cast<quint16>(qrand() + 1000));
-    QT_WARNING_POP
+    tcpSocket->bind(5104);
     sigConnect();
     bDealRun = true;
     std::thread(&LiteralOsdSocket::td_dealDataFunc, this).detach();

@@ -29,7 +29,7 @@ QByteArray LiteralReplyStream::getBuffData(unsigned short n)
 QByteArray LiteralReplyStream::takeBuffData(unsigned short n)
 {
     QMutexLocker locker(&buffLock);
-    const int k = qMin(static_cast<int>(n), buffData.size());
+    const auto k = qMin(static_cast<int>(n), buffData.size());
     QByteArray taken = buffData.left(k);
     buffData.remove(0, k);
     return taken;
@@ -56,7 +56,7 @@ void LiteralReplyStream::pass()
 
 bool LiteralReplyStream::isFindStdCmdPreFlag(QByteArray data)
 {
-    const int index = data.indexOf('<');
+    const auto index = data.indexOf('<');
     if (index < 0) {
         takeBuffData(static_cast<unsigned short>(data.size()));
         return false;
@@ -202,7 +202,7 @@ void LiteralBinaryReplyStream::pass()
 
 bool LiteralBinaryReplyStream::isFindStdCmdPreFlag(QByteArray data)
 {
-    const int index = data.indexOf(QByteArray("\xF1\x1F", 2));
+    const auto index = data.indexOf(QByteArray("\xF1\x1F", 2));
     if (index < 0) {
         takeBuffData(static_cast<unsigned short>(data.size()));
         return false;

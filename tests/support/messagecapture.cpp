@@ -48,7 +48,7 @@ QStringList MessageCapture::lines() const
     return captured;
 }
 
-int MessageCapture::count(const QString& line) const
+qsizetype MessageCapture::count(const QString& line) const
 {
     return lines().count(line);
 }

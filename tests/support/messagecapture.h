@@ -18,6 +18,6 @@ public:
     MessageCapture& operator=(const MessageCapture&) = delete;
 
     QStringList lines() const;
-    int count(const QString& line) const; ///< lines that are exactly this
+    qsizetype count(const QString& line) const; ///< lines that are exactly this
     void clear();
 };

@@ -103,7 +103,7 @@ private:
 template <class Pass, class Append, class Size>
 void runAll(Feed& feed, Pass&& pass, Append&& append, Size&& size)
 {
-    for (int before = -1; !feed.exhausted() || size() != before;) {
+    for (qsizetype before = -1; !feed.exhausted() || size() != before;) {
         before = size();
         feed.next(append);
         pass();

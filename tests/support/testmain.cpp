@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QNetworkProxy>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -58,7 +59,7 @@ int runEachInItsProcess(const std::string& filter)
     }
     std::printf("%d of %d passed\n", static_cast<int>(cases.size() - failed.size()),
                 static_cast<int>(cases.size()));
-    return failed.isEmpty() ? 0 : 1;
+    return failed.isEmpty() && !cases.isEmpty() ? 0 : 1;
 }
 
 } // namespace
@@ -77,6 +78,8 @@ int main(int argc, char** argv)
     }
     std::thread([] {}).join(); // a sanitizer's own thread starts with the first one
     const QCoreApplication application(argc, argv);
+    // Qt 6 looks for the system's proxies in a thread of its own.
+    QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::NoProxy));
     const QTemporaryDir logDirectory;
     Utility_Manage::setLogFile(logDirectory.filePath(QStringLiteral("test.log")),
                                qint64{64} * 1024 * 1024);

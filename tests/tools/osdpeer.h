@@ -30,7 +30,7 @@ public:
     quint16 port() const { return number; }
 
     /// Waits for the first \a size bytes on the latest connection and takes them.
-    QByteArray receive(int size)
+    QByteArray receive(qint64 size)
     {
         const bool came = eventually(
             [&] { return !connections.empty() && connections.back()->bytesAvailable() >= size; });

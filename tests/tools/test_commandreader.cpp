@@ -10,7 +10,7 @@ using devicecodec::Framing;
 
 QByteArray textCommand(int code, const QByteArray& block = {}, int announced = -1)
 {
-    const int length = announced < 0 ? block.size() : announced;
+    const auto length = announced < 0 ? block.size() : announced;
     QByteArray body = QByteArray::fromHex("5a01");
     body.append(static_cast<char>(code)).append('\x05').append('\0');
     body.append(static_cast<char>(length & 0xff)).append(static_cast<char>(length >> 8));

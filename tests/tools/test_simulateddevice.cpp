@@ -45,7 +45,7 @@ Exchange answerTo(const QByteArray& bytes, Medium medium, const char* fault = nu
 }
 
 // Block size of the answer, -1 for an answer of a reply alone; the reply has been checked.
-int blockSize(const Exchange& exchange, int announced = -1)
+qsizetype blockSize(const Exchange& exchange, int announced = -1)
 {
     if (exchange.answer.empty()) {
         ADD_FAILURE() << "no answer";

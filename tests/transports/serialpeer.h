@@ -63,7 +63,7 @@ public:
     }
 
     /// Waits, without an event loop, until so many bytes have come. False if they do not.
-    bool awaitReceived(int size)
+    bool awaitReceived(qsizetype size)
     {
         while (received().size() < size) {
             pollfd line{master, POLLIN, 0};

@@ -129,7 +129,7 @@ TEST_F(CoreUdpNetwork, BroadcastReachesTheDevice)
     core_UDP transport;
     const MessageCapture capture;
     const QString logLine = QStringLiteral("Send successful:<T0000100000000010>");
-    const int logged = hostqueue::countLog(logLine);
+    const auto logged = hostqueue::countLog(logLine);
     model_Protocoldata record = command();
     record.sendMode = 1;
     transport.setDeviceIP(QString());
@@ -171,7 +171,7 @@ TEST_F(CoreUdpNetwork, EmptyBroadcastIsADatagramWithoutBytes)
     answerOn(1000);
     core_UDP transport;
     const MessageCapture capture;
-    const int before = hostqueue::logLines().size();
+    const auto before = hostqueue::logLines().size();
     transport.sendUdpDataBroadcast(QByteArray());
     EXPECT_EQ(capture.lines(), QStringList(QStringLiteral("Send Broadcast successful")));
     EXPECT_EQ(hostqueue::logLines().mid(before), QStringList(QStringLiteral("Send successful:")));

@@ -337,7 +337,7 @@ TEST_F(CoreUdpReceive, CompleteReplyLeavesTheStoredOneAlone)
 
 TEST_F(CoreUdpReceive, OrphanBlockRaisesTheFlagAndIsLogged)
 {
-    const int before = hostqueue::logLines().size();
+    const auto before = hostqueue::logLines().size();
     peer.send("no reply before this");
     ASSERT_TRUE(logged(orphanBlock));
     EXPECT_EQ(hostqueue::logLines().mid(before), QStringList(orphanBlock));
@@ -576,7 +576,7 @@ TEST_F(CoreUdpReceive, DecoderResetsWhatItRefuses)
 {
     model_Protocoldata refused;
     refused.strReply = QLatin1String("");
-    const int before = hostqueue::logLines().size();
+    const auto before = hostqueue::logLines().size();
     for (const char* datagram : {"", "<F", "<F010203040506071c", "<F010203040506071c>>",
                                  "<T010203040506071c>", "xF010203040506071c>"}) {
         EXPECT_TRUE(sameRecord(transport->getArrayData(datagram), refused)) << datagram;

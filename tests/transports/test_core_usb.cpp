@@ -454,7 +454,7 @@ TEST_F(CoreUsb, PaddingBeforeABlockIsPartOfIt)
     const QByteArray block = QByteArray(45, '\0') + replybytes::block(20);
     QByteArray sum = block;
     sum[sum.size() - 1] = replybytes::sumOf(block.left(block.size() - 1));
-    ASSERT_TRUE(plain.sendPadded(replybytes::text(0xF1, 0x00, block.size(), 0)));
+    ASSERT_TRUE(plain.sendPadded(replybytes::text(0xF1, 0x00, 65, 0)));
     ASSERT_TRUE(plain.sendPadded(sum.mid(45)));
     ASSERT_TRUE(queued(1));
     EXPECT_EQ(hostqueue::records().front().arryDatablock, sum);

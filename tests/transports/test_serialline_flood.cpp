@@ -53,7 +53,7 @@ protected:
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     }
 
-    int buffered() { return link.line.stream()->received.size(); }
+    qsizetype buffered() { return link.line.stream()->received.size(); }
 
     // Goes on sending the same reply for ever, as far as the line takes it.
     void flood(const QByteArray& reply)
@@ -131,7 +131,7 @@ TYPED_TEST(SerialLineFlood, WhatIsDroppedIsNotHeldBack)
     ASSERT_TRUE(this->link.open());
     const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
     ASSERT_TRUE(this->floodUntilHeld(TypeParam::bigReply()));
-    const int before = this->buffered();
+    const auto before = this->buffered();
     this->link.line.drop(true);
     const qint64 later = this->accepted + onTheWay;
     EXPECT_TRUE(eventually([&] {

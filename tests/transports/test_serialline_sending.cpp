@@ -89,7 +89,7 @@ protected:
     }
 
     // Sends a frame that says which it is, and notes what the device is to receive.
-    void send(int number, int blockSize = 0)
+    void send(qsizetype number, int blockSize = 0)
     {
         model_Protocoldata record;
         record.ADDR = static_cast<quint8>(number);
@@ -111,13 +111,16 @@ protected:
         }
     }
 
-    static int logged()
+    static QStringList::size_type logged()
     {
         return hostqueue::logLines().filter(QStringLiteral("Send successful:")).size();
     }
 
     // The bytes of so many frames.
-    int sizeOf(int count) const { return static_cast<int>(frames.mid(0, count).join().size()); }
+    qsizetype sizeOf(QStringList::size_type count) const
+    {
+        return frames.mid(0, count).join().size();
+    }
 
     milliseconds closeTakes()
     {
@@ -174,7 +177,7 @@ TEST_F(SerialLineSending, WhatTheLogCallsSentHasLeft)
 {
     ASSERT_TRUE(open());
     overfill();
-    const int sent = logged();
+    const auto sent = logged();
     ASSERT_GT(sent, 0);
     EXPECT_EQ(capture.count(QStringLiteral("Send successful")), sent);
     EXPECT_EQ(capture.count(QStringLiteral("Send failed")), 0);
@@ -209,12 +212,12 @@ TEST_F(SerialLineSending, ADeviceThatTakesNothingDoesNotHoldTheClose)
     ASSERT_TRUE(open());
     overfill();
     EXPECT_LT(closeTakes(), milliseconds(5000)); // 800 and a busy machine
-    const int sent = logged();
+    const auto sent = logged();
     EXPECT_LT(sent, frames.size());
     EXPECT_EQ(uart.dropped, 0); // what has left the process stays on its way
     EXPECT_TRUE(peer.awaitReceived(sizeOf(sent)));
     ASSERT_TRUE(open()); // and nothing of the old frames comes behind it
-    const int before = peer.received().size();
+    const auto before = peer.received().size();
     frames.clear();
     send(1);
     EXPECT_TRUE(peer.awaitReceived(before + all().size()));
@@ -240,7 +243,7 @@ TEST_F(SerialLineSending, ALineThatHasHungUpFails)
 {
     ASSERT_TRUE(open());
     overfill();
-    const int sent = logged();
+    const auto sent = logged();
     peer.hangUp();
     send(1);
     EXPECT_EQ(capture.count(QStringLiteral("Send failed")), frames.size() - sent);
@@ -251,7 +254,7 @@ TEST_F(SerialLineSending, WhatWaitsIsBounded)
 {
     ASSERT_TRUE(open());
     const QByteArray frame(1024 * 1024, 'x');
-    const int most = ReceiveBuffer::limit / frame.size() + 1;
+    const auto most = ReceiveBuffer::limit / frame.size() + 1;
     for (int i = 0; i < most + 2; ++i) {
         line->sendComData(frame);
     }

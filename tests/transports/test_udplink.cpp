@@ -33,7 +33,7 @@ Sent sendWith(const QByteArray& frame, std::vector<qint64> results)
 {
     Sent sent;
     std::size_t next = 0;
-    sent.sum = sendInPieces(frame, [&](const char* data, int size) -> qint64 {
+    sent.sum = sendInPieces(frame, [&](const char* data, QByteArray::size_type size) -> qint64 {
         EXPECT_GE(data, frame.constData());
         EXPECT_LE(data + size, frame.constData() + frame.size());
         sent.pieces.emplace_back(data, size);

@@ -15,7 +15,7 @@ public:
     static QByteArray command(const model_Protocoldata& record)
     {
         QByteArray head;
-        const int size = record.arryDatablock.size();
+        const auto size = static_cast<int>(record.arryDatablock.size());
         for (const int byte :
              {record.aux1 >> 8, record.aux1 & 0xff, int(record.ADDR), int(record.aux3),
               record.aux4 >> 8, record.aux4 & 0xff, record.aux5 >> 8, record.aux5 & 0xff,

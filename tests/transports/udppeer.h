@@ -8,6 +8,7 @@
 #include <QHostAddress>
 #include <QLoggingCategory>
 #include <QUdpSocket>
+#include <QVariant>
 
 /// The device's side of a UDP link, played by the test: a real socket on loopback.
 class UdpPeer
@@ -24,7 +25,8 @@ public:
     explicit UdpPeer(const QString& address = QStringLiteral("127.0.0.1"), quint16 port = 0)
     {
         socket.bind(QHostAddress(address), port);
-        socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, 4 * 1024 * 1024);
+        socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption,
+                               QVariant(4 * 1024 * 1024));
     }
 
     quint16 port() const { return socket.localPort(); }

@@ -30,7 +30,7 @@ QString wrongChecksum(int sent, int right)
         .arg(recordtext::hex(sent), recordtext::hex(right));
 }
 
-QString wrongLength(int announced, int has)
+QString wrongLength(int announced, qsizetype has)
 {
     return announced == has
                ? QString()
@@ -41,7 +41,7 @@ QString wrongBlockOfReply(const model_Protocoldata& reply)
 {
     using replykinds::Block;
     const replykinds::Kind kind = replykinds::kindOf(reply);
-    const int has = reply.arryDatablock.size();
+    const auto has = reply.arryDatablock.size();
     if (kind.onStream == Block::None || kind.onStream == Block::Immediate) {
         return QString("a reply of its kind has no block, and %1 bytes follow it").arg(has);
     }
@@ -150,7 +150,7 @@ QByteArray Decode::frame() const
     const QByteArray content =
         typed::file(option, text.startsWith('@') ? text.mid(1) : text, typed::fileLimit);
     static const QRegularExpression digits("^[0-9a-fA-F\\s]+$");
-    const QString typedDigits = QString::fromLatin1(content);
+    const QString typedDigits = QString::fromLatin1(content.constData()); // up to a zero byte
     return raw || !digits.match(typedDigits).hasMatch()
                ? content
                : typed::bytes(option, typedDigits, typed::fileLimit);

@@ -13,7 +13,7 @@ LinkAddress LinkAddress::parse(const QString& text)
     LinkAddress address;
     address.text = text;
     const QString separator = "://";
-    const int colon = text.indexOf(separator);
+    const auto colon = text.indexOf(separator);
     if (colon < 1) {
         throw BadInput("link", text, "an address like udp://192.168.1.20:1000");
     }
@@ -65,11 +65,11 @@ int LinkAddress::number(const char* option, int least, int most) const
 int LinkAddress::choice(const char* option, const QStringList& choices, int otherwise) const
 {
     const QString name = QLatin1String(option);
-    const int index = choices.indexOf(options.value(name));
+    const auto index = choices.indexOf(options.value(name));
     if (options.contains(name) && index < 0) {
         refuse(name, options.value(name), choices.join(", "));
     }
-    return index < 0 ? otherwise : index;
+    return index < 0 ? otherwise : static_cast<int>(index);
 }
 
 void LinkAddress::refuse(const QString& part, const QString& value, const QString& expected) const

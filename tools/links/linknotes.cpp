@@ -30,7 +30,7 @@ QString wrongChecksum()
 QString quotedBehind(const QString& line, const char* text)
 {
     const QString start = QLatin1Char('"') + QLatin1String(text);
-    const int end = line.indexOf(QLatin1String("\" \""), start.size());
+    const auto end = line.indexOf(QLatin1String("\" \""), start.size());
     return line.startsWith(start)
                ? line.mid(start.size(), (end < 0 ? line.size() - 1 : end) - start.size())
                : QString();

@@ -70,7 +70,7 @@ const QByteArray& recordtext::block(const Command& command, FieldSet fields)
 
 Command recordtext::osdCommand(const QByteArray& frame)
 {
-    const int dataLength = frame.size() - osdframe::headLength - osdframe::tailLength;
+    const auto dataLength = frame.size() - osdframe::headLength - osdframe::tailLength;
     Command command;
     command.osd.arryData = frame.mid(osdframe::headLength, dataLength);
     const QByteArray fixed = frame.left(osdframe::headLength) + frame.right(osdframe::tailLength);

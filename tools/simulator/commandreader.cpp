@@ -56,14 +56,14 @@ void CommandReader::cutOsdFrames(std::vector<DeviceCommand>& complete)
         return;
     }
     const int length = devicecodec::osdFrameSize + *dataLength;
-    int next = 0;
+    QByteArray::size_type next = 0;
     for (; pending.size() - next >= length; next += length) {
         complete.push_back({{}, pending.mid(next, length)});
     }
     pending.remove(0, next);
 }
 
-int CommandReader::missing() const
+QByteArray::size_type CommandReader::missing() const
 {
     return current->head.blockLength - current->block.size();
 }
@@ -119,7 +119,7 @@ bool CommandReader::cutHead()
         current = DeviceCommand{*head, {}};
         pending.remove(0, size);
     } else {
-        const int next = framing == Framing::Text ? pending.indexOf(textMark.at(0), 1) : 1;
+        const auto next = framing == Framing::Text ? pending.indexOf(textMark.at(0), 1) : 1;
         drop(next < 0 ? pending.size() : next);
     }
     return true;
@@ -127,7 +127,7 @@ bool CommandReader::cutHead()
 
 bool CommandReader::cutBlock()
 {
-    const int available = std::min(missing(), pending.size());
+    const auto available = qMin(missing(), pending.size());
     const bool mayBeHead =
         current->block.isEmpty() && mayBeginText() && pending.size() < devicecodec::textHeadSize;
     if (available == 0 || mayBeHead) {
@@ -138,7 +138,7 @@ bool CommandReader::cutBlock()
     return true;
 }
 
-void CommandReader::drop(int count)
+void CommandReader::drop(QByteArray::size_type count)
 {
     noiseBytes += count;
     pending.remove(0, count);

@@ -53,8 +53,8 @@ private:
     bool mayBeginText() const;
     bool cutHead();
     bool cutBlock();
-    void drop(int count);
-    int missing() const;
+    void drop(QByteArray::size_type count);
+    QByteArray::size_type missing() const;
 
     devicecodec::Framing framing;
     Medium medium;

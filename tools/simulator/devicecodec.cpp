@@ -2,6 +2,7 @@
 #include "devicecodec.h"
 
 #include <QDataStream>
+#include <QIODevice>
 
 #include <algorithm>
 #include <numeric>

@@ -103,11 +103,6 @@ bool SeededRandom::chance(double probability)
     return static_cast<double>(engine() >> unusedBits) * unit < probability;
 }
 
-int SeededRandom::below(int limit)
-{
-    return static_cast<int>(engine() % static_cast<quint64>(limit));
-}
-
 void Faults::set(Fault fault, const Setting& setting)
 {
     settings[static_cast<std::size_t>(fault)] = setting;

@@ -15,7 +15,11 @@ public:
     explicit SeededRandom(quint64 seed) : engine(seed) {}
 
     bool chance(double probability); ///< true with this probability, 0 to 1
-    int below(int limit);            ///< 0 to limit - 1; limit at least 1
+    template <class Number>
+    Number below(Number limit) ///< 0 to limit - 1; limit at least 1
+    {
+        return static_cast<Number>(engine() % static_cast<quint64>(limit));
+    }
 
 private:
     std::mt19937_64 engine;

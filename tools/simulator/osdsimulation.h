@@ -31,7 +31,7 @@ public:
     bool isIdle() const override;
 
     quint16 port() const { return localPort; }
-    int connected() const { return connections.size(); } ///< connections now
+    qsizetype connected() const { return connections.size(); } ///< connections now
 
     /// Ends every connection: by HangUp when what is due has been sent, by Reset at once.
     void hangUp(Fault how = Fault::HangUp);

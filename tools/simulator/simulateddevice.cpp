@@ -21,7 +21,7 @@ int askedFor(const Head& command)
 
 void spoilLast(QByteArray& bytes)
 {
-    const int last = bytes.size() - 1;
+    const auto last = bytes.size() - 1;
     bytes[last] = static_cast<char>(bytes.at(last) + 1);
 }
 
@@ -200,7 +200,7 @@ void SimulatedDevice::spoilReply(QByteArray& reply, Exchange& exchange)
         }
     }
     if (const auto count = strikes(Fault::Truncate, exchange)) {
-        reply.chop(std::min(*count, reply.size() - 1));
+        reply.chop(qMin(*count, reply.size() - 1));
     }
     if (const auto count = strikes(Fault::Oversize, exchange)) {
         reply.append(QByteArray(*count, '\0'));
@@ -237,7 +237,7 @@ void SimulatedDevice::spoilStream(Exchange& exchange, bool hasBlock)
     if (const auto count = strikes(Fault::Noise, exchange)) {
         QByteArray& reply = answer.front().bytes;
         const QByteArray noise = randomBytes(*count);
-        reply.insert(1 + chances->random.below(std::max(1, reply.size() - 1)), noise);
+        reply.insert(1 + chances->random.below(qMax(1, reply.size() - 1)), noise);
     }
     if (hasBlock) {
         if (const auto late = strikes(Fault::LateBlock, exchange)) {
@@ -282,7 +282,7 @@ void SimulatedDevice::spoilPieces(Exchange& exchange)
         return all;
     };
     if (strikes(Fault::HangUp, exchange)) {
-        answer = {Emission{joined().left(std::max(1, joined().size() / 2)), {}}};
+        answer = {Emission{joined().left(qMax(1, joined().size() / 2)), {}}};
         exchange.times = 1;
     }
     if (const auto apart = strikes(Fault::Split, exchange)) {

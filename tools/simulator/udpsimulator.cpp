@@ -2,6 +2,7 @@
 #include "udpsimulator.h"
 
 #include <QNetworkDatagram>
+#include <QVariant>
 
 UdpSimulator::UdpSimulator(const QHostAddress& chosenAddress, quint16 port,
                            const SimulatedDevice::Settings& settings)
@@ -16,7 +17,7 @@ bool UdpSimulator::open()
         failToBind(socket.error(), localPort, socket.errorString());
         return false;
     }
-    constexpr int receiveBuffer = 4 * 1024 * 1024;
+    const QVariant receiveBuffer = 4 * 1024 * 1024;
     socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, receiveBuffer);
     localPort = socket.localPort();
     return true;

@@ -38,7 +38,7 @@ void clearProgress()
 // first; a pipe with room has it for so many bytes.
 bool writeAll(int descriptor, const QByteArray& bytes)
 {
-    int done = 0;
+    QByteArray::size_type done = 0;
     while (done < bytes.size()) {
         pollfd watched[] = {{descriptor, POLLOUT, 0}, {stopDescriptor, POLLIN, 0}};
         poll(watched, 2, -1);
@@ -46,9 +46,9 @@ bool writeAll(int descriptor, const QByteArray& bytes)
         if (isStopped && poll(watched, 1, graceMs) == 0) {
             return false;
         }
-        const int piece = std::min(bytes.size() - done, PIPE_BUF);
+        const QByteArray piece = bytes.mid(done, PIPE_BUF);
         const ssize_t size =
-            ::write(descriptor, bytes.constData() + done, static_cast<std::size_t>(piece));
+            ::write(descriptor, piece.constData(), static_cast<std::size_t>(piece.size()));
         if (size < 0 && errno != EINTR && errno != EAGAIN) {
             return false;
         }
