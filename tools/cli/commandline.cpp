@@ -51,18 +51,9 @@ int reportParseError(const CLI::App& application, const CLI::ParseError& error)
 
 int parseAndRun(int argc, char** argv)
 {
-    CLI::App application("Talks to a device, or plays one", "coremanage");
-    application.set_version_flag("--version", COREMANAGE_VERSION);
-    application.require_subcommand(1);
+    CLI::App application;
     int code = exitcode::badInput;
-    for (const auto add :
-         {commands::addDemo, commands::addSend, commands::addListen, commands::addSimulate,
-          commands::addPorts, commands::addDevices, commands::addEncode, commands::addDecode}) {
-        add(application, code);
-    }
-    application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
-                       "\nExit codes: 0 done, 1 the operation failed (no reply, no valid frame),\n"
-                       "2 wrong input and nothing sent, 3 a link could not be opened.");
+    commandline::build(application, code);
     try {
         application.parse(argc, argv);
     } catch (const CLI::Success& help) {
@@ -77,6 +68,22 @@ int parseAndRun(int argc, char** argv)
 }
 
 } // namespace
+
+void commandline::build(CLI::App& application, int& code)
+{
+    application.name("coremanage");
+    application.description("Talks to a device, or plays one");
+    application.set_version_flag("--version", COREMANAGE_VERSION);
+    application.require_subcommand(1);
+    for (const auto add :
+         {commands::addDemo, commands::addSend, commands::addListen, commands::addSimulate,
+          commands::addPorts, commands::addDevices, commands::addEncode, commands::addDecode}) {
+        add(application, code);
+    }
+    application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
+                       "\nExit codes: 0 done, 1 the operation failed (no reply, no valid frame),\n"
+                       "2 wrong input and nothing sent, 3 a link could not be opened.");
+}
 
 int commandline::run(int argc, char** argv)
 {

@@ -10,6 +10,10 @@ class App;
 namespace commandline
 {
 
+/// Gives the application its options and subcommands. The one that is named on a parsed command
+/// line sets \a code, which must outlive the parsing.
+void build(CLI::App& application, int& code);
+
 /// Parses the command line and runs its subcommand. Returns the exit code; what is wrong has been
 /// said then.
 int run(int argc, char** argv);
