@@ -1,13 +1,17 @@
 # SPDX-License-Identifier: MIT
 # Builds and runs the consumer program in one of the ways a host can take part:
 #   cmake -DWAY=reference|target|library|program|refused -DSOURCE_DIR=… -DWORK_DIR=… … -P runconsumer.cmake
-# What is installed is consumed twice, through the CMake package and through pkg-config.
+# What is installed is consumed twice, through the CMake package and through pkg-config. It is installed
+# from BUILD_DIR, or is in PREFIX.
 cmake_minimum_required(VERSION 3.22)
 
 set(here "${SOURCE_DIR}/tests/host")
 set(consumer "-DCONSUMER_SOURCE=${here}/consumer/main.cpp")
 set(own_host "-DOWN_HOST_DIR=${here}/ownhost" -DQT_MAJOR=${QT_MAJOR})
 set(prefix "${WORK_DIR}/prefix")
+if(PREFIX)
+    set(prefix "${PREFIX}")
+endif()
 set(installed "-DCMAKE_PREFIX_PATH=${prefix}")
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}")
@@ -77,11 +81,13 @@ endfunction()
 
 set(host_argument own)
 set(library_path "${prefix}/${LIBDIR}")
-if(NOT WAY STREQUAL "target")
+if(BUILD_DIR AND NOT WAY STREQUAL "target")
     run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
 endif()
 if(WAY STREQUAL "reference")
-    check_installed_files()
+    if(BUILD_DIR)
+        check_installed_files()
+    endif()
     build("${here}/projects/reference" "${WORK_DIR}/consumer" ${consumer} ${installed})
     build_with_pkgconfig(core_manage_host "${here}/consumer/main.cpp")
     check_headers()
