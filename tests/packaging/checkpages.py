@@ -45,35 +45,35 @@ def bash(*words):
     return set(output("bash", "-c", script, "bash", *words).split())
 
 
-def zsh(line):
-    """What an interactive zsh shows after a tabulator, until it lists nothing more."""
+def zsh(lines):
+    """What an interactive zsh shows after each line and a tabulator, or nothing where there is no zsh."""
+    if not shutil.which("zsh"):
+        print("zsh is not installed: its completion was not tried")
+        return []
     process, terminal = pty.fork()
     if process == 0:
         os.execlp("env", "env", "-i", f"PATH={os.environ['PATH']}", "TERM=dumb", "zsh", "-f", "-i")
     setup = (f"unsetopt zle_bracketed_paste; PS1=; LISTMAX=1000; fpath=({pages} $fpath); "
-             "autoload -Uz compinit; compinit -u -D; "
-             "COLUMNS=200; LINES=100; bindkey '^I' complete-word; setopt auto_list; print -r -- rea''dy\n")
+             "autoload -Uz compinit; compinit -u -D; COLUMNS=200; LINES=100; print -r -- rea''dy\n")
     os.write(terminal, setup.encode())
-    seen = until(terminal, b"", lambda text: b"\nready" in text)
-    require(b"\nready" in seen, "zsh does not start")
-    os.write(terminal, line.encode() + b"\t")
-    expected = b"--" if line.endswith("-") else b"decode"
-    seen = until(terminal, b"", lambda text: expected in text.replace(line.encode(), b"", 1))
-    os.write(terminal, b"\x15print -r -- do''ne\n")
-    seen = until(terminal, seen, lambda text: b"\ndone" in text)
+    require("\nready" in until(terminal, "\nready"), "zsh does not start")
+    shown = []
+    for line in lines:
+        os.write(terminal, line.encode() + b"\t")
+        text = until(terminal, "--help" if line.endswith("-") else "decode")
+        os.write(terminal, b"\x15print -r -- do''ne\n")
+        shown.append(text + until(terminal, "\ndone"))
     os.close(terminal)
     os.waitpid(process, 0)
-    return seen.decode(errors="replace")
+    return shown
 
 
-def until(terminal, seen, condition):
+def until(terminal, expected):
+    seen = ""
     end = time.monotonic() + PATIENCE_SECONDS
-    while not condition(seen) and time.monotonic() < end:
+    while expected not in seen and time.monotonic() < end:
         if select.select([terminal], [], [], 1)[0]:
-            try:
-                seen += os.read(terminal, 65536)
-            except OSError:
-                break
+            seen += os.read(terminal, 65536).decode(errors="replace")
     return seen
 
 
@@ -93,16 +93,17 @@ require(bash("") == {*subcommands, *listed(general)}, f"bash: {bash('')}")
 require(bash("se") == {"send"}, f"bash: {bash('se')}")
 require({"udp://", "osd://"} <= bash("send", ""), "bash: no links")
 require(not bash("send", "--timeout", ""), "bash: a number is no option")
-require("send" in zsh("coremanage ") if shutil.which("zsh") else True, "zsh: no subcommands")
-for name in subcommands:
-    wanted = listed(output(tool, name, "--help"))
+helps = {name: listed(output(tool, name, "--help")) for name in subcommands}
+for name, wanted in helps.items():
     tagged = options(" ".join(re.findall(r"^\.TP\n\\fB(.*?)\\fR", parts[name], re.M)))
     require(tagged == wanted, f"manual page, {name}: {tagged ^ wanted}")
     require(bash(name, "-") == wanted, f"bash, {name}: {bash(name, '-') ^ wanted}")
-    if shutil.which("zsh"):
-        shown = options(zsh(f"coremanage {name} -"))
-        require(wanted <= shown, f"zsh, {name}: {wanted - shown}")
-if not shutil.which("zsh"):
-    print("zsh is not installed: its completion was not tried")
+shown = zsh(["coremanage ", *(f"coremanage {name} -" for name in helps)])
+if shown:
+    missing = helps.keys() - set(re.findall(r"(\w+) +-- ", shown.pop(0)))
+    require(not missing, f"zsh: {missing}")
+for name, text in zip(helps, shown):
+    missing = helps[name] - options(text)
+    require(not missing, f"zsh, {name}: {missing}")
 print("\n".join(faults) or f"the pages are as the help: {', '.join(subcommands)}")
 sys.exit(bool(faults))
