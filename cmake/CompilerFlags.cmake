@@ -8,6 +8,8 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+# Installing leaves the room of the path that the build tree's programs name: no directory's length.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
 option(CORE_MANAGE_WERROR "Turn compiler warnings into errors" OFF)
 set(CORE_MANAGE_SANITIZE "" CACHE STRING "Value for -fsanitize, for instance address,undefined or thread")

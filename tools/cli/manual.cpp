@@ -6,8 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <fstream>
-#include <iostream>
 
 namespace
 {
@@ -100,7 +100,7 @@ void writeVerbatim(const std::string& text, std::ostream& page)
 
 void writeManual(const CLI::App& application, std::ostream& page)
 {
-    const std::string name = application.get_name();
+    const std::string& name = application.get_name();
     page << ".\\\" SPDX-License-Identifier: MIT\n"
          << ".TH COREMANAGE 1 \"\" \"libCore_Manage " << COREMANAGE_VERSION
          << "\" \"User Commands\"\n.nh\n"
@@ -132,7 +132,7 @@ void writeBash(const CLI::App& application, std::ostream& script)
 {
     std::vector<std::string> first;
     std::string cases;
-    const auto addCase = [&cases](const CLI::App& parser, std::vector<std::string> words) {
+    const auto caseOf = [](const CLI::App& parser, std::vector<std::string> words) {
         std::vector<std::string> files{"--"};
         std::vector<std::string> values{"--"};
         std::string links;
@@ -151,14 +151,14 @@ void writeBash(const CLI::App& application, std::ostream& script)
     };
     for (const CLI::App* subcommand : subcommands(application)) {
         first.push_back(subcommand->get_name());
-        cases += "    " + subcommand->get_name() + ')' + addCase(*subcommand, {});
+        cases += "    " + subcommand->get_name() + ')' + caseOf(*subcommand, {});
     }
     script << "# SPDX-License-Identifier: MIT\n"
               "_coremanage()\n{\n"
               "    local words files values subcommand=${COMP_WORDS[1]-}\n"
               "    [ \"$COMP_CWORD\" -gt 1 ] || subcommand=\n"
               "    case $subcommand in\n"
-           << cases << "    *)" << addCase(application, first)
+           << cases << "    *)" << caseOf(application, first)
            << "    esac\n"
               "    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}\n"
               "    if [[ \"|$files|\" == *\"|$before|\"* ]]; then\n"
@@ -227,27 +227,38 @@ void writeZsh(const CLI::App& application, std::ostream& script)
     script << "    esac\n}\n_coremanage \"$@\"\n";
 }
 
+void writeAll(const std::string& directory)
+{
+    CLI::App application;
+    int code = 0;
+    commandline::build(application, code);
+    struct Page {
+        const char* name;
+        void (*write)(const CLI::App& application, std::ostream& out);
+    };
+    for (const Page& page : {Page{"coremanage.1", writeManual}, Page{"coremanage.bash", writeBash},
+                             Page{"_coremanage", writeZsh}}) {
+        std::ofstream file;
+        file.exceptions(std::ios::failbit | std::ios::badbit);
+        file.open(directory + '/' + page.name);
+        page.write(application, file);
+        file.flush();
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " DIRECTORY\n";
+        std::fputs("usage: coremanage_manual DIRECTORY\n", stderr);
         return 2;
     }
-    CLI::App application;
-    int code = 0;
-    commandline::build(application, code);
-    const std::string directory = std::string(argv[1]) + '/';
-    for (const auto& [name, write] :
-         {std::pair("coremanage.1", writeManual), std::pair("coremanage.bash", writeBash),
-          std::pair("_coremanage", writeZsh)}) {
-        std::ofstream file(directory + name);
-        write(application, file);
-        if (!file.flush()) {
-            std::cerr << "cannot write " << directory << name << '\n';
-            return 1;
-        }
+    try {
+        writeAll(argv[1]);
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "coremanage_manual: %s: %s\n", argv[1], error.what());
+        return 1;
     }
-    return 0;
 }
