@@ -55,8 +55,11 @@ if(CORE_MANAGE_COVERAGE)
     target_link_options(core_manage_flags INTERFACE --coverage)
 elseif(NOT CORE_MANAGE_SANITIZE)
     # What is handed on names no directory of the machine that built it; gdb finds the sources when
-    # it is started in the source directory.
+    # it is started in the source directory. A compiler cache gives the compiler relative paths.
+    file(RELATIVE_PATH source_from_build "${CMAKE_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
+    string(REGEX REPLACE "/$" "" source_from_build "${source_from_build}")
     target_compile_options(core_manage_flags INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${source_from_build}=.>
         $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
         $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${CMAKE_BINARY_DIR}=.>)
 endif()
