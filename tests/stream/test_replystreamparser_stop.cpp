@@ -57,10 +57,12 @@ class StarvedStream : public ReplyStream
 {
 public:
     std::atomic<bool> starved{true};
+    std::atomic<bool> isStarving{false};
 
 private:
     void sleep(milliseconds duration) override
     {
+        isStarving = true;
         while (starved) {
             std::this_thread::sleep_for(milliseconds(1));
         }
@@ -184,7 +186,7 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
     const auto stream = std::make_shared<StarvedStream>();
     transport = std::make_unique<Transport>(stream);
     ASSERT_TRUE(transport->startParsing());
-    ASSERT_TRUE(eventually([&stream] { return stream->isPausing.load(); }));
+    ASSERT_TRUE(eventually([&stream] { return stream->isStarving.load(); }));
     auto closing =
         std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(10)); });
     EXPECT_EQ(closing.wait_for(milliseconds(300)), std::future_status::timeout);

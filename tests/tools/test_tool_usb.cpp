@@ -259,6 +259,9 @@ TEST(UsbToolSimulator, LeavesNothingBehindWhenItsTerminalCloses)
 TEST(UsbToolSimulator, SaysWhatItLacks)
 {
     const QTemporaryDir directory;
+    const QByteArray tools = QFileInfo(builtTool()).path().toLocal8Bit();
+    qputenv("LD_LIBRARY_PATH",
+            tools + "/..:" + tools + "/../host"); // the copy finds none beside it
     const QString copy = directory.filePath(QStringLiteral("coremanage"));
     ASSERT_TRUE(QFile::copy(builtTool(), copy));
     const QStringList simulate = words(QStringLiteral("simulate usb://04b4:1008 --for 1"));
