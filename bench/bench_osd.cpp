@@ -118,7 +118,7 @@ std::unique_ptr<core_Osd_Manage> sharedManager()
             library->openClient(ipOf(opened), endpoint->port());
             literal.openClient(ipOf(opened), endpoint->port());
         }
-        waitFor([&] { return endpoint->connected() == 2 * count; });
+        waitFor([&] { return endpoint->connected() == qint64{2} * count; });
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         const auto offer = [&record](auto& manager) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5)); // every worker sleeps again

@@ -101,7 +101,7 @@ void SerialLine::closePort()
     dropPending();
     lookAgain.stop();
     if (serialPort.isOpen()) { // the log may have closed it
-        if constexpr (QT_VERSION_MAJOR >= 6) {
+        if (QT_VERSION_MAJOR >= 6) {
             closeLine(serialPort.handle()); // before the port restores the settings
         }
         serialPort.close();

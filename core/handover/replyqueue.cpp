@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr std::chrono::milliseconds lockPause{1};
-constexpr qint64 waitingLimit = 16 * 1024 * 1024;
+constexpr qint64 waitingLimit = qint64{16} * 1024 * 1024;
 
 // A record, or nothing: the flag alone is to be raised.
 using Delivery = std::optional<model_Protocoldata>;

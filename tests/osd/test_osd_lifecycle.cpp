@@ -689,7 +689,7 @@ TEST_F(OsdLife, AFloodBeforeAHangUpIsTakenWhole)
     for (qsizetype taken = -1; taken != 0; kept += taken) {
         taken = socket.takeBuffData(0xffff).size();
     }
-    EXPECT_EQ(kept + 3 * static_cast<int>(osdhost::size() - before), flood.size());
+    EXPECT_EQ(kept + 3 * static_cast<qsizetype>(osdhost::size() - before), flood.size());
 }
 
 TEST_F(OsdLife, WhatWasAnsweredBeforeAResetCounts)

@@ -207,7 +207,8 @@ TEST_F(CoreUdpIndependence, AFloodTakesNoFurtherThreadAndRefusedOnesLoseNothing)
         EXPECT_EQ(ThreadRefusal::refused(), refused);
     }
     EXPECT_TRUE(queued(std::size_t{rounds} * each));
-    EXPECT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2 * rounds * each; }));
+    EXPECT_TRUE(eventually(
+        [] { return hostqueue::countLog(orphanBlock) == qsizetype{2} * rounds * each; }));
     EXPECT_TRUE(eventually([] {
         return hostqueue::logLines().filter(QStringLiteral("Send successful:")).size() ==
                rounds * each;
