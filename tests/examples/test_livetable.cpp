@@ -39,7 +39,7 @@ int changes(const QImage& image, int y)
 TEST(LiveTable, ShowsRepliesAndTheirRoundTrips)
 {
     if (QStandardPaths::findExecutable("Xvfb").isEmpty()) {
-        GTEST_SKIP() << "there is no Xvfb";
+        GTEST_SKIP() << "Xvfb is missing, of the package xvfb";
     }
     const Screen screen;
     const ExampleDevice device("udp://127.0.0.1:0", "--fault drop=1");
@@ -57,7 +57,7 @@ TEST(LiveTable, ShowsRepliesAndTheirRoundTrips)
 TEST(LiveTable, SaysThatThePictureCannotBeWritten)
 {
     if (QStandardPaths::findExecutable("Xvfb").isEmpty()) {
-        GTEST_SKIP() << "there is no Xvfb";
+        GTEST_SKIP() << "Xvfb is missing, of the package xvfb";
     }
     const Screen screen;
     const ExampleDevice device("udp://127.0.0.1:0");

@@ -146,7 +146,7 @@ TEST_F(OsdWalls, WithoutDescriptorsEndpointsStayUnconnectedAndTheLogSaysSo)
 TEST_F(OsdWalls, ADarkWallClosesAtOnceAndIsDeliveredWhenTheNetworkIsBack)
 {
     if (!netns::isolated()) {
-        GTEST_SKIP() << "this system allows no network namespace";
+        GTEST_SKIP() << "the right to make a network namespace is missing";
     }
     constexpr int count = 100;
     const TcpListener listener(count);

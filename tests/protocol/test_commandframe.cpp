@@ -202,7 +202,7 @@ TEST(TextReply, NothingBehindAZeroByteIsRead)
 TEST(TextReply, BlanksAndSignsBeyondAsciiParseAlikeWithEveryQt)
 {
     if (QString::fromLocal8Bit("\xc2\xa0").size() != 1) {
-        GTEST_SKIP() << "the locale's encoding is not UTF-8";
+        GTEST_SKIP() << "a locale whose encoding is UTF-8 is missing: LC_ALL=C.UTF-8 has it";
     }
     model_Protocoldata record; // a no-break space and 7, a minus sign and 7
     EXPECT_TRUE(commandframe::decodeText("<F\xc2\xa0"

@@ -54,7 +54,7 @@ TEST(Demo, MakesRoomWhenTheReplyPortIsTaken)
     const ToolRun run({QStringLiteral("demo")});
     if (!netns::isolated() && run.code == 3) {
         EXPECT_TRUE(run.error.contains(QStringLiteral("is taken by")));
-        GTEST_SKIP() << "this system allows no network namespace";
+        GTEST_SKIP() << "the right to make a network namespace is missing";
     }
     expectAllAsSaid(run);
     EXPECT_TRUE(run.output.contains("is taken by process"));
@@ -67,7 +67,7 @@ TEST(Demo, BringsTheLoopbackInterfaceUp)
     const QStringList inside{QStringLiteral("unshare"), QStringLiteral("-rn")};
     if (QProcess::execute(inside.first(), inside.mid(1) + QStringList(QStringLiteral("true"))) !=
         0) {
-        GTEST_SKIP() << "this system allows no network namespace";
+        GTEST_SKIP() << "the right to make a network namespace is missing";
     }
     const ToolRun run({QStringLiteral("demo")}, {}, inside + QStringList(builtTool()));
     expectAllAsSaid(run);
@@ -86,7 +86,7 @@ TEST(Demo, SaysThatTheTemporaryDirectoryCannotBeUsed)
 #endif
     for (const QStringList& command : commands) {
         if (command.isEmpty()) {
-            GTEST_SKIP() << "this system allows nobody a mount of his own";
+            GTEST_SKIP() << "the right to make a mount namespace is missing";
         }
         const ToolRun run({QStringLiteral("demo")}, {}, command);
         EXPECT_EQ(run.code, 3);

@@ -262,7 +262,8 @@ TEST_F(Send, UsesThePortsOfTheDeviceType)
 TEST(SendUdp, LeavesThePortToTheDeviceType)
 {
     if (!netns::isolated()) {
-        GTEST_SKIP() << "no network namespace: port 1000 and 3005 are the machine's";
+        GTEST_SKIP() << "the right to make a network namespace is missing: port 1000 and 3005 are "
+                        "the machine's";
     }
     UdpPeer usual(QStringLiteral("127.0.0.1"), 1000);
     ASSERT_TRUE(usual.bound());
@@ -279,7 +280,8 @@ TEST(SendUdp, LeavesThePortToTheDeviceType)
 TEST(SendUdp, SaysWhenTheNetworkIsDown)
 {
     if (!netns::isolated()) {
-        GTEST_SKIP() << "no network namespace: the machine's network may be up";
+        GTEST_SKIP()
+            << "the right to make a network namespace is missing: the machine's network may be up";
     }
     for (const char* arguments :
          {"send udp://192.0.2.1 --cmd 1", "send udp://127.0.0.1 --cmd 1 --broadcast",
