@@ -3,6 +3,7 @@
 
 #include "core_manage_export.h"
 #include "hostcontract.h"
+#include "linkobserver.h"
 
 #include <QObject>
 #include <QSerialPort>
@@ -15,7 +16,7 @@
 /// does not apply to a link does nothing; an opener of another link returns false at once. Nothing
 /// is thrown and no send reports failure: what happened is in Qt's "default" log category and,
 /// where it matters later, in Utility_Manage::writeLog.
-class CORE_MANAGE_EXPORT ICoreBase : public QObject
+class CORE_MANAGE_EXPORT ICoreBase : public QObject, public ObservableLink
 {
     Q_OBJECT
 

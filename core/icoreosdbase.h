@@ -3,6 +3,7 @@
 
 #include "core_manage_export.h"
 #include "hostcontract.h"
+#include "linkobserver.h"
 
 #include <QObject>
 #include <QString>
@@ -12,7 +13,7 @@
 ///
 /// All operations belong to one thread, which needs no event loop. Nothing is thrown, and nothing
 /// reports that a connection failed or was lost: acknowledgements are missing then.
-class CORE_MANAGE_EXPORT ICoreOsdBase : public QObject
+class CORE_MANAGE_EXPORT ICoreOsdBase : public QObject, public ObservableLink
 {
     Q_OBJECT
 

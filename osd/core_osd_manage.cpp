@@ -22,6 +22,7 @@ void core_Osd_Manage::openClient(QString ip, int port)
         return;
     }
     auto* const client = new Core_Osd_TcpSocket(nullptr);
+    client->shareObservers(tap);
     client->connectSever(ip, port);
     mapClients.insert(ip, client);
 }

@@ -26,6 +26,7 @@ Core_Osd_TcpSocket::Core_Osd_TcpSocket(QObject* parent)
         }
     };
     connect(this, &Core_Osd_TcpSocket::closeSocket, this, closeIfConnected, Qt::DirectConnection);
+    connection->endpoint.tap = tap;
     connection->endpoint.setAddress({tr("127.0.0.1"), defaultPort});
     if (parent == nullptr) { // an object with a parent cannot change its thread
         moveToThread(connection.get());
@@ -37,6 +38,12 @@ Core_Osd_TcpSocket::~Core_Osd_TcpSocket()
     close();
     connection->disconnectSignals(); // a slot of closeSocket may have begun it once more
     connection->forgetOwner();
+}
+
+void Core_Osd_TcpSocket::shareObservers(std::shared_ptr<LinkTap> with)
+{
+    tap = std::move(with);
+    connection->endpoint.tap = tap;
 }
 
 void Core_Osd_TcpSocket::connectSever(QString ip, int port)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core_manage_export.h"
+#include "linkobserver.h"
 #include "model_osdparam.h"
 
 #include <QAbstractSocket>
@@ -33,7 +34,7 @@ class OsdConnection;
 ///
 /// connectSever, close and the destructor belong to one thread, the caller's. The other operations
 /// may be called from any thread, which does the work. Out of turn they do nothing.
-class CORE_MANAGE_EXPORT Core_Osd_TcpSocket : public QObject
+class CORE_MANAGE_EXPORT Core_Osd_TcpSocket : public QObject, public ObservableLink
 {
     Q_OBJECT
 
@@ -111,6 +112,9 @@ public Q_SLOTS:
     void onCloseSocket();
 
 private:
+    friend class core_Osd_Manage;
+    void shareObservers(std::shared_ptr<LinkTap> with); ///< before connectSever
+
     // workThread with all that lives there; outlives this if it must
     std::shared_ptr<OsdConnection> connection;
 };

@@ -51,6 +51,14 @@ bool hasDescriptors()
     return error != std::errc::too_many_files_open && count + descriptorsNeeded <= limit.rlim_cur;
 }
 
+// A connection that was refused has no peer.
+bool isReached(int descriptor)
+{
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    return getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0;
+}
+
 bool mayGoOn()
 {
     return errno == EAGAIN || errno == EINTR;
@@ -125,6 +133,7 @@ void OsdConnection::keep()
     endpoint.token.set(false);
     awaitThread();
     closeSocket();
+    endpoint.tellNoted();
 }
 
 // The end of the process waits for who is in here, and not for the thread.
@@ -243,6 +252,9 @@ void OsdConnection::look(bool mayWait)
     if (descriptor != state.fd || state.revents == 0) {
         return;
     }
+    if (!bConnected && isReached(descriptor)) {
+        endpoint.note(LinkEvent::Kind::Opened);
+    }
     bConnected = true; // a connection that was refused, too: the first read tells
     // Once a hang-up is there, nothing more can come than the system holds already.
     exchange((state.revents & ~(POLLIN | POLLOUT)) != 0);
@@ -274,6 +286,7 @@ void OsdConnection::closeSocket()
     std::unique_lock lock(socketLock);
     deliver(lock, hangUpWaitMs, true);
     if (bConnected) {
+        endpoint.note(LinkEvent::Kind::Closed);
         lingeringclose::begin(std::exchange(descriptor, -1));
     }
     closeDescriptor();
@@ -319,6 +332,7 @@ void OsdConnection::lose()
 {
     (void)takeAvailable(true);
     closeDescriptor();
+    endpoint.note(LinkEvent::Kind::Lost);
     lost = lost || endpoint.token.isSet();
     endpoint.token.set(false);
 }
@@ -336,8 +350,15 @@ bool OsdConnection::flush()
         const ssize_t sent =
             ::send(descriptor, frame.constData() + sentOfFrame, left, MSG_NOSIGNAL);
         if (sent < 0) {
-            return mayGoOn();
+            const bool goesOn = mayGoOn();
+            if (!goesOn) {
+                endpoint.note(LinkEvent::Kind::SendFailed, frame.constData() + sentOfFrame,
+                              static_cast<int>(left));
+            }
+            return goesOn;
         }
+        endpoint.note(LinkEvent::Kind::Sent, frame.constData() + sentOfFrame,
+                      static_cast<int>(sent));
         sentOfFrame += static_cast<int>(sent);
     }
     return true;
@@ -354,6 +375,7 @@ bool OsdConnection::takeAvailable(bool evenIfFull)
             return size < 0 && mayGoOn();
         }
         endpoint.received.append(bytes.data(), static_cast<int>(size));
+        endpoint.note(LinkEvent::Kind::Received, bytes.data(), static_cast<int>(size));
     }
     return true;
 }

@@ -25,15 +25,36 @@ OsdEndpoint::Address OsdEndpoint::address() const
     return current;
 }
 
+void OsdEndpoint::note(LinkEvent::Kind kind, const char* bytes, int size)
+{
+    if (tap->isWatched()) {
+        const Address of = address();
+        const std::lock_guard lock(noteLock);
+        noted.push_back({kind, {}, {bytes, size}, of.ip, static_cast<quint16>(of.port)});
+    }
+}
+
+void OsdEndpoint::tellNoted()
+{
+    std::vector<LinkEvent> told;
+    {
+        const std::lock_guard lock(noteLock);
+        told.swap(noted);
+    }
+    for (const LinkEvent& event : told) {
+        tap->tellOf([&event] { return event; });
+    }
+}
+
 bool OsdEndpoint::findAcknowledgement(const QByteArray& peeked)
 {
     const auto mark = peeked.indexOf(osdframe::acknowledgementMark);
-    if (mark < 0) {
-        received.discard(peeked.size());
-        return false;
+    const auto skipped = mark < 0 ? peeked.size() : mark;
+    received.discard(skipped);
+    if (skipped > 0) {
+        note(LinkEvent::Kind::Skipped, peeked.constData(), static_cast<int>(skipped));
     }
-    received.discard(mark);
-    return received.size() >= osdframe::acknowledgementLength;
+    return mark >= 0 && received.size() >= osdframe::acknowledgementLength;
 }
 
 QByteArray OsdEndpoint::parseOnce()
@@ -50,6 +71,7 @@ void OsdEndpoint::deal(const std::function<void()>& look)
     while (token.goesOn()) {
         std::this_thread::sleep_for(pollInterval);
         look();
+        tellNoted();
         if (received.size() < osdframe::acknowledgementLength) {
             inOrder = false;
             continue;
@@ -61,14 +83,20 @@ void OsdEndpoint::deal(const std::function<void()>& look)
             handOver(bytes);
         }
     }
+    tellNoted();
 }
 
 void OsdEndpoint::handOver(const QByteArray& acknowledgement)
 {
-    const auto run = [record = osdframe::acknowledgement(address().ip, acknowledgement),
-                      count = underWay] {
+    const Address from = address();
+    const auto run = [record = osdframe::acknowledgement(from.ip, acknowledgement), acknowledgement,
+                      from, observers = tap, count = underWay] {
         if (!processend::over()) {
             biz_Osd_CMDSWork::addToReceiveQueue(record);
+            observers->tellOf([&] {
+                return LinkEvent{LinkEvent::Kind::Reply,          {},      acknowledgement, from.ip,
+                                 static_cast<quint16>(from.port), nullptr, &record};
+            });
         }
         --*count;
     };

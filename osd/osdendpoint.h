@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "linktap.h"
 #include "receivebuffer.h"
 #include "runtoken.h"
 
@@ -11,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 /// What the threads of one endpoint share: its address, the bytes received from it, and the parser
 /// that cuts its acknowledgements out of them. Any thread; only deal blocks.
@@ -38,15 +40,22 @@ public:
     /// system refuses that. While 32 such threads are in the host it takes nothing. When all have
     /// returned, what has waited follows one by one and in order.
     ///
-    /// \a look is called before each pass, to fill the buffer.
+    /// \a look is called before each pass, to fill the buffer; then what has been noted is told.
     void deal(const std::function<void()>& look);
 
+    /// Keeps an event, if somebody watches, until tellNoted tells of it: events happen under locks.
+    void note(LinkEvent::Kind kind, const char* bytes = nullptr, int size = 0);
+    void tellNoted();
+
+    std::shared_ptr<LinkTap> tap = std::make_shared<LinkTap>(); ///< replaced before begin, if ever
     RunToken token{true}; ///< stops the parser and the connection; runs while either does
     ReceiveBuffer received;
 
 private:
     void handOver(const QByteArray& acknowledgement);
 
+    std::mutex noteLock; // a leaf
+    std::vector<LinkEvent> noted;
     mutable std::mutex addressLock; // a leaf
     Address current;
     std::mutex passLock; // one parser's pass at a time; the buffer's lock goes below it

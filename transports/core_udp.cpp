@@ -7,6 +7,7 @@
 #include "debugline.h"
 #include "devicetypes.h"
 #include "fixedlocalport.h"
+#include "linktap.h"
 #include "replykinds.h"
 #include "replyqueue.h"
 #include "udplink.h"
@@ -73,9 +74,31 @@ model_Protocoldata undecodable(const char* reason)
     return record;
 }
 
+// The record of a datagram; \a refusal becomes the check that it fails as a reply.
+model_Protocoldata decoded(const QByteArray& datagram, LinkEvent::Check& refusal)
+{
+    if (datagram.size() != commandframe::textLength) {
+        refusal = LinkEvent::Check::Length;
+        return undecodable("datagram.size()!=19 return");
+    }
+    if (datagram.at(0) != commandframe::startMark || datagram.at(1) != commandframe::replyMark) {
+        refusal = LinkEvent::Check::Marks;
+        return undecodable("no '<' 'F' ");
+    }
+    model_Protocoldata record;
+    if (!commandframe::decodeText(datagram, record)) {
+        refusal = LinkEvent::Check::Checksum;
+        constexpr char failure[] = "CHKSUM Wrong return";
+        qCDebug(debugLine) << failure;
+        Utility_Manage::writeLog(QLatin1String(failure));
+        clearBody(record);
+    }
+    return record;
+}
+
 } // namespace
 
-core_UDP::core_UDP() : link(std::make_shared<UdpLink>()), cmdsWork(replyqueue::makeWork())
+core_UDP::core_UDP() : link(std::make_shared<UdpLink>(tap)), cmdsWork(replyqueue::makeWork())
 {
     // Queued: a send may come from any thread, and what a slot does is not the sender's to wait
     // for.
@@ -269,19 +292,21 @@ bool core_UDP::readNext()
 {
     QByteArray datagram;
     QHostAddress address;
-    if (!link->read(datagram, address)) {
+    if (!link->read(datagram, address, lastPort)) {
         return false;
     }
     const QString sender = senderText(address);
+    tap->tell(LinkEvent::Kind::Received, datagram, sender, lastPort);
     lastDatagram = datagram;
     qCDebug(debugLine) << textWithBytes("Recv data:", datagram);
     qCDebug(debugLine) << QString(QLatin1String("host ip:") + sender);
-    model_Protocoldata record = getArrayData(datagram);
+    LinkEvent::Check refusal = LinkEvent::Check::None;
+    model_Protocoldata record = decoded(datagram, refusal);
     record.strKey = sender;
     record.strKey2 = sender;
     record.bKeyFlag = 0;
     record.featureCode = deviceType.load(std::memory_order_relaxed);
-    route(record, datagram);
+    route(record, datagram, refusal);
     return true;
 }
 
@@ -294,7 +319,8 @@ QString core_UDP::senderText(const QHostAddress& sender)
     return lastSenderText;
 }
 
-void core_UDP::route(const model_Protocoldata& record, const QByteArray& datagram)
+void core_UDP::route(const model_Protocoldata& record, const QByteArray& datagram,
+                     LinkEvent::Check refusal)
 {
     using replykinds::Block;
     Block block = replykinds::kindOf(record).onUdp;
@@ -304,21 +330,33 @@ void core_UDP::route(const model_Protocoldata& record, const QByteArray& datagra
     if (block == Block::Immediate) {
         addToReceivedQueue(record);
     } else if (block != Block::None) {
-        const std::lock_guard lock(stdCMDlock);
-        stdCMD = datagram;
+        await(datagram);
     } else if (record.ADDR == 0 && record.CMD == 0 && record.CHKSUM == 0) {
-        join(record, datagram);
+        join(record, datagram, refusal);
     } else {
-        replyqueue::post(record);
+        replyqueue::post(record, *tap);
+    }
+}
+
+void core_UDP::await(const QByteArray& reply)
+{
+    QByteArray unanswered = reply;
+    {
+        const std::lock_guard lock(stdCMDlock);
+        stdCMD.swap(unanswered);
+    }
+    if (!unanswered.isEmpty()) {
+        tap->refuse(LinkEvent::Check::BlockMissing, unanswered, nullptr, lastSenderText, lastPort);
     }
 }
 
 // Taken at once: the host's message handler may have the next datagrams read and a reply stored.
-void core_UDP::join(const model_Protocoldata& stamps, const QByteArray& block)
+void core_UDP::join(const model_Protocoldata& stamps, const QByteArray& block,
+                    LinkEvent::Check refusal)
 {
     model_Protocoldata record;
     const QByteArray reply = std::exchange(stdCMD, QByteArray());
-    if (const char* failure = joined(block, reply, record)) {
+    if (const char* failure = joined(block, reply, record, refusal)) {
         replyqueue::raiseRetFlag();
         UdpLink::reportFailure(failure);
         return;
@@ -327,17 +365,26 @@ void core_UDP::join(const model_Protocoldata& stamps, const QByteArray& block)
     record.strKey2 = stamps.strKey2;
     record.bKeyFlag = stamps.bKeyFlag;
     record.featureCode = stamps.featureCode;
-    replyqueue::post(std::move(record));
+    replyqueue::post(std::move(record), *tap);
 }
 
 const char* core_UDP::joined(const QByteArray& received, const QByteArray& reply,
-                             model_Protocoldata& record)
+                             model_Protocoldata& record, LinkEvent::Check refusal)
 {
+    using Outcome = blockjoin::Outcome;
     if (received.isEmpty() || reply.isEmpty()) {
+        tap->refuse(refusal, received, nullptr, lastSenderText, lastPort);
         return "arrayreceived.isEmpty()||stdCMDIn.isEmpty()";
     }
     blockjoin::Result result = blockjoin::join(getArrayData(reply), received);
-    if (result.outcome == blockjoin::Outcome::ZeroLength) {
+    if (result.outcome != Outcome::Joined) {
+        if (refusal != LinkEvent::Check::Checksum) {
+            refusal = result.outcome == Outcome::ZeroLength ? LinkEvent::Check::NoBlock
+                                                            : LinkEvent::Check::BlockLength;
+        }
+        tap->refuse(refusal, received, &result.record, lastSenderText, lastPort);
+    }
+    if (result.outcome == Outcome::ZeroLength) {
         qCDebug(debugLine) << "arraylen=!arrayreceived.length()";
     } else if (result.announced) {
         qCDebug(debugLine) << "dataLeng = " << result.length << result.record.arryDatablock.size();
@@ -349,7 +396,7 @@ const char* core_UDP::joined(const QByteArray& received, const QByteArray& reply
 void core_UDP::combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray stdCMDIn)
 {
     model_Protocoldata record;
-    if (const char* failure = joined(arrayreceived, stdCMDIn, record)) {
+    if (const char* failure = joined(arrayreceived, stdCMDIn, record, LinkEvent::Check::Length)) {
         replyqueue::setRetFlag(true);
         qCDebug(debugLine) << failure;
         Utility_Manage::writeLog(QLatin1String(failure));
@@ -360,7 +407,7 @@ void core_UDP::combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray st
 
 void core_UDP::addToReceivedQueue(model_Protocoldata record)
 {
-    replyqueue::append(std::move(record));
+    replyqueue::append(std::move(record), *tap);
 }
 
 void core_UDP::setRetFlagStatus(bool on)
@@ -380,20 +427,8 @@ QByteArray core_UDP::changeData(QByteArray bytes)
 
 model_Protocoldata core_UDP::getArrayData(QByteArray datagram)
 {
-    if (datagram.size() != commandframe::textLength) {
-        return undecodable("datagram.size()!=19 return");
-    }
-    if (datagram.at(0) != commandframe::startMark || datagram.at(1) != commandframe::replyMark) {
-        return undecodable("no '<' 'F' ");
-    }
-    model_Protocoldata record;
-    if (!commandframe::decodeText(datagram, record)) {
-        constexpr char failure[] = "CHKSUM Wrong return";
-        qCDebug(debugLine) << failure;
-        Utility_Manage::writeLog(QLatin1String(failure));
-        clearBody(record);
-    }
-    return record;
+    LinkEvent::Check refusal = LinkEvent::Check::None;
+    return decoded(datagram, refusal);
 }
 
 qint16 core_UDP::combineTwoByte(unsigned char first, unsigned char second)

@@ -129,10 +129,12 @@ private:
     void onReadable();
     bool readNext();
     QString senderText(const QHostAddress& sender);
-    void route(const model_Protocoldata& record, const QByteArray& datagram);
-    void join(const model_Protocoldata& stamps, const QByteArray& block);
+    void route(const model_Protocoldata& record, const QByteArray& datagram,
+               LinkEvent::Check refusal);
+    void await(const QByteArray& reply);
+    void join(const model_Protocoldata& stamps, const QByteArray& block, LinkEvent::Check refusal);
     const char* joined(const QByteArray& received, const QByteArray& reply,
-                       model_Protocoldata& record);
+                       model_Protocoldata& record, LinkEvent::Check refusal);
     void forgetReceived();
 
     QByteArray lastDatagram;
@@ -145,4 +147,5 @@ private:
 
     QHostAddress lastSender; // what lastSenderText was made from
     QString lastSenderText;
+    quint16 lastPort = 0;
 };

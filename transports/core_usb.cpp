@@ -4,6 +4,7 @@
 #include "callerrecord.h"
 #include "commandframe.h"
 #include "hidhandle.h"
+#include "linktap.h"
 #include "sendreport.h"
 #include "textreplyformat.h"
 
@@ -45,12 +46,16 @@ constexpr std::array<const char*, 7> updateCodes{"9aa0", "9aa2", "9aa4", "9aa6",
                                                  "9aa8", "9aaa", "9aac"};
 
 // Writes a frame whose first report takes up to firstLength bytes of it and each other up to 64.
-void writeReports(HidHandle& device, const QByteArray& frame, int firstLength, bool logsSuccess)
+void writeReports(HidHandle& device, const LinkTap& tap, const QByteArray& frame, int firstLength,
+                  bool logsSuccess)
 {
     QByteArray::size_type length = firstLength;
     for (QByteArray::size_type start = 0; start < frame.size();
          start += length, length = reportData) {
-        if (!device.write(frame.mid(start, length))) {
+        const QByteArray data = frame.mid(start, length);
+        const bool isSent = device.write(data);
+        tap.tell(isSent ? LinkTap::Kind::Sent : LinkTap::Kind::SendFailed, data);
+        if (!isSent) {
             reportSend(false, sendFailedLine, QString());
             return;
         }
@@ -73,8 +78,24 @@ Core_USB::~Core_USB()
 
 bool Core_USB::openUSB(unsigned short vendorId, unsigned short productId)
 {
-    const std::lock_guard lock(lifecycleLock);
-    closeDevice();
+    bool isClosed = false;
+    bool isOpen = false;
+    {
+        const std::lock_guard lock(lifecycleLock);
+        isClosed = closeDevice();
+        isOpen = openDevice(vendorId, productId);
+    }
+    if (isClosed) {
+        tap->tell(LinkTap::Kind::Closed);
+    }
+    if (isOpen) {
+        tap->tell(LinkTap::Kind::Opened);
+    }
+    return isOpen;
+}
+
+bool Core_USB::openDevice(unsigned short vendorId, unsigned short productId)
+{
     const auto opened = HidHandle::open(vendorId, productId);
     if (opened == nullptr) {
         return false;
@@ -86,7 +107,8 @@ bool Core_USB::openUSB(unsigned short vendorId, unsigned short productId)
     if (!startParsing()) {
         return false;
     }
-    if (!opened->token.start([opened, to = stream()] { opened->readAll(to->received); })) {
+    if (!opened->token.start(
+            [opened, to = stream()] { opened->readAll(to->received, *to->tap); })) {
         stopParsing(closePause, Counts::AllTime);
         return false;
     }
@@ -96,29 +118,36 @@ bool Core_USB::openUSB(unsigned short vendorId, unsigned short productId)
 
 void Core_USB::closeUSB()
 {
-    const std::lock_guard lock(lifecycleLock);
-    closeDevice();
+    bool isClosed = false;
+    {
+        const std::lock_guard lock(lifecycleLock);
+        isClosed = closeDevice();
+    }
+    if (isClosed) {
+        tap->tell(LinkTap::Kind::Closed);
+    }
 }
 
 // Also pauses while nothing is open: the device may need the time between two opens.
-void Core_USB::closeDevice()
+bool Core_USB::closeDevice()
 {
     const auto closed = std::atomic_exchange(&hidDev, {});
     if (closed == nullptr) {
         std::this_thread::sleep_for(closePause);
-        return;
+        return false;
     }
     closed->close();
     const auto end = std::chrono::steady_clock::now() + closePause;
     stopParsing(closePause, Counts::AllTime);
     std::this_thread::sleep_until(end);
     stream()->received.clear();
+    return true;
 }
 
 void Core_USB::td_readPendingDatagrams()
 {
     if (const auto open = std::atomic_load(&hidDev)) {
-        open->readAll(stream()->received);
+        open->readAll(stream()->received, *tap);
     }
 }
 
@@ -156,7 +185,7 @@ bool Core_USB::writeFrame(const QByteArray& frame)
 void Core_USB::sendUSBData(QByteArray data)
 {
     if (const auto open = std::atomic_load(&hidDev)) {
-        writeReports(*open, data, reportData, true);
+        writeReports(*open, *tap, data, reportData, true);
     }
 }
 
@@ -164,6 +193,6 @@ void Core_USB::sendUSBData_Update_Norvix(QByteArray data)
 {
     if (const auto open = std::atomic_load(&hidDev)) {
         const bool isSplit = data.size() >= reportData;
-        writeReports(*open, data, isSplit ? commandframe::textLength : reportData, false);
+        writeReports(*open, *tap, data, isSplit ? commandframe::textLength : reportData, false);
     }
 }

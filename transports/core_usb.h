@@ -80,7 +80,8 @@ public Q_SLOTS:
 
 private:
     bool writeFrame(const QByteArray& frame) override;
-    void closeDevice();
+    bool openDevice(unsigned short vendorId, unsigned short productId);
+    bool closeDevice(); ///< whether one was open
 
     std::mutex lifecycleLock;              // openUSB, closeUSB
     std::shared_ptr<HidHandle> hidDev;     // null while closed; by std::atomic_load and its like

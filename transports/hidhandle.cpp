@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "hidhandle.h"
 
+#include "linktap.h"
 #include "receivebuffer.h"
 
 #include <hidapi.h>
@@ -57,28 +58,37 @@ HidHandle::HidHandle(Handle forReads, Handle forWrites)
 {
 }
 
-void HidHandle::readAll(ReceiveBuffer& buffer)
+void HidHandle::readAll(ReceiveBuffer& buffer, const LinkTap& tap)
 {
-    token.run([this, &buffer] {
+    token.run([this, &buffer, &tap] {
         while (token.goesOn()) {
             std::this_thread::sleep_for(pauseBeforeRead);
             if (!buffer.isFull()) {
-                readInto(buffer);
+                readInto(buffer, tap);
             }
         }
     });
 }
 
-bool HidHandle::readInto(ReceiveBuffer& buffer)
+bool HidHandle::readInto(ReceiveBuffer& buffer, const LinkTap& tap)
 {
     std::array<unsigned char, readLength> report{};
-    const std::lock_guard lock(devLock);
-    if (!token.isSet()) {
-        return false;
+    const auto* const bytes = reinterpret_cast<const char*>(report.data());
+    int count = 0;
+    {
+        const std::lock_guard lock(devLock);
+        if (!token.isSet()) {
+            return false;
+        }
+        count = hid_read_timeout(reader.get(), report.data(), report.size(), readTimeoutMs);
+        if (count > 0) {
+            buffer.append(bytes, count);
+        }
     }
-    const int count = hid_read_timeout(reader.get(), report.data(), report.size(), readTimeoutMs);
     if (count > 0) {
-        buffer.append(reinterpret_cast<const char*>(report.data()), count);
+        tap.tell(LinkTap::Kind::Received, bytes, count);
+    } else if (count == failure && !isLost.exchange(true)) {
+        tap.tell(LinkTap::Kind::Lost);
     }
     return true;
 }

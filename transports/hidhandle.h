@@ -5,9 +5,11 @@
 
 #include <QByteArray>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
+class LinkTap;
 class ReceiveBuffer;
 struct hid_device_;
 
@@ -29,12 +31,13 @@ public:
     static std::shared_ptr<HidHandle> open(unsigned short vendorId, unsigned short productId);
 
     /// The reader's loop, until close: a pause of 100 ms and a read. While the buffer is full
-    /// nothing is read: what comes is the kernel's to keep or to drop.
-    void readAll(ReceiveBuffer& buffer);
+    /// nothing is read: what comes is the kernel's to keep or to drop. \a tap is told of the
+    /// reports and, once, of a device that is gone.
+    void readAll(ReceiveBuffer& buffer, const LinkTap& tap);
 
-    /// Waits up to 100 ms for one input report, of 1024 bytes at most, and appends it to \a buffer
-    /// as it came. A failure is as no report. False if it is closed.
-    bool readInto(ReceiveBuffer& buffer);
+    /// Waits up to 100 ms for one input report, of 1024 bytes at most, appends it to \a buffer as
+    /// it came, and tells \a tap. A failure is as no report. False if it is closed.
+    bool readInto(ReceiveBuffer& buffer, const LinkTap& tap);
 
     /// Writes one output report, filled with zeros behind \a data (64 bytes at most), and waits
     /// until the kernel has taken it. False if that fails or it is closed.
@@ -56,6 +59,7 @@ private:
     // Lock order: devLock, writeLock.
     std::mutex devLock;
     std::mutex writeLock;
-    Handle reader; // under devLock
-    Handle writer; // under writeLock
+    std::atomic<bool> isLost{false}; // a read has failed
+    Handle reader;                   // under devLock
+    Handle writer;                   // under writeLock
 };

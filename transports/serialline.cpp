@@ -2,6 +2,7 @@
 #include "serialline.h"
 
 #include "debugline.h"
+#include "linktap.h"
 #include "replystream.h"
 #include "sendreport.h"
 
@@ -93,7 +94,7 @@ void SerialLine::shut()
 }
 
 // A closed port is not closed again: that would make it report an error.
-void SerialLine::closePort()
+void SerialLine::closePort(LinkEvent::Kind told)
 {
     if (serialPort.isOpen()) {
         finishWriting();
@@ -105,6 +106,7 @@ void SerialLine::closePort()
             closeLine(serialPort.handle()); // before the port restores the settings
         }
         serialPort.close();
+        tap->tell(told);
     }
 }
 
@@ -133,6 +135,7 @@ bool SerialLine::openSerialPort(QString portName, QSerialPort::BaudRate baudRate
         closePort();
         return false;
     }
+    tap->tell(LinkEvent::Kind::Opened);
     return true;
 }
 
@@ -155,6 +158,7 @@ void SerialLine::sendComData(QByteArray data)
         return;
     }
     if (unwritten > ReceiveBuffer::limit) {
+        tap->tell(LinkEvent::Kind::SendFailed, data);
         reportSend(false, sendFailedLine, QString());
         return;
     }
@@ -176,6 +180,9 @@ void SerialLine::write()
         }
         const bool failed = size < 0 && errno != EAGAIN;
         const qint64 taken = qMax(qint64{0}, qint64{size});
+        if (taken > 0) {
+            tap->tell(LinkEvent::Kind::Sent, rest, taken);
+        }
         written += taken;
         unwritten -= taken;
         if (taken < left && !failed) {
@@ -192,6 +199,9 @@ void SerialLine::endFrame(bool sent)
     pending.pop_front();
     unwritten -= frame.size() - written;
     written = 0;
+    if (!sent) {
+        tap->tell(LinkEvent::Kind::SendFailed, frame);
+    }
     // Last: the log may send or close.
     reportSend(sent, sent ? sentLine : sendFailedLine, textWithBytes("", frame));
 }
@@ -243,7 +253,7 @@ void SerialLine::closeLost(QSerialPort::SerialPortError error)
     const bool isLost = error == QSerialPort::ResourceError ||
                         (error == QSerialPort::ReadError && hasHungUp(serialPort.handle()));
     if (isLost) {
-        closePort(); // the parser runs on: the next open stops it
+        closePort(LinkEvent::Kind::Lost); // the parser runs on: the next open stops it
     }
 }
 
@@ -256,6 +266,7 @@ void SerialLine::receive()
             return;
         }
         const QByteArray chunk = serialPort.readAll();
+        tap->tell(LinkEvent::Kind::Received, chunk);
         if (bBaseFlag) {
             showChunk(chunk);
             appendBuffData(chunk);

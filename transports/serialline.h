@@ -78,8 +78,9 @@ private:
     virtual void showChunk(const QByteArray& chunk); ///< before it is buffered
     bool writeFrame(const QByteArray& frame) override;
 
-    void shut();              ///< stops the parser, closes the port, empties the receive buffer
-    void closePort();         ///< finishes writing first
+    void shut(); ///< stops the parser, closes the port, empties the receive buffer
+    /// Finishes writing first.
+    void closePort(LinkEvent::Kind told = LinkEvent::Kind::Closed);
     void finishWriting();     ///< waits for the line as long as it takes anything
     void write();             ///< as much of the pending frames as the system takes
     void endFrame(bool sent); ///< the first pending frame has left, or never will

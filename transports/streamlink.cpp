@@ -16,7 +16,8 @@ constexpr std::chrono::milliseconds endPoll{5};
 } // namespace
 
 StreamLink::StreamLink(const ReplyFormat& replies)
-    : ReplyStreamParser(replies, std::make_shared<ReplyStream>()), cmdsWork(replyqueue::makeWork())
+    : ReplyStreamParser(replies, std::make_shared<ReplyStream>(tap)),
+      cmdsWork(replyqueue::makeWork())
 {
 }
 

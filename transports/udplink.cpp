@@ -56,6 +56,8 @@ bool hasThreads()
 
 } // namespace
 
+UdpLink::UdpLink(std::shared_ptr<const LinkTap> watched) : tap(std::move(watched)) {}
+
 bool UdpLink::open()
 {
     return hasThreads() && udpSocket.open(*localPort);
@@ -70,6 +72,7 @@ void UdpLink::rebuild(quint16 newLocalPort, int devicePort)
         localPort = newLocalPort;
         (void)open();
     }
+    tap->tell(LinkEvent::Kind::Reinitialised);
     if (!hasThreads()) {
         Utility_Manage::writeLog(QStringLiteral("UDP: the system refuses a thread, link closed"));
     }
@@ -77,9 +80,12 @@ void UdpLink::rebuild(quint16 newLocalPort, int devicePort)
 
 void UdpLink::close()
 {
-    const std::lock_guard guard(lock);
-    localPort.reset();
-    udpSocket.close();
+    {
+        const std::lock_guard guard(lock);
+        localPort.reset();
+        udpSocket.close();
+    }
+    tap->tell(LinkEvent::Kind::Closed);
 }
 
 void UdpLink::setDeviceIP(const QString& ip)
@@ -112,8 +118,14 @@ qint64 UdpLink::write(const char* data, qint64 size, const Destination& to)
         written = udpSocket.write(data, size, to.address, to.port);
     }
     if (isOpened) {
+        tap->tell(LinkEvent::Kind::Opened);
         Q_EMIT opened();
     }
+    tap->tellOf([&] {
+        const auto kind = written == size ? LinkEvent::Kind::Sent : LinkEvent::Kind::SendFailed;
+        return LinkEvent{
+            kind, {}, QByteArray(data, static_cast<int>(size)), to.address.toString(), to.port};
+    });
     return written;
 }
 

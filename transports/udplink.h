@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "linktap.h"
 #include "udpsocket.h"
 
 #include <QByteArray>
@@ -25,6 +26,9 @@ class UdpLink : public QObject, public std::enable_shared_from_this<UdpLink>
     Q_OBJECT
 
 public:
+    /// \a watched is told of what is sent and of the state of the socket.
+    explicit UdpLink(std::shared_ptr<const LinkTap> watched);
+
     /// Closes the socket, if any, opens one on \a localPort and sets the device port. Sends wait
     /// for that, also between two datagrams of a frame. Without a descriptor, or a thread for what
     /// the host may keep waiting, the next send tries again; a refused thread is noted in the log.
@@ -36,9 +40,9 @@ public:
 
     /// UdpSocket::readable and UdpSocket::read. Reading thread.
     int readable() const { return udpSocket.readable(); }
-    bool read(QByteArray& datagram, QHostAddress& sender)
+    bool read(QByteArray& datagram, QHostAddress& sender, quint16& port)
     {
-        return udpSocket.read(datagram, sender);
+        return udpSocket.read(datagram, sender, port);
     }
 
     void setDeviceIP(const QString& ip);
@@ -78,6 +82,7 @@ private:
     SendOutcome send(const QByteArray& frame, const Destination& to);
     qint64 write(const char* data, qint64 size, const Destination& to);
 
+    const std::shared_ptr<const LinkTap> tap;
     mutable std::mutex lock; // everything below; held while a datagram is sent, which never blocks
     Destination device;
     UdpSocket udpSocket;

@@ -72,6 +72,14 @@ unsigned scopeOf(const sockaddr_storage& address)
     return in6.sin6_family == AF_INET6 ? in6.sin6_scope_id : 0;
 }
 
+// In the same place for IPv4 and IPv6.
+quint16 portOf(const sockaddr_storage& address)
+{
+    sockaddr_in6 in6{};
+    std::memcpy(&in6, &address, sizeof in6);
+    return ntohs(in6.sin6_port);
+}
+
 void setOption(int descriptor, int level, int option, int value)
 {
     setsockopt(descriptor, level, option, &value, sizeof value);
@@ -125,7 +133,7 @@ qint64 UdpSocket::write(const char* data, qint64 size, const QHostAddress& addre
     return written;
 }
 
-bool UdpSocket::read(QByteArray& datagram, QHostAddress& sender)
+bool UdpSocket::read(QByteArray& datagram, QHostAddress& sender, quint16& port)
 {
     const int source = readable();
     if (source < 0) {
@@ -144,6 +152,7 @@ bool UdpSocket::read(QByteArray& datagram, QHostAddress& sender)
     }
     datagram = QByteArray(readBuffer.data(), static_cast<int>(size));
     sender.setAddress(reinterpret_cast<const sockaddr*>(&from));
+    port = portOf(from);
     if (const unsigned scope = scopeOf(from)) {
         sender.setScopeId(QNetworkInterface::interfaceNameFromIndex(static_cast<int>(scope)));
     }

@@ -29,8 +29,8 @@ public:
     /// Sends one datagram. Returns its size, or -1 if it was not sent, always while closed.
     qint64 write(const char* data, qint64 size, const QHostAddress& address, quint16 port);
 
-    /// Reads one datagram and its sender. False if there is none.
-    bool read(QByteArray& datagram, QHostAddress& sender);
+    /// Reads one datagram, its sender's address and port. False if there is none.
+    bool read(QByteArray& datagram, QHostAddress& sender, quint16& port);
 
 private:
     bool openFamily(int family, quint16 localPort);

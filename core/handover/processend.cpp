@@ -2,6 +2,7 @@
 #include "processend.h"
 
 #include "debugline.h"
+#include "linktap.h"
 
 #include <atomic>
 #include <chrono>
@@ -34,6 +35,7 @@ public:
         ending = true;
         waitForThreads();
         ended = true;
+        LinkTap::silence();
         waitForThreads();
     }
     Watch(const Watch&) = delete;

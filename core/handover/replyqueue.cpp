@@ -3,6 +3,7 @@
 
 #include "handoverthread.h"
 #include "hostcontract.h"
+#include "linktap.h"
 #include "processend.h"
 
 #include <algorithm>
@@ -121,24 +122,30 @@ HandOverThread<std::shared_ptr<biz_CMDSWork>>& clears()
     return *instance;
 }
 
-} // namespace
-
-bool replyqueue::start()
+// The host may take the record as soon as it has been handed on: observers get a copy.
+template <class HandOn>
+void tellBehind(model_Protocoldata&& record, const LinkTap& tap, HandOn&& handOn)
 {
-    return deliveries().start() && clears().start();
+    const auto told = tap.isWatched() ? std::optional(record) : std::nullopt;
+    handOn(std::move(record));
+    if (told) {
+        tap.tellOf([&told] {
+            return LinkEvent{LinkEvent::Kind::Reply, {}, {}, told->strKey2, 0, &*told};
+        });
+    }
 }
 
-void replyqueue::append(model_Protocoldata record)
+void appendAndRaise(model_Protocoldata&& record)
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
     if (processend::over()) {
         return;
     }
     biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
-    setRetFlag(true);
+    replyqueue::setRetFlag(true);
 }
 
-void replyqueue::post(model_Protocoldata record)
+void appendOrPut(model_Protocoldata&& record)
 {
     const auto append = [&record] {
         biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
@@ -148,6 +155,23 @@ void replyqueue::post(model_Protocoldata record)
     }
     waitingBytes += weight(record);
     deliveries().put(std::move(record));
+}
+
+} // namespace
+
+bool replyqueue::start()
+{
+    return deliveries().start() && clears().start();
+}
+
+void replyqueue::append(model_Protocoldata record, const LinkTap& tap)
+{
+    tellBehind(std::move(record), tap, appendAndRaise);
+}
+
+void replyqueue::post(model_Protocoldata record, const LinkTap& tap)
+{
+    tellBehind(std::move(record), tap, appendOrPut);
 }
 
 bool replyqueue::isFull()

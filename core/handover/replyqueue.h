@@ -5,6 +5,7 @@
 
 #include <memory>
 
+class LinkTap;
 class biz_CMDSWork;
 
 /// The one way from the links to the business layer: its reply queue and its reply flag. Records,
@@ -18,12 +19,13 @@ namespace replyqueue
 /// link calls it before it opens: false if the system refuses a thread, and the link stays closed.
 [[nodiscard]] bool start();
 
-/// Appends one record and raises the flag, on the calling thread. Waits for the host's locks.
-void append(model_Protocoldata record);
+/// Appends one record and raises the flag, on the calling thread. Waits for the host's locks. What
+/// watches the link is told behind that.
+void append(model_Protocoldata record, const LinkTap& tap);
 
 /// Appends one record and raises the flag without waiting: at once if both locks are free, else, in
-/// order, on the thread that start has started.
-void post(model_Protocoldata record);
+/// order, on the thread that start has started. What watches the link is told behind that.
+void post(model_Protocoldata record, const LinkTap& tap);
 
 /// Whether the records that wait for the host's locks have reached their bound, 16 MiB: then a link
 /// is to leave further replies where they are.

@@ -13,7 +13,7 @@ void handOn(const ReplyStream& stream, model_Protocoldata record, const QByteArr
     stream.stamp(record, originMark);
     record.strKey2 = stream.originName();
     record.arryDatablock = block;
-    replyqueue::append(std::move(record));
+    replyqueue::append(std::move(record), *stream.tap);
 }
 
 } // namespace
@@ -36,13 +36,14 @@ bool BinaryReplyFormat::checkCMD(ReplyStream& stream, const QByteArray& data) co
     }
     model_Protocoldata record;
     if (!decode(data.left(headLength), record)) {
-        stream.received.discard(1);
+        stream.tap->refuse(LinkEvent::Check::Checksum, data.left(headLength));
+        stream.skip(1);
         return false;
     }
     stream.received.discard(headLength);
     QByteArray block;
-    if (!stream.takeBlock(record.aux6, block)) {
-        replyqueue::append(std::move(record));
+    if (!stream.takeBlock(record, record.aux6, block)) {
+        replyqueue::append(std::move(record), *stream.tap);
         return false;
     }
     block.chop(1);

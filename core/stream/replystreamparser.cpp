@@ -50,7 +50,7 @@ void ReplyStreamParser::pass()
     if (format.isReply(head)) {
         checkCMD(head);
     } else {
-        takeBuffData(1);
+        stream()->skip(1);
     }
 }
 
@@ -101,7 +101,7 @@ bool ReplyStreamParser::getArrayData(QByteArray frame, model_Protocoldata* recor
 
 void ReplyStreamParser::addToReceivedQueue(model_Protocoldata record)
 {
-    replyqueue::append(std::move(record));
+    replyqueue::append(std::move(record), *stream()->tap);
 }
 
 void ReplyStreamParser::setRetFlagStatus(bool on)

@@ -17,7 +17,7 @@ bool TextReplyFormat::isFindStdCmdPreFlag(ReplyStream& stream, const QByteArray&
     if (marks.back() == commandframe::replyMark) {
         return true;
     }
-    stream.received.discard(1);
+    stream.skip(1);
     return false;
 }
 
@@ -36,7 +36,8 @@ bool TextReplyFormat::checkCMD(ReplyStream& stream, const QByteArray& data) cons
     const QByteArray frame = data.left(headLength);
     model_Protocoldata record;
     if (!decode(frame, record)) {
-        stream.received.discard(1);
+        stream.tap->refuse(LinkEvent::Check::Checksum, frame);
+        stream.skip(1);
         return false;
     }
     stream.received.discard(headLength);
@@ -46,13 +47,13 @@ bool TextReplyFormat::checkCMD(ReplyStream& stream, const QByteArray& data) cons
         qCDebug(debugLine) << shown();
         stream.stamp(record, values.mark);
         record.strKey2 = originOf(stream);
-        replyqueue::post(std::move(record));
+        replyqueue::post(std::move(record), *stream.tap);
         return true;
     }
     if (kind.onStream == Block::Immediate) {
         stream.stamp(record, values.immediateMark);
         record.strKey2 = originOf(stream);
-        replyqueue::append(std::move(record));
+        replyqueue::append(std::move(record), *stream.tap);
         return true;
     }
     const auto [length, failure] = blockOf(record, kind);
@@ -82,14 +83,16 @@ TextReplyFormat::Block TextReplyFormat::blockOf(const model_Protocoldata& record
 bool TextReplyFormat::checkBlock(ReplyStream& stream, model_Protocoldata record,
                                  quint16 length) const
 {
-    if (!stream.takeBlock(length, record.arryDatablock)) {
+    QByteArray block;
+    if (!stream.takeBlock(record, length, block)) {
         return false;
     }
+    record.arryDatablock = std::move(block);
     stream.stamp(record, values.mark);
     if (values.namesBlockReplies) {
         record.strKey2 = originOf(stream);
     }
-    replyqueue::append(std::move(record));
+    replyqueue::append(std::move(record), *stream.tap);
     return true;
 }
 

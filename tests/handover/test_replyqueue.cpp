@@ -2,6 +2,7 @@
 #include "biz_cmdswork.h"
 #include "eventually.h"
 #include "hostqueue.h"
+#include "linktap.h"
 #include "processstate.h"
 #include "recordequality.h"
 #include "replyqueue.h"
@@ -19,6 +20,16 @@ model_Protocoldata numbered(int number)
     model_Protocoldata record;
     record.aux7 = number;
     return record;
+}
+
+void append(const model_Protocoldata& record)
+{
+    replyqueue::append(record, LinkTap());
+}
+
+void post(const model_Protocoldata& record)
+{
+    replyqueue::post(record, LinkTap());
 }
 
 bool inOrder(int count)
@@ -88,11 +99,11 @@ TEST(ReplyQueue, EveryMemberIsKept)
 {
     hostqueue::clear();
     const model_Protocoldata record = filled();
-    replyqueue::append(record);
-    replyqueue::post(record);
+    append(record);
+    post(record);
     {
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-        replyqueue::post(record); // comes on a thread
+        post(record); // comes on a thread
     }
     ASSERT_TRUE(eventually([] { return hostqueue::size() == 3; }));
     for (const model_Protocoldata& queued : hostqueue::records()) {
@@ -104,19 +115,19 @@ TEST(ReplyQueue, EveryMemberIsKept)
 // Who sees the flag finds the record: the queue's lock is kept until the flag is up.
 TEST(ReplyQueue, AppendingRaisesTheFlagUnderTheQueuesLock)
 {
-    expectFlagUnderQueueLock([] { replyqueue::append(numbered(0)); });
+    expectFlagUnderQueueLock([] { append(numbered(0)); });
 }
 
 TEST(ReplyQueue, PostingRaisesTheFlagUnderTheQueuesLock)
 {
-    expectFlagUnderQueueLock([] { replyqueue::post(numbered(0)); });
+    expectFlagUnderQueueLock([] { post(numbered(0)); });
 }
 
 TEST(ReplyQueue, PostIsThereAtOnceWhenTheHostHoldsNothing)
 {
     hostqueue::clear();
     for (int i = 0; i < 1000; ++i) {
-        replyqueue::post(numbered(i));
+        post(numbered(i));
         ASSERT_EQ(hostqueue::size(), static_cast<std::size_t>(i) + 1);
     }
     EXPECT_TRUE(inOrder(1000));
@@ -133,7 +144,7 @@ TEST(ReplyQueue, PostNeverWaitsAndABurstComesInOrderWithoutAFurtherThread)
         {
             const std::lock_guard lock(*held);
             for (int i = 0; i < 100000; ++i) {
-                replyqueue::post(numbered(i));
+                post(numbered(i));
             }
             EXPECT_EQ(processstate::threads(), before);
         }
@@ -150,10 +161,10 @@ TEST(ReplyQueue, OrderHoldsAcrossTheEndOfABacklog)
     for (int round = 0; round < 200; ++round) {
         {
             const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-            replyqueue::post(numbered(next++));
+            post(numbered(next++));
         }
         for (int i = 0; i < 50; ++i) {
-            replyqueue::post(numbered(next++));
+            post(numbered(next++));
         }
     }
     ASSERT_TRUE(eventually([next] { return hostqueue::size() == static_cast<std::size_t>(next); }));
@@ -166,7 +177,7 @@ TEST(ReplyQueue, ThreadsRefusedAfterTheStartChangeNothing)
     const auto work = std::make_shared<biz_CMDSWork>();
     for (int round = 0; round < 3; ++round) {
         hostqueue::clear();
-        replyqueue::append(numbered(7));
+        append(numbered(7));
         {
             const ThreadRefusal refusal;
             const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
@@ -176,8 +187,8 @@ TEST(ReplyQueue, ThreadsRefusedAfterTheStartChangeNothing)
         {
             const ThreadRefusal refusal;
             const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-            replyqueue::post(numbered(0));
-            replyqueue::post(numbered(1));
+            post(numbered(0));
+            post(numbered(1));
         }
         // No further reply comes, and no event loop turns.
         ASSERT_TRUE(eventually([] { return hostqueue::size() == 2; }));
@@ -194,8 +205,8 @@ TEST(ReplyQueue, RefusedTheirThreadsRecordsWaitForTheNextLink)
         const ThreadRefusal refusal;
         EXPECT_FALSE(replyqueue::start());
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-        replyqueue::post(numbered(0));
-        replyqueue::post(numbered(1));
+        post(numbered(0));
+        post(numbered(1));
     }
     EXPECT_EQ(hostqueue::size(), 0U);
     EXPECT_TRUE(replyqueue::start());
@@ -208,7 +219,7 @@ TEST(ReplyQueue, TheFlagIsRaisedAlthoughRecordsWaitForTheQueuesLock)
     hostqueue::clear();
     {
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-        replyqueue::post(numbered(0));
+        post(numbered(0));
         replyqueue::raiseRetFlag();
         EXPECT_TRUE(hostqueue::flag());
     }
@@ -218,7 +229,7 @@ TEST(ReplyQueue, TheFlagIsRaisedAlthoughRecordsWaitForTheQueuesLock)
         hostqueue::setFlag(false);
         {
             const std::lock_guard flagLock(biz_CMDSWork::HexCmdlock);
-            replyqueue::post(numbered(1));
+            post(numbered(1));
             replyqueue::raiseRetFlag(); // does not wait
             replyqueue::raiseRetFlag();
         }
@@ -251,7 +262,7 @@ TEST(ReplyQueue, AClearThatTakesLongHoldsUpNoRecord)
         EXPECT_TRUE(hostqueue::flag());
     }
     ASSERT_TRUE(eventually([&] { return work.use_count() == 1; }));
-    replyqueue::post(numbered(0));
+    post(numbered(0));
     EXPECT_EQ(hostqueue::size(), 1U);
 }
 
@@ -263,10 +274,10 @@ TEST(ReplyQueue, WhatWaitsForTheHostHasABound)
     {
         const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
         for (int i = 0; i < 15; ++i) {
-            replyqueue::post(record);
+            post(record);
             EXPECT_FALSE(replyqueue::isFull());
         }
-        replyqueue::post(record);
+        post(record);
         EXPECT_TRUE(replyqueue::isFull());
     }
     EXPECT_TRUE(eventually([] { return hostqueue::size() == 16; }));
@@ -281,7 +292,7 @@ TEST(ReplyQueueDeathTest, ExitWithRepliesPending)
             {
                 biz_CMDSWork::receiveHexCmdlock.lock();
                 for (int i = 0; i < 1000; ++i) {
-                    replyqueue::post(numbered(i));
+                    post(numbered(i));
                     replyqueue::raiseRetFlag();
                 }
                 if (!forever) {
@@ -317,7 +328,7 @@ TEST(ReplyQueue, PostersOnSeveralThreadsLoseNothing)
             for (int i = 0; i < each; ++i) {
                 model_Protocoldata record = numbered(i);
                 record.HEAD = static_cast<quint8>(poster);
-                replyqueue::post(record);
+                post(record);
             }
         });
     }

@@ -66,7 +66,7 @@ TEST_P(ReplyStreamPass, WaitsWhileTheHostsRecordsAreAtTheirBound)
     const ParserLoop loop(parser);
     {
         const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
-        replyqueue::post(record);
+        replyqueue::post(record, LinkTap());
         parser.appendBuffData(reply);
         EXPECT_FALSE(eventually([this] { return left() == 0; }, std::chrono::milliseconds(300)));
     }

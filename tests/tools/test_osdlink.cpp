@@ -22,53 +22,17 @@ Command command()
 
 } // namespace
 
-// The system knows of a connection before the endpoint's thread does, which then drops the record.
-TEST(OsdLink, SendsAgainWhatAThreadDroppedThatHadNotNoticedItsConnection)
+TEST(OsdLink, SendsOnceConnectedAndOnlyOnce)
 {
     OsdPeer peer(address.toLatin1().constData());
-    int looks = 0;
-    bool tellsTheTruth = false;
-    const auto early = [&]() -> std::vector<sockets::Connection> {
-        ++looks;
-        if (tellsTheTruth) {
-            return sockets::established();
-        }
-        return {{QHostAddress(address), peer.port(), false}};
-    };
-    peer.refuse();
-    OsdLink link({{address, peer.port()}}, early);
+    OsdLink link({{address, peer.port()}});
     link.send(command());
-    ASSERT_TRUE(eventually([&] {
-        link.takeReplies();
-        return looks > 20;
-    }));
-    EXPECT_TRUE(link.isSending());
-    peer.serve();
-    link.reopen(address);
-    tellsTheTruth = true;
-    EXPECT_TRUE(eventually([&] {
-        link.takeReplies();
-        return !link.isSending();
-    }));
-    EXPECT_EQ(peer.receive(frame.size()), frame);
-    EXPECT_FALSE(peer.hasBytes());
-}
-
-// What is seen of the thread must be older than what is seen of its connection.
-TEST(OsdLink, SendsNothingTwice)
-{
-    OsdPeer peer(address.toLatin1().constData());
-    const auto late = [] {
-        auto seen = sockets::established();
-        std::this_thread::sleep_for(std::chrono::milliseconds(30)); // it is sent meanwhile
-        return seen;
-    };
-    OsdLink link({{address, peer.port()}}, late);
-    link.send(command());
-    while (link.isSending()) { // at once: before the thread has come to the record
+    while (link.isSending()) {
         link.takeReplies();
     }
-    EXPECT_EQ(peer.receive(frame.size()), frame);
+    link.send(command());
+    EXPECT_FALSE(link.isSending());
+    EXPECT_EQ(peer.receive(2 * frame.size()), frame + frame);
     peer.answer("OK1");
     std::vector<Reply> replies;
     EXPECT_TRUE(eventually([&] {
@@ -76,4 +40,27 @@ TEST(OsdLink, SendsNothingTwice)
         return !replies.empty();
     }));
     EXPECT_FALSE(peer.hasBytes());
+}
+
+TEST(OsdLink, TellsOfARefusalAtOnceAndCanBeReopened)
+{
+    OsdPeer peer(address.toLatin1().constData());
+    peer.refuse();
+    OsdLink link({{address, peer.port()}});
+    link.send(command());
+    EXPECT_TRUE(eventually([&] {
+        link.takeReplies();
+        return !link.problem().isEmpty();
+    }));
+    EXPECT_FALSE(link.isSending());
+    EXPECT_FALSE(link.wasOpen());
+    peer.serve();
+    link.reopen(address);
+    link.send(command());
+    EXPECT_TRUE(eventually([&] {
+        link.takeReplies();
+        return !link.isSending();
+    }));
+    EXPECT_EQ(peer.receive(frame.size()), frame);
+    EXPECT_EQ(link.problem(), QString());
 }

@@ -374,7 +374,7 @@ TEST_F(Listen, ReportsEachDamagedReplyOnceWithItsSenderAndBytes)
     other.send(replyText(0x8b, 0x05)); // whatever comes then is its block
     other.send("<T5a0110020000006e>");
     other.send("\"noise\"\n\x01");
-    EXPECT_TRUE(tool->says(QStringLiteral("\\u0001\n")));
+    EXPECT_TRUE(tool->says(QStringLiteral("22 0a 01\n")));
     EXPECT_TRUE(tool->says(QStringLiteral("block 19 bytes")));
     tool->interrupt();
     EXPECT_EQ(tool->exitCode(), 0);
@@ -390,7 +390,7 @@ TEST_F(Listen, ReportsEachDamagedReplyOnceWithItsSenderAndBytes)
                                     wrong.arg(QLatin1String("127.0.0.9")),
                                     wrong.arg(QLatin1String("127.0.0.1")),
                                     QStringLiteral("refused: bytes that are no reply from "
-                                                   "127.0.0.9: \\\"noise\\\"\\n\\u0001")}))
+                                                   "127.0.0.9: 22 6e 6f 69 73 65 22 0a 01")}))
         << refused.join(QLatin1Char('\n')).toStdString();
 }
 

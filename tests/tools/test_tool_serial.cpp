@@ -78,9 +78,8 @@ TEST(SerialTool, ReportsADamagedReplyOnce)
                               .arg(link)));
     const QByteArray withBlock = replybytes::text(0x8b, 0x05);
     EXPECT_TRUE(device.send(withBlock + QByteArray(145, 'x')));
-    EXPECT_TRUE(tool.says(QStringLiteral(" refused: a reply whose block came too late or damaged "
-                                         "from %1: %2\n")
-                              .arg(link, QString::fromLatin1(withBlock))));
+    EXPECT_TRUE(
+        tool.says(QStringLiteral(" refused: a reply whose block is damaged from %1: ").arg(link)));
     tool.interrupt();
     EXPECT_EQ(tool.exitCode(), 0);
     EXPECT_EQ(tool.error().count(QStringLiteral("refused")), 2) << tool.error().toStdString();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "eventlog.h"
 #include "eventually.h"
 #include "hostqueue.h"
 #include "icorebase.h"
@@ -115,7 +116,40 @@ TYPED_TEST_P(LinkConformance, WrongChecksum)
     EXPECT_TRUE(this->endsWith(1, 3));
 }
 
-REGISTER_TYPED_TEST_SUITE_P(LinkConformance, Send, Reply, BlockReply, Flood, WrongChecksum);
+TYPED_TEST_P(LinkConformance, TellsItsObservers)
+{
+    using Kind = EventLog::Kind;
+    const auto log = std::make_shared<EventLog>();
+    ICoreBase& transport = this->link.transport();
+    transport.addObserver(log);
+    ASSERT_TRUE(this->link.open());
+    model_Protocoldata record;
+    record.CMD = 0x83;
+    transport.sendDatatoDevice(&record);
+    EXPECT_TRUE(log->hasBytes(TypeParam::command(record), Kind::Sent));
+    QByteArray wrong = TypeParam::reply(1);
+    wrong[5] = static_cast<char>(wrong[5] ^ 1);
+    const QByteArray block = TypeParam::block(200);
+    this->link.deliver(QByteArrayList{wrong, TypeParam::head(7, 200), block});
+    EXPECT_TRUE(log->has(1, Kind::Reply));
+    const auto reply = log->all(Kind::Reply).at(0).reply;
+    EXPECT_EQ(TypeParam::tagOf(reply), 7);
+    EXPECT_EQ(reply.arryDatablock, TypeParam::handedOn(block));
+    EXPECT_EQ(log->bytes(Kind::Refused, EventLog::Check::Checksum),
+              wrong.left(TypeParam::head(1, 1).size()));
+    for (const QByteArray& sent : {wrong, TypeParam::head(7, 200), block}) {
+        EXPECT_TRUE(log->bytes(Kind::Received).contains(sent));
+    }
+    EXPECT_EQ(log->all(Kind::SendFailed).size(), 0U);
+    transport.removeObserver(log);
+    const std::size_t told = log->size();
+    this->link.deliver({TypeParam::reply(3)});
+    EXPECT_TRUE(this->endsWith(2, 3));
+    EXPECT_EQ(log->size(), told);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(LinkConformance, Send, Reply, BlockReply, Flood, WrongChecksum,
+                            TellsItsObservers);
 
 template <class Link>
 class StreamLinkConformance : public LinkConformance<Link>
@@ -207,5 +241,34 @@ TYPED_TEST_P(StreamLinkConformance, CloseInTheMiddle)
     }
 }
 
+TYPED_TEST_P(StreamLinkConformance, TellsOfNoiseOfLostBlocksAndOfItsState)
+{
+    using Kind = EventLog::Kind;
+    using Check = EventLog::Check;
+    const auto log = std::make_shared<EventLog>();
+    this->link.transport().addObserver(log);
+    ASSERT_TRUE(this->link.open());
+    EXPECT_TRUE(log->has(1, Kind::Opened));
+    const QByteArray noise(300, 'x');
+    this->link.deliver({noise + TypeParam::reply(1)});
+    EXPECT_TRUE(log->hasBytes(noise, Kind::Skipped));
+    const auto handedOver = log->all(Kind::Reply).size();
+    QByteArray damaged = TypeParam::block(20);
+    damaged[7] = static_cast<char>(damaged[7] ^ 1);
+    this->link.deliver({TypeParam::head(2, 20) + damaged});
+    EXPECT_TRUE(log->hasBytes(damaged, Kind::Refused, Check::BlockChecksum));
+    EXPECT_EQ(TypeParam::tagOf(log->all(Kind::Refused, Check::BlockChecksum).at(0).reply), 2);
+    const QByteArray begun = TypeParam::block(20).left(5);
+    this->link.deliver({TypeParam::head(4, 20) + begun});
+    EXPECT_TRUE(log->has(1, Kind::Refused, Check::BlockMissing));
+    EXPECT_TRUE(log->bytes(Kind::Refused, Check::BlockMissing).startsWith(begun));
+    EXPECT_EQ(TypeParam::tagOf(log->all(Kind::Refused, Check::BlockMissing).at(0).reply), 4);
+    EXPECT_LE(handedOver, 1U);
+    this->link.close();
+    EXPECT_TRUE(log->has(1, Kind::Closed));
+    EXPECT_EQ(log->all(Kind::Lost).size(), 0U);
+}
+
 REGISTER_TYPED_TEST_SUITE_P(StreamLinkConformance, GarbageBefore, GarbageBetween, SplitAtEveryByte,
-                            WrongBlockChecksum, LateBlock, CloseInTheMiddle);
+                            WrongBlockChecksum, LateBlock, CloseInTheMiddle,
+                            TellsOfNoiseOfLostBlocksAndOfItsState);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "hidhandle.h"
+#include "linktap.h"
 
 #include "emulatedhid.h"
 #include "eventually.h"
@@ -20,7 +21,7 @@ const QByteArray emptyReport;
 
 bool readsUntil(HidHandle& handle, ReceiveBuffer& buffer, int size)
 {
-    return eventually([&] { return handle.readInto(buffer) && buffer.size() == size; });
+    return eventually([&] { return handle.readInto(buffer, LinkTap()) && buffer.size() == size; });
 }
 
 } // namespace
@@ -93,7 +94,7 @@ TEST(HidHandle, ReadsDoNotWaitForAWriteThatFails)
     ASSERT_TRUE(eventually([&device] { return device.held() == 1; }));
     device.unplug();
     for (int reads = 0; reads < 10; ++reads) {
-        EXPECT_TRUE(handle->readInto(buffer)); // fails
+        EXPECT_TRUE(handle->readInto(buffer, LinkTap())); // fails
     }
     EXPECT_GE(slowerrortexts::count, 10);
     device.holdWrites(false);
@@ -110,7 +111,7 @@ TEST(HidHandle, AWriteNeverWaitsForARead)
     ReceiveBuffer buffer;
     std::atomic<bool> isRunning{true};
     std::thread reader([&] {
-        while (isRunning && handle->readInto(buffer)) {
+        while (isRunning && handle->readInto(buffer, LinkTap())) {
         }
     });
     for (const bool fails : {false, true}) {
@@ -162,7 +163,7 @@ TEST(HidHandle, ReportsPassBetweenThreads)
     ReceiveBuffer buffer;
     std::atomic<bool> isRunning{true};
     std::thread reader([&] {
-        while (isRunning && handle->readInto(buffer)) {
+        while (isRunning && handle->readInto(buffer, LinkTap())) {
         }
     });
     const QByteArray reply(EmulatedHid::reportData, 'r');
@@ -213,7 +214,7 @@ TEST(HidHandle, AStuckWriteTakesTheHandlesWithIt)
     handle->close();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     ReceiveBuffer buffer;
-    EXPECT_FALSE(handle->readInto(buffer));
+    EXPECT_FALSE(handle->readInto(buffer, LinkTap()));
     EXPECT_EQ(device.openFiles(), 2);
     const std::weak_ptr<HidHandle> left = handle;
     handle.reset();
@@ -232,11 +233,11 @@ TEST(HidHandle, NothingIsReadAfterTheClose)
     ASSERT_NE(handle, nullptr);
     ReceiveBuffer buffer;
     ASSERT_TRUE(device.send("abc"));
-    EXPECT_TRUE(handle->readInto(buffer));
+    EXPECT_TRUE(handle->readInto(buffer, LinkTap()));
     EXPECT_EQ(buffer.take(10), "abc");
-    EXPECT_TRUE(handle->readInto(buffer)); // nothing comes
+    EXPECT_TRUE(handle->readInto(buffer, LinkTap())); // nothing comes
     handle->close();
     handle->close();
-    EXPECT_FALSE(handle->readInto(buffer));
+    EXPECT_FALSE(handle->readInto(buffer, LinkTap()));
     EXPECT_EQ(buffer.size(), 0);
 }

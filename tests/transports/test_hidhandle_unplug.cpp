@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "emulatedhid.h"
 #include "hidhandle.h"
+#include "linktap.h"
 #include "receivebuffer.h"
 #include "slowerrortexts.h"
 
@@ -36,7 +37,7 @@ struct Load {
     }
     void read(HidHandle& handle)
     {
-        while (isRunning && handle.readInto(buffer)) {
+        while (isRunning && handle.readInto(buffer, LinkTap())) {
         }
     }
     bool reached(const std::atomic<int>& count, int value) const

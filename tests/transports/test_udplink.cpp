@@ -129,7 +129,7 @@ TEST(UdpLink, SendsBesideRebuildsAllArrive)
     constexpr int frames = 200; // as many as a receive buffer holds
     UdpPeer first;
     UdpPeer second;
-    const auto link = std::make_shared<UdpLink>();
+    const auto link = std::make_shared<UdpLink>(std::make_shared<LinkTap>());
     link->setDeviceIP(QStringLiteral("127.0.0.1"));
     link->rebuild(0, first.port());
     std::atomic<bool> over{false};

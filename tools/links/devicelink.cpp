@@ -3,6 +3,7 @@
 
 #include "biz_cmdswork.h"
 #include "icorebase.h"
+#include "linknotes.h"
 #include "recordtext.h"
 
 CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
@@ -10,6 +11,7 @@ CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QStrin
     : core(std::move(transport)), fieldSet(fields), deviceName(std::move(device)),
       lossReason(std::move(whyLost))
 {
+    linknotes::watch(*core);
     biz_CMDSWork().clearQueue();
 }
 

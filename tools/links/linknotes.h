@@ -5,23 +5,27 @@
 
 #include <vector>
 
+class ObservableLink;
+
 /// Something that came from a device and was refused.
 struct Refusal {
     QString reason; ///< "a reply with a wrong checksum"
     QString from;   ///< the sender's address; empty: the link's one device
-    QString bytes;  ///< as the debug line shows them: up to the first zero byte
+    QString bytes;  ///< as recordtext::frameText shows them
 
     /// All of it in words; \a link is what the one device is called.
     QString text(const QString& link) const;
 };
 
-/// What the library says only in its debug lines: that a frame did not go out, that something came
-/// which was no reply. Any thread.
+/// What happened on the tool's links and neither a send nor the host's queue tells. Any thread.
 namespace linknotes
 {
 
-/// Starts to listen to the debug lines. With \a verbose they all go to standard error, too.
+/// Sends the library's debug lines to standard error if \a verbose, and every other message always.
 void install(bool verbose);
+
+/// Takes notes of a link from now on.
+void watch(ObservableLink& link);
 
 /// Whether a frame was refused by the system since the last call.
 bool takeSendFailure();

@@ -7,28 +7,55 @@
 #include "recordtext.h"
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 
 namespace
 {
 
-constexpr qint64 lookIntervalMs = 5;
 constexpr qint64 connectLimitMs = 2000;
-constexpr qint64 offerIntervalMs = 1000; // longer than a thread goes without processor time
 
 // What came just before a hang-up is still on its way through the parser, on a loaded machine too.
 constexpr qint64 hangUpPauseMs = 500;
 
 } // namespace
 
-OsdLink::OsdLink(const std::vector<Endpoint>& endpoints, Connections connections)
-    : manager(CoreFactory::createOsdCoreObj(ConnOsdTcp)), established(std::move(connections))
+class OsdLink::Connections : public LinkObserver
 {
+public:
+    struct Change {
+        QString ip;
+        LinkEvent::Kind kind;
+    };
+
+    void onEvent(const LinkEvent& event) override
+    {
+        if (event.kind == LinkEvent::Kind::Opened || event.kind == LinkEvent::Kind::Lost) {
+            const std::lock_guard guard(lock);
+            changes.push_back({event.peer, event.kind});
+        }
+    }
+
+    std::vector<Change> take()
+    {
+        const std::lock_guard guard(lock);
+        return std::exchange(changes, {});
+    }
+
+private:
+    std::mutex lock; // a leaf
+    std::vector<Change> changes;
+};
+
+OsdLink::OsdLink(const std::vector<Endpoint>& endpoints)
+    : manager(CoreFactory::createOsdCoreObj(ConnOsdTcp)),
+      connections(std::make_shared<Connections>())
+{
+    manager->addObserver(connections);
     {
         const std::lock_guard lock(biz_Osd_CMDSWork::receiveOsdlock);
         biz_Osd_CMDSWork::receivequeueOsd.clear();
     }
-    lastLook.start();
     for (const Endpoint& endpoint : endpoints) {
         Client client;
         client.endpoint = endpoint;
@@ -47,16 +74,13 @@ void OsdLink::begin(Client& client)
     manager->openClient(client.endpoint.ip, client.endpoint.port);
     client.state = State::Connecting;
     client.since.start();
-    client.offered.invalidate();
 }
 
 void OsdLink::reopen(const QString& ip)
 {
-    for (Client& client : clients) {
-        if (client.endpoint.ip == ip) {
-            manager->closeClient(ip);
-            begin(client);
-        }
+    if (Client* client = clientAt(ip)) {
+        manager->closeClient(ip);
+        begin(*client);
     }
 }
 
@@ -68,6 +92,11 @@ const OsdLink::Client* OsdLink::clientAt(const QString& ip) const
     return found == clients.end() ? nullptr : &*found;
 }
 
+OsdLink::Client* OsdLink::clientAt(const QString& ip)
+{
+    return const_cast<Client*>(std::as_const(*this).clientAt(ip));
+}
+
 void OsdLink::send(const Command& command)
 {
     for (Client& client : clients) {
@@ -76,64 +105,49 @@ void OsdLink::send(const Command& command)
             client.waiting.push_back(command.osd);
             client.waiting.back().strIP = client.endpoint.ip;
         }
+        if (client.state == State::Connected) {
+            sendWaiting(client);
+        }
     }
 }
 
 void OsdLink::look()
 {
-    if (!lastLook.hasExpired(lookIntervalMs)) {
-        return;
+    for (const Connections::Change& change : connections->take()) {
+        Client* const client = clientAt(change.ip);
+        if (client == nullptr) {
+            continue;
+        }
+        if (change.kind == LinkEvent::Kind::Opened) {
+            client->state = State::Connected;
+            client->since.invalidate();
+            reached = true;
+            sendWaiting(*client);
+        } else if (client->state == State::Connected) {
+            client->since.start();
+        } else if (client->state == State::Connecting) {
+            giveUp(*client, State::Absent);
+        }
     }
-    lastLook.start();
-    const auto connections = established();
     for (Client& client : clients) {
-        const QHostAddress host(client.endpoint.ip);
-        const auto found =
-            std::find_if(connections.begin(), connections.end(), [&](const auto& connection) {
-                return connection.host == host && connection.port == client.endpoint.port;
-            });
-        follow(client, found == connections.end() ? nullptr : &*found);
+        lookAtTime(client);
     }
 }
 
-void OsdLink::follow(Client& client, const sockets::Connection* connection)
+void OsdLink::lookAtTime(Client& client)
 {
-    if (connection != nullptr) {
-        // From the second look on: the endpoint's thread has most likely noticed it by then.
-        if (client.state == State::Connected) {
-            sendWaiting(client, connection->hasSent);
-        }
-        noteConnected(client);
-    } else if (client.state == State::Connected && !client.since.isValid()) {
-        client.since.start();
-    } else if (client.state == State::Connected && client.since.hasExpired(hangUpPauseMs)) {
+    if (client.state == State::Connected && client.since.isValid() &&
+        client.since.hasExpired(hangUpPauseMs)) {
         giveUp(client, State::Lost);
     } else if (client.state == State::Connecting && client.since.hasExpired(connectLimitMs)) {
         giveUp(client, State::Absent);
     }
 }
 
-void OsdLink::noteConnected(Client& client)
+void OsdLink::sendWaiting(Client& client)
 {
-    client.state = State::Connected;
-    client.since.invalidate();
-    reached = true;
-}
-
-void OsdLink::sendWaiting(Client& client, bool hasSent)
-{
-    if (hasSent && client.offered.isValid()) { // it was the first record that was sent
-        client.offered.invalidate();
-        client.waiting.pop_front();
-    }
-    if (hasSent) {
-        for (model_OsdParam& record : std::exchange(client.waiting, {})) {
-            manager->sendDatatoDevice(&record);
-        }
-    } else if (!client.waiting.empty() &&
-               (!client.offered.isValid() || client.offered.hasExpired(offerIntervalMs))) {
-        client.offered.start();
-        manager->sendDatatoDevice(&client.waiting.front());
+    for (model_OsdParam& record : std::exchange(client.waiting, {})) {
+        manager->sendDatatoDevice(&record);
     }
 }
 
@@ -141,7 +155,6 @@ void OsdLink::giveUp(Client& client, State state)
 {
     client.state = state;
     client.waiting.clear();
-    client.offered.invalidate();
     warnings << QString("%1:%2 %3")
                     .arg(client.endpoint.ip)
                     .arg(client.endpoint.port)
@@ -160,11 +173,6 @@ std::vector<Reply> OsdLink::takeReplies()
     replies.reserve(records.size());
     for (const model_OsdParam& record : records) {
         replies.push_back(recordtext::reply(record));
-        for (Client& client : clients) { // it may have hung up before it was looked at
-            if (client.endpoint.ip == record.strIP && client.state == State::Connecting) {
-                noteConnected(client);
-            }
-        }
     }
     return replies;
 }

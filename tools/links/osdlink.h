@@ -2,12 +2,11 @@
 #pragma once
 
 #include "devicelink.h"
-#include "sockets.h"
 
 #include <QElapsedTimer>
 
 #include <deque>
-#include <functional>
+#include <memory>
 #include <vector>
 
 class ICoreOsdBase;
@@ -15,11 +14,8 @@ class ICoreOsdBase;
 /// A link to on-screen-display endpoints, all driven by one manager. Only one may exist at a time,
 /// since the manager that records come from and the queue that acknowledgements go to are shared.
 ///
-/// The library drops a record for an endpoint that is not connected, and reports no connections. So
-/// this link looks at the process's connections: a record goes to each endpoint as soon as it is
-/// connected, whatever the others do. The endpoint's thread may notice its connection later than
-/// the system does, and drops a record that comes first: until the first bytes have been written to
-/// a connection, its first record is offered again every second.
+/// The library drops a record for an endpoint that is not connected. So this link watches them: a
+/// record goes to each endpoint as soon as it is connected, whatever the others do.
 ///
 /// Belongs to one thread. Nothing but reopen and the destructor blocks.
 class OsdLink : public DeviceLink
@@ -30,12 +26,8 @@ public:
         quint16 port;
     };
 
-    /// Tells which connections are established.
-    using Connections = std::function<std::vector<sockets::Connection>()>;
-
     /// Begins to connect to every endpoint and empties the queue. Each address comes once.
-    explicit OsdLink(const std::vector<Endpoint>& endpoints,
-                     Connections connections = sockets::established);
+    explicit OsdLink(const std::vector<Endpoint>& endpoints);
 
     /// Closes every endpoint: 100 ms each, more for one that does not take what is pending.
     ~OsdLink() override;
@@ -47,7 +39,7 @@ public:
 
     void send(const Command& command) override;
 
-    /// Also looks at the connections, every 5 ms, and sends what waits for one.
+    /// Also looks at what has happened to the connections, and sends what waits for one.
     std::vector<Reply> takeReplies() override;
 
     bool isFromDevice(const Reply& reply) const override;
@@ -63,24 +55,24 @@ private:
     struct Client {
         Endpoint endpoint;
         State state = State::Connecting;
-        QElapsedTimer since;   // when it began to connect, or was seen to be gone
-        QElapsedTimer offered; // when the first record was sent
+        QElapsedTimer since; // when it began to connect, or was lost
         std::deque<model_OsdParam> waiting;
     };
 
+    class Connections; // what the endpoints' threads tell
+
     void begin(Client& client);
     void look();
-    void follow(Client& client, const sockets::Connection* connection);
-    void noteConnected(Client& client);
-    void sendWaiting(Client& client, bool hasSent);
+    void lookAtTime(Client& client);
+    void sendWaiting(Client& client);
     void giveUp(Client& client, State state);
     const Client* clientAt(const QString& ip) const;
+    Client* clientAt(const QString& ip);
     static QString trouble(const Client& client);
 
     ICoreOsdBase* manager;
-    Connections established;
+    std::shared_ptr<Connections> connections;
     std::vector<Client> clients;
-    QElapsedTimer lastLook;
     QStringList warnings;
     bool reached = false;
 };

@@ -7,21 +7,10 @@
 #include <QNetworkProxy>
 #include <QUdpSocket>
 
-#include <cstdlib>
-#include <filesystem>
-#include <optional>
 #include <set>
-
-#include <linux/tcp.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 namespace
 {
-
-// TCP_ESTABLISHED of netinet/tcp.h, which does not go together with linux/tcp.h; only the latter
-// counts bytes.
-constexpr quint8 establishedState = 1;
 
 // The kernel's table: "sl local_address rem_address st tx:rx tr:when retrnsmt uid timeout inode".
 std::set<std::string> socketNames(quint16 port)
@@ -45,31 +34,6 @@ std::set<std::string> socketNames(quint16 port)
     return names;
 }
 
-std::optional<sockets::Connection> connectionAt(int descriptor)
-{
-    sockaddr_storage peer{};
-    socklen_t length = sizeof peer;
-    if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
-        (peer.ss_family != AF_INET && peer.ss_family != AF_INET6)) {
-        return std::nullopt;
-    }
-    tcp_info info{};
-    length = sizeof info;
-    if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
-        info.tcpi_state != establishedState) {
-        return std::nullopt;
-    }
-    sockets::Connection connection;
-    const QHostAddress host(reinterpret_cast<const sockaddr*>(&peer));
-    bool isIPv4 = false;
-    const quint32 ipv4 = host.toIPv4Address(&isIPv4);
-    connection.host = isIPv4 ? QHostAddress(ipv4) : host;
-    // both families have the port at the same place
-    connection.port = ntohs(reinterpret_cast<const sockaddr_in&>(peer).sin_port);
-    connection.hasSent = info.tcpi_bytes_sent > 0 || info.tcpi_notsent_bytes > 0;
-    return connection;
-}
-
 } // namespace
 
 bool sockets::isFree(quint16 port)
@@ -85,16 +49,4 @@ QString sockets::holder(quint16 port)
     const QString holder =
         fileaccess::holder([&names](const std::string& name) { return names.count(name) != 0; });
     return holder.isEmpty() ? "another program" : holder;
-}
-
-std::vector<sockets::Connection> sockets::established()
-{
-    std::vector<Connection> connections;
-    std::error_code error;
-    for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd", error)) {
-        if (const auto found = connectionAt(std::atoi(file.path().filename().c_str()))) {
-            connections.push_back(*found);
-        }
-    }
-    return connections;
 }

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QHostAddress>
+#include <QString>
 
-#include <vector>
-
-/// UDP ports of this machine and TCP connections of this process, as the kernel shows them. Any
-/// thread; nothing blocks.
+/// UDP ports of this machine, as the kernel shows them. Any thread; nothing blocks.
 namespace sockets
 {
 
@@ -16,14 +13,5 @@ bool isFree(quint16 port);
 /// "process 123 (name)" of who has bound the UDP port, as far as this user may see it; else
 /// "another program".
 QString holder(quint16 port);
-
-struct Connection {
-    QHostAddress host; ///< IPv4 where it is one
-    quint16 port = 0;
-    bool hasSent = false; ///< bytes have been written to it
-};
-
-/// The TCP connections of this process that are established now, at either end.
-std::vector<Connection> established();
 
 } // namespace sockets
