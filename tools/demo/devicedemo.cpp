@@ -177,9 +177,7 @@ void devicedemo::run(Narrator& narrator, const LinkKind& kind)
         [&] { stage.recovers(Fault::Drop, "The device loses one answer", {}); },
         [&] {
             stage.recovers(Fault::WrongChecksum, "One reply arrives damaged",
-                           kind.fields == FieldSet::BinaryHead
-                               ? QString() // that line drops it without a word
-                               : "a reply with a wrong checksum");
+                           "a reply with a wrong checksum");
         },
         [&] { stage.inABurst(kind.demoBurst); },
     });
