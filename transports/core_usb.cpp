@@ -7,9 +7,9 @@
 #include "linktap.h"
 #include "sendreport.h"
 #include "textreplyformat.h"
+#include "updatecommands.h"
 
 #include <algorithm>
-#include <array>
 #include <thread>
 
 namespace
@@ -37,13 +37,8 @@ constexpr std::chrono::milliseconds closePause{100};
 constexpr int sentByFeatures = 0x400000;
 constexpr int reportData = HidHandle::reportLength - 1;
 
-constexpr unsigned short updateVendor = 0x04B4;
-constexpr std::array<unsigned short, 3> updateProducts{0x1008, 0x100A, 0x100C};
-
 constexpr int codeOffset = 6; // the digits of CMD and DAT1 in a frame
 constexpr int codeLength = 4;
-constexpr std::array<const char*, 7> updateCodes{"9aa0", "9aa2", "9aa4", "9aa6",
-                                                 "9aa8", "9aaa", "9aac"};
 
 // Writes a frame whose first report takes up to firstLength bytes of it and each other up to 64.
 void writeReports(HidHandle& device, const LinkTap& tap, const QByteArray& frame, int firstLength,
@@ -100,8 +95,9 @@ bool Core_USB::openDevice(unsigned short vendorId, unsigned short productId)
     if (opened == nullptr) {
         return false;
     }
-    const auto* const end = updateProducts.end();
-    if (vendorId == updateVendor && std::find(updateProducts.begin(), end, productId) != end) {
+    const auto* const end = updatecommands::products.end();
+    if (vendorId == updatecommands::vendor &&
+        std::find(updatecommands::products.begin(), end, productId) != end) {
         takesUpdates = true;
     }
     if (!startParsing()) {
@@ -172,8 +168,9 @@ void Core_USB::sendDatatoDeviceByFeatures(void* parameters)
 bool Core_USB::writeFrame(const QByteArray& frame)
 {
     const QByteArray code = frame.mid(codeOffset, codeLength).toLower();
-    const auto* const end = updateCodes.end();
-    const bool isUpdate = takesUpdates && std::find(updateCodes.begin(), end, code) != end;
+    const auto* const end = updatecommands::codes.end();
+    const bool isUpdate =
+        takesUpdates && std::find(updatecommands::codes.begin(), end, code) != end;
     if (isUpdate) {
         sendUSBData_Update_Norvix(frame);
     } else {
