@@ -81,6 +81,8 @@ device.experts = expert_list
 
 device.prefs.udp_ports = Pref.range("UDP ports", "1000,3005,5104", "Ports of devices and hosts", 65535)
 device.prefs.tcp_ports = Pref.range("TCP ports", "10001", "Ports of on-screen-display endpoints", 65535)
+device.prefs.full_segments = Pref.string("Full TCP segments (bytes)", "1428,1440,1448,1460,65483",
+                                         "A command goes on behind a segment of so many bytes")
 device.prefs.usb_products = Pref.string("USB products", table.concat(library.usb_products, ","),
                                         "Vendor and product ids of devices")
 device.prefs.reply_within = Pref.uint("Reply within (ms)", 2000, "Later replies belong to no command")
@@ -367,15 +369,16 @@ local function next_text(bytes, at, mark)
 end
 
 local function next_binary(bytes, at, is_reply)
-    local start = is_reply and bytes:find(BINARY_MARK, at, true) or at
-    if not start then -- the mark's second byte may still come
-        start = bytes:sub(-1) == BINARY_MARK:sub(1, 1) and #bytes or #bytes + 1
+    if is_reply then
+        local start = bytes:find(BINARY_MARK, at, true)
+        if not start then -- the mark's second byte may still come
+            start = bytes:sub(-1) == BINARY_MARK:sub(1, 1) and #bytes or #bytes + 1
+        end
+        if start ~= at then
+            return nil, start - at
+        end
     end
-    if start ~= at then
-        return nil, start - at
-    end
-    local frame = binary_frame(bytes, at, is_reply)
-    return frame, nil
+    return binary_frame(bytes, at, is_reply), nil
 end
 
 -- Cuts what can be cut, and returns the length of that.
@@ -409,8 +412,15 @@ local function cut_stream(stream, bytes, packet)
         local has = #bytes - at + 1
         if waiting and is_reply and packet.time - waiting.time > BLOCK_WAIT then
             give_up()
-        elseif waiting and not is_reply and not is_binary and following() and following().good then
-            stream.waiting = nil -- a command may announce a block and send none
+        elseif waiting and not is_reply and not is_binary and waiting.may_have_none then
+            local frame, count = following() -- a command may announce a block and send none
+            if frame and frame.good then
+                stream.waiting = nil
+            elseif frame or count and count > 0 then
+                waiting.may_have_none = false
+            else
+                break
+            end
         elseif waiting and has >= waiting.wanted then
             local block = {kind = "block", at = at - 1, length = waiting.wanted, of = waiting,
                            problems = {}, whole = true}
@@ -458,6 +468,7 @@ local function cut_stream(stream, bytes, packet)
                         skip(#bytes - at + 1) -- the block begins in the next report
                     end
                 end
+                frame.may_have_none = true
                 stream.waiting = frame.wanted > 0 and frame or nil
             end
         end
@@ -696,10 +707,7 @@ end
 
 -- Where bytes come from ------------------------------------------------------------------------------
 
-local icmp, icmp6 = Field.new("icmp.type"), Field.new("icmpv6.type")
-local pushed = Field.new("tcp.flags.push")
-local tcp_stream = Field.new("tcp.stream")
-local usb_direction = Field.new("usb.endpoint_address.direction")
+-- No field of another protocol may decide: in a first pass there are none.
 
 -- Who sends a datagram is known from the frames that it sent, else from the ports.
 local function is_from_host(pinfo, bytes, source)
@@ -717,10 +725,9 @@ function device.dissector(tvb, pinfo, tree)
     local packet = once(pinfo, tvb, function()
         local bytes = tvb:raw()
         local source, target = tostring(pinfo.src), tostring(pinfo.dst)
-        local is_quoted = icmp() or icmp6() -- the system says what it could not deliver
         local from_host = is_from_host(pinfo, bytes, source .. " " .. pinfo.src_port)
         local host = from_host and source .. " " .. pinfo.src_port or target .. " " .. pinfo.dst_port
-        local made = packet_of(pinfo, is_quoted and {asked = {}, streams = {}} or flow_of(host))
+        local made = packet_of(pinfo, pinfo.in_error_pkt and {asked = {}, streams = {}} or flow_of(host))
         made.from, made.to = source, target
         local take = from_host and datagram_to_device or datagram_to_host
         take(made.flow, bytes, made)
@@ -730,15 +737,25 @@ function device.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
--- A command has no length: it ends where its sender pushed. Acknowledgements have one.
+-- A command has no length, so it ends with the first segment that is not a full one.
+local function goes_on(length)
+    for size in device.prefs.full_segments:gmatch("%d+") do
+        if length % tonumber(size) == 0 then
+            return true
+        end
+    end
+end
+
 function endpoint.dissector(tvb, pinfo, tree)
     local to_endpoint = pinfo.match_uint == pinfo.dst_port
-    if to_endpoint and pinfo.can_desegment > 0 and not pushed().value then
+    if to_endpoint and pinfo.can_desegment > 0 and goes_on(tvb:len()) then
         pinfo.desegment_offset, pinfo.desegment_len = 0, DESEGMENT_ONE_MORE_SEGMENT
         return tvb:len()
     end
     local packet = once(pinfo, tvb, function()
-        local made = packet_of(pinfo, flow_of("tcp " .. tostring(tcp_stream())))
+        local source, target = tostring(pinfo.src) .. " " .. pinfo.src_port,
+                               tostring(pinfo.dst) .. " " .. pinfo.dst_port
+        local made = packet_of(pinfo, flow_of("tcp " .. (to_endpoint and source or target)))
         local take = to_endpoint and whole_osd_command or cut_acknowledgements
         made.used = take(nil, tvb:raw(), made)
         return made
@@ -772,7 +789,7 @@ local function report_of(tvb, from_host)
 end
 
 function hid.dissector(tvb, pinfo, tree)
-    local from_host = usb_direction() and usb_direction().value == 0
+    local from_host = tostring(pinfo.src) == "host"
     local report = report_of(tvb, from_host)
     local packet = once(pinfo, tvb, function()
         local address = tostring(from_host and pinfo.dst or pinfo.src):match("^%d+%.%d+")

@@ -64,8 +64,8 @@ std::string lua(const Layout& layout)
 {
     std::string all = "{";
     for (const Entry& entry : layout) {
-        all += text("{name = \"%s\", at = %d, size = %d}, ", entry.name.c_str(), entry.at,
-                    entry.size);
+        all +=
+            text("{name = \"%s\", at = %d, size = %d}, ", entry.name.c_str(), entry.at, entry.size);
     }
     return all + '}';
 }
@@ -95,8 +95,8 @@ int placeInCommand(const CommandField& field, FieldSet fields, const Command& em
     return firstDifference(recordtext::frame(empty, fields), recordtext::frame(command, fields));
 }
 
-// The first field that differs when a reply's byte does; the checksum, which comes last, follows the
-// others in a text frame.
+// The first field that differs when a reply's byte does; the checksum, which comes last, follows
+// the others in a text frame.
 std::string fieldAt(int at, FieldSet fields)
 {
     const bool isText = fields == FieldSet::TextBody;
@@ -139,8 +139,8 @@ Layout commandLayout(FieldSet fields)
     Layout layout = replyLayout(fields);
     for (const CommandField& field : CommandField::all()) {
         const int frameAt = field.isIn(fields) ? placeInCommand(field, fields, {}) : -1;
-        const int at = fields == FieldSet::TextBody ? (frameAt - commandframe::digitsOffset) / 2
-                                                    : frameAt;
+        const int at =
+            fields == FieldSet::TextBody ? (frameAt - commandframe::digitsOffset) / 2 : frameAt;
         for (Entry& entry : layout) {
             if (frameAt >= 0 && entry.at == at) {
                 entry.name = field.name;
@@ -229,8 +229,8 @@ std::string luatables::library()
     all += text("text = {start = \"%c\", command = \"%c\", reply = \"%c\", finish = \"%c\", "
                 "length = %d, digits = %d},\n",
                 startMark, commandMark, replyMark, endMark, textLength, digitsOffset);
-    all += text("binary = {length = %d, announced = \"%s\"},\n", binaryLength,
-                lengthField().c_str());
+    all +=
+        text("binary = {length = %d, announced = \"%s\"},\n", binaryLength, lengthField().c_str());
     all += "command = " + lua(commandLayout(FieldSet::TextBody)) + ",\n";
     all += "reply = " + lua(replyLayout(FieldSet::TextBody)) + ",\n";
     all += "binary_command = " + lua(commandLayout(FieldSet::BinaryHead)) + ",\n";

@@ -35,12 +35,30 @@ quint32 linkType(CaptureFile::Content content)
 {
     return content == CaptureFile::Content::Internet ? 101 // raw IP
            : content == CaptureFile::Content::Usb    ? 220 // Linux, with padded headers
-                                                     : 252; // exported PDUs
+                                                     : 252;   // exported PDUs
 }
 
 quint32 address(int host)
 {
     return 0x0a000000U + static_cast<quint32>(host);
+}
+
+constexpr int udpProtocol = 17;
+
+QByteArray internet(int protocol, CaptureFile::End from, CaptureFile::End to,
+                    const QByteArray& bytes)
+{
+    return bigEndian(quint16{0x4500}, static_cast<quint16>(20 + bytes.size()), 0U, quint8{64},
+                     static_cast<quint8>(protocol), quint16{0}, address(from.host),
+                     address(to.host)) +
+           bytes;
+}
+
+QByteArray datagram(CaptureFile::End from, CaptureFile::End to, const QByteArray& bytes)
+{
+    return bigEndian(static_cast<quint16>(from.port), static_cast<quint16>(to.port),
+                     static_cast<quint16>(8 + bytes.size()), quint16{0}) +
+           bytes;
 }
 
 } // namespace
@@ -60,28 +78,27 @@ void CaptureFile::add(const QByteArray& packet)
     ++packets;
 }
 
-void CaptureFile::internet(int protocol, End from, End to, const QByteArray& bytes)
-{
-    add(bigEndian(quint16{0x4500}, static_cast<quint16>(20 + bytes.size()), 0U, quint8{64},
-                  static_cast<quint8>(protocol), quint16{0}, address(from.host), address(to.host)) +
-        bytes);
-}
-
 void CaptureFile::udp(End from, End to, const QByteArray& bytes)
 {
-    internet(17, from, to,
-             bigEndian(static_cast<quint16>(from.port), static_cast<quint16>(to.port),
-                       static_cast<quint16>(8 + bytes.size()), quint16{0}) +
-                 bytes);
+    add(internet(udpProtocol, from, to, datagram(from, to, bytes)));
 }
 
-void CaptureFile::tcp(End from, End to, int sequence, const QByteArray& bytes, bool isPushed)
+void CaptureFile::unreachable(End from, End to, const QByteArray& bytes)
 {
-    const quint16 flags = isPushed ? 0x5018 : 0x5010; // 20 bytes of header
-    internet(6, from, to,
-             bigEndian(static_cast<quint16>(from.port), static_cast<quint16>(to.port),
-                       static_cast<quint32>(sequence), 0U, flags, quint16{0xffff}, 0U) +
-                 bytes);
+    constexpr quint16 portUnreachable = 0x0303;
+    constexpr int icmp = 1;
+    const QByteArray quoted = internet(udpProtocol, to, from, datagram(to, from, bytes));
+    add(internet(icmp, from, to, bigEndian(portUnreachable, quint16{0}, 0U) + quoted));
+}
+
+void CaptureFile::tcp(End from, End to, int sequence, const QByteArray& bytes)
+{
+    constexpr int protocol = 6;
+    constexpr quint16 flags = 0x5018; // 20 bytes of header, pushed
+    add(internet(protocol, from, to,
+                 bigEndian(static_cast<quint16>(from.port), static_cast<quint16>(to.port),
+                           static_cast<quint32>(sequence), 0U, flags, quint16{0xffff}, 0U) +
+                     bytes));
 }
 
 void CaptureFile::link(Medium medium, What what, const QString& name, const QByteArray& bytes)

@@ -24,8 +24,11 @@ public:
 
     void udp(End from, End to, const QByteArray& bytes);
 
+    /// The system's message that nobody listens there, with the datagram.
+    void unreachable(End from, End to, const QByteArray& bytes);
+
     /// A segment that acknowledges nothing; \a sequence counts from 0 in each direction.
-    void tcp(End from, End to, int sequence, const QByteArray& bytes, bool isPushed);
+    void tcp(End from, End to, int sequence, const QByteArray& bytes);
 
     /// What a link's capture says of it.
     void link(Medium medium, What what, const QString& name, const QByteArray& bytes);
@@ -40,7 +43,6 @@ public:
 
 private:
     void add(const QByteArray& packet);
-    void internet(int protocol, End from, End to, const QByteArray& bytes);
     void usb(char event, char type, int endpoint, const QByteArray& setup, const QByteArray& bytes);
 
     QByteArray file;

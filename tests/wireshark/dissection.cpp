@@ -67,10 +67,9 @@ QByteArray runTshark(const QByteArray& capture, const QStringList& options, QStr
     environment.insert(QStringLiteral("HOME"), home.path());
     environment.remove(QStringLiteral("XDG_CONFIG_HOME"));
     tshark.setProcessEnvironment(environment);
-    tshark.start(QStringLiteral("tshark"),
-                 QStringList{QStringLiteral("-n"), QStringLiteral("-2"), QStringLiteral("-r"),
-                             file.fileName()} +
-                     options);
+    tshark.start(QStringLiteral("tshark"), QStringList{QStringLiteral("-n"), QStringLiteral("-2"),
+                                                       QStringLiteral("-r"), file.fileName()} +
+                                               options);
     if (!tshark.waitForFinished(patienceMs) || tshark.exitStatus() != QProcess::NormalExit ||
         tshark.exitCode() != 0) {
         trouble = "tshark failed: " + tshark.errorString();
@@ -89,9 +88,8 @@ QByteArray runTshark(const QByteArray& capture, const QStringList& options, QStr
 
 Dissection::Dissection(const QByteArray& capture, const QStringList& options)
 {
-    const QByteArray output =
-        runTshark(capture, QStringList{QStringLiteral("-T"), QStringLiteral("pdml")} + options,
-                  trouble);
+    const QByteArray output = runTshark(
+        capture, QStringList{QStringLiteral("-T"), QStringLiteral("pdml")} + options, trouble);
     QXmlStreamReader xml(output);
     xml.readNextStartElement();
     while (xml.readNextStartElement()) {
