@@ -3,14 +3,17 @@
 #include "commandframe.h"
 #include "dissection.h"
 #include "luatables.h"
+#include "netns.h"
 #include "osdframe.h"
 #include "tests/support/replybytes.h"
+#include "tests/tools/toolprocess.h"
 #include "tooldecode.h"
 
 #include <gtest/gtest.h>
 
 #include <QFile>
 
+#include <csignal>
 #include <random>
 
 namespace
@@ -700,4 +703,43 @@ TEST_F(Dissector, ProfileColoursAndColumns)
     const QByteArray columns = runTshark(capture.content(), {"-C", "Core_Manage"}, trouble);
     EXPECT_TRUE(columns.contains("reply 0x10 0x01 0.001000000")) << columns.constData();
     EXPECT_TRUE(trouble.isEmpty()) << trouble.toStdString();
+}
+
+// What really passes, while the demo shows every link: nothing of it is malformed.
+TEST_F(Dissector, ReadsACaptureOfTheDemo)
+{
+    if (!netns::isolated()) {
+        GTEST_SKIP() << "the right to make a network namespace is missing";
+    }
+    const QTemporaryDir directory;
+    const QString file = directory.filePath(QStringLiteral("demo.pcap"));
+    QProcess capture;
+    capture.setProcessChannelMode(QProcess::MergedChannels);
+    capture.start(QStringLiteral("dumpcap"), {"-i", "lo", "-P", "-w", file});
+    ASSERT_TRUE(capture.waitForStarted());
+    QByteArray said;
+    while (!said.contains("File: ") && capture.waitForReadyRead(60000)) {
+        said += capture.readAll();
+    }
+    ASSERT_TRUE(said.contains("File: ")) << said.constData();
+    const ToolRun demo({QStringLiteral("demo")});
+    EXPECT_EQ(demo.code, 0) << demo.output.constData();
+    ::kill(static_cast<pid_t>(capture.processId()), SIGINT);
+    ASSERT_TRUE(capture.waitForFinished(60000));
+    QFile captured(file);
+    ASSERT_TRUE(captured.open(QIODevice::ReadOnly));
+    const Dissection seen(captured.readAll(), {"-o", "coremanage.tcp_ports:1024-65535"});
+    EXPECT_TRUE(seen.trouble.isEmpty()) << seen.trouble.toStdString();
+    int answered = 0;
+    int acknowledged = 0;
+    int blocks = 0;
+    for (const ShownFields& frame : seen.frames()) {
+        answered += frame.contains(QStringLiteral("response.to")) &&
+                    frame.contains(QStringLiteral("cmd"));
+        acknowledged += frame.contains(QStringLiteral("status"));
+        blocks += frame.value(QStringLiteral("block.length")) == QStringLiteral("145");
+    }
+    EXPECT_GE(answered, 200); // its burst
+    EXPECT_GE(acknowledged, 6);
+    EXPECT_GE(blocks, 1);
 }
