@@ -137,7 +137,7 @@ void CaptureFile::usbReport(bool fromDevice, const QByteArray& bytes)
     usb(fromDevice ? 'C' : 'S', interrupt, fromDevice ? 0x81 : 0x01, {}, bytes);
 }
 
-void CaptureFile::usbDescriptor(int vendor, int product)
+void CaptureFile::usbDescriptors(int vendor, int product)
 {
     constexpr char control = 2;
     usb('S', control, 0x80, QByteArray::fromHex("8006000100001200"), {});
@@ -145,4 +145,9 @@ void CaptureFile::usbDescriptor(int vendor, int product)
         littleEndian(quint8{18}, quint8{1}, quint16{0x200}, quint32{0x40000000},
                      static_cast<quint16>(vendor), static_cast<quint16>(product), quint16{0},
                      quint16{0}, quint8{0}, quint8{1}));
+    usb('S', control, 0x80, QByteArray::fromHex("8006000200002900"), {});
+    usb('C', control, 0x80, {},
+        QByteArray::fromHex("09022900010100c032" // one interface,
+                            "0904000002030000000921110100012222000705810340000a"
+                            "07050103400010")); // of class HID, with two interrupt endpoints
 }

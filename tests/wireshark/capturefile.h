@@ -33,9 +33,9 @@ public:
     /// What a link's capture says of it.
     void link(Medium medium, What what, const QString& name, const QByteArray& bytes);
 
-    /// A transfer of a HID device 1.5 on endpoint 1 as usbmon has it, or its device descriptor.
+    /// A transfer of a HID device 1.5 on endpoint 1 as usbmon has it, or its descriptors.
     void usbReport(bool fromDevice, const QByteArray& bytes);
-    void usbDescriptor(int vendor, int product);
+    void usbDescriptors(int vendor, int product);
 
     void wait(int milliseconds) { timeMs += milliseconds; }
     int count() const { return packets; }

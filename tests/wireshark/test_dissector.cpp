@@ -405,7 +405,7 @@ TEST_F(Dissector, RandomReports)
     Frames frames(3);
     CaptureFile captured(CaptureFile::Content::Pdus);
     CaptureFile transfers(CaptureFile::Content::Usb);
-    transfers.usbDescriptor(0x04b4, 0x1008);
+    transfers.usbDescriptors(0x04b4, 0x1008);
     std::vector<Written> written;
     const auto put = [&](bool isSent, QByteArray report) {
         report.append(64 - report.size(), '\0');
