@@ -670,6 +670,18 @@ TEST_F(Dissector, TakesOtherPortsByPreference)
     EXPECT_TRUE(shows(with, 1, "cmd", "0x10"));
     EXPECT_TRUE(shows(with, 2, "ch2", "0x00"));
     EXPECT_TRUE(with.packets.at(2).items.empty());
+    EXPECT_TRUE(
+        shows(Dissection(capture.content(), {"-d", "udp.port==7000,coremanage"}), 1, "cmd"));
+}
+
+// A capture that begins when the device has long been plugged in.
+TEST_F(Dissector, TakesADeviceThatItIsTold)
+{
+    CaptureFile capture(CaptureFile::Content::Usb);
+    capture.usbReport(true, replybytes::text(0x10, 1));
+    EXPECT_TRUE(Dissection(capture.content()).packets.at(0).items.empty());
+    const Dissection told(capture.content(), {"-d", "usb.device==0x10005,coremanage.usb"});
+    EXPECT_TRUE(shows(told, 1, "cmd", "0x10"));
 }
 
 TEST_F(Dissector, ShortBlocksByPreference)
@@ -734,8 +746,8 @@ TEST_F(Dissector, ReadsACaptureOfTheDemo)
     int acknowledged = 0;
     int blocks = 0;
     for (const ShownFields& frame : seen.frames()) {
-        answered += frame.contains(QStringLiteral("response.to")) &&
-                    frame.contains(QStringLiteral("cmd"));
+        answered +=
+            frame.contains(QStringLiteral("response.to")) && frame.contains(QStringLiteral("cmd"));
         acknowledged += frame.contains(QStringLiteral("status"));
         blocks += frame.value(QStringLiteral("block.length")) == QStringLiteral("145");
     }
