@@ -168,10 +168,15 @@ public:
         return chance(20) ? frame.left(2) + frame.mid(2, 16).toUpper() + frame.mid(18) : frame;
     }
 
-    /// One byte of \a frame from \a first on is another one, of the same sort where it matters.
+    /// Another byte of \a frame is there between \a first and \a last; now and then two that are
+    /// one character, which moves the digits behind it.
     void damage(QByteArray& frame, int first, int last)
     {
         const int at = first + below(last - first);
+        if (frame.startsWith('<') && at >= 2 && at < last - 2 && chance(20)) {
+            frame.replace(at, 2, "\xc3\xa9");
+            return;
+        }
         const char before = frame.at(at);
         do {
             frame[at] = chance(50) ? "0123456789abcdef <>g"[below(20)] : bytes(1).at(0);
