@@ -162,7 +162,7 @@ local function text_frame(bytes, at)
     local read = whole and digits or places(digits:match("^[^\0]*"))
     local body, right, sent = {}, 0, 0
     for i = 1, #digits / 2 do
-        sent = number(read:sub(2 * i - 1, 2 * i))
+        sent = whole and tonumber(digits:sub(2 * i - 1, 2 * i), 16) or number(read:sub(2 * i - 1, 2 * i))
         body[i] = sent % 256
         right = right + (i < #digits / 2 and body[i] or 0)
     end
@@ -280,7 +280,7 @@ local function datagram_to_device(flow, bytes, packet)
         if has > 0 then
             frame.block = {at = frame.length, length = has, whole = flow.open == nil}
         end
-        packet.add(frame)
+        packet:add(frame)
         asked(flow, frame, packet.to)
     elseif flow.open then
         local open = flow.open
@@ -293,9 +293,9 @@ local function datagram_to_device(flow, bytes, packet)
             open.frame.block_in = packet.number
             flow.open = nil
         end
-        packet.add(item)
+        packet:add(item)
     else
-        packet.add({kind = "noise", at = 0, length = #bytes, problems = {skipped = "Not a command"}})
+        packet:add({kind = "noise", at = 0, length = #bytes, problems = {skipped = "Not a command"}})
     end
 end
 
@@ -306,7 +306,7 @@ local function datagram_to_host(flow, bytes, packet)
     if frame and frame.form == "reply" then
         local values = frame.values
         local is_valid = frame.good and (values.ADDR ~= 0 or values.CMD ~= 0 or values.CHKSUM ~= 0)
-        packet.add(frame)
+        packet:add(frame)
         if is_valid then
             answered(flow, frame, packet.from)
             local kind = reply_kind(frame)[1]
@@ -339,9 +339,9 @@ local function datagram_to_host(flow, bytes, packet)
         end
         reply.block_in = packet.number
     end
-    packet.add(item)
+    packet:add(item)
     if item.length < #bytes then
-        packet.add({kind = "noise", at = item.length, length = #bytes - item.length, problems = {skipped = true}})
+        packet:add({kind = "noise", at = item.length, length = #bytes - item.length, problems = {skipped = true}})
     end
 end
 
@@ -397,13 +397,13 @@ local function cut_stream(stream, bytes, packet)
         at = at + count
         if from < at then
             local zeros = packet.is_padded and not bytes:find("[^\0]", from)
-            packet.skip(from - 1, at - from, zeros)
+            packet:skip(from - 1, at - from, zeros)
             shown = at
         end
     end
     local function give_up()
         stream.waiting.problems["block.lost"] = "Its block did not come"
-        packet.add({kind = "lost", at = at - 1, length = 0, of = stream.waiting, problems = {
+        packet:add({kind = "lost", at = at - 1, length = 0, of = stream.waiting, problems = {
             ["block.lost"] = "The block of frame " .. stream.waiting.number .. " did not come in time"}})
         stream.waiting = nil
     end
@@ -433,7 +433,7 @@ local function cut_stream(stream, bytes, packet)
                 waiting.block = block
             else
                 waiting.block_in = packet.number
-                packet.add(block)
+                packet:add(block)
             end
             stream.waiting, shown = nil, at
         elseif waiting or has == 0 then
@@ -446,12 +446,12 @@ local function cut_stream(stream, bytes, packet)
                 break
             elseif not frame.good then
                 if is_reply or not is_binary then
-                    packet.add(frame)
+                    packet:add(frame)
                     shown = math.max(shown, at + frame.length)
                 end
                 skip(1)
             else
-                packet.add(frame)
+                packet:add(frame)
                 at = at + frame.length
                 shown = at
                 if is_reply then
@@ -485,7 +485,7 @@ local function cut_acknowledgements(_, bytes, packet)
             start = bytes:sub(-1) == mark:sub(1, 1) and #bytes or #bytes + 1
         end
         if start > at then
-            packet.skip(at - 1, start - at)
+            packet:skip(at - 1, start - at)
         end
         at = start
         if #bytes - at + 1 < length then
@@ -493,7 +493,7 @@ local function cut_acknowledgements(_, bytes, packet)
         end
         local frame = new_frame("reply", at - 1, {}, {})
         frame.length, frame.status = length, bytes:byte(at + length - 1)
-        packet.add(frame)
+        packet:add(frame)
         answered(packet.flow, frame)
         at = at + length
     end
@@ -502,7 +502,7 @@ end
 
 local function whole_osd_command(_, bytes, packet)
     local frame = osd_command(bytes)
-    packet.add(frame)
+    packet:add(frame)
     asked(packet.flow, frame)
     return #bytes
 end
@@ -520,22 +520,26 @@ local function flow_of(key)
     return flows[key]
 end
 
+local Packet = {}
+Packet.__index = Packet
+
 local function packet_of(pinfo, flow)
-    local packet = {number = pinfo.number, time = pinfo.rel_ts, items = {}, flow = flow}
-    function packet.add(item)
-        item.number, item.time = packet.number, packet.time
-        table.insert(packet.items, item)
+    return setmetatable({number = pinfo.number, time = pinfo.rel_ts, items = {}, flow = flow}, Packet)
+end
+
+function Packet:add(item)
+    item.number, item.time, item.body = self.number, self.time, nil
+    table.insert(self.items, item)
+end
+
+function Packet:skip(at, length, is_padding)
+    local last = self.items[#self.items]
+    if last and last.kind == "noise" and last.at + last.length == at and last.is_padding == is_padding then
+        last.length = last.length + length
+    else
+        self:add({kind = "noise", at = at, length = length, is_padding = is_padding,
+                  problems = {skipped = not is_padding or nil}})
     end
-    function packet.skip(at, length, is_padding)
-        local last = packet.items[#packet.items]
-        if last and last.kind == "noise" and last.at + last.length == at and last.is_padding == is_padding then
-            last.length = last.length + length
-        else
-            packet.add({kind = "noise", at = at, length = length, is_padding = is_padding,
-                        problems = {skipped = not is_padding or nil}})
-        end
-    end
-    return packet
 end
 
 -- What `decide` makes of a packet, once for each place in each packet.
@@ -551,8 +555,12 @@ local function take_piece(stream, cut, bytes, packet)
     local joined = packet.prefix .. bytes
     local used = cut(stream, joined, packet)
     stream.rest = joined:sub(used + 1)
-    if #stream.rest > 0 then
-        packet.add({kind = "part", at = used, length = #stream.rest, of = stream.waiting, problems = {}})
+    if #packet.items == 0 then -- long blocks come in many pieces: none keeps those before it
+        packet.prefix = nil
+        packet:add({kind = "part", at = 0, length = #bytes, has = #joined, of = stream.waiting, problems = {}})
+    elseif #stream.rest > 0 then
+        packet:add({kind = "part", at = used, length = #stream.rest, has = #stream.rest,
+                    of = stream.waiting, problems = {}})
     end
     return packet
 end
@@ -567,7 +575,8 @@ local function line_of(item)
     if item.kind == "noise" then
         return (item.is_padding and "padding" or "skipped") .. ", " .. item.length .. " bytes"
     elseif item.kind == "part" then
-        return (item.of and "part of a block, " or "part of a frame, ") .. item.length .. " bytes"
+        return item.of and string.format("part of a block, %d of %d bytes", item.has, item.of.wanted) or
+               "part of a frame"
     elseif item.kind == "lost" then
         return "block lost"
     elseif item.kind == "block" then
@@ -711,12 +720,15 @@ end
 
 -- Who sends a datagram is known from the frames that it sent, else from the ports.
 local function is_from_host(pinfo, bytes, source)
-    local frame = text_frame(bytes, 1)
-    if frame and frame.good and (frame.form == "command" or #bytes == frame.length) then
-        roles[source] = frame.form
+    local text = library.text
+    local mark = bytes:sub(text.digits, text.digits)
+    if bytes:sub(1, 1) == text.start and (mark == text.command or mark == text.reply) and
+       bytes:match("^%x+", text.digits + 1) == bytes:sub(text.digits + 1, text.length - 1) and
+       (mark == text.command or #bytes == text.length) then
+        roles[source] = mark
     end
     if roles[source] then
-        return roles[source] == "command"
+        return roles[source] == library.text.command
     end
     return pinfo.src_port == 5104 or pinfo.dst_port == 1000
 end
