@@ -327,7 +327,7 @@ local function datagram_to_host(flow, bytes, packet)
     local item = {kind = "block", at = 0, length = #bytes, of = reply, problems = {}, whole = true}
     if not reply then
         item.title = "no reply"
-        item.problems["block.unexpected"] = true
+        item.problems["block.unexpected"] = #bytes .. " bytes that belong to no reply"
     else
         local wanted = reply.wanted
         if wanted ~= 0 and (reply.fixed or wanted < 0x8000) then
@@ -381,95 +381,112 @@ local function next_binary(bytes, at, is_reply)
     return binary_frame(bytes, at, is_reply), nil
 end
 
+local function block_length(frame, stream, packet)
+    if stream.is_binary or not stream.is_reply then
+        return frame.announced
+    end
+    local _, kind, may_be_short = table.unpack(reply_kind(frame))
+    if may_be_short and packet.is_serial and device.prefs.short_blocks then
+        return library.lengths.short
+    end
+    return kind == "Announced" and frame.announced or library.lengths[kind] or 0
+end
+
+-- Whether the bytes at `at` are the block of a waiting text command, or another command: one may
+-- announce a block and send none. Nil as long as that cannot be known.
+local function is_block(bytes, at)
+    local frame, count = next_text(bytes, at, library.text.command)
+    if frame or count and count > 0 then
+        return not (frame and frame.good)
+    end
+end
+
+local function take_block(stream, bytes, at, packet)
+    local head = stream.waiting
+    local block = {kind = "block", at = at - 1, length = head.wanted, of = head, problems = {}, whole = true}
+    if stream.is_reply then
+        local last = at + head.wanted - 1
+        block.good = sum(bytes, at, last - 1) == bytes:byte(last)
+        block.problems["block.checksum"] = not block.good or nil
+    end
+    if head.number == packet.number and head.at + head.length == block.at then
+        head.block = block
+    else
+        head.block_in = packet.number
+        packet:add(block)
+    end
+    stream.waiting = nil
+end
+
+local function give_up_block(stream, at, packet)
+    local head = stream.waiting
+    head.problems["block.lost"] = "Its block did not come"
+    packet:add({kind = "lost", at = at - 1, length = 0, of = head, problems = {
+        ["block.lost"] = "The block of frame " .. head.number .. " did not come in time"}})
+    stream.waiting = nil
+end
+
 -- Cuts what can be cut, and returns the length of that.
 local function cut_stream(stream, bytes, packet)
     local is_reply, is_binary = stream.is_reply, stream.is_binary
     local mark = is_reply and library.text.reply or library.text.command
-    local at, shown, newest = 1, 1, 1
-    local function following()
-        if is_binary then
-            return next_binary(bytes, at, is_reply)
-        end
-        return next_text(bytes, at, mark)
-    end
+    local at, shown = 1, 1
     local function skip(count)
         local from = math.max(at, shown) -- a damaged frame has been shown
         at = at + count
         if from < at then
-            local zeros = packet.is_padded and not bytes:find("[^\0]", from)
-            packet:skip(from - 1, at - from, zeros)
+            packet:skip(from - 1, at - from, packet.is_padded and not bytes:find("[^\0]", from))
             shown = at
         end
     end
-    local function give_up()
-        stream.waiting.problems["block.lost"] = "Its block did not come"
-        packet:add({kind = "lost", at = at - 1, length = 0, of = stream.waiting, problems = {
-            ["block.lost"] = "The block of frame " .. stream.waiting.number .. " did not come in time"}})
-        stream.waiting = nil
+    local function take_frame(frame)
+        packet:add(frame)
+        shown = math.max(shown, at + frame.length)
+        if not frame.good then
+            skip(1)
+            return
+        end
+        at = at + frame.length
+        frame.wanted = block_length(frame, stream, packet)
+        stream.waiting = frame.wanted > 0 and frame or nil
+        local note = is_reply and answered or asked
+        note(packet.flow, frame)
+        if packet.is_padded and frame.update and frame.length + frame.wanted >= REPORT - 1 and
+           not bytes:find("[^\0]", at) then
+            skip(#bytes - at + 1) -- the block begins in the next report
+        end
     end
-    while true do
+    while at <= #bytes do
         local waiting = stream.waiting
-        local has = #bytes - at + 1
         if waiting and is_reply and packet.time - waiting.time > BLOCK_WAIT then
-            give_up()
-        elseif waiting and not is_reply and not is_binary and waiting.may_have_none then
-            local frame, count = following() -- a command may announce a block and send none
-            if frame and frame.good then
-                stream.waiting = nil
-            elseif frame or count and count > 0 then
-                waiting.may_have_none = false
-            else
+            give_up_block(stream, at, packet)
+        elseif waiting and not is_reply and not is_binary and not waiting.has_block then
+            local answer = is_block(bytes, at)
+            if answer == nil then
                 break
             end
-        elseif waiting and has >= waiting.wanted then
-            local block = {kind = "block", at = at - 1, length = waiting.wanted, of = waiting,
-                           problems = {}, whole = true}
+            waiting.has_block = answer
+            stream.waiting = answer and waiting or nil
+        elseif waiting then
+            if #bytes - at + 1 < waiting.wanted then
+                break
+            end
+            take_block(stream, bytes, at, packet)
             at = at + waiting.wanted
-            if is_reply and block.length > 0 then
-                block.good = sum(bytes, block.at + 1, at - 2) == bytes:byte(at - 1)
-                block.problems["block.checksum"] = not block.good or nil
-            end
-            if waiting.number == packet.number and waiting.at + waiting.length == block.at then
-                waiting.block = block
-            else
-                waiting.block_in = packet.number
-                packet:add(block)
-            end
-            stream.waiting, shown = nil, at
-        elseif waiting or has == 0 then
-            break
+            shown = at
         else
-            local frame, count = following()
-            if count then
-                skip(count)
-            elseif not frame then
-                break
-            elseif not frame.good then
-                if is_reply or not is_binary then
-                    packet:add(frame)
-                    shown = math.max(shown, at + frame.length)
-                end
-                skip(1)
+            local frame, count
+            if is_binary then
+                frame, count = next_binary(bytes, at, is_reply)
             else
-                packet:add(frame)
-                at = at + frame.length
-                shown = at
-                if is_reply then
-                    answered(packet.flow, frame)
-                    local kind = reply_kind(frame)[2]
-                    local is_short = reply_kind(frame)[3] and packet.is_serial and device.prefs.short_blocks
-                    frame.wanted = is_binary and frame.announced or kind == "Announced" and frame.announced or
-                                   is_short and library.lengths.short or library.lengths[kind] or 0
-                else
-                    asked(packet.flow, frame)
-                    frame.wanted = frame.announced
-                    if packet.is_padded and frame.update and frame.wanted + frame.length >= REPORT - 1 and
-                       not bytes:find("[^\0]", at) then
-                        skip(#bytes - at + 1) -- the block begins in the next report
-                    end
-                end
-                frame.may_have_none = true
-                stream.waiting = frame.wanted > 0 and frame or nil
+                frame, count = next_text(bytes, at, mark)
+            end
+            if count or frame and is_binary and not is_reply and not frame.good then
+                skip(count or 1) -- a binary command has no mark: every byte may begin one
+            elseif frame then
+                take_frame(frame)
+            else
+                break
             end
         end
     end

@@ -79,7 +79,7 @@ QByteArray runTshark(const QByteArray& capture, const QStringList& options, QStr
             trouble += QString::fromUtf8(line);
         }
     }
-    const QByteArray output = tshark.readAllStandardOutput();
+    QByteArray output = tshark.readAllStandardOutput();
     if (output.contains("Lua Error")) {
         trouble += QString::fromUtf8(output.mid(output.indexOf("Lua Error"), 300));
     }
