@@ -25,6 +25,9 @@ local function field(kind, name, ...)
         table.insert(field_list, fields[name])
     end
 end
+local media = {[1] = "udp", [2] = "serial", [3] = "vela", [4] = "usb", [5] = "osd"}
+local happenings = {[0] = "sent", [1] = "received", [2] = "failed to be sent", [3] = "opened",
+                    [4] = "closed", [5] = "lost", [6] = "re-initialised"}
 local judged = {[0] = "Bad", [1] = "Good"}
 for _, layout in ipairs({library.command, library.reply, library.binary_command,
                          library.binary_reply, library.osd}) do
@@ -52,11 +55,8 @@ field("bytes", "skipped", "Skipped bytes")
 field("bytes", "padding", "Padding")
 field("bytes", "part", "Part")
 field("uint8", "link.version", "Version", base.DEC)
-field("uint8", "link.medium", "Medium", base.DEC,
-      {[1] = "udp", [2] = "serial", [3] = "vela", [4] = "usb", [5] = "osd"})
-field("uint8", "link.what", "What", base.DEC,
-      {[0] = "sent", [1] = "received", [2] = "failed to be sent", [3] = "opened", [4] = "closed",
-       [5] = "lost", [6] = "re-initialised"})
+field("uint8", "link.medium", "Medium", base.DEC, media)
+field("uint8", "link.what", "What", base.DEC, happenings)
 field("string", "link.name", "Link")
 device.fields = field_list
 
@@ -796,8 +796,6 @@ function endpoint.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
-local media = {[1] = "udp", [2] = "serial", [3] = "vela", [4] = "usb", [5] = "osd"}
-
 local function take_of_stream(flow, medium, from_host, bytes, packet)
     local stream = flow.streams[from_host]
     if not stream then
@@ -830,15 +828,19 @@ function hid.dissector(tvb, pinfo, tree)
 end
 
 function link.dissector(tvb, pinfo, tree)
-    local medium, what, length = media[tvb(1, 1):uint()], tvb(2, 1):uint(), tvb(3, 1):uint()
+    local length = tvb:len() >= 4 and tvb(3, 1):uint()
+    if not length or tvb:len() < 4 + length or tvb(0, 1):uint() ~= 1 or not media[tvb(1, 1):uint()] then
+        return 0
+    end
+    local medium, what = media[tvb(1, 1):uint()], tvb(2, 1):uint()
     local branch = tree:add(link, tvb(0, 4 + length))
     branch:add(fields["link.version"], tvb(0, 1))
     branch:add(fields["link.medium"], tvb(1, 1))
-    local shown_what = branch:add(fields["link.what"], tvb(2, 1))
+    branch:add(fields["link.what"], tvb(2, 1))
     branch:add(fields["link.name"], tvb(4, length))
     if what > 2 or tvb:len() == 4 + length then
         pinfo.cols.protocol = "Core_Manage"
-        pinfo.cols.info = shown_what.text .. " " .. tvb(4, length):string()
+        pinfo.cols.info = (happenings[what] or "") .. " " .. tvb(4, length):string()
         if what > 2 and not pinfo.visited then
             flows[tvb(4, length):string()] = nil
         end

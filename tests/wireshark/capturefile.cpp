@@ -118,6 +118,11 @@ void CaptureFile::link(Medium medium, What what, const QString& name, const QByt
         text + bytes);
 }
 
+void CaptureFile::pdu(const QByteArray& bytes)
+{
+    add(tag(12, "coremanage.link") + tag(0, {}) + bytes);
+}
+
 void CaptureFile::usb(char event, char type, int endpoint, const QByteArray& setup,
                       const QByteArray& bytes)
 {

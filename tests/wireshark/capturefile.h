@@ -33,6 +33,9 @@ public:
     /// What a link's capture says of it.
     void link(Medium medium, What what, const QString& name, const QByteArray& bytes);
 
+    /// A packet that says to be of a link's capture.
+    void pdu(const QByteArray& bytes);
+
     /// A transfer of a HID device 1.5 on endpoint 1 as usbmon has it, or its descriptors.
     void usbReport(bool fromDevice, const QByteArray& bytes);
     void usbDescriptors(int vendor, int product);

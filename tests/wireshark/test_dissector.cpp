@@ -679,6 +679,38 @@ TEST_F(Dissector, TakesOtherPortsByPreference)
         shows(Dissection(capture.content(), {"-d", "udp.port==7000,coremanage"}), 1, "cmd"));
 }
 
+// Whatever comes: it is skipped, waits for more, or is a block.
+TEST_F(Dissector, TakesAnyBytes)
+{
+    Frames frames(5);
+    CaptureFile captured(CaptureFile::Content::Pdus);
+    CaptureFile internet(CaptureFile::Content::Internet);
+    CaptureFile transfers(CaptureFile::Content::Usb);
+    transfers.usbDescriptors(0x04b4, 0x100a);
+    const auto anyBytes = [&frames] {
+        QByteArray bytes = frames.bytes(frames.below(80));
+        static const QByteArray marks[] = {"<F", "<T", "<", "OK", "O", "\xf1\x1f", "\xf1", ">"};
+        for (int i = frames.below(4); i > 0; --i) {
+            bytes.insert(frames.below(bytes.size() + 1), marks[frames.below(8)]);
+        }
+        return bytes;
+    };
+    for (int i = 0; i < 1500; ++i) {
+        captured.pdu(frames.bytes(frames.below(12)));
+        captured.link(static_cast<Medium>(1 + frames.below(6)), static_cast<What>(frames.below(8)),
+                      QString(frames.below(3), QChar('x')), anyBytes());
+        const bool isSent = frames.chance(50);
+        internet.udp(isSent ? host : device, isSent ? device : host, anyBytes());
+        internet.unreachable(device, host, anyBytes());
+        transfers.usbReport(!isSent, anyBytes());
+    }
+    for (const CaptureFile* capture : {&captured, &internet, &transfers}) {
+        const Dissection seen(capture->content());
+        EXPECT_TRUE(seen.trouble.isEmpty()) << seen.trouble.toStdString();
+        EXPECT_EQ(static_cast<int>(seen.packets.size()), capture->count());
+    }
+}
+
 // A capture that begins when the device has long been plugged in.
 TEST_F(Dissector, TakesADeviceThatItIsTold)
 {
