@@ -465,7 +465,7 @@ local function cut_stream(stream, bytes, packet)
             if answer == nil then
                 break
             end
-            waiting.has_block = answer
+            waiting.has_block = true
             stream.waiting = answer and waiting or nil
         elseif waiting then
             if #bytes - at + 1 < waiting.wanted then

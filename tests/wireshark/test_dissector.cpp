@@ -600,6 +600,25 @@ TEST_F(Dissector, GivesUpABlockOfAStream)
     EXPECT_FALSE(shows(seen, 8, "response.to"));
 }
 
+TEST_F(Dissector, ShowsWhatABlockIsMadeOf)
+{
+    const QString name = QStringLiteral("vela:///dev/ttyUSB0");
+    model_Protocoldata record;
+    record.arryDatablock = replybytes::block(40);
+    const QByteArray bytes = "x" + commandframe::encodeBinary(record);
+    CaptureFile capture(CaptureFile::Content::Pdus);
+    capture.link(Medium::Vela, What::Sent, name, bytes.left(27));    // 1
+    capture.link(Medium::Vela, What::Sent, name, bytes.mid(27, 10)); // 2
+    capture.link(Medium::Vela, What::Sent, name, bytes.mid(37));     // 3
+    const Dissection seen(capture.content());
+    ASSERT_TRUE(seen.trouble.isEmpty()) << seen.trouble.toStdString();
+    EXPECT_TRUE(shows(seen, 1, "skipped", "78"));
+    EXPECT_TRUE(shows(seen, 1, "aux6", "0x0028"));
+    EXPECT_TRUE(shows(seen, 1, "block.in", "3"));
+    EXPECT_TRUE(shows(seen, 2, "part", bytes.mid(27, 10).toHex(':')));
+    EXPECT_TRUE(shows(seen, 3, "block", record.arryDatablock.toHex(':')));
+}
+
 // What the system quotes in its message that nobody listens was not sent twice.
 TEST_F(Dissector, TakesNoQuotedCommandForASentOne)
 {
@@ -696,7 +715,7 @@ TEST_F(Dissector, TakesAnyBytes)
         return bytes;
     };
     for (int i = 0; i < 1500; ++i) {
-        captured.pdu(frames.bytes(frames.below(12)));
+        captured.pdu(QByteArray(frames.chance(50) ? "\1\2" : "") + frames.bytes(frames.below(12)));
         captured.link(static_cast<Medium>(1 + frames.below(6)), static_cast<What>(frames.below(8)),
                       QString(frames.below(3), QChar('x')), anyBytes());
         const bool isSent = frames.chance(50);
@@ -730,6 +749,7 @@ TEST_F(Dissector, ShortBlocksByPreference)
     }
     const Dissection with(capture.content(), {"-o", "coremanage.short_blocks:TRUE"});
     EXPECT_TRUE(shows(with, 1, "block.length", "33"));
+    EXPECT_TRUE(shows(with, 1, "block.checksum.status", "1"));
     EXPECT_TRUE(shows(with, 2, "block.announced", "129"));
     EXPECT_TRUE(shows(Dissection(capture.content()), 1, "block.announced", "129"));
 }
