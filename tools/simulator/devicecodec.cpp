@@ -66,6 +66,18 @@ std::optional<devicecodec::Head> devicecodec::decodeCommand(const QByteArray& by
     return head;
 }
 
+devicecodec::Head devicecodec::replyTo(const Head& command, std::optional<int> blockLength,
+                                       Framing framing)
+{
+    Head reply = command;
+    reply.blockLength = static_cast<quint16>(blockLength.value_or(0));
+    if (framing == Framing::Text && blockLength) {
+        reply.dat3 = static_cast<quint8>(reply.blockLength & 0xff);
+        reply.dat4 = static_cast<quint8>(reply.blockLength >> 8);
+    }
+    return reply;
+}
+
 QByteArray devicecodec::encodeReply(const Head& reply, Framing framing)
 {
     QByteArray bytes;

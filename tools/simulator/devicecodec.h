@@ -47,6 +47,9 @@ int headSize(Framing framing);
 /// The valid command head at the start of \a bytes; text digits may be of either case.
 std::optional<Head> decodeCommand(const QByteArray& bytes, Framing framing);
 
+/// The reply that echoes a command and announces a block of this length, if there is to be one.
+Head replyTo(const Head& command, std::optional<int> blockLength, Framing framing);
+
 /// The reply head. In binary framing the lead is F1 1F whatever \a reply holds.
 QByteArray encodeReply(const Head& reply, Framing framing);
 

@@ -21,8 +21,10 @@ int askedFor(const Head& command)
 
 void spoilLast(QByteArray& bytes)
 {
-    const auto last = bytes.size() - 1;
-    bytes[last] = static_cast<char>(bytes.at(last) + 1);
+    if (!bytes.isEmpty()) {
+        const auto last = bytes.size() - 1;
+        bytes[last] = static_cast<char>(bytes.at(last) + 1);
+    }
 }
 
 } // namespace
@@ -130,67 +132,89 @@ QByteArray SimulatedDevice::makeBlock(int length)
 
 Exchange SimulatedDevice::answer(DeviceCommand command)
 {
+    const bool isOsd = settings.framing == Framing::Osd;
+    Answer answer;
+    answer.pieces =
+        isOsd ? std::vector<Emission>{{"OK" + command.block.left(1), {}}} : reply(command.head);
+    if (settings.answers) {
+        settings.answers->answer(command, answer);
+    }
     Exchange exchange;
     exchange.command = std::move(command);
-    settings.framing == Framing::Osd ? acknowledge(exchange) : reply(exchange);
+    exchange.answer = std::move(answer.pieces);
+    own = answer.faults;
+    isOsd ? spoilAcknowledgement(exchange) : spoil(exchange);
     return exchange;
 }
 
-void SimulatedDevice::reply(Exchange& exchange)
+std::vector<Emission> SimulatedDevice::reply(const Head& command)
 {
-    Head reply = exchange.command.head;
-    const auto length = blockLength(reply);
-    reply.blockLength = static_cast<quint16>(length.value_or(0));
-    if (settings.framing == Framing::Text && length) {
-        reply.dat3 = static_cast<quint8>(*length & 0xff);
-        reply.dat4 = static_cast<quint8>(*length >> 8);
-    }
-    QByteArray block = length ? makeBlock(*length) : QByteArray();
-    QByteArray head = devicecodec::encodeReply(reply, settings.framing);
-    spoilReply(head, exchange);
+    const auto length = blockLength(command);
+    std::vector<Emission> pieces{
+        {devicecodec::encodeReply(devicecodec::replyTo(command, length, settings.framing),
+                                  settings.framing),
+         {}}};
     if (length) {
-        spoilBlock(block, exchange);
+        pieces.push_back({makeBlock(*length), {}});
     }
-    exchange.answer.push_back({head, {}});
-    if (!block.isEmpty()) {
-        exchange.answer.push_back({block, {}});
+    return pieces;
+}
+
+void SimulatedDevice::spoil(Exchange& exchange)
+{
+    auto& answer = exchange.answer;
+    const bool hasBlock = answer.size() > 1;
+    if (!answer.empty()) {
+        spoilReply(answer[0].bytes, exchange);
+        if (hasBlock) {
+            spoilBlock(answer[1].bytes, exchange);
+            if (answer[1].bytes.isEmpty()) {
+                answer.erase(answer.begin() + 1);
+            }
+        }
+        if (settings.medium == Medium::Stream) {
+            spoilStream(exchange, hasBlock);
+        }
+        spoilOrder(exchange, hasBlock);
+        if (strikes(Fault::Drop, exchange)) {
+            answer.clear();
+            return;
+        }
     }
     if (settings.medium == Medium::Stream) {
-        spoilStream(exchange, length.has_value());
-    }
-    spoilOrder(exchange, length.has_value());
-    if (strikes(Fault::Drop, exchange)) {
-        exchange.answer.clear();
-    } else if (settings.medium == Medium::Stream) {
         spoilPieces(exchange);
     }
 }
 
 // No other fault can show when nothing is answered.
-void SimulatedDevice::acknowledge(Exchange& exchange)
+void SimulatedDevice::spoilAcknowledgement(Exchange& exchange)
 {
     if (strikes(Fault::Reset, exchange) || strikes(Fault::Drop, exchange)) {
+        exchange.answer.clear();
         return;
     }
-    exchange.answer.push_back({"OK" + exchange.command.block.left(1), {}});
-    spoilOrder(exchange, false);
+    if (!exchange.answer.empty()) {
+        spoilOrder(exchange, false);
+    }
     spoilPieces(exchange);
 }
 
 // The amount if the fault strikes, 0 for a fault that has none.
 std::optional<int> SimulatedDevice::strikes(Fault fault, Exchange& exchange)
 {
-    if (!chances->faults.strikes(fault, chances->random)) {
-        return std::nullopt;
+    for (Faults* const faults : {own, &chances->faults}) {
+        if (faults != nullptr && faults->strikes(fault, chances->random)) {
+            exchange.faults.push_back(fault);
+            return faults->amount(fault);
+        }
     }
-    exchange.faults.push_back(fault);
-    return chances->faults.amount(fault);
+    return std::nullopt;
 }
 
 void SimulatedDevice::spoilReply(QByteArray& reply, Exchange& exchange)
 {
     if (strikes(Fault::WrongChecksum, exchange)) {
-        if (settings.framing == Framing::Text) {
+        if (settings.framing == Framing::Text && reply.size() >= devicecodec::textHeadSize) {
             constexpr int digits = 16;
             QByteArray body = QByteArray::fromHex(reply.mid(2, digits));
             spoilLast(body);
@@ -281,19 +305,24 @@ void SimulatedDevice::spoilPieces(Exchange& exchange)
         }
         return all;
     };
-    if (strikes(Fault::HangUp, exchange)) {
-        answer = {Emission{joined().left(qMax(1, joined().size() / 2)), {}}};
+    if (strikes(Fault::HangUp, exchange) && !answer.empty()) {
+        answer = {Emission{joined().left(qMax(1, joined().size() / 2)), answer.front().after}};
         exchange.times = 1;
+    }
+    if (answer.empty()) {
+        return;
     }
     if (const auto apart = strikes(Fault::Split, exchange)) {
         std::vector<Emission> bytes;
         for (const char byte : joined()) {
             bytes.push_back({QByteArray(1, byte), std::chrono::milliseconds(*apart)});
         }
-        bytes.front().after += answer.front().after; // a delay stays
-        answer = bytes;
+        if (!bytes.empty()) {
+            bytes.front().after += answer.front().after; // a delay stays
+            answer = bytes;
+        }
     }
     if (strikes(Fault::Glue, exchange)) {
-        answer = {Emission{joined(), {}}};
+        answer = {Emission{joined(), answer.front().after}};
     }
 }

@@ -1,22 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "answersource.h"
 #include "commandreader.h"
 #include "devicecodec.h"
 #include "faults.h"
 
 #include <QByteArray>
 
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <vector>
-
-/// One write of the device's answer.
-struct Emission {
-    QByteArray bytes;
-    std::chrono::milliseconds after{0}; ///< pause before it, counted from the write before
-};
 
 /// One command and what the device does about it.
 struct Exchange {
@@ -48,8 +42,8 @@ struct Chances {
 /// | any, in binary framing                     | as many as DAT3 and DAT4 ask for               |
 ///
 /// The bytes of a block count upwards from a random start. A command of an on-screen display is
-/// answered with "OK" and its first byte. The same settings, seed and commands give the same
-/// answers. One thread; no I/O, no clock.
+/// answered with "OK" and its first byte. An AnswerSource may say something else. The same
+/// settings, seed and commands give the same answers. One thread; no I/O, no clock.
 class SimulatedDevice
 {
 public:
@@ -60,7 +54,8 @@ public:
         quint64 seed = 1;
         int announcedLength = 64; ///< 1 to 32767
         bool shortBlock = false;
-        std::optional<int> dataLength; ///< see CommandReader
+        std::optional<int> dataLength;         ///< see CommandReader
+        std::shared_ptr<AnswerSource> answers; ///< null: as the table says
     };
 
     /// \a chances, which several devices may share, replace the faults and seed of \a settings.
@@ -81,8 +76,9 @@ public:
 
 private:
     Exchange answer(DeviceCommand command);
-    void reply(Exchange& exchange);
-    void acknowledge(Exchange& exchange);
+    std::vector<Emission> reply(const devicecodec::Head& command);
+    void spoil(Exchange& exchange);
+    void spoilAcknowledgement(Exchange& exchange);
     std::optional<int> blockLength(const devicecodec::Head& command) const;
     QByteArray makeBlock(int length);
     std::optional<int> strikes(Fault fault, Exchange& exchange);
@@ -98,4 +94,5 @@ private:
     const std::shared_ptr<Chances> chances;
     CommandReader reader;
     std::optional<Exchange> held; // its answer waits for the next one
+    Faults* own = nullptr;        // of the answer that is being made
 };
