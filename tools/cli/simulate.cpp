@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "answerfile.h"
 #include "options.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
 
+#include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QJsonArray>
 
 #include <limits>
@@ -17,6 +20,7 @@ namespace
 struct Simulate {
     std::string place;
     std::vector<std::string> faults;
+    std::string answers;
     SimulatedDevice::Settings settings;
     Duration duration;
     bool json = false;
@@ -26,6 +30,7 @@ struct Simulate {
 
 private:
     std::unique_ptr<Simulation> simulation();
+    void readAnswers(const LinkKind& kind);
     void take(const Exchange& exchange);
     void show(const Exchange& exchange) const;
     void showJson(const Exchange& exchange) const;
@@ -115,6 +120,26 @@ void Simulate::take(const Exchange& exchange)
     }
 }
 
+void Simulate::readAnswers(const LinkKind& kind)
+{
+    using devicecodec::Framing;
+    const QString path = QString::fromStdString(answers);
+    const QDir directory = QFileInfo(path).dir();
+    const auto readFile = [&](const QString& where, const QString& name) {
+        return typed::file(path + ": " + where, directory.filePath(name), typed::fileLimit);
+    };
+    const AnswerFile::Link link{kind.fields == FieldSet::OsdFrame     ? Framing::Osd
+                                : kind.fields == FieldSet::BinaryHead ? Framing::Binary
+                                                                      : Framing::Text,
+                                kind.faulty};
+    try {
+        settings.answers = std::make_shared<AnswerFile>(
+            typed::file("--answers", path, typed::fileLimit), link, readFile);
+    } catch (const std::invalid_argument& wrong) {
+        throw BadInput(path + ": " + QString::fromUtf8(wrong.what()));
+    }
+}
+
 std::unique_ptr<Simulation> Simulate::simulation()
 {
     for (const std::string& fault : faults) {
@@ -130,6 +155,9 @@ std::unique_ptr<Simulation> Simulate::simulation()
     if (!unfit.isEmpty()) {
         throw BadInput(
             QString("--fault: \"%1\" has no %2: leave it out").arg(link, unfit.join(", ")));
+    }
+    if (!answers.empty()) {
+        readAnswers(target->kind());
     }
     QString obstacle = target->simulationObstacle();
     auto simulation = obstacle.isEmpty() ? target->simulate(settings) : nullptr;
@@ -198,6 +226,10 @@ void commands::addSimulate(CLI::App& application, int& code)
         ->type_name("FAULT")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    parser
+        ->add_option("--answers", simulate->answers,
+                     "JSON file that says what is answered to which command")
+        ->type_name("FILE");
     options::addNumber(*parser, "--seed", settings.seed, 0, std::numeric_limits<qint64>::max(),
                        "the same seed and commands give the same answers (1)");
     options::addNumber(*parser, "--announced", settings.announcedLength, 1, announcedLimit,
@@ -217,6 +249,7 @@ void commands::addSimulate(CLI::App& application, int& code)
         "  coremanage simulate udp://0.0.0.0:3005 --fault drop=10% --fault delay=50%:300\n"
         "  coremanage simulate udp://127.0.0.1:0 --fault flood=1:100000 --count 1\n"
         "  coremanage simulate osd://127.0.0.2 --fault split=50%:20 --fault reset=1\n"
+        "  coremanage simulate serial:// --answers answers.json\n"
         "\nCtrl-C ends it. Exit codes: 0 ended as asked, 1 fewer commands came than --count or\n"
         "the medium was lost, 2 wrong input, 3 the link could not be opened.");
     parser->callback([simulate, &code] { code = simulate->run(); });

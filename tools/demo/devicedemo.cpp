@@ -160,9 +160,8 @@ private:
 
 } // namespace
 
-void devicedemo::run(Narrator& narrator, const LinkKind& kind)
+void devicedemo::run(Narrator& narrator, const LinkKind& kind, const QString& place)
 {
-    const QString place = QLatin1String(kind.demoLink);
     const auto simulator = linkregistry::target(place)->simulate({});
     if (!simulator->open()) {
         throw LinkDown(QString("%1: %2").arg(place, simulator->error()));

@@ -39,10 +39,11 @@ private:
 };
 
 /// The demonstration that every device link shares: commands travel to a simulated device and
-/// decoded replies come back. Throws LinkDown if the device cannot be where the kind says.
+/// decoded replies come back. Throws LinkDown if the device cannot be at \a place, a link's
+/// address.
 namespace devicedemo
 {
-void run(Narrator& narrator, const LinkKind& kind);
+void run(Narrator& narrator, const LinkKind& kind, const QString& place);
 }
 
 /// The demonstration of the on-screen-display endpoints: three simulated ones, of which one goes
