@@ -41,6 +41,38 @@ TEST(Demo, ShowsEverythingItSays)
     expectAllAsSaid(ToolRun({QStringLiteral("demo")}));
 }
 
+TEST(Demo, ShowsOneLink)
+{
+    const UdpPeer holder(QStringLiteral("127.0.0.1"), UdpPeer::linkPort);
+    ASSERT_TRUE(holder.bound()) << "no other link but udp:// needs that port";
+    for (const char* link : {"serial", "serial://", "osd"}) {
+        const ToolRun run({QStringLiteral("demo"), QLatin1String(link)});
+        EXPECT_EQ(run.code, 0) << run.output.constData() << run.error.toStdString();
+        EXPECT_TRUE(run.output.contains(QByteArray("serves at ") + QByteArray(link).left(3)));
+        EXPECT_TRUE(run.output.contains("things happened as they were said.\n"));
+        for (const char* other : {"udp://", "vela://", "usb://", "is taken by"}) {
+            EXPECT_FALSE(run.output.contains(other)) << link << ' ' << other;
+        }
+    }
+}
+
+TEST(Demo, ShowsOneLinkAtAPlaceOfItsOwn)
+{
+    const QTemporaryDir directory;
+    const QString link = QStringLiteral("vela://") + directory.filePath(QStringLiteral("port"));
+    const ToolRun run({QStringLiteral("demo"), link});
+    EXPECT_EQ(run.code, 0) << run.output.constData() << run.error.toStdString();
+    EXPECT_TRUE(run.output.contains(("serves at " + link + '\n').toUtf8()));
+    EXPECT_TRUE(QDir(directory.path()).isEmpty());
+    const ToolRun elsewhere(words(QStringLiteral("demo udp://192.0.2.1")));
+    EXPECT_EQ(elsewhere.code, 3);
+    EXPECT_TRUE(elsewhere.error.contains(QStringLiteral("udp://192.0.2.1: this machine does not "
+                                                        "have that address")));
+    for (const char* wrong : {"osd://127.0.0.1", "uart", "udp://here"}) {
+        EXPECT_EQ(ToolRun({QStringLiteral("demo"), QLatin1String(wrong)}).code, 2) << wrong;
+    }
+}
+
 TEST(Demo, NeedsNoTerminal)
 {
     expectAllAsSaid(ToolRun({QStringLiteral("demo")}, {},

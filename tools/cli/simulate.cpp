@@ -13,6 +13,7 @@
 #include <QJsonArray>
 
 #include <limits>
+#include <optional>
 
 namespace
 {
@@ -20,7 +21,7 @@ namespace
 struct Simulate {
     std::string place;
     std::vector<std::string> faults;
-    std::string answers;
+    std::optional<std::string> answers; // a file
     SimulatedDevice::Settings settings;
     Duration duration;
     bool json = false;
@@ -123,7 +124,7 @@ void Simulate::take(const Exchange& exchange)
 void Simulate::readAnswers(const LinkKind& kind)
 {
     using devicecodec::Framing;
-    const QString path = QString::fromStdString(answers);
+    const QString path = QString::fromStdString(*answers);
     const QDir directory = QFileInfo(path).dir();
     const auto readFile = [&](const QString& where, const QString& name) {
         return typed::file(path + ": " + where, directory.filePath(name), typed::fileLimit);
@@ -156,7 +157,7 @@ std::unique_ptr<Simulation> Simulate::simulation()
         throw BadInput(
             QString("--fault: \"%1\" has no %2: leave it out").arg(link, unfit.join(", ")));
     }
-    if (!answers.empty()) {
+    if (answers) {
         readAnswers(target->kind());
     }
     QString obstacle = target->simulationObstacle();

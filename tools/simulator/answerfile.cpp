@@ -183,10 +183,13 @@ QJsonObject parsed(const QByteArray& json)
     const QJsonDocument document = QJsonDocument::fromJson(json, &error);
     if (error.error != QJsonParseError::NoError) {
         const QByteArray before = json.left(error.offset);
-        refuse(QStringLiteral("line %1, column %2: %3")
+        const bool isHexadecimal = json.mid(qMax(0, error.offset - 2), 3).contains("0x");
+        refuse(QStringLiteral("line %1, column %2: %3%4")
                    .arg(before.count('\n') + 1)
                    .arg(before.size() - before.lastIndexOf('\n'))
-                   .arg(error.errorString()));
+                   .arg(error.errorString(), isHexadecimal
+                                                 ? at("; hexadecimal goes in quotes, like \"0x8b\"")
+                                                 : QString()));
     }
     const QJsonObject schema = QJsonDocument::fromJson(AnswerFile::schema()).object();
     const QString wrong = jsonschema::mismatch(
@@ -559,13 +562,13 @@ void AnswerFile::Rules::setReply(const Said& said, const DeviceCommand& command,
         if (!block.isEmpty() && link.faulty == Faulty::Stream) {
             block.append(static_cast<char>(devicecodec::checksum(block)));
         }
-        length = block.size();
+        length = static_cast<int>(block.size());
         pieces.resize(1);
         if (!block.isEmpty()) {
             pieces.push_back({block, {}});
         }
     } else if (pieces.size() > 1) {
-        length = pieces[1].bytes.size();
+        length = static_cast<int>(pieces[1].bytes.size());
     }
     Head reply = devicecodec::replyTo(command.head, length, link.framing);
     for (const auto& [field, value] : said.reply) {
