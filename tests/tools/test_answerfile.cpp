@@ -169,6 +169,16 @@ TEST(AnswerFile, CountersCountWhatIsAnswered)
     EXPECT_EQ(talk.on(2), words("5a010201000000"));
 }
 
+TEST(AnswerFile, ACounterHasAnEnd)
+{
+    Talk talk(R"({"counters": {"n": 999999999}, "rules": [{"reply": {"dat1": "n"},
+                  "add": {"n": 2}}]})",
+              udp);
+    EXPECT_EQ(talk.on(1), words("5a0101ff000000"));
+    EXPECT_EQ(talk.on(1), words("5a010100000000"));
+    EXPECT_EQ(talk.on(1), words("5a010100000000"));
+}
+
 TEST(AnswerFile, AnswersInSequence)
 {
     const QByteArray answers = R"("when": {"cmd": 1}, "sequence": [
@@ -198,7 +208,7 @@ TEST(AnswerFile, EveryNthCommandMeetsARule)
 // The clock of the exercise goes on by 7 ms a command, and starts at 7.
 TEST(AnswerFile, StatesFollowCommandsAndTime)
 {
-    Talk talk(R"({"states": {"a": {"lasts": 20, "then": "b"}, "b": {"lasts": 10, "then": "c"},
+    Talk talk(R"({"states": {"a": {"lasts": 20, "then": "b"}, "b": {"lasts": 15, "then": "c"},
                              "c": {}}, "start": "a", "rules": [
                     {"when": {"state": "a"}, "reply": {"dat1": 1}},
                     {"when": {"state": "b"}, "reply": {"dat1": 2}},
@@ -264,6 +274,28 @@ TEST(AnswerFile, AnswersForAnOnScreenDisplay)
     EXPECT_EQ(talk.on(1, 0x77, 4), words("4f4b01"));
     EXPECT_EQ(talk.on(2), QStringList());
     EXPECT_EQ(talk.with(3).faults, std::vector<Fault>{Fault::Reset});
+}
+
+TEST(AnswerFile, KnowsEveryByteOfAnOnScreenDisplaysFrame)
+{
+    const QByteArray frame = QByteArray::fromHex("210304050708aabb090a");
+    const auto status = [&frame](const char* when) {
+        SimulatedDevice::Settings settings;
+        settings.framing = Framing::Osd;
+        settings.medium = Medium::Stream;
+        settings.dataLength = 2;
+        settings.answers = std::make_shared<AnswerFile>(
+            rules("{\"reply\": {\"status\": 1}, \"when\": {" + QByteArray(when) + "}}"), osd.link,
+            AnswerFile::ReadFile());
+        SimulatedDevice device(settings);
+        return said(exchange(device, frame));
+    };
+    for (const char* condition :
+         {R"("ch2": "0x21")", R"("ch3": 3)", R"("ch5": 4)", R"("ch4": 5)", R"("ch7": 7)",
+          R"("ch8": 8)", R"("ch9": 9)", R"("ch10": 10)", R"("block": "aabb")"}) {
+        EXPECT_EQ(status(condition), words("4f4b01")) << condition;
+    }
+    EXPECT_EQ(status(R"("block": "aabb09")"), words("4f4b21")) << "the data ends before";
 }
 
 TEST(AnswerFile, SaysWhatIsWrongAndWhere)

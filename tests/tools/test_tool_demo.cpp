@@ -59,7 +59,7 @@ TEST(Demo, ShowsOneLink)
 TEST(Demo, ShowsOneLinkAtAPlaceOfItsOwn)
 {
     const QTemporaryDir directory;
-    const QString link = QStringLiteral("vela://") + directory.filePath(QStringLiteral("port"));
+    const QString link = QStringLiteral("serial://") + directory.filePath(QStringLiteral("port"));
     const ToolRun run({QStringLiteral("demo"), link});
     EXPECT_EQ(run.code, 0) << run.output.constData() << run.error.toStdString();
     EXPECT_TRUE(run.output.contains(("serves at " + link + '\n').toUtf8()));
