@@ -53,8 +53,15 @@ INSTANTIATE_TEST_SUITE_P(
                      "ports, devices, encode, decode)"},
         Case{"--frob", "subcommand: invalid value \"--frob\" (expected demo, send, listen, "
                        "simulate, ports, devices, encode, decode)"},
-        Case{"sned %1 --cmd 1", "subcommand: invalid value \"sned\" (expected demo, send, listen, "
-                                "simulate, ports, devices, encode, decode)"},
+        Case{"sned %1 --cmd 1", "there is no subcommand \"sned\" (did you mean send?): see "
+                                "coremanage --help"},
+        Case{"send %1 --cmd 1 --raw 00", "--raw: it has all that is sent: leave the fields out"},
+        Case{"send %1 --cmd 1 --file @", "--file: it has all that is sent: leave the fields out"},
+        Case{"send %1 --raw 00 --file x", "--raw excludes --file"},
+        Case{"send %1 --cmd 1 --every 5 --rate 5", "--every excludes --rate"},
+        Case{"send %1 --raw 0", "--raw: invalid value \"0\" (expected hexadecimal digits"},
+        Case{"send %1 --file /no/such/file", "No such file or directory"},
+        Case{"send %1 --cmd 1 --every -1", "--every: invalid value \"-1\" (expected 0 to 3600000)"},
         Case{"send", "link is required: see coremanage send --help"},
         Case{"send 192.168.1.20 --cmd 1", "link: invalid value \"192.168.1.20\" (expected an "
                                           "address like udp://192.168.1.20:1000)"},

@@ -2,13 +2,17 @@
 #include "commands.h"
 
 #include "output.h"
+#include "shortcuts.h"
 #include "toolerror.h"
 
 #include <CLI/CLI.hpp>
 
 #include <QRegularExpression>
 
+#include <algorithm>
+#include <cstring>
 #include <sstream>
+#include <vector>
 
 namespace
 {
@@ -21,7 +25,13 @@ QString withoutSubcommand(const CLI::App& application)
     }
     const std::vector<std::string> unknown = application.remaining();
     const QString given = unknown.empty() ? QString() : QString::fromStdString(unknown.front());
-    return QString::fromUtf8(BadInput("subcommand", given, names.join(", ")).what());
+    if (given.contains("://") || given.startsWith("/dev/")) {
+        return QString("\"%1\" is a link (did you mean coremanage listen %1?)").arg(given);
+    }
+    const QString meant = shortcuts::closest(given, names);
+    return meant.isEmpty()
+               ? QString::fromUtf8(BadInput("subcommand", given, names.join(", ")).what())
+               : QString("there is no subcommand \"%1\" (did you mean %2?)").arg(given, meant);
 }
 
 // CLI11's own words, on one line, where they say what is wrong.
@@ -37,7 +47,7 @@ QString inWords(const CLI::ParseError& error)
 }
 
 // What is wrong, and where to find what would be right.
-int reportParseError(const CLI::App& application, const CLI::ParseError& error)
+QString parseError(const CLI::App& application, const CLI::ParseError& error)
 {
     std::string help = application.get_name();
     for (const CLI::App* subcommand : application.get_subcommands()) {
@@ -45,26 +55,43 @@ int reportParseError(const CLI::App& application, const CLI::ParseError& error)
     }
     const QString what =
         application.get_subcommands().empty() ? withoutSubcommand(application) : inWords(error);
-    output::error(QString("coremanage: %1: see %2 --help").arg(what, QString::fromStdString(help)));
-    return exitcode::badInput;
+    return QString("%1: see %2 --help").arg(what, QString::fromStdString(help));
 }
 
-int parseAndRun(int argc, char** argv)
+int parseAndRun(const std::vector<const char*>& arguments)
 {
     CLI::App application;
     int code = exitcode::badInput;
     commandline::build(application, code);
     try {
-        application.parse(argc, argv);
+        application.parse(static_cast<int>(arguments.size()), arguments.data());
     } catch (const CLI::Success& help) {
         std::ostringstream text;
         code = application.exit(help, text, text);
         output::raw(QByteArray::fromStdString(text.str()));
     } catch (const CLI::ParseError& error) {
-        return reportParseError(application, error);
+        throw BadInput(parseError(application, error));
     }
     output::checkLoss();
     return code;
+}
+
+// A program that runs send --json gets its object whatever happens, also where the command line is
+// wrong.
+int fail(const std::vector<const char*>& arguments, const ToolError& error)
+{
+    const auto has = [&arguments](const char* word) {
+        return std::find_if(arguments.begin(), arguments.end(), [word](const char* argument) {
+                   return std::strcmp(argument, word) == 0;
+               }) != arguments.end();
+    };
+    const QString text = QString::fromUtf8(error.what());
+    output::error("coremanage: " + text, output::Tone::Bad);
+    if (arguments.size() > 1 && std::strcmp(arguments[1], "send") == 0 && has("--json") &&
+        !output::lost()) {
+        output::result(error.json(), error.code(), text);
+    }
+    return error.code();
 }
 
 } // namespace
@@ -87,13 +114,12 @@ void commandline::build(CLI::App& application, int& code)
 
 int commandline::run(int argc, char** argv)
 {
+    const std::vector<const char*> arguments = shortcuts::resolved(argc, argv);
     try {
-        return parseAndRun(argc, argv);
+        return parseAndRun(arguments);
     } catch (const ToolError& error) {
-        output::error("coremanage: " + QString::fromUtf8(error.what()));
-        return error.code();
+        return fail(arguments, error);
     } catch (const std::exception& error) {
-        output::error("coremanage: " + QString::fromLocal8Bit(error.what()));
-        return exitcode::failed;
+        return fail(arguments, ToolError(exitcode::failed, QString::fromLocal8Bit(error.what())));
     }
 }

@@ -12,9 +12,74 @@
 namespace
 {
 
+enum Shown { Plain, WithBlock, Refused }; // the values of --kind, in their order
+
+// The options that choose what is shown.
+class Choice
+{
+public:
+    void addTo(CLI::App& app)
+    {
+        const auto add = [&app](const char* name, std::vector<std::string>& values,
+                                const char* help, const char* type) {
+            app.add_option(name, values, help)->type_name(type)->delimiter(',');
+        };
+        add("--cmd", cmdsGiven, "show only replies with these command codes", "CODE");
+        add("--from", sendersGiven, "show only what comes from these senders", "ADDRESS");
+        add("--kind", kindsGiven,
+            "show only these: replies without a block (plain) or with one (block), and what is "
+            "refused (refused)",
+            "KIND");
+    }
+
+    // Throws BadInput.
+    void prepare()
+    {
+        for (const std::string& text : cmdsGiven) {
+            constexpr qint64 most = 255;
+            cmds << static_cast<int>(typed::number("--cmd", QString::fromStdString(text), 0, most));
+        }
+        for (const std::string& text : sendersGiven) {
+            senders << QString::fromStdString(text);
+        }
+        const QStringList known{"plain", "block", "refused"};
+        for (const std::string& text : kindsGiven) {
+            const QString name = QString::fromStdString(text);
+            kinds << static_cast<int>(known.indexOf(name));
+            if (kinds.back() < 0) {
+                throw BadInput("--kind", name, known.join(", "));
+            }
+        }
+    }
+
+    bool has(const Reply& reply) const
+    {
+        return (cmds.isEmpty() || cmds.contains(reply.json.value("cmd").toInt(-1))) &&
+               isOf(reply.from, reply.block.isEmpty() ? Plain : WithBlock);
+    }
+
+    bool has(const Refusal& refusal) const { return isOf(refusal.from, Refused); }
+
+private:
+    bool isOf(const QString& from, Shown kind) const
+    {
+        return (senders.isEmpty() || senders.contains(from)) &&
+               (kinds.isEmpty() || kinds.contains(kind));
+    }
+
+    std::vector<std::string> cmdsGiven;
+    std::vector<std::string> sendersGiven;
+    std::vector<std::string> kindsGiven;
+    QList<int> cmds; // of these lists, an empty one chooses all
+    QStringList senders;
+    QList<int> kinds;
+};
+
 struct Listen {
     LinkOptions link;
     Duration duration;
+    Choice choice;
+    LineTime time;
     bool json = false;
     qint64 shown = 0;
     QElapsedTimer clock;
@@ -30,7 +95,7 @@ void Listen::show(const Reply& reply) const
     if (json) {
         output::json(reply.json);
     } else {
-        output::line(recordtext::timeOfDay() + ' ' + reply.line);
+        output::line(time.text() + ' ' + reply.line);
     }
 }
 
@@ -40,7 +105,10 @@ void Listen::showRefusals(const Interrupt& interrupt) const
         if (interrupt.happened()) {
             return;
         }
-        output::error(recordtext::timeOfDay() + " refused: " + refusal.text(link.link()));
+        if (choice.has(refusal)) {
+            output::error(time.text() + " refused: " + refusal.text(link.link()),
+                          output::Tone::Notable);
+        }
     }
 }
 
@@ -50,12 +118,14 @@ bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
         if (duration.reached(shown) || interrupt.happened()) {
             return true;
         }
-        ++shown;
-        show(reply);
+        if (choice.has(reply)) {
+            ++shown;
+            show(reply);
+        }
     }
     showRefusals(interrupt);
     for (QString text = open.warning(); !text.isEmpty(); text = open.warning()) {
-        output::error(recordtext::timeOfDay() + ' ' + text);
+        output::error(time.text() + ' ' + text, output::Tone::Notable);
     }
     output::progress(QString("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
     return duration.reached(shown) || !open.problem().isEmpty();
@@ -63,6 +133,7 @@ bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
 
 int Listen::run()
 {
+    choice.prepare();
     const auto target = link.target();
     link.startLog();
     const Interrupt interrupt;
@@ -88,6 +159,8 @@ void commands::addListen(CLI::App& application, int& code)
     auto* parser = application.add_subcommand("listen", "Show replies as they come, one line each");
     const auto listen = std::make_shared<Listen>();
     listen->link.addTo(*parser);
+    listen->choice.addTo(*parser);
+    listen->time.addTo(*parser);
     listen->duration.addTo(*parser, "replies");
     parser->add_flag("--json", listen->json, "print one JSON object a line");
     parser->footer("Links:\n" + linkregistry::help().toStdString() +
@@ -95,6 +168,8 @@ void commands::addListen(CLI::App& application, int& code)
                    "\nExamples:\n"
                    "  coremanage listen udp://192.168.1.20:1000\n"
                    "  coremanage listen udp://192.168.1.20 --json --for 60 > replies.jsonl\n"
+                   "  coremanage listen udp://192.168.1.20 --cmd 0x8b,0x8e --kind block\n"
+                   "  coremanage listen udp://192.168.1.20 --time difference\n"
                    "  coremanage listen osd://10.0.0.5 osd://10.0.0.6\n"
                    "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
                    "the link was lost, 2 wrong input, 3 the link could not be opened.");

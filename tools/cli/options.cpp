@@ -2,6 +2,7 @@
 #include "options.h"
 
 #include "linknotes.h"
+#include "recordtext.h"
 #include "toolerror.h"
 #include "toolfiles.h"
 #include "utility_manage.h"
@@ -72,19 +73,44 @@ std::chrono::milliseconds Duration::limit() const
     return seconds > 0 ? std::chrono::seconds(seconds) : forEver;
 }
 
+void LineTime::addTo(CLI::App& app)
+{
+    const auto read = [this](const std::string& text) {
+        isAbsolute = text == "absolute";
+        isDifference = text == "difference";
+        if (!isAbsolute && !isDifference && text != "day") {
+            throw BadInput("--time", QString::fromStdString(text), "day, absolute or difference");
+        }
+    };
+    app.add_option_function<std::string>(
+           "--time", read,
+           "lines begin with the time of the day (day), with date and zone (absolute), or with the "
+           "seconds since the line before (difference)")
+        ->type_name("STYLE");
+}
+
+QString LineTime::text() const
+{
+    if (!isDifference) {
+        return isAbsolute ? recordtext::zonedTime() : recordtext::timeOfDay();
+    }
+    constexpr double nanoseconds = 1e9;
+    const double passed =
+        sinceLine.isValid() ? static_cast<double>(sinceLine.nsecsElapsed()) / nanoseconds : 0;
+    sinceLine.start();
+    return QString("+%1").arg(passed, 0, 'f', 6);
+}
+
 void CommandFields::addTo(CLI::App& app)
 {
     for (const CommandField& field : CommandField::all()) {
         if (field.help == nullptr) {
             continue;
         }
-        const QString option = optionOf(field);
-        const auto read = [this, &field, option](const std::string& text) {
-            const qint64 limit = (1 << (8 * field.bytes())) - 1;
-            numbers[&field] =
-                static_cast<int>(typed::number(option, QString::fromStdString(text), 0, limit));
+        const auto read = [this, &field](const std::string& text) {
+            setNumber(field, QString::fromStdString(text));
         };
-        app.add_option_function<std::string>(option.toStdString(), read, field.help)
+        app.add_option_function<std::string>(optionOf(field).toStdString(), read, field.help)
             ->type_name("")
             ->group(field.isIn(FieldSet::OsdFrame) ? osdGroup : deviceGroup);
     }
@@ -97,6 +123,30 @@ void CommandFields::addTo(CLI::App& app)
     addPayload("--block", "block: @FILE, or hexadecimal digits", deviceGroup);
     auto* data = addPayload("--data", "data: @FILE, or hexadecimal digits", osdGroup);
     addPayload("--text", "data: a text, sent in UTF-8", osdGroup)->excludes(data);
+}
+
+void CommandFields::setNumber(const CommandField& field, const QString& text)
+{
+    const qint64 limit = (1 << (8 * field.bytes())) - 1;
+    numbers[&field] = static_cast<int>(typed::number(optionOf(field), text, 0, limit));
+}
+
+void CommandFields::set(const QString& name, const QString& text)
+{
+    QStringList names{"block", "data", "text"};
+    if (names.contains(name)) {
+        payload["--" + name.toStdString()] = text.toStdString();
+        return;
+    }
+    for (const CommandField& field : CommandField::all()) {
+        if (field.help != nullptr && optionOf(field) == "--" + name) {
+            setNumber(field, text);
+            return;
+        }
+        names << (field.help != nullptr ? optionOf(field).mid(2) : QString());
+    }
+    names.removeAll(QString());
+    throw BadInput("field", name, names.join(", "));
 }
 
 QByteArray CommandFields::payloadOf(const char* option, int limit) const

@@ -8,6 +8,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <QElapsedTimer>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -20,14 +22,14 @@ namespace options
 
 /// Adds an option for a number from \a least to \a most.
 template <class Number>
-void addNumber(CLI::App& app, const std::string& name, Number& value, qint64 least, qint64 most,
-               const std::string& help, const char* type = "N")
+CLI::Option* addNumber(CLI::App& app, const std::string& name, Number& value, qint64 least,
+                       qint64 most, const std::string& help, const char* type = "N")
 {
     const auto read = [&value, name, least, most](const std::string& text) {
         value = static_cast<Number>(
             typed::number(QString::fromStdString(name), QString::fromStdString(text), least, most));
     };
-    app.add_option_function<std::string>(name, read, help)->type_name(type);
+    return app.add_option_function<std::string>(name, read, help)->type_name(type);
 }
 
 } // namespace options
@@ -63,6 +65,10 @@ class Duration
 public:
     void addTo(CLI::App& app, const std::string& what); ///< \a what is counted
 
+    bool isGiven() const { return count > 0 || seconds > 0; }
+
+    qint64 number() const { return count; } ///< 0: no end
+
     bool reached(qint64 number) const { return count > 0 && number >= count; }
 
     /// Whether fewer came than were asked for, and nobody ended it by hand.
@@ -73,6 +79,20 @@ public:
 private:
     qint64 count = 0;   // 0: no end
     qint64 seconds = 0; // 0: no end
+};
+
+/// The option --time: what a line begins with.
+class LineTime
+{
+public:
+    void addTo(CLI::App& app);
+
+    QString text() const; ///< for a line that is printed now
+
+private:
+    bool isAbsolute = false;
+    bool isDifference = false;
+    mutable QElapsedTimer sinceLine;
 };
 
 /// The options that describe a command, and the command they describe.
@@ -88,8 +108,14 @@ public:
     /// is) or the block cannot be read.
     Command read(FieldSet fields) const;
 
+    /// Sets a field, or the block or data, by its lower-case name. Throws BadInput.
+    void set(const QString& name, const QString& text);
+
+    bool isEmpty() const { return numbers.empty() && payload.empty(); }
+
 private:
     bool given(const char* option) const { return payload.count(option) != 0; }
+    void setNumber(const CommandField& field, const QString& text);
     QByteArray payloadOf(const char* option, int limit) const;
 
     std::map<const CommandField*, int> numbers; // what was given

@@ -21,6 +21,7 @@ struct Command {
     model_Protocoldata record;
     model_OsdParam osd;
     QStringList to; ///< which of a link's devices get it; all if there are none
+    QByteArray raw; ///< not empty: the bytes that are sent as they are, whatever the records say
 };
 
 /// A number that a command carries: the one place that encoding, decoding, options and JSON know

@@ -7,9 +7,9 @@
 #include "recordtext.h"
 
 CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
-                   std::function<QString()> whyLost)
+                   std::function<QString()> whyLost, std::function<void(const QByteArray&)> sendRaw)
     : core(std::move(transport)), fieldSet(fields), deviceName(std::move(device)),
-      lossReason(std::move(whyLost))
+      lossReason(std::move(whyLost)), writeRaw(std::move(sendRaw))
 {
     linknotes::watch(*core);
     biz_CMDSWork().clearQueue();
@@ -19,6 +19,10 @@ CoreLink::~CoreLink() = default;
 
 void CoreLink::send(const Command& command)
 {
+    if (!command.raw.isEmpty()) {
+        writeRaw(command.raw);
+        return;
+    }
     model_Protocoldata record = command.record;
     core->sendDatatoDevice(&record);
 }

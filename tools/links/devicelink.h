@@ -66,9 +66,9 @@ class CoreLink : public DeviceLink
 public:
     /// Takes over an open transport and empties the queue. \a device is the sender that replies
     /// of this device carry; empty if every sender is. \a whyLost tells why the link does not work
-    /// any more; empty if it does.
+    /// any more; empty if it does. \a sendRaw writes bytes as they are to the transport.
     CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
-             std::function<QString()> whyLost);
+             std::function<QString()> whyLost, std::function<void(const QByteArray&)> sendRaw);
     ~CoreLink() override;
 
     void send(const Command& command) override;
@@ -81,4 +81,5 @@ private:
     FieldSet fieldSet;
     QString deviceName;
     std::function<QString()> lossReason;
+    std::function<void(const QByteArray&)> writeRaw;
 };

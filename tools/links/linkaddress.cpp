@@ -10,9 +10,15 @@
 
 LinkAddress LinkAddress::parse(const QString& text)
 {
+    const QString separator = "://";
+    if (text.startsWith("/dev/hidraw")) {
+        throw BadInput("link", text, "usb://VENDOR:PRODUCT; coremanage devices lists them");
+    }
+    if (text.startsWith("/dev/") && !text.contains(separator)) {
+        return parse("serial://" + text);
+    }
     LinkAddress address;
     address.text = text;
-    const QString separator = "://";
     const auto colon = text.indexOf(separator);
     if (colon < 1) {
         throw BadInput("link", text, "an address like udp://192.168.1.20:1000");

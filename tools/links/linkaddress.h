@@ -14,7 +14,8 @@ struct LinkAddress {
     QString place;  ///< what follows "://" up to "?": a host and port, a path, two ids
     QMap<QString, QString> options;
 
-    /// Cuts the text. Refuses another form, and an option that comes twice.
+    /// Cuts the text. A path in /dev is one of serial://. Refuses another form, and an option that
+    /// comes twice.
     static LinkAddress parse(const QString& text);
 
     struct IpPort {

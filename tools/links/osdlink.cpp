@@ -99,10 +99,12 @@ OsdLink::Client* OsdLink::clientAt(const QString& ip)
 
 void OsdLink::send(const Command& command)
 {
+    const model_OsdParam record =
+        command.raw.isEmpty() ? command.osd : recordtext::osdCommand(command.raw).osd;
     for (Client& client : clients) {
         const bool addressed = command.to.isEmpty() || command.to.contains(client.endpoint.ip);
         if (addressed && trouble(client).isEmpty()) {
-            client.waiting.push_back(command.osd);
+            client.waiting.push_back(record);
             client.waiting.back().strIP = client.endpoint.ip;
         }
         if (client.state == State::Connected) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "linkregistry.h"
+#include "osdframe.h"
 #include "osdlink.h"
 #include "osdsimulation.h"
 #include "toolerror.h"
@@ -51,6 +52,11 @@ public:
                 throw BadInput("link", QString("osd://%1:%2").arg(endpoint.ip).arg(endpoint.port),
                                "the endpoint's own address and a port from 1 to 65535");
             }
+        }
+        const int least = osdframe::headLength + osdframe::tailLength;
+        if (!command.raw.isEmpty() && command.raw.size() < least) {
+            throw BadInput("--raw", QString("%1 bytes").arg(command.raw.size()),
+                           QString("at least %1 bytes on osd://").arg(least));
         }
         if (dataLength) {
             throw BadInput("?data is for simulate: leave it out");

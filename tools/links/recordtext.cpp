@@ -32,7 +32,7 @@ QString beginning(const QByteArray& bytes, const QString& name)
 void addOrigin(Reply& reply)
 {
     reply.json.insert("from", reply.from);
-    reply.json.insert("time", QDateTime::currentDateTime().toString(Qt::ISODateWithMs));
+    reply.json.insert("time", recordtext::zonedTime());
 }
 
 bool isPrintable(char c)
@@ -44,7 +44,8 @@ bool isPrintable(char c)
 
 QByteArray recordtext::frame(const Command& command, FieldSet fields)
 {
-    return fields == FieldSet::OsdFrame     ? osdframe::encode(command.osd)
+    return !command.raw.isEmpty()           ? command.raw
+           : fields == FieldSet::OsdFrame   ? osdframe::encode(command.osd)
            : fields == FieldSet::BinaryHead ? commandframe::encodeBinary(command.record)
                                             : commandframe::encodeText(command.record);
 }
@@ -52,7 +53,7 @@ QByteArray recordtext::frame(const Command& command, FieldSet fields)
 Command recordtext::framed(const Command& command, FieldSet fields)
 {
     Command sent = command;
-    if (fields != FieldSet::OsdFrame) {
+    if (fields != FieldSet::OsdFrame && command.raw.isEmpty()) {
         const QByteArray bytes = frame(command, fields);
         model_Protocoldata read;
         fields == FieldSet::BinaryHead ? commandframe::decodeBinary(bytes, read)
@@ -115,7 +116,7 @@ QJsonObject recordtext::json(const Command& command, FieldSet fields)
 
 Reply recordtext::reply(const model_Protocoldata& record, FieldSet fields)
 {
-    const Command received{record, {}, {}};
+    const Command received{record, {}, {}, {}};
     Reply reply;
     reply.from = record.strKey2;
     reply.block = record.arryDatablock;
@@ -179,6 +180,12 @@ QString recordtext::frameText(const QByteArray& frame)
 QString recordtext::hex(int byte)
 {
     return QString("%1").arg(byte, 2, 16, QChar('0'));
+}
+
+QString recordtext::zonedTime()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    return now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs);
 }
 
 QString recordtext::timeOfDay()

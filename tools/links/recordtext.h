@@ -7,7 +7,8 @@
 namespace recordtext
 {
 
-/// The command frame of a record, checksum and (binary) block length computed.
+/// What is sent: the command's raw bytes, or its record's frame with checksum and (binary) block
+/// length computed.
 QByteArray frame(const Command& command, FieldSet fields);
 
 /// The command whose frame was sent: with the fields that the frame computes.
@@ -46,5 +47,8 @@ QString hex(int byte);
 
 /// The local time of day with milliseconds.
 QString timeOfDay();
+
+/// The local date and time with milliseconds and the zone's offset, in the form of ISO 8601.
+QString zonedTime();
 
 } // namespace recordtext

@@ -94,7 +94,9 @@ private:
                          &Line::handleError);
         const QSerialPort& port = line->port();
         const auto whyLost = [&port] { return port.isOpen() ? QString() : "the device has gone"; };
-        return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost);
+        const auto sendRaw = [to = line.get()](const QByteArray& bytes) { to->sendComData(bytes); };
+        return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost,
+                                          sendRaw);
     }
 
     int baud = QSerialPort::Baud115200;

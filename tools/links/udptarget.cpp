@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commandframe.h"
-#include "corefactory.h"
-#include "icorebase.h"
+#include "core_udp.h"
 #include "linkregistry.h"
 #include "sockets.h"
 #include "toolerror.h"
@@ -54,6 +53,10 @@ public:
             throw BadInput("--block", QString("%1 bytes").arg(command.record.arryDatablock.size()),
                            QString("0 to %1 bytes in one broadcast").arg(limit));
         }
+        if (command.record.sendMode != 0 && command.raw.size() > datagramLimit) {
+            throw BadInput("--raw", QString("%1 bytes").arg(command.raw.size()),
+                           QString("1 to %1 bytes in one broadcast").arg(datagramLimit));
+        }
     }
 
     std::unique_ptr<DeviceLink> open(bool broadcast) const override
@@ -80,12 +83,16 @@ public:
                                .arg(local)
                                .arg(sockets::holder(local)));
         }
-        std::unique_ptr<ICoreBase> core(CoreFactory::creatCoreObjInstance(ConnUdp));
+        auto core = std::make_unique<core_UDP>();
         core->setDeviceIP(host);
         core->setPort(device.port);
         core->setDeviceType(Utility_Manage::getDeviceType());
-        return std::make_unique<CoreLink>(std::move(core), FieldSet::TextBody,
-                                          broadcast ? QString() : host, [] { return QString(); });
+        const auto sendRaw = [to = core.get(), broadcast](const QByteArray& bytes) {
+            broadcast ? to->sendUdpDataBroadcast(bytes) : to->sendUdpData(bytes);
+        };
+        return std::make_unique<CoreLink>(
+            std::move(core), FieldSet::TextBody, broadcast ? QString() : host,
+            [] { return QString(); }, sendRaw);
     }
 
     std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override

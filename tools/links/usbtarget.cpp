@@ -25,9 +25,11 @@ constexpr qint64 watchedTimeMs = 2000;
 class UsbCoreLink : public CoreLink
 {
 public:
-    UsbCoreLink(std::unique_ptr<ICoreBase> line, const std::vector<HidNode>& nodes)
-        : CoreLink(std::move(line), FieldSet::TextBody, QString(),
-                   [nodes] { return whyLost(nodes); })
+    UsbCoreLink(std::unique_ptr<ICoreBase> line, const std::vector<HidNode>& nodes,
+                std::function<void(const QByteArray&)> sendRaw)
+        : CoreLink(
+              std::move(line), FieldSet::TextBody, QString(), [nodes] { return whyLost(nodes); },
+              std::move(sendRaw))
     {
         clock.start();
     }
@@ -96,7 +98,9 @@ public:
         if (!line->openUSB(vendorId, productId)) {
             throw LinkDown(QString("%1: %2").arg(address.text, obstacle()));
         }
-        return std::make_unique<UsbCoreLink>(std::move(line), HidNode::with(vendorId, productId));
+        const auto sendRaw = [to = line.get()](const QByteArray& bytes) { to->sendUSBData(bytes); };
+        return std::make_unique<UsbCoreLink>(std::move(line), HidNode::with(vendorId, productId),
+                                             sendRaw);
     }
 
     QString simulationObstacle() const override { return hidemulation::obstacle(); }

@@ -28,10 +28,26 @@ bool errorLost = false;
 void clearProgress()
 {
     if (!progressShown.isEmpty()) {
+        const int shownLength = static_cast<int>(progressShown.size());
         progressShown.clear();
-        std::fputs("\r\x1b[K", stderr);
+        std::fprintf(stderr, "\r%s\r", QByteArray(shownLength, ' ').constData());
         std::fflush(stderr);
     }
+}
+
+bool hasColours(int descriptor)
+{
+    return isatty(descriptor) == 1 && qgetenv("NO_COLOR").isEmpty() && qgetenv("TERM") != "dumb";
+}
+
+QByteArray coloured(const QString& text, output::Tone tone, int descriptor)
+{
+    static const bool hasColour[] = {hasColours(STDOUT_FILENO), hasColours(STDERR_FILENO)};
+    static const char* const codes[] = {"", "2", "32", "33", "31"}; // by tone
+    const bool isPlain = tone == output::Tone::Plain || !hasColour[descriptor - STDOUT_FILENO];
+    return isPlain ? text.toUtf8()
+                   : QByteArray("\x1b[") + codes[static_cast<int>(tone)] + 'm' + text.toUtf8() +
+                         "\x1b[0m";
 }
 
 // A reader that does not read must not keep Ctrl-C from being seen, so what may block is asked
@@ -67,14 +83,24 @@ void write(int descriptor, const QByteArray& bytes)
 
 } // namespace
 
-void output::line(const QString& text)
+void output::line(const QString& text, Tone tone)
 {
-    write(STDOUT_FILENO, text.toUtf8() + '\n');
+    write(STDOUT_FILENO, coloured(text, tone, STDOUT_FILENO) + '\n');
 }
 
 void output::json(const QJsonObject& object)
 {
     raw(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
+}
+
+void output::result(QJsonObject object, int code, const QString& wrong)
+{
+    object.insert("ok", code == exitcode::success);
+    object.insert("code", code);
+    if (!wrong.isEmpty()) {
+        object.insert("error", wrong);
+    }
+    json(object);
 }
 
 void output::raw(const QByteArray& bytes)
@@ -101,9 +127,9 @@ void output::stopAt(int descriptor)
     stopDescriptor = descriptor;
 }
 
-void output::error(const QString& text)
+void output::error(const QString& text, Tone tone)
 {
-    write(STDERR_FILENO, text.toUtf8() + '\n');
+    write(STDERR_FILENO, coloured(text, tone, STDERR_FILENO) + '\n');
 }
 
 void output::progress(const QString& text)
@@ -117,7 +143,8 @@ void output::progress(const QString& text)
     if (bytes == progressShown) {
         return;
     }
-    std::fprintf(stderr, "\r%s\x1b[K", bytes.constData());
+    const int width = static_cast<int>(progressShown.size()); // what is longer is written over
+    std::fprintf(stderr, "\r%-*s", width, bytes.constData());
     std::fflush(stderr);
     progressShown = bytes;
 }

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QJsonObject>
 #include <QString>
 
 #include <stdexcept>
+#include <utility>
 
 /// How the tool ends.
 namespace exitcode
@@ -20,15 +22,18 @@ constexpr int linkDown = 3; ///< the link could not be opened; nothing was sent
 class ToolError : public std::runtime_error
 {
 public:
-    ToolError(int code, const QString& text)
-        : std::runtime_error(text.toUtf8().toStdString()), exitCode(code)
+    /// \a known is what a program is to be told besides.
+    ToolError(int code, const QString& text, QJsonObject known = {})
+        : std::runtime_error(text.toUtf8().toStdString()), exitCode(code), details(std::move(known))
     {
     }
 
     int code() const { return exitCode; }
+    const QJsonObject& json() const { return details; }
 
 private:
     int exitCode;
+    QJsonObject details;
 };
 
 /// What the person typed is wrong: the text says what, and what was expected.

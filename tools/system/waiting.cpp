@@ -3,6 +3,7 @@
 
 #include "output.h"
 
+#include <QAbstractEventDispatcher>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
@@ -67,16 +68,24 @@ WaitEnd waitFor(const std::function<bool()>& condition, std::chrono::millisecond
     QTimer poll;
     QElapsedTimer clock;
     WaitEnd end = WaitEnd::Done;
+    bool isOver = false;
     clock.start();
     poll.setTimerType(Qt::PreciseTimer);
-    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
-        const bool over = limit != forEver && clock.hasExpired(limit.count());
+    const auto look = [&] {
+        if (isOver) { // the loop may go round once more
+            return;
+        }
+        const bool late = limit != forEver && clock.hasExpired(limit.count());
         const bool done = condition();
         end = done ? WaitEnd::Done : interrupt.happened() ? WaitEnd::Interrupted : WaitEnd::TimeOut;
-        if (over || end != WaitEnd::TimeOut) {
+        isOver = late || end != WaitEnd::TimeOut;
+        if (isOver) {
             loop.quit();
         }
-    });
+    };
+    QObject::connect(&poll, &QTimer::timeout, &loop, look);
+    QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock,
+                     &loop, look);
     poll.start(pollInterval);
     loop.exec();
     return end;

@@ -27,6 +27,7 @@ enum class WaitEnd { Done, TimeOut, Interrupted };
 constexpr std::chrono::milliseconds forEver{-1};
 
 /// Runs the event loop until the condition holds, the limit is over or the person interrupts. The
-/// condition is asked every 2 ms, and once more after the limit.
+/// condition is asked whenever the loop has nothing more to do, every 2 ms at least, and once more
+/// after the limit.
 WaitEnd waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit,
                 const Interrupt& interrupt);
