@@ -5,6 +5,7 @@
 #include "netns.h"
 #include "processstate.h"
 #include "ratio.h"
+#include "udpecho.h"
 #include "utility_manage.h"
 
 #include <QCoreApplication>
@@ -27,66 +28,7 @@
 namespace
 {
 
-constexpr char reply[] = "<F010203040506071c>";
 constexpr quint16 linkPort = 5104;
-
-sockaddr_in loopback(quint16 port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-// Answers every datagram with the same reply, on a thread of its own.
-class Echo
-{
-public:
-    Echo() : descriptor(socket(AF_INET, SOCK_DGRAM, 0))
-    {
-        sockaddr_in address = loopback(0);
-        socklen_t length = sizeof address;
-        if (bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            std::perror("bench_udp: bind");
-            std::exit(1);
-        }
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-        const timeval pause{0, 100000};
-        setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
-        thread = std::thread([this] { run(); });
-    }
-    ~Echo()
-    {
-        stop = true;
-        thread.join();
-        close(descriptor);
-    }
-    Echo(const Echo&) = delete;
-    Echo& operator=(const Echo&) = delete;
-
-    quint16 port = 0;
-
-private:
-    void run() const
-    {
-        while (!stop) {
-            char buffer[2048];
-            sockaddr_in from{};
-            socklen_t length = sizeof from;
-            if (recvfrom(descriptor, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from),
-                         &length) > 0) {
-                sendto(descriptor, reply, sizeof reply - 1, 0, reinterpret_cast<sockaddr*>(&from),
-                       length);
-            }
-        }
-    }
-
-    int descriptor;
-    std::atomic<bool> stop{false};
-    std::thread thread;
-};
 
 std::size_t queued()
 {
@@ -108,7 +50,7 @@ double elapsed(std::chrono::steady_clock::time_point start)
 void roundTrips()
 {
     constexpr int rounds = 20000;
-    const Echo echo;
+    const UdpEcho echo;
     std::vector<double> library;
     std::vector<double> bare;
     {
@@ -183,7 +125,7 @@ long linesLogged()
 void sendMany(const QByteArray& datagram, long count, quint16 port)
 {
     const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in to = loopback(port);
+    const sockaddr_in to = udpecho::loopback(port);
     for (long i = 0; i < count; ++i) {
         sendto(descriptor, datagram.constData(), static_cast<std::size_t>(datagram.size()), 0,
                reinterpret_cast<const sockaddr*>(&to), sizeof to);
@@ -201,21 +143,21 @@ void reading()
     const int size = 4 * 1024 * 1024;
     setsockopt(bare, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     setsockopt(bare, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
-    sockaddr_in address = loopback(0);
+    sockaddr_in address = udpecho::loopback(0);
     socklen_t length = sizeof address;
     (void)bind(bare, reinterpret_cast<sockaddr*>(&address), sizeof address);
     getsockname(bare, reinterpret_cast<sockaddr*>(&address), &length);
     std::vector<double> readings;
     std::vector<double> baselines;
     for (int i = 0; i < batches; ++i) { // in turns
-        sendMany(reply, batch, linkPort);
+        sendMany(udpecho::reply, batch, linkPort);
         readings.push_back(ratio::secondsPerCall([&] { transport.readPendingDatagrams(); }, 1));
         if (queued() != batch) {
             std::fprintf(stderr, "bench_udp: %zu of %d replies queued\n", queued(), batch);
             std::exit(1);
         }
         emptyQueue();
-        sendMany(reply, batch, ntohs(address.sin_port));
+        sendMany(udpecho::reply, batch, ntohs(address.sin_port));
         baselines.push_back(ratio::secondsPerCall(
             [bare] {
                 char buffer[2048];
@@ -302,7 +244,7 @@ int main(int argc, char** argv)
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     roundTrips();
     reading();
-    flood("replies", QByteArray(reply));
+    flood("replies", QByteArray(udpecho::reply));
     flood("orphan blocks", "no reply before this block");
     return 0;
 }

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Many commands in one run of send.
+#include "osdpeer.h"
 #include "tests/transports/serialpeer.h"
 #include "udptool.h"
+#ifdef CORE_MANAGE_SHOWS_USB
+#include "emulatedhid.h"
+#endif
 
 #include <QElapsedTimer>
 #include <QJsonDocument>
@@ -296,6 +300,44 @@ TEST(SendRunSerial, GoesOnOverASerialLine)
         EXPECT_EQ(countOf(summaryOf(tool), "answered"), 50);
     }
 }
+
+// The endpoints answer one after the other, and each round is over when both have.
+TEST(SendRunOsd, AsksEveryEndpointEachTime)
+{
+    OsdPeer left("127.0.0.1");
+    OsdPeer right("127.0.0.2");
+    ToolProcess tool({QStringLiteral("send"), left.link(), right.link(), QStringLiteral("--ch2"),
+                      QStringLiteral("1"), QStringLiteral("--count"), QStringLiteral("3"),
+                      QStringLiteral("--timeout"), QStringLiteral("60000"),
+                      QStringLiteral("--json")});
+    for (int i = 0; i < 3; ++i) {
+        for (OsdPeer* peer : {&left, &right}) {
+            EXPECT_EQ(peer->receive(8), QByteArray("\1\0\0\0\0\0\0\0", 8));
+        }
+        left.answer("OK!");
+        right.answer("OK!");
+    }
+    EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
+    EXPECT_EQ(countOf(summaryOf(tool), "answered"), 3);
+    EXPECT_EQ(countOf(summaryOf(tool), "differ"), 0);
+}
+
+#ifdef CORE_MANAGE_SHOWS_USB
+TEST(SendRunUsb, GoesOnOverReports)
+{
+    HidTestbed testbed;
+    EmulatedHid device(testbed, 0x04b4, 0x1008);
+    ToolProcess tool(
+        words(QStringLiteral("send usb://04b4:1008 --cmd 1 --count 3 --timeout 60000 --json")));
+    for (std::size_t i = 1; i <= 3; ++i) {
+        ASSERT_TRUE(eventually([&] { return device.written().size() == i; }));
+        ASSERT_TRUE(device.sendPadded(replyText(0x01, static_cast<int>(i))));
+    }
+    EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
+    EXPECT_EQ(countOf(summaryOf(tool), "answered"), 3);
+    EXPECT_EQ(countOf(summaryOf(tool), "differ"), 2);
+}
+#endif
 
 TEST(SendRunSerial, EndsWithTheLine)
 {

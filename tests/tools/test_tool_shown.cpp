@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: MIT
 // What send and listen show of what comes, and how.
+#include "osdpeer.h"
+#include "tests/transports/serialpeer.h"
 #include "udptool.h"
+#ifdef CORE_MANAGE_SHOWS_USB
+#include "emulatedhid.h"
+#endif
 
 #include <QDateTime>
 #include <QElapsedTimer>
@@ -95,6 +100,7 @@ TEST_F(Shown, RefusesAWrongChoice)
     for (const auto& [options, says] :
          {Words("--cmd 300", "--cmd: invalid value \"300\" (expected 0 to 255)"),
           Words("--kind odd", "--kind: invalid value \"odd\" (expected plain, block, refused)"),
+          Words("--hex --cmd 1", "--cmd excludes --hex"),
           Words("--time never", "--time: invalid value \"never\" (expected day, absolute or "
                                 "difference)")}) {
         const ToolRun run(
@@ -143,6 +149,102 @@ TEST_F(Shown, HasTheTimesBetweenLines)
     ASSERT_TRUE(second.startsWith(QLatin1Char('+')));
     EXPECT_GE(second.mid(1).toDouble(), least);
 }
+
+TEST_F(Shown, HasAllBytesAsTheyCome)
+{
+    const auto tool = listen("--hex");
+    device.send(replyText(0x8e, 0x27, 3));
+    device.send(QByteArray("a\0c", 3));
+    other.send("noise");
+    ASSERT_TRUE(tool->says(QStringLiteral("6e 6f 69 73 65")));
+    tool->interrupt();
+    EXPECT_EQ(tool->exitCode(), 0);
+    QStringList lines = tool->lines();
+    ASSERT_EQ(lines.size(), 7) << tool->output().constData();
+    EXPECT_TRUE(lines.at(0).endsWith(QLatin1String(" 127.0.0.1 19 bytes")))
+        << lines.at(0).toStdString();
+    EXPECT_TRUE(lines.at(1).startsWith(QLatin1String("  0000  3c 46 35 61 30 31 38 65 32 37 ")));
+    EXPECT_TRUE(lines.at(1).endsWith(QLatin1String("  <F5a018e27070300")));
+    EXPECT_TRUE(lines.at(2).endsWith(QLatin1String("  1a>")));
+    EXPECT_TRUE(lines.at(3).endsWith(QLatin1String(" 127.0.0.1 3 bytes")));
+    EXPECT_TRUE(lines.at(4).startsWith(QLatin1String("  0000  61 00 63 ")));
+    EXPECT_TRUE(lines.at(5).endsWith(QLatin1String(" 127.0.0.9 5 bytes")));
+    EXPECT_TRUE(tool->error().contains(QLatin1String("\n3 pieces in ")))
+        << tool->error().toStdString();
+    EXPECT_FALSE(tool->error().contains(QLatin1String("refused")));
+    const auto chosen = listen("--hex --json --from 127.0.0.9 --count 2");
+    device.send("one");
+    other.send("two");
+    device.send("three");
+    other.send(QByteArray(1, '\0'));
+    EXPECT_EQ(chosen->exitCode(), 0);
+    ASSERT_EQ(chosen->lines().size(), 2);
+    EXPECT_EQ(chosen->json().value(QStringLiteral("bytes")).toString(), QStringLiteral("74776f"));
+    EXPECT_EQ(chosen->json().value(QStringLiteral("from")).toString(), QStringLiteral("127.0.0.9"));
+    EXPECT_TRUE(chosen->lines().at(1).contains(QLatin1String("\"bytes\":\"00\"")));
+}
+
+QByteArray shownBytes(const ToolProcess& tool)
+{
+    QByteArray shown;
+    for (const QString& line : tool.lines()) {
+        const QJsonObject piece = QJsonDocument::fromJson(line.toUtf8()).object();
+        shown += QByteArray::fromHex(piece.value(QStringLiteral("bytes")).toString().toLatin1());
+    }
+    return shown;
+}
+
+TEST(ShownSerial, HasAllBytesOfALine)
+{
+    SerialPeer device;
+    for (const char* scheme : {"serial", "vela"}) {
+        ToolProcess tool(words(QStringLiteral("listen %1://%2 --hex --json")
+                                   .arg(QLatin1String(scheme), device.portName())));
+        ASSERT_TRUE(tool.says(QStringLiteral("listening on")));
+        QByteArray bytes;
+        for (int i = 0; i < 256; ++i) {
+            bytes += static_cast<char>(i);
+        }
+        ASSERT_TRUE(device.send(bytes));
+        EXPECT_TRUE(eventually([&] {
+            tool.says(QStringLiteral("bytes")); // collects the output
+            return shownBytes(tool) == bytes;
+        })) << scheme;
+        tool.interrupt();
+        EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
+    }
+}
+
+TEST(ShownOsd, HasAllBytesOfEachEndpoint)
+{
+    OsdPeer first("127.0.0.1");
+    OsdPeer second("127.0.0.2");
+    ToolProcess tool({QStringLiteral("listen"), first.link(), second.link(),
+                      QStringLiteral("--hex"), QStringLiteral("--json"), QStringLiteral("--count"),
+                      QStringLiteral("2")});
+    ASSERT_TRUE(eventually([&] { return first.isConnected() && second.isConnected(); }));
+    first.answer("OK!");
+    second.answer("no");
+    EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
+    EXPECT_TRUE(tool.output().contains("\"bytes\":\"4f4b21\",\"from\":\"127.0.0.1\""))
+        << tool.output().constData();
+    EXPECT_TRUE(tool.output().contains("\"bytes\":\"6e6f\",\"from\":\"127.0.0.2\""))
+        << tool.output().constData();
+}
+
+#ifdef CORE_MANAGE_SHOWS_USB
+TEST(ShownUsb, HasAllBytesOfAReport)
+{
+    HidTestbed testbed;
+    EmulatedHid device(testbed, 0x04b4, 0x1008);
+    ToolProcess tool(words(QStringLiteral("listen usb://04b4:1008 --hex --json --count 1")));
+    ASSERT_TRUE(tool.says(QStringLiteral("listening on")));
+    ASSERT_TRUE(device.sendPadded("noise"));
+    EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
+    EXPECT_TRUE(shownBytes(tool).startsWith(QByteArray("noise\0\0", 7)))
+        << tool.output().constData();
+}
+#endif
 
 /// What a run of send that fails shows on a terminal with these variables.
 QByteArray onTerminal(const QString& variables)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "arrivals.h"
 #include "link.h"
 #include "linknotes.h"
 #include "output.h"
@@ -58,6 +59,11 @@ public:
                isOf(reply.from, reply.block.isEmpty() ? Plain : WithBlock);
     }
 
+    bool has(const Arrivals::Piece& piece) const
+    {
+        return senders.isEmpty() || senders.contains(piece.from);
+    }
+
     bool has(const Refusal& refusal) const { return isOf(refusal.from, Refused); }
 
 private:
@@ -81,16 +87,37 @@ struct Listen {
     Choice choice;
     LineTime time;
     bool json = false;
+    bool hex = false; // instead of replies and what is refused
+    const std::shared_ptr<Arrivals> arrivals = std::make_shared<Arrivals>();
     qint64 shown = 0;
     QElapsedTimer clock;
 
     int run();
+    QString unit() const { return hex ? "pieces" : "replies"; }
     bool look(DeviceLink& open, const Interrupt& interrupt);
-    void show(const Reply& reply) const;
-    void showRefusals(const Interrupt& interrupt) const;
+    template <class Thing>
+    bool lookAt(const std::vector<Thing>& things, const Interrupt& interrupt);
+    void show(const Reply& reply);
+    void show(const Arrivals::Piece& piece);
+    void showRefusals(const Interrupt& interrupt);
 };
 
-void Listen::show(const Reply& reply) const
+void Listen::show(const Arrivals::Piece& piece)
+{
+    if (json) {
+        output::json({{"time", recordtext::zonedTime(LineTime::local(piece.time))},
+                      {"from", piece.from},
+                      {"length", piece.bytes.size()},
+                      {"bytes", QString::fromLatin1(piece.bytes.toHex())}});
+        return;
+    }
+    output::line(QString("%1 %2 %3 bytes")
+                     .arg(time.text(piece.time), piece.from.isEmpty() ? link.link() : piece.from)
+                     .arg(piece.bytes.size()));
+    output::raw(recordtext::dump(piece.bytes).toUtf8());
+}
+
+void Listen::show(const Reply& reply)
 {
     if (json) {
         output::json(reply.json);
@@ -99,7 +126,7 @@ void Listen::show(const Reply& reply) const
     }
 }
 
-void Listen::showRefusals(const Interrupt& interrupt) const
+void Listen::showRefusals(const Interrupt& interrupt)
 {
     for (const Refusal& refusal : linknotes::takeRefusals()) {
         if (interrupt.happened()) {
@@ -112,22 +139,36 @@ void Listen::showRefusals(const Interrupt& interrupt) const
     }
 }
 
-bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
+// Whether that is enough.
+template <class Thing>
+bool Listen::lookAt(const std::vector<Thing>& things, const Interrupt& interrupt)
 {
-    for (const Reply& reply : open.takeReplies()) {
+    for (const Thing& thing : things) {
         if (duration.reached(shown) || interrupt.happened()) {
             return true;
         }
-        if (choice.has(reply)) {
+        if (choice.has(thing)) {
             ++shown;
-            show(reply);
+            show(thing);
         }
     }
-    showRefusals(interrupt);
+    return false;
+}
+
+bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
+{
+    const std::vector<Reply> replies = open.takeReplies();
+    if (hex ? lookAt(arrivals->take(), interrupt) : lookAt(replies, interrupt)) {
+        return true;
+    }
+    if (!hex) {
+        showRefusals(interrupt);
+    }
     for (QString text = open.warning(); !text.isEmpty(); text = open.warning()) {
         output::error(time.text() + ' ' + text, output::Tone::Notable);
     }
-    output::progress(QString("listening, %1 replies, %2 s").arg(shown).arg(clock.elapsed() / 1000));
+    output::progress(
+        QString("listening, %1 %2, %3 s").arg(shown).arg(unit()).arg(clock.elapsed() / 1000));
     return duration.reached(shown) || !open.problem().isEmpty();
 }
 
@@ -137,13 +178,17 @@ int Listen::run()
     const auto target = link.target();
     link.startLog();
     const Interrupt interrupt;
+    if (hex) {
+        linknotes::attach(arrivals);
+    }
     const auto open = target->open(false);
     clock.start();
     output::error(QString("listening on %1; Ctrl-C ends it").arg(link.link()));
     waitFor([&] { return look(*open, interrupt); }, duration.limit(), interrupt);
     output::endProgress();
-    output::error(QString("%1 replies in %2 s")
+    output::error(QString("%1 %2 in %3 s")
                       .arg(shown)
+                      .arg(unit())
                       .arg(static_cast<double>(clock.elapsed()) / 1000.0));
     if (!open->problem().isEmpty()) {
         throw ToolError(open->wasOpen() ? exitcode::failed : exitcode::linkDown,
@@ -160,6 +205,11 @@ void commands::addListen(CLI::App& application, int& code)
     const auto listen = std::make_shared<Listen>();
     listen->link.addTo(*parser);
     listen->choice.addTo(*parser);
+    parser
+        ->add_flag("--hex", listen->hex,
+                   "show all bytes as they come, in hexadecimal, instead of replies")
+        ->excludes(parser->get_option("--cmd"))
+        ->excludes(parser->get_option("--kind"));
     listen->time.addTo(*parser);
     listen->duration.addTo(*parser, "replies");
     parser->add_flag("--json", listen->json, "print one JSON object a line");
@@ -169,7 +219,7 @@ void commands::addListen(CLI::App& application, int& code)
                    "  coremanage listen udp://192.168.1.20:1000\n"
                    "  coremanage listen udp://192.168.1.20 --json --for 60 > replies.jsonl\n"
                    "  coremanage listen udp://192.168.1.20 --cmd 0x8b,0x8e --kind block\n"
-                   "  coremanage listen udp://192.168.1.20 --time difference\n"
+                   "  coremanage listen serial:///dev/ttyUSB0 --hex --time difference\n"
                    "  coremanage listen osd://10.0.0.5 osd://10.0.0.6\n"
                    "\nExit codes: 0 ended as asked (with --count: so many came), 1 fewer came or\n"
                    "the link was lost, 2 wrong input, 3 the link could not be opened.");

@@ -89,16 +89,21 @@ void LineTime::addTo(CLI::App& app)
         ->type_name("STYLE");
 }
 
-QString LineTime::text() const
+QDateTime LineTime::local(Time time)
+{
+    using std::chrono::milliseconds;
+    return QDateTime::fromMSecsSinceEpoch(
+        std::chrono::duration_cast<milliseconds>(time.time_since_epoch()).count());
+}
+
+QString LineTime::text(Time time)
 {
     if (!isDifference) {
-        return isAbsolute ? recordtext::zonedTime() : recordtext::timeOfDay();
+        return isAbsolute ? recordtext::zonedTime(local(time)) : recordtext::timeOfDay(local(time));
     }
-    constexpr double nanoseconds = 1e9;
-    const double passed =
-        sinceLine.isValid() ? static_cast<double>(sinceLine.nsecsElapsed()) / nanoseconds : 0;
-    sinceLine.start();
-    return QString("+%1").arg(passed, 0, 'f', 6);
+    const std::chrono::duration<double> passed = time - before.value_or(time);
+    before = time;
+    return QString("+%1").arg(passed.count(), 0, 'f', 6);
 }
 
 void CommandFields::addTo(CLI::App& app)

@@ -8,10 +8,12 @@
 
 #include <CLI/CLI.hpp>
 
-#include <QElapsedTimer>
+#include <QDateTime>
 
+#include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -87,12 +89,17 @@ class LineTime
 public:
     void addTo(CLI::App& app);
 
-    QString text() const; ///< for a line that is printed now
+    using Time = std::chrono::system_clock::time_point;
+
+    /// For a line about something that happened then.
+    QString text(Time time = std::chrono::system_clock::now());
+
+    static QDateTime local(Time time);
 
 private:
     bool isAbsolute = false;
     bool isDifference = false;
-    mutable QElapsedTimer sinceLine;
+    std::optional<Time> before; // of the line before
 };
 
 /// The options that describe a command, and the command they describe.

@@ -55,7 +55,7 @@ public:
     Run(DeviceLink& openLink, const Conversation::Terms& conditions,
         const sendrun::Settings& chosen, const Interrupt& interruption)
         : open(openLink), terms(conditions), settings(chosen), interrupt(interruption),
-          conversation(openLink, conditions, interruption)
+          time(chosen.time), conversation(openLink, conditions, interruption)
     {
     }
 
@@ -68,7 +68,7 @@ private:
     qint64 expected() const;
     bool differs(const Command& command, const Outcome& outcome);
     void take(const Command& command, const Outcome& outcome);
-    void show(const Command& command, const Outcome& outcome, bool isDifferent) const;
+    void show(const Command& command, const Outcome& outcome, bool isDifferent);
     void showProgress();
     qint64 lost() const { return sent - answered - (isCutShort ? 1 : 0); }
     QString summary() const;
@@ -79,6 +79,7 @@ private:
     const Conversation::Terms& terms;
     const sendrun::Settings& settings;
     const Interrupt& interrupt;
+    LineTime time;
     Conversation conversation;
     QElapsedTimer clock;
     qint64 progressAt = 0;
@@ -155,7 +156,7 @@ void Run::take(const Command& command, const Outcome& outcome)
     showProgress();
 }
 
-void Run::show(const Command& command, const Outcome& outcome, bool isDifferent) const
+void Run::show(const Command& command, const Outcome& outcome, bool isDifferent)
 {
     if (settings.json) {
         QJsonObject object = conversation.json(command, outcome);
@@ -165,7 +166,7 @@ void Run::show(const Command& command, const Outcome& outcome, bool isDifferent)
                        outcome.failure);
         return;
     }
-    QString text = QString("%1 #%2 ").arg(settings.time.text()).arg(sent);
+    QString text = QString("%1 #%2 ").arg(time.text()).arg(sent);
     if (settings.commands.size() > 1) {
         text += recordtext::frameText(recordtext::frame(command, terms.fields)) + ' ';
     }

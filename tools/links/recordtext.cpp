@@ -4,8 +4,6 @@
 #include "commandframe.h"
 #include "osdframe.h"
 
-#include <QDateTime>
-
 #include <algorithm>
 
 namespace
@@ -182,13 +180,12 @@ QString recordtext::hex(int byte)
     return QString("%1").arg(byte, 2, 16, QChar('0'));
 }
 
-QString recordtext::zonedTime()
+QString recordtext::zonedTime(const QDateTime& time)
 {
-    const QDateTime now = QDateTime::currentDateTime();
-    return now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs);
+    return time.toOffsetFromUtc(time.offsetFromUtc()).toString(Qt::ISODateWithMs);
 }
 
-QString recordtext::timeOfDay()
+QString recordtext::timeOfDay(const QDateTime& time)
 {
-    return QTime::currentTime().toString("HH:mm:ss.zzz");
+    return time.toString("HH:mm:ss.zzz");
 }

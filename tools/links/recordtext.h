@@ -3,6 +3,8 @@
 
 #include "devicelink.h"
 
+#include <QDateTime>
+
 /// Records as people and programs read them. Pure functions.
 namespace recordtext
 {
@@ -46,9 +48,9 @@ QString frameText(const QByteArray& frame);
 QString hex(int byte);
 
 /// The local time of day with milliseconds.
-QString timeOfDay();
+QString timeOfDay(const QDateTime& time = QDateTime::currentDateTime());
 
 /// The local date and time with milliseconds and the zone's offset, in the form of ISO 8601.
-QString zonedTime();
+QString zonedTime(const QDateTime& time = QDateTime::currentDateTime());
 
 } // namespace recordtext
