@@ -289,7 +289,8 @@ TEST_F(Shown, IsAnObjectForEveryExitCode)
           Ended(before + QLatin1String("--json"), 2), Ended(QStringLiteral("send --json"), 2),
           Ended(QStringLiteral("send nowhere --cmd 1 --json"), 2),
           Ended(QStringLiteral("send serial:///dev/ttyNone --cmd 1 --json"), 3),
-          Ended(QStringLiteral("send osd://127.0.0.1:1 --ch2 1 --json"), 3)}) {
+          Ended(QStringLiteral("send osd://127.0.0.1:1 --ch2 1 --json"), 3),
+          Ended(QStringLiteral("send osd://127.0.0.1:1 --ch2 1 --count 2 --json"), 3)}) {
         ToolProcess tool(words(arguments));
         EXPECT_EQ(tool.exitCode(), code) << arguments.toStdString();
         const QStringList lines = tool.lines();

@@ -32,11 +32,11 @@ public:
     // The time that this share of the replies did not exceed.
     double percentile(double share) const
     {
-        const auto rank = static_cast<qint64>(share * static_cast<double>(total - 1));
+        const double rank = share * static_cast<double>(total);
         qint64 passed = 0;
         for (const auto& [time, count] : counts) {
             passed += count;
-            if (passed > rank) {
+            if (static_cast<double>(passed) >= rank) {
                 return static_cast<double>(time) / perMs;
             }
         }
@@ -217,7 +217,8 @@ void Run::sendAll()
         due = std::max(due + settings.intervalMs, static_cast<double>(clock.elapsed()) - backlogMs);
     }
     unawaited += conversation.takeUnawaited();
-    seconds = static_cast<double>(clock.elapsed()) / 1000.0;
+    constexpr double nanoseconds = 1e9;
+    seconds = static_cast<double>(clock.nsecsElapsed()) / nanoseconds;
     output::endProgress();
 }
 
@@ -232,7 +233,7 @@ QString Run::summary() const
     if (unawaited > 0) {
         text += QString(", %1 that nothing awaited").arg(unawaited);
     }
-    text += QString(", %1 s").arg(seconds);
+    text += QString(", %1 s").arg(seconds, 0, 'f', 3);
     if (!times.isEmpty()) {
         text += QString("\nreply time min/median/p99/max %1/%2/%3/%4 ms")
                     .arg(times.percentile(0), 0, 'f', 3)
