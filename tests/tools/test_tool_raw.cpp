@@ -25,7 +25,7 @@ class RawBytes : public UdpTool
 
 TEST_F(RawBytes, GoOutAsOneDatagramAndAreAnswered)
 {
-    const auto tool = send("--raw 3C54:00ff");
+    const auto tool = send("--raw 3C54:00ff --timeout 60000");
     EXPECT_EQ(device.receive().bytes, QByteArray("<T\0\xff", 4));
     device.send(replyText(0x10, 0x20));
     EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();

@@ -46,7 +46,7 @@ const QByteArray second = "<T0000020000000002>";
 
 TEST_F(SendRun, RepeatsACommandAndSumsUp)
 {
-    const auto tool = send("--cmd 1 --every 30 --count 5 --timeout 300");
+    const auto tool = send("--cmd 1 --every 30 --count 5 --timeout 2000");
     QElapsedTimer clock;
     EXPECT_EQ(device.receive().bytes, first);
     clock.start();
@@ -54,10 +54,10 @@ TEST_F(SendRun, RepeatsACommandAndSumsUp)
     answer(first, replyText(0x01, 0x00));
     answer(first, replyText(0x01, 0x01)); // another reply than the first
     EXPECT_EQ(device.receive().bytes, first);
-    EXPECT_TRUE(tool->says(QStringLiteral("no reply within 300 ms")));
+    EXPECT_TRUE(tool->says(QStringLiteral("no reply within 2000 ms")));
     answer(first, replyText(0x01, 0x00));
     EXPECT_EQ(tool->exitCode(), 1) << "one has had no reply";
-    EXPECT_GE(clock.elapsed(), 2 * 30 + 300);
+    EXPECT_GE(clock.elapsed(), 2 * 30 + 2000);
     EXPECT_FALSE(device.hasDatagram());
     const QStringList lines = tool->lines();
     ASSERT_EQ(lines.size(), 5 + 2) << tool->output().constData();
@@ -78,7 +78,7 @@ TEST_F(SendRun, RepeatsACommandAndSumsUp)
 
 TEST_F(SendRun, SumsUpAsJson)
 {
-    const auto tool = send("--cmd 1 --count 3 --timeout 500 --json");
+    const auto tool = send("--cmd 1 --count 3 --timeout 2000 --json");
     answer(first, replyText(0x01, 0x00));
     EXPECT_EQ(device.receive().bytes, first);
     answer(first, replyText(0x01, 0x00));
@@ -105,7 +105,7 @@ TEST_F(SendRun, SumsUpAsJson)
         EXPECT_GE(value, before) << time;
         before = value;
     }
-    EXPECT_LT(before, 500) << "the one without a reply counts for nothing here";
+    EXPECT_LT(before, 2000) << "the one without a reply counts for nothing here";
 }
 
 TEST_F(SendRun, GoesOnUntilCtrlC)
@@ -124,7 +124,7 @@ TEST_F(SendRun, GoesOnUntilCtrlC)
 
 TEST_F(SendRun, CountsWhatNothingAwaited)
 {
-    const auto tool = send("--cmd 1 --every 500 --count 2 --json");
+    const auto tool = send("--cmd 1 --every 3000 --count 2 --timeout 60000 --json");
     answer(first, replyText(0x01, 0x00));
     ASSERT_TRUE(tool->says(QStringLiteral("\"number\":1")));
     device.send(replyText(0x79, 0x0c));
@@ -151,7 +151,7 @@ TEST_F(SendRun, KeepsItsRate)
 
 TEST_F(SendRun, EndsAfterItsTime)
 {
-    const auto tool = send("--cmd 1 --every 60000 --for 1");
+    const auto tool = send("--cmd 1 --every 60000 --for 1 --timeout 60000");
     answer(first, replyText(0x01, 0x00));
     EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();
     EXPECT_FALSE(device.hasDatagram());
@@ -174,7 +174,7 @@ TEST_F(SendRun, TakesCommandsAsCsv)
 
 TEST_F(SendRun, TakesCommandsAsJsonLines)
 {
-    const auto tool = send("--file - --count 4 --json", "{\"cmd\": 1}\n"
+    const auto tool = send("--file - --count 4 --timeout 60000 --json", "{\"cmd\": 1}\n"
                                                         "{\"cmd\": \"0x02\", \"block_length\": 0}\n"
                                                         "{\"raw\": \"00ff\"}\n");
     answer(first, replyText(0x01, 0x00));
@@ -188,14 +188,14 @@ TEST_F(SendRun, TakesCommandsAsJsonLines)
 TEST_F(SendRun, TakesWhatTheToolPrints)
 {
     const QByteArray frames = ToolRun(words(QStringLiteral("encode --cmd 1 --json"))).output;
-    const auto encoded = send("--file - --json", frames);
+    const auto encoded = send("--file - --timeout 60000 --json", frames);
     answer(first, replyText(0x01, 0x00));
     EXPECT_EQ(encoded->exitCode(), 0) << encoded->error().toStdString();
-    const auto fields = send("--cmd 0x8e --dat1 0x27 --block 0102 --count 1 --json");
+    const auto fields = send("--cmd 0x8e --dat1 0x27 --block 0102 --count 1 --timeout 60000 --json");
     const QByteArray frame = "<T00008e27000200b7>\x01\x02";
     answer(frame, replyText(0x01, 0x00));
     EXPECT_EQ(fields->exitCode(), 0) << fields->error().toStdString();
-    const auto again = send("--file -", encoded->output() + fields->output());
+    const auto again = send("--file - --timeout 60000", encoded->output() + fields->output());
     answer(first, replyText(0x01, 0x00));
     answer(frame, replyText(0x01, 0x00));
     EXPECT_EQ(again->exitCode(), 0) << again->error().toStdString();
@@ -206,7 +206,7 @@ TEST_F(SendRun, TakesWhatTheToolPrints)
         ToolRun({QStringLiteral("send"), link, QStringLiteral("--cmd"), QStringLiteral("2")}).code,
         0);
     EXPECT_EQ(simulator.exitCode(), 0);
-    const auto simulated = send("--file -", simulator.output());
+    const auto simulated = send("--file - --timeout 60000", simulator.output());
     answer(second, replyText(0x01, 0x00));
     EXPECT_EQ(simulated->exitCode(), 0) << simulated->error().toStdString();
 }
@@ -245,7 +245,7 @@ TEST_F(SendRun, ShowsAProgressBarOnATerminal)
     terminal.start(
         QStringLiteral("script"),
         {QStringLiteral("-qec"),
-         QStringLiteral("%1 send %2 --cmd 1 --count 3 -q --log %3")
+         QStringLiteral("%1 send %2 --cmd 1 --count 3 -q --timeout 60000 --log %3")
              .arg(QStringLiteral(COREMANAGE), address(), directory.filePath(QStringLiteral("log"))),
          QStringLiteral("/dev/null")});
     ASSERT_TRUE(terminal.waitForStarted());

@@ -273,7 +273,7 @@ TEST(Colour, IsShownOnATerminalUnlessItIsNotWanted)
 
 TEST_F(Shown, IsAnObjectForEveryExitCode)
 {
-    const auto answered = send("--cmd 1 --json");
+    const auto answered = send("--cmd 1 --timeout 60000 --json");
     device.receive();
     device.send(replyText(0x01, 0x00));
     EXPECT_EQ(answered->exitCode(), 0);
