@@ -174,9 +174,10 @@ TEST_F(SendRun, TakesCommandsAsCsv)
 
 TEST_F(SendRun, TakesCommandsAsJsonLines)
 {
-    const auto tool = send("--file - --count 4 --timeout 60000 --json", "{\"cmd\": 1}\n"
-                                                        "{\"cmd\": \"0x02\", \"block_length\": 0}\n"
-                                                        "{\"raw\": \"00ff\"}\n");
+    const auto tool = send("--file - --count 4 --timeout 60000 --json",
+                           "{\"cmd\": 1}\n"
+                           "{\"cmd\": \"0x02\", \"block_length\": 0}\n"
+                           "{\"raw\": \"00ff\"}\n");
     answer(first, replyText(0x01, 0x00));
     answer(second, replyText(0x01, 0x00));
     answer(QByteArray("\0\xff", 2), replyText(0x01, 0x00));
@@ -191,7 +192,8 @@ TEST_F(SendRun, TakesWhatTheToolPrints)
     const auto encoded = send("--file - --timeout 60000 --json", frames);
     answer(first, replyText(0x01, 0x00));
     EXPECT_EQ(encoded->exitCode(), 0) << encoded->error().toStdString();
-    const auto fields = send("--cmd 0x8e --dat1 0x27 --block 0102 --count 1 --timeout 60000 --json");
+    const auto fields =
+        send("--cmd 0x8e --dat1 0x27 --block 0102 --count 1 --timeout 60000 --json");
     const QByteArray frame = "<T00008e27000200b7>\x01\x02";
     answer(frame, replyText(0x01, 0x00));
     EXPECT_EQ(fields->exitCode(), 0) << fields->error().toStdString();
@@ -299,6 +301,22 @@ TEST(SendRunSerial, GoesOnOverASerialLine)
         EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
         EXPECT_EQ(countOf(summaryOf(tool), "answered"), 50);
     }
+}
+
+TEST(SendRunOsd, TakesCommandsAsCsv)
+{
+    OsdPeer endpoint("127.0.0.1");
+    ToolProcess tool({QStringLiteral("send"), endpoint.link(), QStringLiteral("--file"),
+                      QStringLiteral("-"), QStringLiteral("--timeout"), QStringLiteral("60000")},
+                     "ch2,text,ch10\n"
+                     ",\"Gate \"\"7\"\", left\" ,0x0a\n"
+                     "2\n");
+    const QByteArray quoted = QByteArray(6, '\0') + "Gate \"7\", left" + QByteArray("\0\n", 2);
+    EXPECT_EQ(endpoint.receive(quoted.size()), quoted);
+    endpoint.answer("OK!");
+    EXPECT_EQ(endpoint.receive(8), QByteArray("\2\0\0\0\0\0\0\0", 8));
+    endpoint.answer("OK!");
+    EXPECT_EQ(tool.exitCode(), 0) << tool.error().toStdString();
 }
 
 // The endpoints answer one after the other, and each round is over when both have.
