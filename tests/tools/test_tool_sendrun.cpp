@@ -366,7 +366,8 @@ TEST(SendRunSerial, EndsWithTheLine)
     ASSERT_TRUE(eventually([&device] { return device.received().size() >= 19; }));
     device.hangUp();
     EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_TRUE(tool.error().contains(QLatin1String("the device has gone")))
+    EXPECT_TRUE(tool.error().startsWith(
+        QStringLiteral("coremanage: serial://%1: the ").arg(device.portName())))
         << tool.error().toStdString();
     EXPECT_EQ(countOf(summaryOf(tool), "lost"), 1);
 }
