@@ -4,7 +4,6 @@
 #include <QFile>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <system_error>
@@ -17,13 +16,6 @@ namespace
 
 constexpr int packetLimit = 262144;         // what readers take
 constexpr int pieceLimit = packetLimit / 2; // the rest of a longer write is a packet of its own
-
-qint64 now()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 qint64 costOf(const CaptureRecord& record)
 {
@@ -94,7 +86,6 @@ void CaptureWriter::add(CaptureRecord record)
             ++droppedCount;
             return;
         }
-        record.time = now(); // here, so that the file is in the order of time
         queued += costOf(record);
         queue.push_back(std::move(record));
     }

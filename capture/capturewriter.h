@@ -27,7 +27,7 @@ public:
     /// why.
     bool open(const QString& path);
 
-    /// Stamps the record with the time of now and queues it. Nothing while no file is open.
+    /// Queues a record; nothing while no file is open.
     void add(CaptureRecord record);
 
     /// Writes what waits and ends the file. Takes as long as the file's reader takes.

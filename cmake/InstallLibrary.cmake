@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # The installed package: libraries, public headers, CMake package and pkg-config files. The
-# reference host is a part of its own.
+# reference host and the capture are parts of their own.
 include(CMakePackageConfigHelpers)
 
 set(CORE_MANAGE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Core_Manage")
@@ -16,6 +16,13 @@ if(TARGET Core_ManageHost)
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage/host")
     install(EXPORT Core_ManageReferenceHostTargets NAMESPACE Core_Manage::
+        DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
+endif()
+if(TARGET Core_ManageCapture)
+    install(TARGETS Core_ManageCapture EXPORT Core_ManageCaptureTargets
+        LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+        FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/core_manage")
+    install(EXPORT Core_ManageCaptureTargets NAMESPACE Core_Manage::
         DESTINATION "${CORE_MANAGE_CMAKE_DIR}")
 endif()
 
@@ -39,6 +46,9 @@ cmake_path(APPEND CORE_MANAGE_PC_INCLUDEDIR "\${prefix}" "${CMAKE_INSTALL_INCLUD
 set(pc_files core_manage)
 if(TARGET Core_ManageHost)
     list(APPEND pc_files core_manage_host)
+endif()
+if(TARGET Core_ManageCapture)
+    list(APPEND pc_files core_manage_capture)
 endif()
 foreach(name IN LISTS pc_files)
     configure_file("packaging/${name}.pc.in" "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)

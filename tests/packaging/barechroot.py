@@ -113,7 +113,7 @@ def packages(source, work):
         made = {path.name.split("_")[0]: f"/packages/{path.name}"
                 for path in (chroot.root / "packages").glob("*.deb")}
         chroot.run(*install, made["coremanage"], made["libcore-manage1"],
-                   made["libcore-manage-host1"])
+                   made["libcore-manage-capture1"], made["libcore-manage-host1"])
         tools = [chroot.root / path for path in ("usr/bin/coremanage",
                                                  "usr/libexec/core_manage/coremanage")]
         size = sum(path.stat().st_size for path in tools)
