@@ -63,16 +63,27 @@ bool CaptureWriter::open(const QString& path)
     writtenCount = 0;
     droppedCount = 0;
     if (file != nullptr) {
-        try {
-            isOpen = true;
-            thread = std::thread(&CaptureWriter::run, this, file);
-        } catch (const std::system_error& error) {
-            isOpen = false;
-            problem = QString::fromLocal8Bit(error.what());
-            pcap_dump_close(file);
-        }
+        start(file);
     }
     return isOpen;
+}
+
+// The thread takes no signals: they are the program's, and a broken pipe is an error of the file.
+void CaptureWriter::start(pcap_dumper* file)
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        isOpen = true;
+        thread = std::thread(&CaptureWriter::run, this, file);
+    } catch (const std::system_error& error) {
+        isOpen = false;
+        problem = QString::fromLocal8Bit(error.what());
+        pcap_dump_close(file);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void CaptureWriter::add(CaptureRecord record)
@@ -107,10 +118,6 @@ void CaptureWriter::close()
 // Whoever reads the file gets its head at once, and each packet as soon as it has been written.
 void CaptureWriter::run(pcap_dumper* file)
 {
-    sigset_t brokenPipe; // is an error of the file then, not the end of the process
-    sigemptyset(&brokenPipe);
-    sigaddset(&brokenPipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
     std::unique_lock guard(lock);
     for (bool goesOn = true; goesOn; goesOn = isOpen || !queue.empty()) {
         const std::deque<CaptureRecord> records = std::exchange(queue, {});

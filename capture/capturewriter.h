@@ -38,6 +38,7 @@ public:
     qint64 dropped() const; ///< records that are not
 
 private:
+    void start(pcap_dumper* file);
     void run(pcap_dumper* file);
     void account(qint64 count, const QString& wrong);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "extcap.h"
 #include "output.h"
 #include "shortcuts.h"
 #include "toolerror.h"
@@ -103,8 +104,9 @@ void commandline::build(CLI::App& application, int& code)
     application.set_version_flag("--version", COREMANAGE_VERSION);
     application.require_subcommand(1);
     for (const auto add :
-         {commands::addDemo, commands::addSend, commands::addListen, commands::addSimulate,
-          commands::addPorts, commands::addDevices, commands::addEncode, commands::addDecode}) {
+         {commands::addDemo, commands::addSend, commands::addListen, commands::addCapture,
+          commands::addReplay, commands::addSimulate, commands::addPorts, commands::addDevices,
+          commands::addEncode, commands::addDecode}) {
         add(application, code);
     }
     application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"
@@ -116,7 +118,7 @@ int commandline::run(int argc, char** argv)
 {
     const std::vector<const char*> arguments = shortcuts::resolved(argc, argv);
     try {
-        return parseAndRun(arguments);
+        return extcap::isAsked(argc, argv) ? extcap::run(argc, argv) : parseAndRun(arguments);
     } catch (const ToolError& error) {
         return fail(arguments, error);
     } catch (const std::exception& error) {

@@ -28,6 +28,8 @@ namespace commands
 void addDemo(CLI::App& application, int& code);
 void addSend(CLI::App& application, int& code);
 void addListen(CLI::App& application, int& code);
+void addCapture(CLI::App& application, int& code);
+void addReplay(CLI::App& application, int& code);
 void addSimulate(CLI::App& application, int& code);
 void addPorts(CLI::App& application, int& code);
 void addDevices(CLI::App& application, int& code);

@@ -4,6 +4,7 @@
 #include "arrivals.h"
 #include "link.h"
 #include "linknotes.h"
+#include "linkwatchers.h"
 #include "output.h"
 #include "recordtext.h"
 #include "toolerror.h"
@@ -179,7 +180,7 @@ int Listen::run()
     link.startLog();
     const Interrupt interrupt;
     if (hex) {
-        linknotes::attach(arrivals);
+        linkwatchers::add(arrivals);
     }
     const auto open = target->open(false);
     clock.start();

@@ -34,15 +34,39 @@ void LinkOptions::addTo(CLI::App& app)
                        "host-wide device type, for instance 0x353101 (0)", "TYPE");
     app.add_option("--log", log, "log file of the link (~/.local/state/coremanage/coremanage.log)")
         ->type_name("FILE");
+    capture.addTo(app);
     app.add_flag("-v,--verbose", verbose, "show the library's debug lines on standard error");
 }
 
-std::unique_ptr<LinkTarget> LinkOptions::target() const
+void LinkOptions::useDeviceType() const
 {
     if (deviceType >= 0) {
         Utility_Manage::setDeviceType(static_cast<model_GlobalEnum::DeviceType>(deviceType));
     }
+}
+
+std::unique_ptr<LinkTarget> LinkOptions::target() const
+{
+    useDeviceType();
     return linkregistry::target(links());
+}
+
+std::vector<std::pair<QString, std::unique_ptr<LinkTarget>>> LinkOptions::targets() const
+{
+    useDeviceType();
+    std::vector<std::pair<QString, std::unique_ptr<LinkTarget>>> all;
+    QStringList endpoints;
+    for (const QString& text : links()) {
+        if (LinkAddress::parse(text).scheme == "osd") {
+            endpoints << text;
+        } else {
+            all.emplace_back(text, linkregistry::target(text));
+        }
+    }
+    if (!endpoints.isEmpty()) {
+        all.emplace_back(endpoints.front(), linkregistry::target(endpoints));
+    }
+    return all;
 }
 
 QStringList LinkOptions::links() const
@@ -54,8 +78,10 @@ QStringList LinkOptions::links() const
     return texts;
 }
 
-void LinkOptions::startLog() const
+void LinkOptions::startLog()
 {
+    capture.begin();
+    capture.watch(link());
     toolfiles::startLog(QString::fromStdString(log));
     linknotes::install(verbose);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "captureoption.h"
 #include "commandfield.h"
 #include "linkregistry.h"
 #include "typed.h"
@@ -15,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Options that several subcommands have. What is wrong with one throws BadInput while the command
@@ -47,13 +49,19 @@ public:
     /// BadInput.
     std::unique_ptr<LinkTarget> target() const;
 
-    /// Starts the log and the watch on the library's debug lines. Throws BadInput.
-    void startLog() const;
+    /// The same for each link by itself, with its name; the endpoints of osd:// are one link.
+    std::vector<std::pair<QString, std::unique_ptr<LinkTarget>>> targets() const;
+
+    /// Starts the log, the watch on the library's debug lines and the capture. Throws BadInput.
+    void startLog();
+
+    CaptureOption capture; ///< of every link that is opened behind startLog
 
     QString link() const { return links().join(' '); } ///< as written
 
 private:
     QStringList links() const;
+    void useDeviceType() const;
 
     std::vector<std::string> addresses;
     int deviceType = -1; // -1: as it is

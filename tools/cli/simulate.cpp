@@ -4,6 +4,7 @@
 #include "answerfile.h"
 #include "options.h"
 #include "output.h"
+#include "recording.h"
 #include "recordtext.h"
 #include "toolerror.h"
 
@@ -22,6 +23,7 @@ struct Simulate {
     std::string place;
     std::vector<std::string> faults;
     std::optional<std::string> answers; // a file
+    std::string recording;
     SimulatedDevice::Settings settings;
     Duration duration;
     bool json = false;
@@ -35,7 +37,6 @@ private:
     void take(const Exchange& exchange);
     void show(const Exchange& exchange) const;
     void showJson(const Exchange& exchange) const;
-    Command commandOf(const Exchange& exchange) const;
 
     FieldSet fields = FieldSet::TextBody;
     qint64 commands = 0;
@@ -49,31 +50,6 @@ QStringList faultNames(const Exchange& exchange)
         names << Faults::name(fault);
     }
     return names;
-}
-
-Command Simulate::commandOf(const Exchange& exchange) const
-{
-    if (fields == FieldSet::OsdFrame) {
-        return recordtext::osdCommand(exchange.command.block);
-    }
-    const devicecodec::Head& head = exchange.command.head;
-    Command command;
-    model_Protocoldata& record = command.record;
-    record.HEAD = head.head;
-    record.ADDR = head.addr;
-    record.CMD = head.cmd;
-    record.DAT1 = head.dat1;
-    record.DAT2 = head.dat2;
-    record.DAT3 = head.dat3;
-    record.DAT4 = head.dat4;
-    record.CHKSUM = head.sum;
-    record.aux1 = head.lead;
-    record.aux3 = head.aux3;
-    record.aux4 = head.aux4;
-    record.aux5 = head.aux5;
-    record.aux6 = head.blockLength;
-    record.arryDatablock = exchange.command.block;
-    return command;
 }
 
 void Simulate::show(const Exchange& exchange) const
@@ -90,14 +66,14 @@ void Simulate::show(const Exchange& exchange) const
     if (!struck.isEmpty()) {
         answer += QString(" [%1]").arg(struck.join(", "));
     }
+    const Command command = recordtext::command(exchange.command, fields);
     output::line(QString("%1 %2 -> %3")
-                     .arg(recordtext::timeOfDay(), recordtext::summary(commandOf(exchange), fields),
-                          answer));
+                     .arg(recordtext::timeOfDay(), recordtext::summary(command, fields), answer));
 }
 
 void Simulate::showJson(const Exchange& exchange) const
 {
-    const Command command = commandOf(exchange);
+    const Command command = recordtext::command(exchange.command, fields);
     QJsonObject object = recordtext::json(command, fields);
     if (fields != FieldSet::OsdFrame) {
         object.insert("block", QString::fromLatin1(command.record.arryDatablock.toHex()));
@@ -159,6 +135,10 @@ std::unique_ptr<Simulation> Simulate::simulation()
     }
     if (answers) {
         readAnswers(target->kind());
+    }
+    if (!recording.empty()) {
+        settings.answers = std::make_shared<RecordedAnswers>(Recording::read(
+            QString::fromStdString(recording), CaptureRecord::mediumOf(link.toUtf8()), link));
     }
     QString obstacle = target->simulationObstacle();
     auto simulation = obstacle.isEmpty() ? target->simulate(settings) : nullptr;
@@ -227,10 +207,15 @@ void commands::addSimulate(CLI::App& application, int& code)
         ->type_name("FAULT")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    auto* answers = parser
+                        ->add_option("--answers", simulate->answers,
+                                     "JSON file that says what is answered to which command")
+                        ->type_name("FILE");
     parser
-        ->add_option("--answers", simulate->answers,
-                     "JSON file that says what is answered to which command")
-        ->type_name("FILE");
+        ->add_option("--replay", simulate->recording,
+                     "answer as the device did that is recorded in this file; see capture")
+        ->type_name("FILE")
+        ->excludes(answers);
     options::addNumber(*parser, "--seed", settings.seed, 0, std::numeric_limits<qint64>::max(),
                        "the same seed and commands give the same answers (1)");
     options::addNumber(*parser, "--announced", settings.announcedLength, 1, announcedLimit,

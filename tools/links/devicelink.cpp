@@ -4,6 +4,7 @@
 #include "biz_cmdswork.h"
 #include "icorebase.h"
 #include "linknotes.h"
+#include "linkwatchers.h"
 #include "recordtext.h"
 
 CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
@@ -12,6 +13,7 @@ CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QStrin
       lossReason(std::move(whyLost)), writeRaw(std::move(sendRaw))
 {
     linknotes::watch(*core);
+    linkwatchers::watch(*core);
     biz_CMDSWork().clearQueue();
 }
 

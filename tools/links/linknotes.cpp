@@ -60,12 +60,6 @@ const std::shared_ptr<Notes>& notes()
     return instance;
 }
 
-std::vector<std::shared_ptr<LinkObserver>>& attached()
-{
-    static std::vector<std::shared_ptr<LinkObserver>> observers;
-    return observers;
-}
-
 void show(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& message)
 {
     output::error(message);
@@ -87,19 +81,6 @@ void linknotes::install(bool verbose)
 void linknotes::watch(ObservableLink& link)
 {
     link.addObserver(notes());
-    tellObservers(link);
-}
-
-void linknotes::attach(std::shared_ptr<LinkObserver> observer)
-{
-    attached().push_back(std::move(observer));
-}
-
-void linknotes::tellObservers(ObservableLink& link)
-{
-    for (const auto& observer : attached()) {
-        link.addObserver(observer);
-    }
 }
 
 bool linknotes::takeSendFailure()

@@ -29,12 +29,6 @@ void install(bool verbose);
 /// Takes notes of a link from now on.
 void watch(ObservableLink& link);
 
-/// Tells \a observer of every link that is opened from now on.
-void attach(std::shared_ptr<LinkObserver> observer);
-
-/// Tells those observers, but takes no notes.
-void tellObservers(ObservableLink& link);
-
 /// Whether a frame was refused by the system since the last call.
 bool takeSendFailure();
 

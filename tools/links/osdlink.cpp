@@ -4,7 +4,7 @@
 #include "biz_osd_cmdswork.h"
 #include "corefactory.h"
 #include "icoreosdbase.h"
-#include "linknotes.h"
+#include "linkwatchers.h"
 #include "recordtext.h"
 
 #include <algorithm>
@@ -53,7 +53,7 @@ OsdLink::OsdLink(const std::vector<Endpoint>& endpoints)
       connections(std::make_shared<Connections>())
 {
     manager->addObserver(connections);
-    linknotes::tellObservers(*manager);
+    linkwatchers::watch(*manager);
     {
         const std::lock_guard lock(biz_Osd_CMDSWork::receiveOsdlock);
         biz_Osd_CMDSWork::receivequeueOsd.clear();

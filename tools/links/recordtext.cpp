@@ -67,6 +67,30 @@ const QByteArray& recordtext::block(const Command& command, FieldSet fields)
     return fields == FieldSet::OsdFrame ? command.osd.arryData : command.record.arryDatablock;
 }
 
+Command recordtext::command(const DeviceCommand& read, FieldSet fields)
+{
+    if (fields == FieldSet::OsdFrame) {
+        return osdCommand(read.block);
+    }
+    Command command;
+    model_Protocoldata& record = command.record;
+    record.HEAD = read.head.head;
+    record.ADDR = read.head.addr;
+    record.CMD = read.head.cmd;
+    record.DAT1 = read.head.dat1;
+    record.DAT2 = read.head.dat2;
+    record.DAT3 = read.head.dat3;
+    record.DAT4 = read.head.dat4;
+    record.CHKSUM = read.head.sum;
+    record.aux1 = read.head.lead;
+    record.aux3 = read.head.aux3;
+    record.aux4 = read.head.aux4;
+    record.aux5 = read.head.aux5;
+    record.aux6 = read.head.blockLength;
+    record.arryDatablock = read.block;
+    return command;
+}
+
 Command recordtext::osdCommand(const QByteArray& frame)
 {
     const auto dataLength = frame.size() - osdframe::headLength - osdframe::tailLength;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "commandreader.h"
 #include "devicelink.h"
 
 #include <QDateTime>
@@ -25,6 +26,9 @@ QJsonObject json(const Command& command, FieldSet fields);
 
 /// The block that a command comes with, or its data.
 const QByteArray& block(const Command& command, FieldSet fields);
+
+/// A command as a device has read it.
+Command command(const DeviceCommand& read, FieldSet fields);
 
 /// The command whose frame these bytes, at least the shortest frame, are.
 Command osdCommand(const QByteArray& frame);
