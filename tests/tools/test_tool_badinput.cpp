@@ -47,11 +47,13 @@ TEST_P(BadInput, IsRefusedInOneLineAndNothingIsSent)
 INSTANTIATE_TEST_SUITE_P(
     Tool, BadInput,
     ::testing::Values(
-        Case{"", "subcommand: invalid value \"\" (expected demo, send, listen, simulate, ports, "
+        Case{"", "subcommand: invalid value \"\" (expected demo, send, listen, capture, replay, "
+                 "simulate, ports, "
                  "devices, encode, decode)"},
-        Case{"frob", "subcommand: invalid value \"frob\" (expected demo, send, listen, simulate, "
+        Case{"frob", "subcommand: invalid value \"frob\" (expected demo, send, listen, capture, "
+                     "replay, simulate, "
                      "ports, devices, encode, decode)"},
-        Case{"--frob", "subcommand: invalid value \"--frob\" (expected demo, send, listen, "
+        Case{"--frob", "subcommand: invalid value \"--frob\" (expected demo, send, listen, capture, replay, "
                        "simulate, ports, devices, encode, decode)"},
         Case{"sned %1 --cmd 1", "there is no subcommand \"sned\" (did you mean send?): see "
                                 "coremanage --help"},

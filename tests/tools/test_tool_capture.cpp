@@ -176,7 +176,7 @@ TEST_F(CaptureTool, TellsWhichAnswersDiffer)
 
 TEST_F(CaptureTool, KeepsTheTimesOfTheCommands)
 {
-    const auto gapOf = [this](const QString& path) {
+    const auto gapOf = [](const QString& path) {
         std::vector<qint64> times;
         for (const CaptureRecord& packet : capturedPackets(path)) {
             if (packet.what == What::Sent) {

@@ -5,6 +5,9 @@
 #include "corefactory.h"
 #include "icorebase.h"
 #include "utility_manage.h"
+#ifdef WITH_CAPTURE
+#include "linkcapture.h"
+#endif
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -100,6 +103,14 @@ int main(int argc, char** argv)
     }
     transport->setDeviceIP(QStringLiteral("127.0.0.1"));
     transport->setPort(device.localPort());
+#ifdef WITH_CAPTURE
+    const auto capture = std::make_shared<CaptureFile>();
+    if (!capture->open(QStringLiteral("/dev/null"))) {
+        return failed("no capture");
+    }
+    transport->addObserver(
+        std::make_shared<LinkCapture>(capture, QStringLiteral("udp://127.0.0.1")));
+#endif
     model_Protocoldata record = command();
     transport->sendDatatoDevice(&record);
 
@@ -125,6 +136,12 @@ int main(int argc, char** argv)
     if (!biz_CMDSWork::bRetFlag) {
         return failed("the flag was not raised");
     }
+#ifdef WITH_CAPTURE
+    capture->close();
+    if (capture->written() < 3 || capture->dropped() != 0) { // a command and two datagrams
+        return failed("what was sent and received is not captured");
+    }
+#endif
 #ifdef OWN_HOST_API
     if (Utility_Manage::linesWritten == 0) {
         return failed("the own log did not get its lines");
