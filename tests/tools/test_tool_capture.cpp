@@ -302,6 +302,7 @@ TEST_F(CaptureTool, SaysWhatIsWrong)
     text.write("no capture, but long enough to be looked at");
     text.close();
     fails(QStringLiteral("capture udp://127.0.0.1"), "--write is missing");
+    fails(QStringLiteral("send udp://127.0.0.1 --cmd 1 -w -"), "standard output has the results");
     fails(QStringLiteral("capture udp://127.0.0.1 -w %1").arg(file("none/wire")), "No such file");
     fails(QStringLiteral("replay %1 udp://127.0.0.1").arg(file("none")), "No such file");
     fails(QStringLiteral("replay %1 udp://127.0.0.1").arg(file("text")), "unknown file format");

@@ -21,8 +21,11 @@ CaptureOption::~CaptureOption()
 
 void CaptureOption::addTo(CLI::App& app)
 {
+    isOutputFree = app.get_name() == "capture";
     app.add_option("-w,--write", path,
-                   "write what is sent and received for Wireshark; -: standard output")
+                   isOutputFree
+                       ? "write what is sent and received for Wireshark; -: standard output"
+                       : "write what is sent and received for Wireshark")
         ->type_name("FILE");
 }
 
@@ -30,6 +33,9 @@ void CaptureOption::begin()
 {
     if (!isGiven()) {
         return;
+    }
+    if (path == "-" && !isOutputFree) {
+        throw BadInput("--write: standard output has the results: give a file, or use capture");
     }
     captured = std::make_shared<CaptureFile>();
     if (!captured->open(QString::fromStdString(path))) {

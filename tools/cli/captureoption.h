@@ -38,6 +38,7 @@ private:
     QString loss() const;
 
     std::string path;
+    bool isOutputFree = false; // of anything but the capture
     std::shared_ptr<CaptureFile> captured;
     std::shared_ptr<LinkObserver> watcher;
 };

@@ -69,6 +69,7 @@ int capture(const std::string& link, const std::string& pipe,
     std::vector<std::string> words{"coremanage", "capture", link, "--quiet", "--write", pipe};
     words.insert(words.end(), others.begin(), others.end());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

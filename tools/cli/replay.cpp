@@ -54,7 +54,7 @@ public:
 private:
     QByteArray takeFirst(QByteArray::size_type count)
     {
-        const QByteArray taken = bytes.left(count);
+        QByteArray taken = bytes.left(count);
         bytes.remove(0, count);
         return taken;
     }
