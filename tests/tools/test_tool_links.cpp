@@ -100,8 +100,9 @@ TEST_F(Send, FailsWithoutReply)
 {
     const auto tool = send("--cmd 1 --timeout 100");
     EXPECT_EQ(tool->exitCode(), 1);
-    EXPECT_EQ(tool->error(),
-              QStringLiteral("coremanage: %1: no reply within 100 ms\n").arg(address()));
+    EXPECT_EQ(
+        tool->error(),
+        QStringLiteral("coremanage: %1: no reply within 100 ms: nothing came\n").arg(address()));
     EXPECT_EQ(tool->lines(), QStringList(QStringLiteral("sent <T0000010000000001>")));
     EXPECT_EQ(device.receive().bytes, QByteArray("<T0000010000000001>"));
     EXPECT_FALSE(device.hasDatagram()) << "sent once";

@@ -178,9 +178,10 @@ TEST_F(OsdTool, NamesTheOneThatRefusesAndServesTheOthers)
     acknowledge(first, '1');
     acknowledge(third, '3');
     EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_EQ(tool.error().toStdString(),
-              std::string("coremanage: 127.0.0.2 takes no connection: is it on, "
-                          "and is that its port?\n"));
+    EXPECT_EQ(
+        tool.error().toStdString(),
+        std::string("coremanage: 127.0.0.2 takes no connection: is it on, "
+                    "and is that its port?; a connection was refused once: is 9 its port?\n"));
     EXPECT_EQ(tool.lines().size(), 3) << "what was sent, and two acknowledgements";
 }
 
@@ -217,7 +218,10 @@ TEST_F(OsdTool, NamesTheOneThatIsSilent)
     EXPECT_EQ(second.receive(frame.size()), frame);
     second.answer("noise, no acknowledgement");
     EXPECT_EQ(tool->exitCode(), 1);
-    EXPECT_EQ(tool->error(), QStringLiteral("coremanage: 127.0.0.2 gave no reply within 300 ms\n"));
+    EXPECT_EQ(tool->error(),
+              QStringLiteral("coremanage: 127.0.0.2 gave no reply within 300 ms: 25 bytes came and "
+                             "none was a reply: 6e 6f 69 73 65 2c 20 6e 6f 20 61 63 6b 6e 6f 77 "
+                             "...\n"));
     EXPECT_TRUE(tool->output().contains("reply from 127.0.0.1 OK 31\n"));
 }
 

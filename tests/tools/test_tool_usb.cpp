@@ -83,7 +83,35 @@ TEST_F(UsbTool, SaysThatNothingAnswers)
 {
     const ToolRun run(words(QStringLiteral("send usb://04b4:1008 --cmd 1 --timeout 100")));
     EXPECT_EQ(run.code, 1);
-    EXPECT_TRUE(run.error.contains(QStringLiteral("no reply within 100 ms")));
+    EXPECT_TRUE(run.error.contains(QStringLiteral("no reply within 100 ms: nothing came\n")))
+        << run.error.toStdString();
+}
+
+TEST_F(UsbTool, SaysThatWhatCameIsNoReply)
+{
+    ToolProcess tool(words(QStringLiteral("send usb://04b4:1008 --cmd 1 --timeout 1000")));
+    ASSERT_TRUE(eventually([this] { return !device.written().empty(); }));
+    ASSERT_TRUE(device.sendPadded("noise"));
+    EXPECT_EQ(tool.exitCode(), 1);
+    EXPECT_TRUE(tool.says(QStringLiteral("64 bytes came and none was a reply: 6e 6f 69 73 65 00 ")))
+        << tool.error().toStdString();
+}
+
+TEST_F(UsbTool, LooksAtWhatMayKeepItSilent)
+{
+    const QStringList doctor = words(QStringLiteral("doctor usb://04b4:1008"));
+    const ToolRun fine(doctor);
+    EXPECT_EQ(fine.code, 0);
+    EXPECT_EQ(fine.output, "fine  /dev/hidraw0 may be opened\n");
+    const ToolRun refused(doctor, {}, withoutAccess(testbed));
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_TRUE(refused.output.startsWith("WRONG /dev/hidraw0: Permission denied (0000, owner "))
+        << refused.output.toStdString();
+    EXPECT_TRUE(refused.output.endsWith(rule.toLatin1() + '\n')) << refused.output.toStdString();
+    EXPECT_TRUE(device.written().empty());
+    const ToolRun none(words(QStringLiteral("doctor usb://04b4:1009")));
+    EXPECT_EQ(none.code, 1);
+    EXPECT_TRUE(none.output.startsWith("WRONG there is no such device\n      plug it in;"));
 }
 
 TEST_F(UsbTool, SaysThatAReportIsNotTaken)

@@ -157,8 +157,8 @@ Outcome Conversation::exchange(Command command)
         open.send(command);
         if (linknotes::takeSendFailure()) {
             outcome.failure = QString("%1: the system did not take it: not sent; is the network "
-                                      "up, the device there?")
-                                  .arg(terms.link);
+                                      "up, the device there?%2")
+                                  .arg(terms.link, terms.silence->firewall("; "));
             return outcome;
         }
         outcome.sent = true;
@@ -185,7 +185,9 @@ QString Conversation::failuresOfDevices() const
         failures << device + ' ' +
                         (trouble.isEmpty()
                              ? QString("gave %1 within %2 ms").arg(missing).arg(terms.timeoutMs)
-                             : trouble);
+                             : trouble) +
+                        (count == 0 ? terms.silence->cause(device, trouble.isEmpty() ? ": " : "; ")
+                                    : QString());
     }
     return failures.join("; ");
 }
@@ -210,7 +212,8 @@ QString Conversation::failure(WaitEnd end) const
     } else if (outcome.tries > 1) {
         text += QString(", %1 tries").arg(outcome.tries);
     }
-    text += refusedText(terms.link);
+    text += (outcome.replies.empty() ? terms.silence->cause({}, ": ") : QString()) +
+            refusedText(terms.link);
     if (!strangers.isEmpty()) {
         text += "; replies of others: " + strangers.join(", ");
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "devicelink.h"
+#include "silence.h"
 #include "waiting.h"
 
 /// What became of one command.
@@ -25,8 +26,9 @@ class Conversation
 public:
     /// When a command is answered, and when it is given up.
     struct Terms {
-        QString link;            ///< what it is called
-        FieldSet fields;         ///< of its commands
+        QString link;                           ///< what it is called
+        std::shared_ptr<const Silence> silence; ///< what has come over it, from its opening on
+        FieldSet fields;                        ///< of its commands
         bool broadcast = false;  ///< whoever answers until the time-out, if \a replies is 0
         qint64 timeoutMs = 2000; ///< of each try; 0: no reply is awaited
         qint64 tries = 1;        ///< how often at most it is sent

@@ -4,9 +4,11 @@
 #include "arrivals.h"
 #include "link.h"
 #include "linknotes.h"
+#include "linkstats.h"
 #include "linkwatchers.h"
 #include "output.h"
 #include "recordtext.h"
+#include "silence.h"
 #include "toolerror.h"
 
 #include <QElapsedTimer>
@@ -90,6 +92,9 @@ struct Listen {
     bool json = false;
     bool hex = false; // instead of replies and what is refused
     const std::shared_ptr<Arrivals> arrivals = std::make_shared<Arrivals>();
+    bool stats = false; // instead of the replies
+    std::shared_ptr<LinkStats> counted;
+    std::shared_ptr<Silence> silence;
     qint64 shown = 0;
     QElapsedTimer clock;
 
@@ -101,6 +106,8 @@ struct Listen {
     void show(const Reply& reply);
     void show(const Arrivals::Piece& piece);
     void showRefusals(const Interrupt& interrupt);
+    void showNoise(bool last = false);
+    void showStats(const std::vector<LinkStats::Row>& rows, const QString& of) const;
 };
 
 void Listen::show(const Arrivals::Piece& piece)
@@ -150,20 +157,42 @@ bool Listen::lookAt(const std::vector<Thing>& things, const Interrupt& interrupt
         }
         if (choice.has(thing)) {
             ++shown;
-            show(thing);
+            if (!stats) {
+                show(thing);
+            }
         }
     }
     return false;
 }
 
+void Listen::showNoise(bool last)
+{
+    const QString noise = silence->takeNoise(last);
+    if (!noise.isEmpty()) {
+        output::error(time.text() + ' ' + noise, output::Tone::Notable);
+    }
+}
+
+void Listen::showStats(const std::vector<LinkStats::Row>& rows, const QString& of) const
+{
+    for (const LinkStats::Row& row : rows) {
+        json ? output::json(row.json()) : output::line(of + ' ' + row.text());
+    }
+}
+
 bool Listen::look(DeviceLink& open, const Interrupt& interrupt)
 {
     const std::vector<Reply> replies = open.takeReplies();
+    if (stats) {
+        counted->taken(replies);
+        showStats(counted->takeRows(), time.text());
+    }
     if (hex ? lookAt(arrivals->take(), interrupt) : lookAt(replies, interrupt)) {
         return true;
     }
     if (!hex) {
         showRefusals(interrupt);
+        showNoise();
     }
     for (QString text = open.warning(); !text.isEmpty(); text = open.warning()) {
         output::error(time.text() + ' ' + text, output::Tone::Notable);
@@ -182,15 +211,24 @@ int Listen::run()
     if (hex) {
         linkwatchers::add(arrivals);
     }
+    silence = Silence::watch(target->places());
+    counted = stats ? LinkStats::watch(link.link(), target->places()) : nullptr;
     const auto open = target->open(false);
     clock.start();
     output::error(QString("listening on %1; Ctrl-C ends it").arg(link.link()));
     waitFor([&] { return look(*open, interrupt); }, duration.limit(), interrupt);
     output::endProgress();
-    output::error(QString("%1 %2 in %3 s")
+    if (!hex) {
+        showNoise(true);
+    }
+    if (stats) {
+        showStats(counted->totals(), "in all");
+    }
+    output::error(QString("%1 %2 in %3 s%4")
                       .arg(shown)
                       .arg(unit())
-                      .arg(static_cast<double>(clock.elapsed()) / 1000.0));
+                      .arg(static_cast<double>(clock.elapsed()) / 1000.0)
+                      .arg(shown == 0 ? silence->cause({}, ": ") : QString()));
     if (!open->problem().isEmpty()) {
         throw ToolError(open->wasOpen() ? exitcode::failed : exitcode::linkDown,
                         link.link() + ": " + open->problem());
@@ -214,6 +252,9 @@ void commands::addListen(CLI::App& application, int& code)
     listen->time.addTo(*parser);
     listen->duration.addTo(*parser, "replies");
     parser->add_flag("--json", listen->json, "print one JSON object a line");
+    parser->add_flag("--stats", listen->stats,
+                     "show, for each link and second, how many replies came and what was wrong, "
+                     "instead of the replies");
     parser->footer("Links:\n" + linkregistry::help().toStdString() +
                    "\nCtrl-C ends it. On udp:// every sender is listened to.\n"
                    "\nExamples:\n"

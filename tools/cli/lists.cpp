@@ -64,9 +64,7 @@ int listDevices(bool json)
         output::line(QString("%1 %2 (%3) %4")
                          .arg(node.address(), node.path, node.name, accessText(obstacle)));
         if (!obstacle.isEmpty()) {
-            output::line(QString("    put this line into /etc/udev/rules.d/70-core-manage.rules, "
-                                 "run sudo udevadm control --reload, plug it in again:\n    %1")
-                             .arg(node.rule()));
+            output::line(QString("    %1\n    %2").arg(fileaccess::ruleAdvice(), node.rule()));
         }
     }
     if (nodes.empty()) {

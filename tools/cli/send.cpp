@@ -87,6 +87,7 @@ int Send::run()
 {
     prepare();
     const Interrupt interrupt;
+    terms.silence = Silence::watch(target->places());
     const auto open = target->open(terms.broadcast);
     if (sendsMany()) {
         sendrun::run(*open, terms, many, interrupt);

@@ -3,6 +3,7 @@
 
 #include "devicelink.h"
 #include "linkaddress.h"
+#include "linkplace.h"
 #include "simulation.h"
 
 #include <memory>
@@ -22,6 +23,9 @@ public:
 
     /// Throws BadInput if this command cannot go over this link. Nothing is opened.
     virtual void check(const Command& command) const;
+
+    /// Where this machine meets each of its devices.
+    virtual std::vector<LinkPlace> places() const = 0;
 
     /// Opens the link to a device, or to all of them. Throws LinkDown, or BadInput if this very
     /// address cannot be opened.

@@ -63,6 +63,19 @@ public:
         }
     }
 
+    std::vector<LinkPlace> places() const override
+    {
+        std::vector<LinkPlace> all;
+        for (const OsdLink::Endpoint& endpoint : endpoints) {
+            LinkPlace place;
+            place.device = endpoint.ip;
+            place.host = QHostAddress(endpoint.ip);
+            place.port = endpoint.port;
+            all.push_back(place);
+        }
+        return all;
+    }
+
     std::unique_ptr<DeviceLink> open(bool /*broadcast*/) const override
     {
         check({});

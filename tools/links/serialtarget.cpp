@@ -22,20 +22,13 @@ constexpr QSerialPort::StopBits stopBits[] = {QSerialPort::OneStop, QSerialPort:
 constexpr QSerialPort::FlowControl flows[] = {
     QSerialPort::NoFlowControl, QSerialPort::HardwareControl, QSerialPort::SoftwareControl};
 
-// Why a port that this user may open is not his. A simulated device has its own port open as well,
-// but only who uses it has its lock file.
+// Why a port that this user may open is not his.
 QString refusal(const QSerialPort& port, const QString& path)
 {
     if (port.error() != QSerialPort::PermissionError) {
         return port.errorString();
     }
-    const std::string device = QFileInfo(path).canonicalFilePath().toStdString();
-    const QString lock = "/LCK.." + port.portName().replace('/', '_');
-    QString holder = fileaccess::holder(
-        [&lock](const std::string& name) { return QString::fromStdString(name).endsWith(lock); });
-    if (holder.isEmpty()) {
-        holder = fileaccess::holder([&device](const std::string& name) { return name == device; });
-    }
+    const QString holder = fileaccess::lineHolder(path);
     return holder.isEmpty()
                ? QString("%1: another program may have it: end that first").arg(port.errorString())
                : QString("%1 has it: end that first").arg(holder);
@@ -53,6 +46,14 @@ public:
         parity = address.choice("parity", list("none even odd space mark"), 0);
         stop = address.choice("stop", list("1 1.5 2"), 0);
         flow = address.choice("flow", list("none hardware software"), 0);
+    }
+
+    std::vector<LinkPlace> places() const override
+    {
+        LinkPlace place;
+        place.node = path();
+        place.baud = baud;
+        return {place};
     }
 
     std::unique_ptr<DeviceLink> open(bool /*broadcast*/) const override
@@ -73,6 +74,11 @@ public:
 private:
     bool isVela() const { return kind().fields == FieldSet::BinaryHead; }
 
+    QString path() const
+    {
+        return address.place.startsWith('/') ? address.place : "/dev/" + address.place;
+    }
+
     template <class Line>
     std::unique_ptr<DeviceLink> openOver() const
     {
@@ -81,19 +87,21 @@ private:
         if (!line->openSerialPort(address.place, static_cast<QSerialPort::BaudRate>(baud),
                                   stopBits[stop], parities[parity], flows[flow],
                                   static_cast<QSerialPort::DataBits>(dataBits))) {
-            const QString path =
-                address.place.startsWith('/') ? address.place : "/dev/" + address.place;
             const QString reason =
-                QFileInfo::exists(path)
-                    ? fileaccess::obstacle(path)
-                    : QString("there is no %1: coremanage ports lists what there is").arg(path);
+                QFileInfo::exists(path())
+                    ? fileaccess::obstacle(path())
+                    : QString("there is no %1: coremanage ports lists what there is").arg(path());
             throw LinkDown(QString("%1: %2").arg(
-                address.text, reason.isEmpty() ? refusal(line->port(), path) : reason));
+                address.text, reason.isEmpty() ? refusal(line->port(), path()) : reason));
         }
         QObject::connect(&line->port(), &QSerialPort::errorOccurred, line.get(),
                          &Line::handleError);
         const QSerialPort& port = line->port();
-        const auto whyLost = [&port] { return port.isOpen() ? QString() : "the device has gone"; };
+        const auto whyLost = [&port, path = path()] {
+            return port.isOpen()             ? QString()
+                   : QFileInfo::exists(path) ? "the line was hung up"
+                                             : "the device has gone: was it unplugged?";
+        };
         const auto sendRaw = [to = line.get()](const QByteArray& bytes) { to->sendComData(bytes); };
         return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost,
                                           sendRaw);

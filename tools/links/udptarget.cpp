@@ -2,13 +2,11 @@
 #include "commandframe.h"
 #include "core_udp.h"
 #include "linkregistry.h"
+#include "networkpath.h"
 #include "sockets.h"
 #include "toolerror.h"
 #include "udpsimulator.h"
 #include "utility_manage.h"
-
-#include <QNetworkProxy>
-#include <QUdpSocket>
 
 namespace
 {
@@ -22,15 +20,6 @@ bool hasFixedPort()
 {
     const auto type = Utility_Manage::getDeviceType();
     return type == model_GlobalEnum::Device353100 || type == model_GlobalEnum::Device353101;
-}
-
-// Why datagrams cannot go there now; empty if they can. Sends nothing.
-QString obstacle(const QHostAddress& host, quint16 port)
-{
-    QUdpSocket probe;
-    probe.setProxy(QNetworkProxy::NoProxy);
-    probe.connectToHost(host, port);
-    return probe.state() == QAbstractSocket::ConnectedState ? QString() : probe.errorString();
 }
 
 class UdpTarget : public LinkTarget
@@ -59,6 +48,15 @@ public:
         }
     }
 
+    std::vector<LinkPlace> places() const override
+    {
+        LinkPlace place;
+        place.host = device.host;
+        place.port = device.port;
+        place.localPort = linktargets::localUdpPort();
+        return {place};
+    }
+
     std::unique_ptr<DeviceLink> open(bool broadcast) const override
     {
         const QString host = device.host.toString();
@@ -69,7 +67,7 @@ public:
             address.refuse("host", host, "the device's own address");
         }
         const QHostAddress target = broadcast ? QHostAddress(QHostAddress::Broadcast) : device.host;
-        const QString reason = obstacle(target, device.port);
+        const QString reason = networkpath::obstacle(target, device.port);
         if (!reason.isEmpty()) {
             throw LinkDown(QString("%1: no way to %2: %3; is the network up?")
                                .arg(address.text, target.toString(), reason));

@@ -91,6 +91,14 @@ public:
         productId = static_cast<quint16>(ids.captured(2).toUInt(nullptr, 16));
     }
 
+    std::vector<LinkPlace> places() const override
+    {
+        LinkPlace place;
+        place.vendorId = vendorId;
+        place.productId = productId;
+        return {place};
+    }
+
     std::unique_ptr<DeviceLink> open(bool /*broadcast*/) const override
     {
         auto line = std::make_unique<Core_USB>();

@@ -13,13 +13,54 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-QString fileaccess::obstacle(const QString& path)
+namespace
+{
+
+constexpr int nameLimit = 15; // bytes that the kernel keeps of a program's name
+
+QString nameOf(const QString& process)
+{
+    QFile name("/proc/" + process + "/comm");
+    name.open(QIODevice::ReadOnly);
+    return QString::fromLocal8Bit(name.readAll().trimmed());
+}
+
+// The first of the other processes that fits, as a person reads it.
+QString otherProcess(const std::function<bool(const QString& process)>& fits)
+{
+    const QString own = QString::number(getpid());
+    for (const QString& process : QDir("/proc").entryList(QDir::Dirs)) {
+        const bool isNumber =
+            std::all_of(process.begin(), process.end(), [](QChar c) { return c.isDigit(); });
+        if (isNumber && process != own && fits(process)) {
+            return QString("process %1 (%2)").arg(process, nameOf(process));
+        }
+    }
+    return {};
+}
+
+// What it has open; nothing if it ends meanwhile, or belongs to somebody else.
+std::set<std::string> namesOf(const QString& process)
+{
+    std::error_code error;
+    std::set<std::string> names;
+    std::filesystem::directory_iterator file(("/proc/" + process + "/fd").toStdString(), error);
+    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+        std::error_code gone;
+        names.insert(std::filesystem::read_symlink(*file, gone).string());
+    }
+    return names;
+}
+
+} // namespace
+
+QString fileaccess::refusal(const QString& path)
 {
     const QByteArray name = QFile::encodeName(path);
     if (access(name.constData(), R_OK | W_OK) == 0) {
         return {};
     }
-    QString reason = QString::fromLocal8Bit(std::strerror(errno));
+    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
     struct stat status {
     };
     if (stat(name.constData(), &status) != 0) {
@@ -27,37 +68,60 @@ QString fileaccess::obstacle(const QString& path)
     }
     constexpr unsigned permissionBits = 0777;
     const QFileInfo file(path);
-    const bool groupHelps =
-        file.groupId() != 0 && file.permission(QFile::ReadGroup | QFile::WriteGroup);
-    return QString("%1 (%2, owner %3, group %4)%5")
+    return QString("%1 (%2, owner %3, group %4)")
         .arg(reason)
         .arg(status.st_mode & permissionBits, 4, 8, QChar('0'))
-        .arg(file.owner(), file.group(),
-             groupHelps ? QString(": join its group: sudo usermod -aG %1 $USER, and log in "
-                                  "again")
-                              .arg(file.group())
-                        : QString());
+        .arg(file.owner(), file.group());
 }
 
-QString fileaccess::holder(const std::function<bool(const std::string& name)>& fits)
+QString fileaccess::remedy(const QString& path)
 {
-    for (const QString& process : QDir("/proc").entryList(QDir::Dirs)) {
-        const QString directory = "/proc/" + process;
-        std::error_code error; // it may end meanwhile, or belong to somebody else
-        const std::filesystem::directory_iterator files((directory + "/fd").toStdString(), error);
-        const bool isNumber =
-            std::all_of(process.begin(), process.end(), [](QChar c) { return c.isDigit(); });
-        const bool holds =
-            isNumber && !error && std::any_of(begin(files), end(files), [&](const auto& file) {
-                std::error_code gone;
-                return fits(std::filesystem::read_symlink(file, gone).string());
-            });
-        if (holds) {
-            QFile name(directory + "/comm");
-            name.open(QIODevice::ReadOnly);
-            return QString("process %1 (%2)")
-                .arg(process, QString::fromLocal8Bit(name.readAll().trimmed()));
-        }
-    }
-    return {};
+    const QFileInfo file(path);
+    const bool groupHelps =
+        file.groupId() != 0 && file.permission(QFile::ReadGroup | QFile::WriteGroup);
+    return groupHelps ? QString("join its group: sudo usermod -aG %1 $USER, and log in again")
+                            .arg(file.group())
+                      : QString();
+}
+
+QString fileaccess::obstacle(const QString& path)
+{
+    const QString reason = refusal(path);
+    const QString help = reason.isEmpty() || !QFileInfo::exists(path) ? QString() : remedy(path);
+    return help.isEmpty() ? reason : reason + ": " + help;
+}
+
+QString fileaccess::ruleAdvice()
+{
+    return "put this line into /etc/udev/rules.d/70-core-manage.rules, run sudo udevadm control "
+           "--reload, plug it in again:";
+}
+
+QString fileaccess::holder(const std::function<bool(const std::set<std::string>& names)>& fits)
+{
+    return otherProcess([&fits](const QString& process) { return fits(namesOf(process)); });
+}
+
+QString fileaccess::lineHolder(const QString& path)
+{
+    const std::string node = QFileInfo(path).canonicalFilePath().toStdString();
+    const QString port = path.startsWith("/dev/") ? path.mid(5) : path;
+    const std::string lock = "/LCK.." + QString(port).replace('/', '_').toStdString();
+    const QString locker = holder([&lock](const std::set<std::string>& names) {
+        return std::any_of(names.begin(), names.end(), [&lock](const std::string& name) {
+            return QString::fromStdString(name).endsWith(QString::fromStdString(lock));
+        });
+    });
+    const bool isPseudo = node.rfind("/dev/pts/", 0) == 0;
+    return !locker.isEmpty() ? locker : holder([&](const std::set<std::string>& names) {
+        const bool isDevice =
+            isPseudo && (names.count("/dev/ptmx") + names.count("/dev/pts/ptmx")) != 0;
+        return names.count(node) != 0 && !isDevice;
+    });
+}
+
+QString fileaccess::running(const QString& name)
+{
+    return otherProcess(
+        [&name](const QString& process) { return nameOf(process) == name.left(nameLimit); });
 }

@@ -7,7 +7,7 @@
 #include <QNetworkProxy>
 #include <QUdpSocket>
 
-#include <set>
+#include <algorithm>
 
 namespace
 {
@@ -46,7 +46,9 @@ bool sockets::isFree(quint16 port)
 QString sockets::holder(quint16 port)
 {
     const auto names = socketNames(port);
-    const QString holder =
-        fileaccess::holder([&names](const std::string& name) { return names.count(name) != 0; });
+    const QString holder = fileaccess::holder([&names](const std::set<std::string>& open) {
+        return std::any_of(names.begin(), names.end(),
+                           [&open](const std::string& name) { return open.count(name) != 0; });
+    });
     return holder.isEmpty() ? "another program" : holder;
 }
