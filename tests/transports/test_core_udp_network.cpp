@@ -5,7 +5,7 @@
 #include "eventually.h"
 #include "hostqueue.h"
 #include "messagecapture.h"
-#include "netns.h"
+#include "networkcable.h"
 #include "udppeer.h"
 #include "utility_manage.h"
 
@@ -29,8 +29,7 @@ model_Protocoldata command()
 
 } // namespace
 
-// This process holds the host's end (100.100.100.1); a child process in a namespace of its own, the
-// program under "device" below, holds the other.
+// This process holds the host's end (100.100.100.1), a machine of its own the other.
 class CoreUdpNetwork : public ::testing::Test
 {
 protected:
@@ -39,31 +38,12 @@ protected:
         if (!netns::isolated()) {
             GTEST_SKIP() << "needs the right to make a network namespace (root or user namespaces)";
         }
-        device.setProgram(QStringLiteral("unshare"));
-        device.setArguments({QStringLiteral("-n"), QStringLiteral("sleep"), QStringLiteral("120")});
-        device.start();
-        ASSERT_TRUE(device.waitForStarted());
-        const QByteArray pid = QByteArray::number(device.processId());
-        ASSERT_TRUE(eventually([&pid] { // the child has left this namespace
-            return netns::run(("test \"$(readlink /proc/" + pid +
-                               "/ns/net)\" != \"$(readlink "
-                               "/proc/self/ns/net)\"")
-                                  .constData());
-        }));
-        ASSERT_TRUE(netns::run("ip link add host0 type veth peer name device0"));
-        ASSERT_TRUE(netns::run(("ip link set device0 netns " + pid).constData()));
+        cable = std::make_unique<NetworkCable>();
+        ASSERT_TRUE(cable->exists());
         ASSERT_TRUE(netns::run("ip addr add 100.100.100.1/24 dev host0"));
-        ASSERT_TRUE(netns::run("ip link set host0 up"));
+        ASSERT_TRUE(cable->runOnDevice("ip addr add 100.100.100.100/24 dev device0"));
+        ASSERT_TRUE(cable->plugIn()); // a broadcast that comes before is lost
         ASSERT_TRUE(netns::run("ip route add 255.255.255.255 dev host0"));
-        inDevice = "nsenter -t " + pid + " -n ";
-        ASSERT_TRUE(
-            netns::run((inDevice + "ip addr add 100.100.100.100/24 dev device0").constData()));
-        ASSERT_TRUE(netns::run((inDevice + "ip link set device0 up").constData()));
-        ASSERT_TRUE(eventually([this] { // a broadcast that comes before is lost
-            return netns::run("ip -o link show host0 | grep -q 'state UP'") &&
-                   netns::run(
-                       (inDevice + "ip -o link show device0 | grep -q 'state UP'").constData());
-        }));
         hostqueue::clear();
     }
 
@@ -72,11 +52,6 @@ protected:
         Utility_Manage::setDeviceType(model_GlobalEnum::DeviceUnknown);
         responder.kill();
         responder.waitForFinished();
-        if (netns::isolated()) {
-            EXPECT_TRUE(netns::run("ip link del host0"));
-        }
-        device.kill();
-        device.waitForFinished();
     }
 
     // Answers each datagram on a port with one reply, from where it came, and prints it.
@@ -94,7 +69,7 @@ protected:
                            "    s.sendto(b'<F0001100000000011>',peer)\n")
                 .arg(port);
         QStringList arguments =
-            QString::fromLatin1(inDevice).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            QString::fromLatin1(cable->onDevice()).split(QLatin1Char(' '), Qt::SkipEmptyParts);
         const QString program = arguments.takeFirst();
         arguments << QStringLiteral("python3") << QStringLiteral("-c") << script;
         responder.start(program, arguments);
@@ -107,9 +82,8 @@ protected:
         return responder.readLine().trimmed();
     }
 
-    QProcess device;
+    std::unique_ptr<NetworkCable> cable;
     QProcess responder;
-    QByteArray inDevice;
 };
 
 TEST_F(CoreUdpNetwork, DefaultAddressAndPort)

@@ -38,7 +38,7 @@ Finding access(const QString& node, const QString& rule)
 // Of the USB device that a serial port belongs to; empty if it belongs to none.
 QString portRule(const QString& node, const QString& effect)
 {
-    const QSerialPortInfo port(QFileInfo(node).canonicalFilePath().section('/', -1));
+    const QSerialPortInfo port(fileaccess::linked(node).section('/', -1));
     return port.hasVendorIdentifier() && port.hasProductIdentifier()
                ? QString(
                      "SUBSYSTEM==\"tty\", ATTRS{idVendor}==\"%1\", ATTRS{idProduct}==\"%2\", %3")
@@ -53,7 +53,7 @@ Finding modemManagerOf(const QString& node, const QString& holder)
 {
     const QString process = fileaccess::running(modemManager);
     const bool hasIt = holder.contains(modemManager);
-    const QString rule = portRule(node, "ENV{ID_MM_DEVICE_IGNORE}=\"1\"");
+    const QString rule = portRule(node, "ENV{ID_MM_PORT_IGNORE}=\"1\"");
     if (!hasIt && (process.isEmpty() || rule.isEmpty())) {
         return {State::Fine, "ModemManager does not probe it", {}};
     }
@@ -94,9 +94,7 @@ Findings usb(const LinkPlace& place)
     Findings found;
     for (const HidNode& node : HidNode::with(place.vendorId, place.productId)) {
         found.push_back(access(node.path, node.rule()));
-        const std::string name = node.path.toStdString();
-        const QString holder = fileaccess::holder(
-            [&name](const std::set<std::string>& names) { return names.count(name) != 0; });
+        const QString holder = fileaccess::lineHolder(node.path);
         if (!holder.isEmpty()) {
             found.push_back(
                 {State::Note,

@@ -61,7 +61,7 @@ LinkStats::Row LinkStats::Device::total(double seconds) const
 std::shared_ptr<LinkStats> LinkStats::watch(const QString& link,
                                             const std::vector<LinkPlace>& places)
 {
-    const std::shared_ptr<LinkStats> stats(new LinkStats);
+    std::shared_ptr<LinkStats> stats(new LinkStats);
     for (const LinkPlace& place : places) {
         stats->devices[place.device].link =
             place.device.isEmpty() ? link

@@ -67,7 +67,7 @@ Silence::Silence(std::vector<LinkPlace> linkPlaces)
 
 std::shared_ptr<Silence> Silence::watch(std::vector<LinkPlace> places)
 {
-    const std::shared_ptr<Silence> silence(new Silence(std::move(places)));
+    std::shared_ptr<Silence> silence(new Silence(std::move(places)));
     linkwatchers::add(silence);
     return silence;
 }
@@ -198,8 +198,6 @@ QStringList Silence::counted(const LinkPlace& place, bool opened) const
         // On this machine, ICMP tells of the same datagrams.
         tell(count("Udp.NoPorts") - unreachable, "a datagram came to a port that no program has",
              QString(": does it reply to port %1?").arg(place.localPort));
-        tell(count("Udp.InCsumErrors"), "a datagram came with a wrong UDP checksum");
-        tell(count("Udp.RcvbufErrors"), "a datagram came and found no room");
     }
     tell(misrouted, "a packet came in where the route to its sender does not go out, and the "
                     "reverse path filter dropped it");

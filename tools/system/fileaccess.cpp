@@ -60,7 +60,7 @@ QString fileaccess::refusal(const QString& path)
     if (access(name.constData(), R_OK | W_OK) == 0) {
         return {};
     }
-    const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+    QString reason = QString::fromLocal8Bit(std::strerror(errno));
     struct stat status {
     };
     if (stat(name.constData(), &status) != 0) {
@@ -102,9 +102,19 @@ QString fileaccess::holder(const std::function<bool(const std::set<std::string>&
     return otherProcess([&fits](const QString& process) { return fits(namesOf(process)); });
 }
 
+QString fileaccess::linked(const QString& path)
+{
+    constexpr int mostLinks = 40; // as the kernel follows
+    QFileInfo file(path);
+    for (int i = 0; i < mostLinks && file.isSymLink(); ++i) {
+        file.setFile(file.symLinkTarget());
+    }
+    return file.absoluteFilePath();
+}
+
 QString fileaccess::lineHolder(const QString& path)
 {
-    const std::string node = QFileInfo(path).canonicalFilePath().toStdString();
+    const std::string node = linked(path).toStdString();
     const QString port = path.startsWith("/dev/") ? path.mid(5) : path;
     const std::string lock = "/LCK.." + QString(port).replace('/', '_').toStdString();
     const QString locker = holder([&lock](const std::set<std::string>& names) {

@@ -24,6 +24,9 @@ QString obstacle(const QString& path);
 /// Where a udev rule goes, in one line that ends before the rule.
 QString ruleAdvice();
 
+/// What a symbolic link leads to in the end; another path as it is.
+QString linked(const QString& path);
+
 /// "process 123 (name)" of another one that has things open whose names, as /proc/PID/fd shows
 /// them, fit. Empty if there is none that this user may see.
 QString holder(const std::function<bool(const std::set<std::string>& names)>& fits);
