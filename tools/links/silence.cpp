@@ -45,22 +45,11 @@ void Silence::Arrival::add(const LinkEvent& event)
     hungUp = hungUp || (opened && event.kind == Kind::Lost);
 }
 
-void Silence::Arrival::add(const Arrival& other)
-{
-    bytes += other.bytes;
-    skipped += other.skipped;
-    replies += other.replies;
-    refusals += other.refusals;
-    opened = opened || other.opened;
-    hungUp = hungUp || other.hungUp;
-    append(first, other.first);
-}
-
 Silence::Silence(std::vector<LinkPlace> linkPlaces)
     : places(std::move(linkPlaces)), atStart(networkpath::counters())
 {
     for (const LinkPlace& place : places) {
-        arrivals.insert(place.device, {});
+        arrivals[place.device] = {};
     }
     sinceNoise.start();
 }
@@ -75,8 +64,10 @@ std::shared_ptr<Silence> Silence::watch(std::vector<LinkPlace> places)
 void Silence::onEvent(const LinkEvent& event)
 {
     const std::lock_guard guard(lock);
-    const auto device = arrivals.find(event.peer); // where one has no name, everyone counts
-    (device == arrivals.end() ? arrivals.begin() : device)->add(event);
+    arrivals[{}].add(event);
+    if (!event.peer.isEmpty() && arrivals.contains(event.peer)) {
+        arrivals[event.peer].add(event);
+    }
     noise.add(event);
     if (event.kind == LinkEvent::Kind::Received) {
         sinceArrival.start();
@@ -111,21 +102,12 @@ QString Silence::takeNoise(bool last)
         .arg(beginning(bytes, isPart ? taken.first : taken.firstSkipped), speed());
 }
 
-Silence::Arrival Silence::arrivalOf(const QString& device) const
-{
-    const std::lock_guard guard(lock);
-    Arrival came;
-    for (auto one = arrivals.begin(); one != arrivals.end(); ++one) {
-        if (device.isEmpty() || one.key() == device) {
-            came.add(*one);
-        }
-    }
-    return came;
-}
-
 QString Silence::cause(const QString& device, const QString& before) const
 {
-    const Arrival came = arrivalOf(device);
+    const Arrival came = [&] {
+        const std::lock_guard guard(lock);
+        return arrivals.value(device);
+    }();
     if (came.hungUp) {
         return {};
     }

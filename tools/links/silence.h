@@ -49,12 +49,10 @@ private:
         QByteArray firstSkipped; // of those that belong to no reply
 
         void add(const LinkEvent& event);
-        void add(const Arrival& other);
     };
 
     explicit Silence(std::vector<LinkPlace> linkPlaces);
     QString speed() const;
-    Arrival arrivalOf(const QString& device) const;
     QStringList placeCauses(const LinkPlace& place, bool opened) const;
     QStringList counted(const LinkPlace& place, bool opened) const;
     qint64 since(const char* counter, const QMap<QByteArray, qint64>& now) const;
@@ -62,7 +60,7 @@ private:
     const std::vector<LinkPlace> places;
     const QMap<QByteArray, qint64> atStart; // counters
     mutable std::mutex lock;                // a leaf, for what follows
-    QMap<QString, Arrival> arrivals;        // by device
+    QMap<QString, Arrival> arrivals;        // by device; all together by no name
     Arrival noise; // since it was taken last; its bytes since the last reply
     QElapsedTimer sinceNoise;
     QElapsedTimer sinceArrival;
