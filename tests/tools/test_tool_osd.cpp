@@ -213,15 +213,16 @@ TEST_F(OsdTool, NoneThatCanBeReachedIsALinkThatCannotBeOpened)
 
 TEST_F(OsdTool, NamesTheOneThatIsSilent)
 {
-    const auto tool = run("send", {&first, &second}, fields + QStringLiteral(" --timeout 300"));
+    const auto tool = run("send", {&first, &second}, fields + QStringLiteral(" --timeout 5000"));
     acknowledge(first, '1');
     EXPECT_EQ(second.receive(frame.size()), frame);
     second.answer("noise, no acknowledgement");
     EXPECT_EQ(tool->exitCode(), 1);
-    EXPECT_EQ(tool->error(),
-              QStringLiteral("coremanage: 127.0.0.2 gave no reply within 300 ms: 25 bytes came and "
-                             "none was a reply: 6e 6f 69 73 65 2c 20 6e 6f 20 61 63 6b 6e 6f 77 "
-                             "...\n"));
+    EXPECT_EQ(
+        tool->error(),
+        QStringLiteral("coremanage: 127.0.0.2 gave no reply within 5000 ms: 25 bytes came and "
+                       "none was a reply: 6e 6f 69 73 65 2c 20 6e 6f 20 61 63 6b 6e 6f 77 "
+                       "...\n"));
     EXPECT_TRUE(tool->output().contains("reply from 127.0.0.1 OK 31\n"));
 }
 

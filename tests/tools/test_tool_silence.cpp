@@ -199,7 +199,7 @@ TEST_F(SilentNetwork, AFirewallDropsTheReply)
     }
     UdpPeer device;
     const QString link = QStringLiteral("udp://127.0.0.1:%1").arg(device.port());
-    ToolProcess tool(words(QStringLiteral("send %1 --cmd 1 --timeout 1000").arg(link)));
+    ToolProcess tool(words(QStringLiteral("send %1 --cmd 1 --timeout 5000").arg(link)));
     device.receive();
     device.send(replyText(1, 0));
     EXPECT_EQ(tool.exitCode(), 1);
@@ -270,14 +270,14 @@ TEST(OsdSilence, WhatCameIsNoAcknowledgement)
     OsdPeer second("127.0.0.2");
     ToolProcess tool({QStringLiteral("send"), first.link(), second.link(), QStringLiteral("--ch2"),
                       QStringLiteral("1"), QStringLiteral("--data"), QStringLiteral("00"),
-                      QStringLiteral("--timeout"), QStringLiteral("1000")});
+                      QStringLiteral("--timeout"), QStringLiteral("5000")});
     first.receive(1);
     second.receive(1);
     second.answer("noise, no acknowledgement");
     EXPECT_EQ(tool.exitCode(), 1);
     EXPECT_TRUE(contains(tool.error(),
-                         "127.0.0.1 gave no reply within 1000 ms: nothing came; "
-                         "127.0.0.2 gave no reply within 1000 ms: 25 bytes came and none was "
+                         "127.0.0.1 gave no reply within 5000 ms: nothing came; "
+                         "127.0.0.2 gave no reply within 5000 ms: 25 bytes came and none was "
                          "a reply: 6e 6f 69 73 65 2c 20 6e 6f 20 61 63 6b 6e 6f 77 ...\n"));
 }
 
@@ -292,12 +292,12 @@ TEST(SerialSilence, WhatCameWasNoReply)
 {
     SerialPeer device;
     ToolProcess tool(
-        words(QStringLiteral("send %1?baud=9600 --cmd 1 --timeout 1000").arg(serialLink(device))));
+        words(QStringLiteral("send %1?baud=9600 --cmd 1 --timeout 5000").arg(serialLink(device))));
     ASSERT_TRUE(eventually([&device] { return device.received().size() >= 19; }));
     ASSERT_TRUE(device.send(QByteArray("\xf0\x0f") + "short"));
     EXPECT_EQ(tool.exitCode(), 1);
     EXPECT_TRUE(contains(tool.error(),
-                         "no reply within 1000 ms: 7 bytes came and none was a reply: f0 0f "
+                         "no reply within 5000 ms: 7 bytes came and none was a reply: f0 0f "
                          "73 68 6f 72 74; check the speed: 9600?\n"));
 }
 

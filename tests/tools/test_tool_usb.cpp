@@ -89,7 +89,7 @@ TEST_F(UsbTool, SaysThatNothingAnswers)
 
 TEST_F(UsbTool, SaysThatWhatCameIsNoReply)
 {
-    ToolProcess tool(words(QStringLiteral("send usb://04b4:1008 --cmd 1 --timeout 1000")));
+    ToolProcess tool(words(QStringLiteral("send usb://04b4:1008 --cmd 1 --timeout 5000")));
     ASSERT_TRUE(eventually([this] { return !device.written().empty(); }));
     ASSERT_TRUE(device.sendPadded("noise"));
     EXPECT_EQ(tool.exitCode(), 1);
