@@ -441,9 +441,8 @@ TEST(AnswerFile, TakesTheCorpusOfItsFuzzTarget)
 void addVariants(const QJsonValue& value, const std::function<void(const QJsonValue&)>& add)
 {
     static const QJsonArray others = QJsonDocument::fromJson(
-                                         R"(["", "0x8b", "0x100", "300", "page", "00 ff", "zz", -1,
-             0, 1, 9, 10, 255, 256, 1.5, 65535, 65536, 32766, 32767, 3600001, 1000000001, true, false,
-             null, [], [1], [1, 2], [1, 2, 3], [""], {}, {"page": 1}, {"size": 1}, [{}]])")
+                                         R"(["", "0x100", "300", "page", "00 ff", -1, 0, 1, 9, 256,
+             1.5, 65536, 32767, 3600001, true, false, null, [1, 2], [1, 2, 3], {}])")
                                          .array();
     for (const QJsonValue other : others) {
         add(other);
@@ -495,7 +494,7 @@ TEST(AnswerSchema, IsReadAsAnotherImplementationReadsIt)
     QProcess other;
     other.start(QStringLiteral(VALIDATOR),
                 {QStringLiteral(ANSWERS_EXAMPLES "/answers.schema.json"), file.fileName()});
-    ASSERT_TRUE(other.waitForFinished(100000)) << other.errorString().toStdString();
+    ASSERT_TRUE(other.waitForFinished(500000)) << other.errorString().toStdString();
     const QByteArray output = other.readAllStandardOutput();
     if (other.exitCode() == 77) {
         GTEST_SKIP() << output.constData();
