@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -158,6 +159,27 @@ TEST_F(Writer, EndsWhenTheReaderHasGone)
     EXPECT_EQ(writer.error(), QStringLiteral("Broken pipe"));
     EXPECT_EQ(writer.written(), 1);
     EXPECT_EQ(writer.dropped(), 11);
+}
+
+TEST_F(Writer, CountsWhatWaitedForAReaderThatHasGone)
+{
+    const QString name = pipe();
+    const int reader = open(QFile::encodeName(name).constData(), O_RDONLY | O_NONBLOCK);
+    CaptureWriter writer(roomy);
+    ASSERT_TRUE(writer.open(name));
+    const int capacity = fcntl(reader, F_GETPIPE_SZ);
+    writer.add(record(QByteArray(capacity, 'x')));
+    EXPECT_TRUE(eventually([reader] {
+        int waiting = 0;
+        return ioctl(reader, FIONREAD, &waiting) == 0 && waiting > 4096;
+    }));
+    for (int i = 0; i < 5; ++i) { // the one before cannot be finished
+        writer.add(record("waits"));
+    }
+    close(reader);
+    writer.close();
+    EXPECT_EQ(writer.written(), 0);
+    EXPECT_EQ(writer.dropped(), 6);
 }
 
 TEST_F(Writer, SaysThatTheDiskIsFull)
