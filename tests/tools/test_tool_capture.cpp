@@ -174,6 +174,23 @@ TEST_F(CaptureTool, TellsWhichAnswersDiffer)
     EXPECT_EQ(other.receive().bytes, bytes.at(What::Sent));
 }
 
+TEST_F(CaptureTool, GoesOnBehindALongerAnswer)
+{
+    writeCommands(QStringLiteral("udp"), {{"--cmd 0x10", 10}, {"--cmd 0x11", 19}});
+    const QString link = simulate(QStringLiteral("udp://127.0.0.1:0"));
+    const ToolRun run(
+        words(QStringLiteral("replay %1 %2 --fast --json").arg(file("commands"), link)));
+    EXPECT_EQ(run.code, 1);
+    const QList<QByteArray> lines = run.output.trimmed().split('\n');
+    ASSERT_EQ(lines.size(), 2);
+    const char* answers[] = {"<F0000100000000010>", "<F0000110000000011>"};
+    for (int i = 0; i < 2; ++i) {
+        const QJsonObject told = QJsonDocument::fromJson(lines.at(i)).object();
+        EXPECT_EQ(told.value(QStringLiteral("received")).toString(),
+                  QString::fromLatin1(QByteArray(answers[i]).toHex()));
+    }
+}
+
 TEST_F(CaptureTool, KeepsTheTimesOfTheCommands)
 {
     const auto gapOf = [](const QString& path) {
