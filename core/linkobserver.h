@@ -15,6 +15,7 @@ class model_Protocoldata;
 
 /// One thing that happened on a link. What does not apply is empty.
 struct LinkEvent {
+    /// What happened.
     enum class Kind : qint32 {
         Sent,       ///< bytes that the system has taken: a datagram, a report, a piece of a stream
         SendFailed, ///< bytes that the system has refused
@@ -27,11 +28,11 @@ struct LinkEvent {
         Lost,       ///< the device, the line or the endpoint is gone, or has refused
         Reinitialised ///< UDP: a new socket has taken the place of the old one
     };
-    static constexpr int kinds = 10;
+    static constexpr int kinds = 10; ///< how many there are
 
     /// Which check refused the bytes of Kind::Refused.
     enum class Check : qint32 {
-        None,
+        None,          ///< no check, of every other kind
         Length,        ///< a datagram that has not the length of a reply, and is no block
         Marks,         ///< a datagram that does not begin as a reply, and is no block
         Checksum,      ///< of a reply, or of a binary frame's head
@@ -40,15 +41,16 @@ struct LinkEvent {
         BlockChecksum, ///< a block that ends with a wrong checksum
         BlockMissing   ///< a block that did not come; the bytes are those that came
     };
-    static constexpr int checks = 8;
+    static constexpr int checks = 8; ///< how many there are
 
-    Kind kind = Kind::Sent;
-    Check check = Check::None;
-    QByteArray bytes;
+    Kind kind = Kind::Sent;                          ///< what happened
+    Check check = Check::None;                       ///< which check has failed
+    QByteArray bytes;                                ///< of a Reply: an acknowledgement's only
     QString peer;                                    ///< address of the device or endpoint
     quint16 port = 0;                                ///< of that address
     const model_Protocoldata* reply = nullptr;       ///< of Reply, and of a block that was refused
     const model_OsdParam* acknowledgement = nullptr; ///< of Reply
+    /// When it happened.
     std::chrono::system_clock::time_point time = std::chrono::system_clock::now();
 };
 
@@ -73,6 +75,9 @@ public:
 class CORE_MANAGE_EXPORT ObservableLink
 {
 public:
+    ObservableLink(const ObservableLink&) = delete;
+    ObservableLink& operator=(const ObservableLink&) = delete;
+
     /// Tells \a observer what happens from now on; null is ignored. The observers of a manager are
     /// told of all its endpoints. Any thread; does not block.
     void addObserver(std::shared_ptr<LinkObserver> observer);
@@ -84,8 +89,6 @@ public:
 protected:
     ObservableLink();
     ~ObservableLink();
-    ObservableLink(const ObservableLink&) = delete;
-    ObservableLink& operator=(const ObservableLink&) = delete;
 
     std::shared_ptr<LinkTap> tap; ///< never null; shared with the threads of the link
 };

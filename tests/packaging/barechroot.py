@@ -116,9 +116,10 @@ def packages(source, work):
                    made["libcore-manage-capture1"], made["libcore-manage-host1"])
         tools = [chroot.root / path for path in ("usr/bin/coremanage",
                                                  "usr/libexec/core_manage/coremanage")]
-        size = sum(path.stat().st_size for path in tools)
-        print(f"{size} bytes in both executables")
-        require(size <= TOOL_BYTES, "the tool is too large")
+        for path in tools:
+            size = path.stat().st_size
+            print(f"{path.name}: {size} bytes")
+            require(size <= TOOL_BYTES, "the tool is too large")
         rules = [path.name for path in (chroot.root / "usr/lib/udev/rules.d").iterdir()
                  if "core-manage" in path.name]
         require(len(rules) == 1 and rules[0] < "73-seat-late.rules", f"udev rules: {rules}")

@@ -236,7 +236,8 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"decode @/no/such/file", "No such file or directory"},
         Case{"demo --log /",
              "--log: invalid value \"/\" (expected a file that can be written: is no plain file)"},
-        Case{"demo extra", "extra: see coremanage demo --help"}));
+        Case{"demo extra", "link: invalid value \"extra\" (expected an address"},
+        Case{"demo udp more", "more: see coremanage demo --help"}));
 
 TEST(BadInput, RefusesABlockThatIsTooLong)
 {

@@ -289,7 +289,7 @@ TEST(UsbToolSimulator, SaysWhatItLacks)
     const QTemporaryDir directory;
     const QByteArray tools = QFileInfo(builtTool()).path().toLocal8Bit();
     qputenv("LD_LIBRARY_PATH",
-            tools + "/..:" + tools + "/../host"); // the copy finds none beside it
+            tools + "/..:" + tools + "/../host:" + tools + "/../capture"); // none is beside it
     const QString copy = directory.filePath(QStringLiteral("coremanage"));
     ASSERT_TRUE(QFile::copy(builtTool(), copy));
     const QStringList simulate = words(QStringLiteral("simulate usb://04b4:1008 --for 1"));
