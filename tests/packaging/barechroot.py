@@ -2,11 +2,12 @@
 # SPDX-License-Identifier: MIT
 """Tries the project on a bare Debian 12, in a chroot that it makes in WORK and removes.
 
-barechroot.py packages|demo SOURCE WORK
+barechroot.py packages|demo|roads SOURCE WORK
 
 packages: the packages are made, installed, used and purged. demo: scripts/demo comes to its end with
-little to download, and never without a sign of life. Exits 77, with the reason, if there is no
-chroot to be had.
+little to download, and never without a sign of life. roads: the commands of docs/host.md lead to a
+program with a host of its own, by CMake and by pkg-config, and are few. Exits 77, with the reason,
+if there is no chroot to be had.
 """
 import os
 import pathlib
@@ -22,6 +23,8 @@ CANNOT_RUN = 77
 TOOL_BYTES = 1.5e6
 DOWNLOAD_MB = 185
 SILENCE_SECONDS = 60
+COMMANDS = 10
+SERVES = "until grep -q ':03E8 ' /proc/net/udp; do kill -0 $!; sleep 0.1; done" # port 1000
 # In a mount namespace, so that nothing stays mounted whatever happens.
 ENTER = """
 mount -t proc proc "$0/proc"
@@ -67,7 +70,7 @@ class Chroot:
         shutil.rmtree(self.root)
 
     def command(self, *arguments, network=True):
-        return ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "TERM=dumb",
+        return ["env", "-i", "PATH=/usr/local/bin:/usr/sbin:/usr/bin", "HOME=/root", "TERM=dumb",
                 "DEBIAN_FRONTEND=noninteractive", "AUTOPKGTEST_TMP=/tmp/autopkgtest",
                 f"NETWORK={'yes' if network else 'no'}", "unshare", "--mount", "--propagation",
                 "private", *([] if network else ["--net"]), "sh", "-ec", ENTER, str(self.root),
@@ -200,8 +203,28 @@ def demo(source, work):
         require("reply from 127.0.0.1" in shown, "no reply")
 
 
+def roads(source, work):
+    with Chroot(work) as chroot:
+        copy_source(source, chroot.root / "source")
+        section = (source / "docs/host.md").read_text().split("### From a bare Debian 12")[1]
+        blocks = re.findall(r"(?:^    .+\n)+", section.split("\n### ")[0], re.M)
+        require(len(blocks) == 2, f"two roads: {blocks}")
+        cmake, instead = [[line.strip() for line in block.splitlines()] for block in blocks]
+        common, device, program = cmake[:-4], cmake[-4], cmake[-3:]
+        for line in common:
+            say(line)
+            chroot.run("sh", "-ec", f"cd /source; {line}")
+        for way in (program, instead):
+            say(f"{len(common) + 1 + len(way)} commands")
+            require(len(common) + 1 + len(way) <= COMMANDS, "that is too much")
+            shown = chroot.run("sh", "-exc", "\n".join(["cd /source", device, SERVES, *way]),
+                               network=False)
+            print(shown)
+            require("127.0.0.1 replied" in shown, "no reply")
+
+
 if __name__ == "__main__":
     work_directory = pathlib.Path(sys.argv[3])
     work_directory.mkdir(parents=True, exist_ok=True)
-    {"packages": packages, "demo": demo}[sys.argv[1]](pathlib.Path(sys.argv[2]).resolve(),
+    {"packages": packages, "demo": demo, "roads": roads}[sys.argv[1]](pathlib.Path(sys.argv[2]).resolve(),
                                                        work_directory.resolve())

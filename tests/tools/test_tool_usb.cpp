@@ -59,7 +59,8 @@ const QString rule = QStringLiteral("KERNEL==\"hidraw*\", SUBSYSTEM==\"hidraw\",
 
 TEST_F(UsbTool, SendsAndShowsTheReply)
 {
-    ToolProcess tool(words(QStringLiteral("send usb://04B4:1008 --cmd 0x10 --json")));
+    ToolProcess tool(
+        words(QStringLiteral("send usb://04B4:1008 --cmd 0x10 --json --timeout 30000")));
     ASSERT_TRUE(eventually([this] { return !device.written().empty(); }));
     EXPECT_EQ(device.written(), std::vector<QByteArray>{report("<T0000100000000010>")});
     ASSERT_TRUE(device.sendPadded(replybytes::text(0x10, 0x20)));
@@ -266,8 +267,9 @@ TEST(UsbToolSimulator, AnswersWithABlock)
 {
     ToolProcess simulator(words(QStringLiteral("simulate usb://1209:00ab")));
     const QStringList there = toolThatSees(simulator);
-    const ToolRun send(words(QStringLiteral("send usb://1209:00ab --cmd 0x8b --dat1 5 --json")), {},
-                       there);
+    const ToolRun send(words(QStringLiteral("send usb://1209:00ab --cmd 0x8b --dat1 5 --json "
+                                            "--timeout 30000")),
+                       {}, there);
     EXPECT_EQ(send.code, 0) << send.error.toStdString();
     EXPECT_TRUE(send.output.contains("\"block_length\":145"));
     simulator.interrupt();

@@ -257,7 +257,7 @@ TEST_F(Dissector, RandomDatagrams)
         const bool isDamaged = frames.chance(20);
         if (isDamaged) {
             frame.truncate(commandframe::textLength);
-            frames.damage(frame, isSent || isWaiting ? 2 : 0, frame.size());
+            frames.damage(frame, isSent || isWaiting ? 2 : 0, static_cast<int>(frame.size()));
         }
         for (QByteArray::size_type at = 0; at < frame.size(); at += 540) {
             put(isSent, frame.mid(at, 540));
@@ -316,7 +316,7 @@ Stream textReplies(Frames& frames, int count, bool isPadded)
     for (int i = 0; i < count; ++i) {
         QByteArray frame = frames.textReply(frames.record());
         if (frames.chance(20)) {
-            frames.damage(frame, 0, frame.size());
+            frames.damage(frame, 0, static_cast<int>(frame.size()));
         }
         const bool isMarked = frame.startsWith("<F") && frame.endsWith('>');
         model_Protocoldata read;
@@ -349,7 +349,7 @@ Stream binaryReplies(Frames& frames, int count)
         QByteArray frame = commandframe::encodeBinary(record);
         if (frames.chance(20)) {
             frame.truncate(commandframe::binaryLength);
-            frames.damage(frame, 0, frame.size());
+            frames.damage(frame, 0, static_cast<int>(frame.size()));
         }
         stream.bytes += frame;
         if (frame.startsWith("\xf1\x1f")) {
@@ -460,7 +460,7 @@ TEST_F(Dissector, RandomOsdFrames)
             frames.bytes(8 + frames.below(frames.chance(50) ? 60 : 1400) + 1460 * frames.below(3));
         for (int at = 0; at < frame.size(); at += 1460) {
             overTcp.tcp(osdHost, osdEndpoint, sent, frame.mid(at, 1460));
-            sent += frame.mid(at, 1460).size();
+            sent += static_cast<int>(frame.mid(at, 1460).size());
         }
         captured.link(Medium::Osd, What::Sent, name, frame);
         written.push_back({frame, Format::Osd, true});
@@ -710,7 +710,7 @@ TEST_F(Dissector, TakesAnyBytes)
         QByteArray bytes = frames.bytes(frames.below(80));
         static const QByteArray marks[] = {"<F", "<T", "<", "OK", "O", "\xf1\x1f", "\xf1", ">"};
         for (int i = frames.below(4); i > 0; --i) {
-            bytes.insert(frames.below(bytes.size() + 1), marks[frames.below(8)]);
+            bytes.insert(frames.below(static_cast<int>(bytes.size()) + 1), marks[frames.below(8)]);
         }
         return bytes;
     };
