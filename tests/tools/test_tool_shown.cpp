@@ -158,7 +158,7 @@ TEST_F(Shown, HasAllBytesAsTheyCome)
     other.send("noise");
     ASSERT_TRUE(tool->says(QStringLiteral("6e 6f 69 73 65")));
     tool->interrupt();
-    EXPECT_EQ(tool->exitCode(), 0);
+    EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();
     QStringList lines = tool->lines();
     ASSERT_EQ(lines.size(), 7) << tool->output().constData();
     EXPECT_TRUE(lines.at(0).endsWith(QLatin1String(" 127.0.0.1 19 bytes")))

@@ -444,7 +444,9 @@ TEST_F(CoreUsb, BlockRepliesHaveNoOriginName)
     deliver(0xF1, 0x00, 261, 5, 1);
     deliver(0x79, 0x01, 10, 10, 0);
     deliver(0x8E, 0x27, 1, 1, 0);
-    EXPECT_EQ(messages.lines().filter(QStringLiteral("Recv data:<F")).size(), 7);
+    EXPECT_TRUE(eventually([&] { // behind the record
+        return messages.lines().filter(QStringLiteral("Recv data:<F")).size() == 7;
+    }));
     Utility_Manage::setDeviceType({});
 }
 

@@ -7,6 +7,7 @@
 #include "utility_manage.h"
 #include "vela_core_serialport.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 
@@ -14,6 +15,7 @@ namespace
 {
 
 constexpr int baudLimit = 4000000;
+constexpr qint64 nodeLagMs = 300; // a device's node goes a moment after its line
 constexpr QSerialPort::Parity parities[] = {QSerialPort::NoParity, QSerialPort::EvenParity,
                                             QSerialPort::OddParity, QSerialPort::SpaceParity,
                                             QSerialPort::MarkParity};
@@ -97,10 +99,17 @@ private:
         QObject::connect(&line->port(), &QSerialPort::errorOccurred, line.get(),
                          &Line::handleError);
         const QSerialPort& port = line->port();
-        const auto whyLost = [&port, path = path()] {
-            return port.isOpen()             ? QString()
-                   : QFileInfo::exists(path) ? "the line was hung up"
-                                             : "the device has gone: was it unplugged?";
+        const auto whyLost = [&port, path = path(), since = std::make_shared<QElapsedTimer>()] {
+            if (port.isOpen()) {
+                return QString();
+            }
+            if (!QFileInfo::exists(path)) {
+                return QString("the device has gone: was it unplugged?");
+            }
+            if (!since->isValid()) {
+                since->start();
+            }
+            return since->hasExpired(nodeLagMs) ? QString("the line was hung up") : QString();
         };
         const auto sendRaw = [to = line.get()](const QByteArray& bytes) { to->sendComData(bytes); };
         return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost,
