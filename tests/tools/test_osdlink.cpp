@@ -32,7 +32,7 @@ TEST(OsdLink, SendsOnceConnectedAndOnlyOnce)
     }
     link.send(command());
     EXPECT_FALSE(link.isSending());
-    EXPECT_EQ(peer.receive(2 * frame.size()), frame + frame);
+    EXPECT_EQ(peer.receive(2 * qint64{frame.size()}), frame + frame);
     peer.answer("OK1");
     std::vector<Reply> replies;
     EXPECT_TRUE(eventually([&] {
