@@ -77,7 +77,7 @@ TEST_F(Writer, WritesWhatTsharkReads)
 {
     const QString tshark = QStandardPaths::findExecutable(QStringLiteral("tshark"));
     if (tshark.isEmpty()) {
-        GTEST_SKIP() << "there is no tshark";
+        GTEST_SKIP() << "tshark is missing";
     }
     CaptureWriter writer(roomy);
     ASSERT_TRUE(writer.open(path()));

@@ -220,7 +220,7 @@ TEST_F(CaptureTool, PipesIntoTshark)
 {
     const QString tshark = QStandardPaths::findExecutable(QStringLiteral("tshark"));
     if (tshark.isEmpty()) {
-        GTEST_SKIP() << "there is no tshark";
+        GTEST_SKIP() << "tshark is missing";
     }
     const QString link = simulate(QStringLiteral("udp://127.0.0.1:0"));
     ToolProcess piped(
@@ -241,7 +241,7 @@ TEST_F(CaptureTool, IsAnInterfaceOfWireshark)
 {
     const QString tshark = QStandardPaths::findExecutable(QStringLiteral("tshark"));
     if (tshark.isEmpty()) {
-        GTEST_SKIP() << "there is no tshark";
+        GTEST_SKIP() << "tshark is missing";
     }
     QProcess folders;
     folders.start(tshark, {QStringLiteral("-G"), QStringLiteral("folders")});
@@ -265,7 +265,7 @@ TEST_F(CaptureTool, IsAnInterfaceOfWireshark)
     }
     const ToolRun list({QStringLiteral("-D")}, {}, start);
     if (list.code == 77) {
-        GTEST_SKIP() << "this system gives no mount namespace";
+        GTEST_SKIP() << "the right to make a mount namespace is missing";
     }
     for (const char* scheme : {"udp", "serial", "vela", "usb", "osd"}) {
         EXPECT_TRUE(list.output.contains(QByteArray("coremanage-") + scheme)) << scheme;
