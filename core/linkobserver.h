@@ -25,7 +25,7 @@ struct LinkEvent {
         Skipped,    ///< bytes of a stream that belong to no reply
         Opened,     ///< the link works from now on; OSD: the endpoint is connected
         Closed,     ///< the host has closed it
-        Lost,       ///< the device, the line or the endpoint is gone, or has refused
+        Lost,       ///< gone, or has refused; a serial line only where handleError is connected
         Reinitialised ///< UDP: a new socket has taken the place of the old one
     };
     static constexpr int kinds = 10; ///< how many there are

@@ -360,10 +360,14 @@ TEST_F(CoreSerialPortTest, AHangUpClosesThePortAndTheProcessIsIdle)
 {
     QObject::connect(&link.line.port(), &QSerialPort::errorOccurred, &link.line,
                      &Core_SerialPort::handleError);
+    const auto log = std::make_shared<EventLog>();
+    link.line.addObserver(log);
     ASSERT_TRUE(link.open());
     startBlockWait();
     link.peer.hangUp();
     ASSERT_TRUE(eventually([this] { return !link.line.port().isOpen(); }));
+    EXPECT_EQ(log->all(EventLog::Kind::Lost).size(), 1U);
+    EXPECT_EQ(log->all(EventLog::Kind::Closed).size(), 0U);
     const double before = processstate::cpuSeconds();
     eventually([] { return false; }, milliseconds(1000));
     EXPECT_LT(processstate::cpuSeconds() - before, 0.5);

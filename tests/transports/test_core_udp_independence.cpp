@@ -2,6 +2,7 @@
 // What a slow host, a flood and a short supply cost: their own line, their own reply, and no more.
 #include "biz_cmdswork.h"
 #include "core_udp.h"
+#include "eventlog.h"
 #include "hostqueue.h"
 #include "messagecapture.h"
 #include "processstate.h"
@@ -277,7 +278,10 @@ TEST_F(CoreUdpIndependence, SendsAgainOnceThereIsADescriptor)
             late->sendUdpData("lost");
         }
         EXPECT_FALSE(peer.hasDatagram());
+        const auto log = std::make_shared<EventLog>();
+        late->addObserver(log);
         std::thread([&late] { late->sendUdpData("first"); }).join();
+        EXPECT_EQ(log->all(EventLog::Kind::Opened).size(), 1U);
         const UdpPeer::Datagram first = peer.receive();
         EXPECT_EQ(first.bytes, QByteArray("first"));
         EXPECT_EQ(first.port, 3005);

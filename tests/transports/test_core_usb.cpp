@@ -5,6 +5,7 @@
 #include "conformance.h"
 #include "corefactory.h"
 #include "emulatedhid.h"
+#include "eventlog.h"
 #include "messagecapture.h"
 #include "metamethods.h"
 #include "openhidnodes.h"
@@ -167,6 +168,23 @@ TEST_F(CoreUsb, AFailedOpenLeavesItClosedAndForgetsTheIds)
     send(record);
     EXPECT_EQ(plain.written(),
               reports({TextFrames::command(record).left(64), TextFrames::command(record).mid(64)}));
+}
+
+TEST_F(CoreUsb, TellsItsObserversThatTheDeviceHasGone)
+{
+    using Kind = EventLog::Kind;
+    const auto log = std::make_shared<EventLog>();
+    line.addObserver(log);
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    plain.unplug();
+    ASSERT_TRUE(log->has(1, Kind::Lost));
+    line.sendUSBData("late");
+    EXPECT_EQ(log->bytes(Kind::SendFailed), "late");
+    EXPECT_EQ(log->all(Kind::Sent).size(), 0U);
+    EXPECT_FALSE(line.openUSB(vendor, plainProduct));
+    EXPECT_EQ(log->all(Kind::Closed).size(), 1U);
+    EXPECT_EQ(log->all(Kind::Opened).size(), 1U);
+    EXPECT_EQ(log->all(Kind::Lost).size(), 1U) << "each further read fails, too";
 }
 
 TEST_F(CoreUsb, FrameLengthsOnTheWire)

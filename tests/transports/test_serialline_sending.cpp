@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "core_serialport.h"
 
+#include "eventlog.h"
 #include "hostqueue.h"
 #include "messagecapture.h"
 #include "receivebuffer.h"
@@ -244,15 +245,21 @@ TEST_F(SerialLineSending, ALineThatHasHungUpFails)
     ASSERT_TRUE(open());
     overfill();
     const auto sent = logged();
+    const auto log = std::make_shared<EventLog>();
+    line->addObserver(log);
     peer.hangUp();
     send(1);
     EXPECT_EQ(capture.count(QStringLiteral("Send failed")), frames.size() - sent);
     EXPECT_EQ(logged(), sent);
+    EXPECT_EQ(log->all(EventLog::Kind::SendFailed).size(),
+              static_cast<std::size_t>(frames.size() - sent));
 }
 
 TEST_F(SerialLineSending, WhatWaitsIsBounded)
 {
     ASSERT_TRUE(open());
+    const auto log = std::make_shared<EventLog>();
+    line->addObserver(log);
     const QByteArray frame(1024 * 1024, 'x');
     const auto most = ReceiveBuffer::limit / frame.size() + 1;
     for (int i = 0; i < most + 2; ++i) {
@@ -260,6 +267,7 @@ TEST_F(SerialLineSending, WhatWaitsIsBounded)
     }
     EXPECT_EQ(capture.lines(),
               QStringList({QStringLiteral("Send failed"), QStringLiteral("Send failed")}));
+    EXPECT_EQ(log->bytes(EventLog::Kind::SendFailed), frame + frame);
     EXPECT_EQ(logged(), 0);
     peer.hangUp();
     line->closeSerialPort();
