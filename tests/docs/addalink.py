@@ -23,7 +23,7 @@ assert "three new files and seven lines in four others" in page
 
 subprocess.run([copy / "scripts/check-floors"], check=True)
 subprocess.run(["cmake", "-S", copy, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=",
-                "-DCORE_MANAGE_WERROR=ON", "-DCORE_MANAGE_TOOLS=OFF"],
+                "-DCMAKE_UNITY_BUILD=ON", "-DCORE_MANAGE_WERROR=ON", "-DCORE_MANAGE_TOOLS=OFF"],
                check=True, stdout=subprocess.DEVNULL)
 subprocess.run(["cmake", "--build", build, "--target", "test_core_tcp"], check=True)
 subprocess.run([build / "tests/transports/test_core_tcp"], check=True)

@@ -13,7 +13,7 @@ namespace
 
 constexpr int noLimit = std::numeric_limits<int>::max();
 
-std::atomic<int> left{noLimit}; // threads until they are refused
+std::atomic<int> remaining{noLimit}; // threads until they are refused
 std::atomic<int> refusals{0};
 
 using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -26,7 +26,7 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*star
                void* argument) noexcept
 {
     static const auto next = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (left != noLimit && left-- <= 0) {
+    if (remaining != noLimit && remaining-- <= 0) {
         ++refusals;
         return EAGAIN;
     }
@@ -35,12 +35,12 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*star
 
 ThreadRefusal::ThreadRefusal(int after)
 {
-    left = after;
+    remaining = after;
 }
 
 ThreadRefusal::~ThreadRefusal()
 {
-    left = noLimit;
+    remaining = noLimit;
 }
 
 int ThreadRefusal::refused()
