@@ -16,13 +16,15 @@ namespace
 bool done = false;
 
 // A serial port that is closed is free a moment before its lock file has gone: another process that
-// gets the same pseudo-terminal in between would be refused it.
-void takeOwnLockFiles()
+// gets the same pseudo-terminal in between would be refused it. And a port whose device has gone
+// may be opened again by its name: in one directory, that may be another process's port by then.
+void takeOwnTerminals()
 {
     if (unshare(CLONE_NEWNS) != 0 ||
         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/run/lock", "tmpfs", 0, nullptr) != 0) {
-        std::perror("lock files of its own");
+        mount("tmpfs", "/run/lock", "tmpfs", 0, nullptr) != 0 ||
+        mount("devpts", "/dev/pts", "devpts", 0, "mode=620,ptmxmode=666") != 0) {
+        std::perror("lock files and pseudo-terminals of its own");
     }
 }
 
@@ -32,7 +34,7 @@ bool netns::isolate()
 {
     done = networknamespace::enter();
     if (done) {
-        takeOwnLockFiles();
+        takeOwnTerminals();
     }
     return done;
 }

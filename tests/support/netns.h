@@ -6,7 +6,8 @@ namespace netns
 {
 
 /// Moves the process, which must have one thread yet, into a new network namespace with its
-/// loopback interface up, and gives it a directory of its own for the lock files of serial ports.
+/// loopback interface up, and gives it pseudo-terminals of its own, and a directory of its own for
+/// the lock files of serial ports.
 /// False, with nothing changed, where the system does not allow it.
 bool isolate();
 
