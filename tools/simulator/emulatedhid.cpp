@@ -312,6 +312,12 @@ std::vector<QByteArray> EmulatedHid::written() const
     return reports;
 }
 
+void EmulatedHid::forgetWritten()
+{
+    const std::lock_guard guard(lock);
+    output.clear();
+}
+
 int EmulatedHid::held() const
 {
     const std::lock_guard guard(lock);

@@ -80,8 +80,11 @@ public:
     int unread();    ///< queued input reports of the open file that has the fewest
     int openFiles(); ///< handles that hidapi has open
 
-    /// Every output report so far, report number included.
+    /// Every output report so far, report number included, since they were last forgotten.
     std::vector<QByteArray> written() const;
+
+    /// For a listener that has taken them, and goes on for long.
+    void forgetWritten();
 
     /// While \a on, refuses output reports. They are not in written().
     void refuseWrites(bool on) { refuseWritesAfter(on ? 0 : -1); }

@@ -71,6 +71,7 @@ void HidSimulator::take()
         const std::lock_guard guard(lock);
         taken.swap(arrived);
     }
+    hid->forgetWritten();
     for (const std::string& report : taken) {
         const QByteArray data = QByteArray::fromStdString(report).mid(1);
         received(isLoneCommand(data) ? data.left(devicecodec::textHeadSize) : data,
