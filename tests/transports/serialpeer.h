@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -50,6 +51,13 @@ public:
         while (receive(mostAtOnce) > 0) {
         }
         return input;
+    }
+
+    /// What has been received since the last time.
+    QByteArray taken()
+    {
+        received();
+        return std::exchange(input, QByteArray());
     }
 
     /// Takes so many bytes of what has come, mostAtOnce at most, and returns how many that were.
