@@ -54,7 +54,7 @@ foreach(name IN LISTS pc_files)
     configure_file("packaging/${name}.pc.in" "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)
     install(FILES "${PROJECT_BINARY_DIR}/${name}.pc" DESTINATION "${pc_directory}")
 endforeach()
-install(FILES LICENSE README.md CONTRIBUTING.md DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+install(FILES LICENSE README.md CONTRIBUTING.md SECURITY.md DESTINATION "${CMAKE_INSTALL_DOCDIR}"
     COMPONENT documents)
 install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT documents
     FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")

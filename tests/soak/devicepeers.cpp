@@ -100,13 +100,17 @@ bool DevicePeer::mayGoOn() const
     return ledger.awaited() < mostAwaited && sentBytes - receivedBytes() < mostUnderWay;
 }
 
+quint32 DevicePeer::nextNumber()
+{
+    newest = numberedreplies::next(newest);
+    return newest;
+}
+
 quint32 DevicePeer::nextNumber(bool withBlock)
 {
-    quint32 number = 0;
-    do {
-        number = SoakPeer::nextNumber();
-    } while (make(number).block.isEmpty() == withBlock);
-    return number;
+    while (make(nextNumber()).block.isEmpty() == withBlock) {
+    }
+    return newest;
 }
 
 // One digit or one mark is another one: never the same sum. Nobody looks at a datagram's end mark.
@@ -213,7 +217,7 @@ void UdpPeers::send(quint32 number, const QByteArray& datagram)
 
 void UdpPeers::sendWhole()
 {
-    sendWhole(SoakPeer::nextNumber());
+    sendWhole(nextNumber());
 }
 
 void UdpPeers::sendWhole(quint32 number)
@@ -228,7 +232,7 @@ void UdpPeers::sendWhole(quint32 number)
 
 void UdpPeers::sendNever(const std::function<void(quint32, const Reply&)>& sending)
 {
-    const quint32 number = SoakPeer::nextNumber();
+    const quint32 number = nextNumber();
     ledger.expect(number, Fate::Never);
     sending(number, make(number));
 }
@@ -321,18 +325,17 @@ void UdpPeers::stamp(const Reply&, quint32 number, model_Protocoldata& record) c
 StreamPeer::StreamPeer(Link itsLink, const QString& itsName, SoakHost& itsHost, quint64 seed)
     : DevicePeer(itsLink, itsName, itsHost, seed)
 {
-    const auto next = [this] { return SoakPeer::nextNumber(); };
     actions = {
-        {"lost", 20, [this, next] { ledger.expect(next(), Fate::Never); }},
+        {"lost", 20, [this] { ledger.expect(nextNumber(), Fate::Never); }},
         {"damaged", 30,
-         [this, next] {
-             const quint32 number = next();
+         [this] {
+             const quint32 number = nextNumber();
              ledger.expect(number, Fate::Never);
              put(damaged(make(number).head) + make(number).block, true);
          }},
         {"cut short", isBinary() ? 0 : 10, // what follows a binary head may complete it
-         [this, next] {
-             const quint32 number = next();
+         [this] {
+             const quint32 number = nextNumber();
              ledger.expect(number, Fate::Never);
              put(make(number).head.left(1 + random.below(18)), true);
          }},
@@ -367,7 +370,7 @@ int StreamPeer::routeOf(const Reply& reply) const
 
 void StreamPeer::sendWhole()
 {
-    sendWhole(SoakPeer::nextNumber());
+    sendWhole(nextNumber());
 }
 
 void StreamPeer::sendWhole(quint32 number)
@@ -412,7 +415,7 @@ void StreamPeer::sendInTime(quint32 number, const std::function<void(const QByte
 // Not between the marks of a binary reply, which a device sends whole.
 void StreamPeer::sendSplit()
 {
-    sendInTime(SoakPeer::nextNumber(), [this](const QByteArray& bytes) {
+    sendInTime(nextNumber(), [this](const QByteArray& bytes) {
         for (int at = 0; at < bytes.size();) {
             const int length = qMax(pieceLength(), at == 0 && isBinary() ? 2 : 1);
             put(bytes.mid(at, length), at + length >= bytes.size());

@@ -38,6 +38,7 @@ protected:
     {
         return numberedreplies::make(kind, number);
     }
+    quint32 nextNumber();
     quint32 nextNumber(bool withBlock);  ///< of a reply with a block, or without
     QByteArray damaged(QByteArray head); ///< no reply any more
     QByteArray noise();
@@ -51,7 +52,8 @@ protected:
     quint64 receivedBytes() const;
 
 private:
-    std::array<quint32, 2> lastOfRoute{};
+    quint32 newest = 0;                   // number that was sent
+    std::array<quint32, 2> lastOfRoute{}; // the host's thread
 };
 
 class UdpPeers final : public DevicePeer

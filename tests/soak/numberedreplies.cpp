@@ -8,8 +8,6 @@
 namespace
 {
 
-using numberedreplies::Link;
-
 constexpr int announced = -1;
 
 struct Kind {

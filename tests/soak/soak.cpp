@@ -18,10 +18,12 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <sstream>
 
 #include <malloc.h>
 #include <unistd.h>
@@ -116,7 +118,7 @@ private:
     void deliver();
     void rest();
     void sample(bool isRest);
-    void progress(bool now);
+    void progress() const;
     void compare(const Holding& first, const Holding& last);
     bool allPeers(bool (SoakPeer::*state)() const) const;
     Ledger::Counts sum() const;
@@ -193,7 +195,7 @@ void Soak::onTick()
         }
     }
     const auto now = Clock::now();
-    if (isStopped != 0 || now > start + duration) {
+    if (isStopped != 0 || (now > start + duration && !rests.empty())) {
         host.isOver = true;
     }
     if (host.isOver) {
@@ -209,7 +211,7 @@ void Soak::onTick()
     }
     if (now > nextProgress) {
         nextProgress = now + (isTerminal ? seconds(1) : seconds(60));
-        progress(true);
+        progress();
     }
     if (allPeers(&SoakPeer::isDone)) {
         QCoreApplication::quit();
@@ -293,19 +295,15 @@ void Soak::sample(bool isRest)
     }
 }
 
-void Soak::progress(bool now)
+void Soak::progress() const
 {
-    if (!now) {
-        return;
-    }
     const auto took = std::chrono::duration_cast<seconds>(Clock::now() - start);
     const auto counts = sum();
     std::printf("%ssoak: %lld of %lld s, %lld replies arrived, %lld damaged or lost on purpose, "
                 "%ld KiB%s",
                 isTerminal ? "\r\033[K" : "", static_cast<long long>(took.count()),
-                static_cast<long long>(duration.count()), static_cast<long long>(counts.arrived),
-                static_cast<long long>(counts.never), processstate::residentKiB(),
-                isTerminal ? "" : "\n");
+                static_cast<long long>(duration.count()), counts.arrived, counts.never,
+                processstate::residentKiB(), isTerminal ? "" : "\n");
     std::fflush(stdout);
 }
 
@@ -330,25 +328,20 @@ void Soak::table(double took)
     for (const SoakPeer* peer : peers) {
         const auto counts = peer->ledger.counts();
         std::printf("%-8s %9lld %9lld %9lld %9lld %9lld %9lld\n", qPrintable(peer->name),
-                    static_cast<long long>(counts.intact), static_cast<long long>(counts.arrived),
-                    static_cast<long long>(counts.given), static_cast<long long>(counts.never),
-                    static_cast<long long>(peer->commands()),
-                    static_cast<long long>(peer->restarts()));
+                    counts.intact, counts.arrived, counts.given, counts.never, peer->commands(),
+                    peer->restarts());
         for (const auto& action : peer->faults()) {
             faults[action.name] += action.count;
         }
     }
     std::printf("faults:");
     for (const auto& [name, count] : faults) {
-        std::printf(" %s %lld%s", name.c_str(), static_cast<long long>(count),
-                    name == faults.rbegin()->first ? "\n" : ",");
+        std::printf(" %s %lld%s", name.c_str(), count, name == faults.rbegin()->first ? "\n" : ",");
     }
-    std::printf("datagrams that the kernel dropped: %lld\n",
-                static_cast<long long>(droppedDatagrams()));
+    std::printf("datagrams that the kernel dropped: %lld\n", droppedDatagrams());
     const auto row = [](const char* name, const Holding& holding) {
         std::printf("%-16s %9lld KiB resident, %7lld KiB heap, %4d descriptors, %3d threads\n",
-                    name, static_cast<long long>(holding.resident),
-                    static_cast<long long>(holding.heap), holding.descriptors, holding.threads);
+                    name, holding.resident, holding.heap, holding.descriptors, holding.threads);
     };
     if (!rests.empty()) {
         row("at rest, first", rests.front());
@@ -375,12 +368,8 @@ int Soak::run()
     deliver(); // nothing more is to come
     delete std::exchange(CoreFactory::iOsdCore, nullptr);
     const std::chrono::duration<double> took = Clock::now() - start;
-    if (!host.hasFailed()) {
-        if (rests.empty()) {
-            host.fail(QStringLiteral("ended before the first rest"));
-        } else {
-            compare(rests[rests.size() / 10], rests.back());
-        }
+    if (!host.hasFailed() && !rests.empty()) {
+        compare(rests[rests.size() / 10], rests.back());
     }
     table(took.count());
     if (host.hasFailed()) {
@@ -414,7 +403,8 @@ int main(int argc, char** argv)
     QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::NoProxy));
     qInstallMessageHandler(showWarnings);
     const QTemporaryDir logDirectory;
-    Utility_Manage::setLogFile(logDirectory.filePath(QStringLiteral("soak.log")), 1024 * 1024, 1);
+    Utility_Manage::setLogFile(logDirectory.filePath(QStringLiteral("soak.log")), qint64{1} << 20,
+                               1);
     std::printf("soak: %s s, seed %s\n", argv[1], argv[2]);
     std::fflush(stdout);
     Soak soak(seconds(std::atoi(argv[1])), std::strtoull(argv[2], nullptr, 10),

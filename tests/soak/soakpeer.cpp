@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "soakpeer.h"
 
-#include "numberedreplies.h"
-
 #include <stdexcept>
 
 namespace
@@ -77,12 +75,6 @@ void SoakPeer::step()
         }
     }
     sendWhole();
-}
-
-quint32 SoakPeer::nextNumber()
-{
-    newestNumber = numberedreplies::next(newestNumber);
-    return newestNumber;
 }
 
 void SoakPeer::waitFor(const char* what, const std::function<bool()>& condition)

@@ -66,7 +66,6 @@ protected:
     virtual QByteArray expected(quint32 number) const = 0; ///< what it gives on the wire
     virtual QByteArray incoming() = 0;                     ///< what has come since the last time
 
-    quint32 nextNumber();
     void waitFor(const char* what, const std::function<bool()>& condition);
     void settle(); ///< stops the commands; waits until nothing is under way
     void pause(std::chrono::milliseconds time);
@@ -86,7 +85,6 @@ private:
     void setCommands(bool on);
 
     std::thread thread;
-    quint32 newestNumber = 0;
     qint64 restartCount = 0;
     bool commandsOn = false;   // the host's thread
     qint64 commandCount = 0;   // the same
