@@ -35,6 +35,12 @@ QByteArray LiteralReplyStream::takeBuffData(unsigned short n)
     return taken;
 }
 
+void LiteralReplyStream::loopOnce()
+{
+    pause(usb ? 20 : 3);
+    pass();
+}
+
 void LiteralReplyStream::pass()
 {
     QByteArray work = getBuffData(1024);
@@ -81,6 +87,10 @@ bool LiteralReplyStream::checkCMD(QByteArray data)
     const QByteArray frame = data.left(19);
     model_Protocoldata record;
     if (!literalframe::getArrayData(frame, &record)) {
+        const QString digits = QString::fromLocal8Bit(frame.mid(2, 16).constData());
+        qDebug() << (usb ? QStringLiteral("Core_USB::getArrayData   dataStr==")
+                         : QStringLiteral("Core_SerialPort::getArrayData   dataStr==")) +
+                        digits;
         takeBuffData(1);
         return false;
     }

@@ -23,6 +23,8 @@ public:
     QByteArray getBuffData(unsigned short n);
     QByteArray takeBuffData(unsigned short n);
 
+    void loopOnce(); ///< the loop's pause, then one pass of it
+
     /// One pass of the loop without its pause.
     virtual void pass();
     virtual bool isFindStdCmdPreFlag(QByteArray data);

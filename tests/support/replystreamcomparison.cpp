@@ -1,24 +1,26 @@
 // SPDX-License-Identifier: MIT
 #include "replystreamcomparison.h"
 
-#include "biz_cmdswork.h"
 #include "core_serialport.h"
 #include "core_usb.h"
+#include "cutscript.h"
+#include "hostqueue.h"
 #include "literalreplystream.h"
 #include "messagecapture.h"
-#include "recordequality.h"
+#include "outcome.h"
 #include "replyformat.h"
 #include "utility_manage.h"
 #include "vela_core_serialport.h"
 
-#include <deque>
 #include <memory>
 
 namespace
 {
 
+using replystreamcomparison::Arrival;
 using replystreamcomparison::Line;
 
+constexpr std::chrono::milliseconds chunkPause{4}; // as the pauses in the wait for a block
 constexpr auto deviceType = static_cast<model_GlobalEnum::DeviceType>(0x4711);
 
 // The format of a link; the link is kept, since closing it may pause.
@@ -32,48 +34,54 @@ const ReplyFormat& formatOf()
     return link->format;
 }
 
-struct Outcome {
-    std::deque<model_Protocoldata> records;
-    QByteArray remaining;
-    int pauses = 0;
-    QStringList lines;
-};
-
-// Delivers the chunks and counts the pauses, in whichever parser it is asked to.
+// Brings what is due in each pause, in whichever parser it is asked to, and counts the pauses.
 class Feed
 {
 public:
-    explicit Feed(const QVector<QByteArray>& all) : chunks(all) {}
+    explicit Feed(const std::vector<Arrival>& all) : arrivals(all) {}
 
     template <class Append>
-    void next(Append&& append)
+    void pass(std::chrono::milliseconds duration, Append&& append)
     {
-        if (position < chunks.size()) {
-            append(chunks.at(position++));
+        ++pauses;
+        now += duration;
+        for (; !exhausted() && arrivals[next].at <= now; ++next) {
+            append(arrivals[next].bytes);
         }
     }
-    bool exhausted() const { return position == chunks.size(); }
+    bool exhausted() const { return next == arrivals.size(); }
 
     int pauses = 0;
+    std::chrono::milliseconds now{0};
 
 private:
-    const QVector<QByteArray>& chunks;
-    int position = 0;
+    const std::vector<Arrival>& arrivals;
+    std::size_t next = 0;
 };
 
+// Stops its parser when everything has come and a whole pass has moved nothing.
 class FedStream : public ReplyStream
 {
 public:
-    explicit FedStream(Feed& source) : feed(source) {}
+    FedStream(Feed& source, std::chrono::milliseconds betweenPasses)
+        : feed(source), interval(betweenPasses)
+    {
+    }
 
 private:
-    void sleep(std::chrono::milliseconds) override
+    void sleep(std::chrono::milliseconds duration) override
     {
-        ++feed.pauses;
-        feed.next([this](const QByteArray& chunk) { received.append(chunk); });
+        if (duration == interval) {
+            const ReceiveBuffer::Size size = received.size();
+            token.set(!feed.exhausted() || size != before);
+            before = size;
+        }
+        feed.pass(duration, [this](const QByteArray& bytes) { received.append(bytes); });
     }
 
     Feed& feed;
+    const std::chrono::milliseconds interval;
+    ReceiveBuffer::Size before = -1;
 };
 
 template <class Stream>
@@ -87,10 +95,10 @@ public:
     }
 
 private:
-    void pause(int) override
+    void pause(int ms) override
     {
-        ++feed.pauses;
-        feed.next([this](const QByteArray& chunk) { this->appendBuffData(chunk); });
+        feed.pass(std::chrono::milliseconds(ms),
+                  [this](const QByteArray& bytes) { this->appendBuffData(bytes); });
     }
     void addToReceivedQueueElsewhere(model_Protocoldata record) override
     {
@@ -100,42 +108,28 @@ private:
     Feed& feed;
 };
 
-template <class Pass, class Append, class Size>
-void runAll(Feed& feed, Pass&& pass, Append&& append, Size&& size)
-{
-    for (qsizetype before = -1; !feed.exhausted() || size() != before;) {
-        before = size();
-        feed.next(append);
-        pass();
-    }
-}
-
 Outcome collect(const Feed& feed, const QByteArray& remaining, const MessageCapture& capture)
 {
     Outcome outcome;
-    const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    outcome.records.swap(biz_CMDSWork::receivequeueHexCmd);
+    outcome.flags = hostqueue::flag() ? "1" : "0";
+    const auto records = hostqueue::records();
+    outcome.records.assign(records.begin(), records.end());
     outcome.remaining = remaining;
     outcome.pauses = feed.pauses;
-    for (const QString& line : capture.lines()) {
-        if (!line.contains(QLatin1String("getArrayData"))) { // the literal codec is silent
-            outcome.lines << line;
-        }
-    }
+    outcome.elapsedMs = feed.now.count();
+    outcome.lines = capture.lines();
+    hostqueue::clear();
     return outcome;
 }
 
 Outcome runOurs(const ReplyFormat& format, Feed& feed)
 {
     const MessageCapture capture;
-    const auto stream = std::make_shared<FedStream>(feed);
+    const auto stream = std::make_shared<FedStream>(feed, format.interval);
     stream->setOriginType(deviceType);
     stream->setOriginName(QStringLiteral("pts/7"));
-    ReplyStreamParser parser(format, stream);
-    runAll(
-        feed, [&parser] { parser.pass(); },
-        [&parser](const QByteArray& chunk) { parser.appendBuffData(chunk); },
-        [&stream] { return stream->received.size(); });
+    stream->token.set(true);
+    ReplyStreamParser(format, stream).td_dealDataFunc();
     return collect(feed, stream->received.peek(stream->received.size()), capture);
 }
 
@@ -145,9 +139,12 @@ Outcome runLiteral(LiteralReplyStream& stream, Feed& feed)
     stream.deviceType = deviceType;
     stream.portName = QStringLiteral("pts/7");
     const auto size = [&stream] { return stream.getBuffData(0xffff).size(); };
-    runAll(
-        feed, [&stream] { stream.pass(); },
-        [&stream](const QByteArray& chunk) { stream.appendBuffData(chunk); }, size);
+    qsizetype before = -1;
+    for (bool isLast = false; !isLast;) {
+        isLast = feed.exhausted() && size() == before;
+        before = size();
+        stream.loopOnce();
+    }
     return collect(feed, stream.getBuffData(0xffff), capture);
 }
 
@@ -173,44 +170,28 @@ std::unique_ptr<LiteralReplyStream> literal(Line line, Feed& feed)
     return std::make_unique<FedLiteral<LiteralReplyStream>>(feed, line == Line::Usb);
 }
 
-QString compare(const Outcome& a, const Outcome& b)
-{
-    if (a.records.size() != b.records.size()) {
-        return QStringLiteral("%1 records, %2 expected")
-            .arg(a.records.size())
-            .arg(b.records.size());
-    }
-    for (std::size_t i = 0; i < a.records.size(); ++i) {
-        if (!sameRecord(a.records[i], b.records[i])) {
-            return QStringLiteral("record %1 differs").arg(i);
-        }
-    }
-    if (a.remaining != b.remaining) {
-        return QStringLiteral("%1 bytes left, %2 expected")
-            .arg(a.remaining.size())
-            .arg(b.remaining.size());
-    }
-    if (a.pauses != b.pauses) {
-        return QStringLiteral("%1 pauses, %2 expected").arg(a.pauses).arg(b.pauses);
-    }
-    if (a.lines != b.lines) {
-        return QStringLiteral("debug lines \"%1\", expected \"%2\"")
-            .arg(a.lines.join(QLatin1Char('\n')), b.lines.join(QLatin1Char('\n')));
-    }
-    return QString();
-}
-
 } // namespace
 
-QString replystreamcomparison::difference(Line line, const QVector<QByteArray>& chunks)
+QString replystreamcomparison::difference(Line line, const std::vector<Arrival>& arrivals)
 {
     Utility_Manage::setDeviceType(line == Line::ShortBlockSerial || line == Line::Usb
                                       ? model_GlobalEnum::Device290200
                                       : model_GlobalEnum::DeviceUnknown);
-    Feed ourFeed(chunks);
-    Feed literalFeed(chunks);
+    hostqueue::clear();
+    Feed ourFeed(arrivals);
+    Feed literalFeed(arrivals);
     const Outcome was = runOurs(ours(line), ourFeed);
-    return compare(was, runLiteral(*literal(line, literalFeed), literalFeed));
+    return was.difference(runLiteral(*literal(line, literalFeed), literalFeed));
+}
+
+QString replystreamcomparison::difference(Line line, const QVector<QByteArray>& chunks)
+{
+    std::vector<Arrival> arrivals;
+    std::chrono::milliseconds at{0};
+    for (const QByteArray& chunk : chunks) {
+        arrivals.push_back({at += chunkPause, chunk});
+    }
+    return difference(line, arrivals);
 }
 
 QString replystreamcomparison::difference(const QByteArray& script)
@@ -218,13 +199,8 @@ QString replystreamcomparison::difference(const QByteArray& script)
     if (script.isEmpty()) {
         return QString();
     }
-    QVector<QByteArray> chunks;
-    for (int position = 1; position < script.size();) {
-        const int length = static_cast<quint8>(script.at(position));
-        chunks.append(script.mid(position + 1, length));
-        position += 1 + length;
-    }
-    return difference(static_cast<Line>(static_cast<quint8>(script.at(0)) % lineCount), chunks);
+    return difference(static_cast<Line>(static_cast<quint8>(script.at(0)) % lineCount),
+                      cutscript::pieces(script.mid(1)));
 }
 
 QByteArray replystreamcomparison::script(Line line, const QVector<QByteArray>& chunks)
