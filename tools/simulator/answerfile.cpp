@@ -6,7 +6,6 @@
 
 #include <QElapsedTimer>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <algorithm>
@@ -175,29 +174,6 @@ QByteArray hexadecimal(const QJsonValue& value, const QString& place)
         refuse(jsonschema::invalid(place, value, at("hexadecimal digits in pairs, like 00ff10")));
     }
     return QByteArray::fromHex(digits);
-}
-
-QJsonObject parsed(const QByteArray& json)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
-    if (error.error != QJsonParseError::NoError) {
-        const QByteArray before = json.left(error.offset);
-        const bool isHexadecimal = json.mid(qMax(0, error.offset - 2), 3).contains("0x");
-        refuse(QStringLiteral("line %1, column %2: %3%4")
-                   .arg(before.count('\n') + 1)
-                   .arg(before.size() - before.lastIndexOf('\n'))
-                   .arg(error.errorString(), isHexadecimal
-                                                 ? at("; hexadecimal goes in quotes, like \"0x8b\"")
-                                                 : QString()));
-    }
-    const QJsonObject schema = QJsonDocument::fromJson(AnswerFile::schema()).object();
-    const QString wrong = jsonschema::mismatch(
-        schema, document.isArray() ? QJsonValue(document.array()) : QJsonValue(document.object()));
-    if (!wrong.isEmpty()) {
-        refuse(wrong);
-    }
-    return document.object();
 }
 
 } // namespace
@@ -607,7 +583,7 @@ AnswerFile::AnswerFile(const QByteArray& json, const Link& link, const ReadFile&
         clock = [timer] { return milliseconds(timer.elapsed()); };
     }
     rules.reset(new Rules{link, readFile, std::move(clock), {}, {}, -1, {}, {}});
-    rules->read(parsed(json));
+    rules->read(jsonschema::parsed(json, AnswerFile::schema()));
 }
 
 AnswerFile::~AnswerFile() = default;

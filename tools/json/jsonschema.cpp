@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+#include <stdexcept>
 
 namespace
 {
@@ -192,6 +193,31 @@ private:
 };
 
 } // namespace
+
+QJsonObject jsonschema::parsed(const QByteArray& json, const QByteArray& schema)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
+    if (error.error != QJsonParseError::NoError) {
+        const QByteArray before = json.left(error.offset);
+        const bool isHexadecimal = json.mid(qMax(0, error.offset - 2), 3).contains("0x");
+        throw std::invalid_argument(
+            QStringLiteral("line %1, column %2: %3%4")
+                .arg(before.count('\n') + 1)
+                .arg(before.size() - before.lastIndexOf('\n'))
+                .arg(error.errorString(),
+                     isHexadecimal ? QStringLiteral("; hexadecimal goes in quotes, like \"0x8b\"")
+                                   : QString())
+                .toStdString());
+    }
+    const QString wrong =
+        mismatch(QJsonDocument::fromJson(schema).object(),
+                 document.isArray() ? QJsonValue(document.array()) : QJsonValue(document.object()));
+    if (!wrong.isEmpty()) {
+        throw std::invalid_argument(wrong.toStdString());
+    }
+    return document.object();
+}
 
 QString jsonschema::mismatch(const QJsonObject& schema, const QJsonValue& value)
 {
