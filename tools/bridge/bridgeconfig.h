@@ -60,7 +60,7 @@ struct BridgeConfig {
     Broker broker;
     QString prefix = "coremanage";
     bool sendStale = false;
-    std::chrono::seconds duplicates{600};
+    std::chrono::seconds duplicates{60};
     qint64 queueLimit = 16 << 20;      ///< bytes that wait for the broker
     std::chrono::seconds counters{10}; ///< between two of them
     std::vector<Link> links;

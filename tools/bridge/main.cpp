@@ -1,16 +1,56 @@
 // SPDX-License-Identifier: MIT
-#include "bridgeconfig.h"
+#include "bridge.h"
+#include "linknotes.h"
 #include "output.h"
 #include "toolerror.h"
+#include "toolfiles.h"
+#include "waiting.h"
 
 #include <CLI/CLI.hpp>
 
 #include <QCoreApplication>
+#include <QSocketNotifier>
 
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <thread>
 
 namespace
 {
+
+// Whatever a link, a name server or a certificate holds it up with, a service ends in time.
+void endForSure()
+{
+    constexpr std::chrono::milliseconds limit{1900};
+    std::thread([limit] {
+        std::this_thread::sleep_for(limit);
+        std::_Exit(exitcode::success);
+    }).detach();
+}
+
+int serve(const BridgeConfig& config)
+{
+    const Interrupt interrupt;
+    toolfiles::startLog({});
+    linknotes::install(false);
+    Bridge bridge(config);
+    QObject::connect(&bridge, &Bridge::ended, &QCoreApplication::quit);
+    QSocketNotifier asked(interrupt.readable(), QSocketNotifier::Read);
+    QObject::connect(&asked, &QSocketNotifier::activated, &bridge, [&] {
+        asked.setEnabled(false);
+        endForSure();
+        bridge.end();
+    });
+    if (!bridge.start()) {
+        return exitcode::failed;
+    }
+    QCoreApplication::exec();
+    if (bridge.isStuck()) {
+        std::_Exit(exitcode::success);
+    }
+    return exitcode::success;
+}
 
 int run(int argc, char** argv)
 {
@@ -30,7 +70,7 @@ int run(int argc, char** argv)
                          .arg(config.links.size()));
         return exitcode::success;
     }
-    return exitcode::failed;
+    return serve(config);
 }
 
 } // namespace

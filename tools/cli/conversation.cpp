@@ -156,9 +156,7 @@ Outcome Conversation::exchange(Command command)
         ++outcome.tries;
         open.send(command);
         if (linknotes::takeSendFailure()) {
-            outcome.failure = QString("%1: the system did not take it: not sent; is the network "
-                                      "up, the device there?%2")
-                                  .arg(terms.link, terms.silence->firewall("; "));
+            outcome.failure = Outcome::notTaken(terms.link) + terms.silence->firewall("; ");
             return outcome;
         }
         outcome.sent = true;
@@ -200,7 +198,7 @@ QString Conversation::failure(WaitEnd end) const
     if (!open.problem().isEmpty()) {
         return terms.link + ": " + open.problem();
     }
-    QString text = QString("%1: no reply within %2 ms").arg(terms.link).arg(terms.timeoutMs);
+    QString text = Outcome::silence(terms.link, terms.timeoutMs, outcome.tries);
     if (end == WaitEnd::Interrupted) {
         text = QString("%1: interrupted before a reply came").arg(terms.link);
     } else if (!outcome.replies.empty()) {
@@ -209,8 +207,6 @@ QString Conversation::failure(WaitEnd end) const
                    .arg(outcome.replies.size())
                    .arg(wanted)
                    .arg(terms.timeoutMs);
-    } else if (outcome.tries > 1) {
-        text += QString(", %1 tries").arg(outcome.tries);
     }
     text += (outcome.replies.empty() ? terms.silence->cause({}, ": ") : QString()) +
             refusedText(terms.link);
@@ -222,20 +218,7 @@ QString Conversation::failure(WaitEnd end) const
 
 QJsonObject Conversation::json(const Command& command, const Outcome& result) const
 {
-    QJsonArray array;
-    for (const Reply& reply : result.replies) {
-        array.append(reply.json);
-    }
-    QJsonObject sent;
-    if (command.raw.isEmpty()) {
-        sent = recordtext::json(recordtext::framed(command, terms.fields), terms.fields);
-    }
-    sent.insert("frame", QString::fromLatin1(recordtext::frame(command, terms.fields).toHex()));
-    QJsonObject object{{"link", terms.link},
-                       {"tries", result.tries},
-                       {"elapsed_ms", result.elapsedMs},
-                       {"sent", sent},
-                       {"replies", array}};
+    QJsonObject object = result.json(terms.link, command, terms.fields);
     if (!devices.contains(QString())) {
         QJsonArray endpoints;
         for (const QString& device : devices) {

@@ -1,21 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "devicelink.h"
+#include "outcome.h"
 #include "silence.h"
 #include "waiting.h"
-
-/// What became of one command.
-struct Outcome {
-    bool sent = false;        ///< the system has taken it
-    bool interrupted = false; ///< the person had enough before it was answered
-    QString failure;          ///< why it is not answered, with the link's name; empty: it is
-    std::vector<Reply> replies;
-    qint64 tries = 0;
-    double elapsedMs = 0; ///< from the first try to the last reply, or to the end of the wait
-
-    bool ok() const { return failure.isEmpty(); }
-};
 
 /// Sends commands over an open link, one after the other, and waits for the replies to each.
 ///

@@ -14,7 +14,6 @@ namespace
 {
 
 constexpr int blockLimit = 65535; // DAT4 * 256 + DAT3 announces no more
-constexpr quint16 binaryLead = 0xf11f;
 constexpr const char* deviceGroup = "Command";
 constexpr const char* osdGroup = "Command of an on-screen display";
 
@@ -206,14 +205,14 @@ Command CommandFields::read(FieldSet fields) const
             refuse(QString::fromStdString(option));
         }
     }
-    Command command;
+    QByteArray bytes;
     if (isOsd) {
         if (numbers.empty() && payload.empty()) {
             throw BadInput("there is no command: give --ch2 to --ch10 (but no "
                            "ch6), --data or --text");
         }
-        command.osd.arryData = given("--text") ? QByteArray::fromStdString(payload.at("--text"))
-                                               : payloadOf("--data", typed::fileLimit);
+        bytes = given("--text") ? QByteArray::fromStdString(payload.at("--text"))
+                                : payloadOf("--data", typed::fileLimit);
     } else {
         const bool hasCode = std::any_of(numbers.begin(), numbers.end(), [&](const auto& number) {
             return optionOf(*number.first) == "--cmd";
@@ -221,12 +220,9 @@ Command CommandFields::read(FieldSet fields) const
         if (!hasCode) {
             throw BadInput("--cmd is missing: give the command code, like --cmd 0x8b");
         }
-        model_Protocoldata& record = command.record;
-        record.arryDatablock = payloadOf("--block", blockLimit);
-        record.DAT3 = static_cast<quint8>(record.arryDatablock.size());
-        record.DAT4 = static_cast<quint8>(record.arryDatablock.size() >> 8);
-        record.aux1 = fields == FieldSet::BinaryHead ? binaryLead : 0;
+        bytes = payloadOf("--block", blockLimit);
     }
+    Command command = Command::of(bytes, fields);
     for (const auto& [field, value] : numbers) {
         field->set(command, value);
     }

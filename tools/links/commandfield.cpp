@@ -31,6 +31,22 @@ auto visit(const CommandField& field, AnyCommand& command, const Function& funct
 
 } // namespace
 
+Command Command::of(const QByteArray& payload, FieldSet fields)
+{
+    constexpr quint16 binaryLead = 0xf11f;
+    Command command;
+    if (fields == FieldSet::OsdFrame) {
+        command.osd.arryData = payload;
+        return command;
+    }
+    model_Protocoldata& record = command.record;
+    record.arryDatablock = payload;
+    record.DAT3 = static_cast<quint8>(payload.size());
+    record.DAT4 = static_cast<quint8>(payload.size() >> 8);
+    record.aux1 = fields == FieldSet::BinaryHead ? binaryLead : 0;
+    return command;
+}
+
 const std::vector<CommandField>& CommandField::all()
 {
     using Record = model_Protocoldata;

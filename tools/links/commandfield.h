@@ -22,6 +22,9 @@ struct Command {
     model_OsdParam osd;
     QStringList to; ///< which of a link's devices get it; all if there are none
     QByteArray raw; ///< not empty: the bytes that are sent as they are, whatever the records say
+
+    /// The command of this block or data with nothing else said: DAT3 and DAT4 are its length.
+    static Command of(const QByteArray& payload, FieldSet fields);
 };
 
 /// A number that a command carries: the one place that encoding, decoding, options and JSON know

@@ -7,17 +7,21 @@
 #include "linkwatchers.h"
 #include "recordtext.h"
 
-CoreLink::CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
+CoreLink::CoreLink(std::shared_ptr<ICoreBase> transport, FieldSet fields, QString device,
                    std::function<QString()> whyLost, std::function<void(const QByteArray&)> sendRaw)
     : core(std::move(transport)), fieldSet(fields), deviceName(std::move(device)),
       lossReason(std::move(whyLost)), writeRaw(std::move(sendRaw))
 {
-    linknotes::watch(*core);
-    linkwatchers::watch(*core);
     biz_CMDSWork().clearQueue();
 }
 
 CoreLink::~CoreLink() = default;
+
+void CoreLink::watch(ICoreBase& transport)
+{
+    linknotes::watch(transport);
+    linkwatchers::watch(transport);
+}
 
 void CoreLink::send(const Command& command)
 {

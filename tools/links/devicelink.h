@@ -59,17 +59,20 @@ public:
 };
 
 /// A link over one of the library's transports: records go to the transport, replies come from the
-/// front of the reference host's queue. Only one may exist at a time, since the queue is the
-/// host's.
+/// front of the reference host's queue. Since the queue is the host's, only one link may take its
+/// replies there; of several links, observers tell whose each reply is.
 class CoreLink : public DeviceLink
 {
 public:
-    /// Takes over an open transport and empties the queue. \a device is the sender that replies
+    /// Takes an open transport and empties the queue. \a device is the sender that replies
     /// of this device carry; empty if every sender is. \a whyLost tells why the link does not work
     /// any more; empty if it does. \a sendRaw writes bytes as they are to the transport.
-    CoreLink(std::unique_ptr<ICoreBase> transport, FieldSet fields, QString device,
+    CoreLink(std::shared_ptr<ICoreBase> transport, FieldSet fields, QString device,
              std::function<QString()> whyLost, std::function<void(const QByteArray&)> sendRaw);
     ~CoreLink() override;
+
+    /// Has the tool's observers watch a transport: once for each, however many links share it.
+    static void watch(ICoreBase& transport);
 
     void send(const Command& command) override;
     std::vector<Reply> takeReplies() override;
@@ -77,7 +80,7 @@ public:
     QString problem() const override { return lossReason(); }
 
 private:
-    std::unique_ptr<ICoreBase> core;
+    std::shared_ptr<ICoreBase> core;
     FieldSet fieldSet;
     QString deviceName;
     std::function<QString()> lossReason;

@@ -112,6 +112,7 @@ private:
             return since->hasExpired(nodeLagMs) ? QString("the line was hung up") : QString();
         };
         const auto sendRaw = [to = line.get()](const QByteArray& bytes) { to->sendComData(bytes); };
+        CoreLink::watch(*line);
         return std::make_unique<CoreLink>(std::move(line), kind().fields, QString(), whyLost,
                                           sendRaw);
     }

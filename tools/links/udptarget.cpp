@@ -22,6 +22,58 @@ bool hasFixedPort()
     return type == model_GlobalEnum::Device353100 || type == model_GlobalEnum::Device353101;
 }
 
+// Replies of all devices come to one local port, so the links of this process share what has it.
+std::shared_ptr<core_UDP> openTransport(const QString& link)
+{
+    static std::weak_ptr<core_UDP> shared;
+    if (auto transport = shared.lock()) {
+        return transport;
+    }
+    const quint16 local = linktargets::localUdpPort();
+    if (!sockets::isFree(local)) {
+        throw LinkDown(QString("%1: replies come to local port %2, which %3 has; end it "
+                               "first, or, for simulated devices only, run: unshare "
+                               "-rn sh -c 'ip link set lo up; exec sh'")
+                           .arg(link)
+                           .arg(local)
+                           .arg(sockets::holder(local)));
+    }
+    auto transport = std::make_shared<core_UDP>();
+    transport->setDeviceType(Utility_Manage::getDeviceType());
+    CoreLink::watch(*transport);
+    shared = transport;
+    return transport;
+}
+
+// Says with each send where it goes: the transport is not this link's alone.
+class UdpDeviceLink : public CoreLink
+{
+public:
+    UdpDeviceLink(const std::shared_ptr<core_UDP>& shared, LinkAddress::IpPort place,
+                  bool broadcast)
+        : CoreLink(
+              shared, FieldSet::TextBody, broadcast ? QString() : place.host.toString(),
+              [] { return QString(); },
+              [to = shared.get(), broadcast](const QByteArray& bytes) {
+                  broadcast ? to->sendUdpDataBroadcast(bytes) : to->sendUdpData(bytes);
+              }),
+          udp(shared.get()), host(place.host.toString()), port(place.port)
+    {
+    }
+
+    void send(const Command& command) override
+    {
+        udp->setDeviceIP(host);
+        udp->setPort(port);
+        CoreLink::send(command);
+    }
+
+private:
+    core_UDP* const udp;
+    const QString host;
+    const quint16 port;
+};
+
 class UdpTarget : public LinkTarget
 {
 public:
@@ -72,25 +124,7 @@ public:
             throw LinkDown(QString("%1: no way to %2: %3; is the network up?")
                                .arg(address.text, target.toString(), reason));
         }
-        const quint16 local = linktargets::localUdpPort();
-        if (!sockets::isFree(local)) {
-            throw LinkDown(QString("%1: replies come to local port %2, which %3 has; end it "
-                                   "first, or, for simulated devices only, run: unshare "
-                                   "-rn sh -c 'ip link set lo up; exec sh'")
-                               .arg(address.text)
-                               .arg(local)
-                               .arg(sockets::holder(local)));
-        }
-        auto core = std::make_unique<core_UDP>();
-        core->setDeviceIP(host);
-        core->setPort(device.port);
-        core->setDeviceType(Utility_Manage::getDeviceType());
-        const auto sendRaw = [to = core.get(), broadcast](const QByteArray& bytes) {
-            broadcast ? to->sendUdpDataBroadcast(bytes) : to->sendUdpData(bytes);
-        };
-        return std::make_unique<CoreLink>(
-            std::move(core), FieldSet::TextBody, broadcast ? QString() : host,
-            [] { return QString(); }, sendRaw);
+        return std::make_unique<UdpDeviceLink>(openTransport(address.text), device, broadcast);
     }
 
     std::unique_ptr<Simulation> simulate(const SimulatedDevice::Settings& settings) const override

@@ -25,7 +25,7 @@ constexpr qint64 watchedTimeMs = 2000;
 class UsbCoreLink : public CoreLink
 {
 public:
-    UsbCoreLink(std::unique_ptr<ICoreBase> line, const std::vector<HidNode>& nodes,
+    UsbCoreLink(std::shared_ptr<ICoreBase> line, const std::vector<HidNode>& nodes,
                 std::function<void(const QByteArray&)> sendRaw)
         : CoreLink(
               std::move(line), FieldSet::TextBody, QString(), [nodes] { return whyLost(nodes); },
@@ -107,6 +107,7 @@ public:
             throw LinkDown(QString("%1: %2").arg(address.text, obstacle()));
         }
         const auto sendRaw = [to = line.get()](const QByteArray& bytes) { to->sendUSBData(bytes); };
+        CoreLink::watch(*line);
         return std::make_unique<UsbCoreLink>(std::move(line), HidNode::with(vendorId, productId),
                                              sendRaw);
     }

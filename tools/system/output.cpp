@@ -93,14 +93,19 @@ void output::json(const QJsonObject& object)
     raw(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
 }
 
-void output::result(QJsonObject object, int code, const QString& wrong)
+QJsonObject output::ended(QJsonObject object, int code, const QString& wrong)
 {
     object.insert("ok", code == exitcode::success);
     object.insert("code", code);
     if (!wrong.isEmpty()) {
         object.insert("error", wrong);
     }
-    json(object);
+    return object;
+}
+
+void output::result(QJsonObject object, int code, const QString& wrong)
+{
+    json(ended(std::move(object), code, wrong));
 }
 
 void output::raw(const QByteArray& bytes)

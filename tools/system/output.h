@@ -20,6 +20,9 @@ bool lost();      ///< whether some of standard output could not be written
 void checkLoss(); ///< throws ToolError if so
 
 /// The object that ends an operation, with how it ended: "ok", "code" and, if it failed, "error".
+QJsonObject ended(QJsonObject object, int code = 0, const QString& wrong = {});
+
+/// The same to standard output.
 void result(QJsonObject object, int code = 0, const QString& wrong = {});
 
 /// From when this descriptor is readable, output that nobody takes within half a second is lost;

@@ -17,6 +17,9 @@ public:
 
     bool happened() const;
 
+    /// Readable from when a request came.
+    int readable() const { return descriptor; }
+
 private:
     int descriptor;
 };
