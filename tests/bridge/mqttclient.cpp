@@ -150,7 +150,7 @@ MqttClient::MqttClient(const Broker& broker, const Access& access)
     : connection(std::make_unique<Connection>(access))
 {
     mosquitto_connect_async(connection->client, broker.address().toUtf8().constData(),
-                            broker.port(), keepAlive);
+                            access.port != 0 ? access.port : broker.port(), keepAlive);
     mosquitto_loop_start(connection->client);
 }
 

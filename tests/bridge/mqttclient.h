@@ -37,6 +37,7 @@ public:
         QString password;
         QString authority; ///< TLS: the path of the authority's certificate
         Authority::Papers papers;
+        quint16 port = 0; ///< 0: the broker's own
     };
 
     struct Options {

@@ -4,6 +4,7 @@
 #include "brokertest.h"
 #include "eventually.h"
 #include "mqttclient.h"
+#include "mqtttap.h"
 
 namespace
 {
@@ -111,6 +112,43 @@ TEST_F(BrokerTest, letsInWhoHasACertificate)
         return broker.log().contains("certificate verify failed");
     })) << qPrintable(broker.log());
     EXPECT_FALSE(stranger.isConnected());
+}
+
+TEST_F(BrokerTest, isWatchedThroughATap)
+{
+    Broker broker;
+    ASSERT_TRUE(broker.start());
+    const MqttTap tap(broker);
+    MqttClient::Access access;
+    access.port = tap.port();
+    MqttClient client(broker, access);
+    ASSERT_TRUE(client.connects());
+    ASSERT_TRUE(client.subscribe("#"));
+    MqttClient::Options options;
+    options.responseTopic = "an/answer";
+    options.expiry = 60;
+    options.correlation = "one";
+    ASSERT_TRUE(client.publish("a", QByteArray(300, 'x'), options));
+    EXPECT_EQ(client.next("a").correlation, "one");
+    options.correlation = "two";
+    ASSERT_TRUE(client.publish("b", "last", options));
+    EXPECT_EQ(client.next("b").payload, "last");
+    EXPECT_TRUE(client.isAcknowledged());
+    EXPECT_TRUE(eventually([&tap] { return tap.commands().value("two").acknowledged == 1; }));
+    EXPECT_EQ(tap.connections(), 1);
+    for (const MqttTap::Passages& passages : {tap.answers(), tap.commands()}) {
+        EXPECT_EQ(passages.keys(), QList<QByteArray>({"one", "two"}));
+        EXPECT_EQ(passages.value("one").sent, 1);
+        EXPECT_EQ(passages.value("one").payload.size(), 300);
+        EXPECT_EQ(passages.value("two").sent, 1);
+        EXPECT_EQ(passages.value("two").repeated, 0);
+        EXPECT_EQ(passages.value("two").payload, "last");
+    }
+    broker.kill();
+    EXPECT_TRUE(client.disconnects());
+    ASSERT_TRUE(broker.start());
+    EXPECT_TRUE(client.connects());
+    EXPECT_GE(tap.connections(), 2);
 }
 
 } // namespace

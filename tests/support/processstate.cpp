@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "processstate.h"
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -10,9 +11,9 @@
 namespace
 {
 
-long statusField(const std::string& name)
+long statusField(const std::string& name, const std::string& process = "self")
 {
-    std::ifstream status("/proc/self/status");
+    std::ifstream status("/proc/" + process + "/status");
     std::string word;
     while (status >> word) {
         if (word == name) {
@@ -57,9 +58,24 @@ long processstate::residentKiB()
     return statusField("VmRSS:");
 }
 
+long processstate::residentKiB(long process)
+{
+    return statusField("VmRSS:", std::to_string(process));
+}
+
 double processstate::cpuSeconds()
 {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+double processstate::cpuSeconds(long process)
+{
+    clockid_t clock{};
+    timespec used{};
+    return clock_getcpuclockid(static_cast<pid_t>(process), &clock) == 0 &&
+                   clock_gettime(clock, &used) == 0
+               ? static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9
+               : -1;
 }

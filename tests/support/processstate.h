@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-/// What this process holds right now, from /proc.
+/// What this process, or the one with an id, holds right now, from /proc.
 namespace processstate
 {
 
@@ -11,5 +11,8 @@ int threads();
 int descriptors();   ///< number of open file descriptors
 long residentKiB();  ///< resident memory, KiB
 double cpuSeconds(); ///< processor time used so far by all threads, s
+
+long residentKiB(long process);
+double cpuSeconds(long process);
 
 } // namespace processstate
