@@ -345,8 +345,10 @@ StreamPeer::StreamPeer(Link itsLink, const QString& itsName, SoakHost& itsHost, 
              QByteArray block = make(number).block;
              const int at = random.below(static_cast<int>(block.size()));
              block[at] = block.at(at) == '.' ? ',' : '.';
+             const auto before = refusedBlocks();
              ledger.expect(number, isBinary() ? Fate::Bare : Fate::Never);
              put(make(number).head + block, true);
+             waitFor("a block to be refused", [&] { return refusedBlocks() != before; });
          }},
         {"noise", 30,
          [this] {

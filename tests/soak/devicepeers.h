@@ -108,6 +108,10 @@ private:
     void withholdBlock();
     bool isBinary() const { return kind == numberedreplies::Link::Vela; }
     quint64 givenUp() const { return counters->refusals(LinkEvent::Check::BlockMissing); }
+    quint64 refusedBlocks() const
+    {
+        return counters->refusals(LinkEvent::Check::BlockChecksum) + givenUp();
+    }
 };
 
 class SerialLinePeer final : public StreamPeer

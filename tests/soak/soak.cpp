@@ -41,7 +41,7 @@ constexpr int ticksPerCommand = 10;
 constexpr seconds sampleEvery{5};
 
 // What memory may differ from one rest to a later one: the heap's pieces are not the same ones.
-constexpr qint64 heapRoom = 512;      // KiB
+constexpr qint64 heapRoom = 1024;     // KiB
 constexpr qint64 residentRoom = 4096; // KiB
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
