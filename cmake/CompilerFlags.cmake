@@ -50,10 +50,14 @@ add_library(core_manage_executable INTERFACE)
 if(CORE_MANAGE_SANITIZE STREQUAL "thread")
     target_sources(core_manage_executable INTERFACE "${CMAKE_CURRENT_LIST_DIR}/threadsuppressions.cpp")
 endif()
+# Of the library in a coverage build; everything is linked with what counts. Several threads count.
+add_library(core_manage_counted INTERFACE)
 if(CORE_MANAGE_COVERAGE)
-    target_compile_options(core_manage_flags INTERFACE --coverage)
+    target_compile_options(core_manage_counted INTERFACE
+        --coverage -fprofile-update=atomic "SHELL:-O0 -U_FORTIFY_SOURCE")
     target_link_options(core_manage_flags INTERFACE --coverage)
-elseif(NOT CORE_MANAGE_SANITIZE)
+endif()
+if(NOT CORE_MANAGE_SANITIZE)
     # What is handed on names no directory of the machine that built it; gdb finds the sources when
     # it is started in the source directory. A compiler cache gives the compiler relative paths.
     file(RELATIVE_PATH source_from_build "${CMAKE_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")

@@ -9,7 +9,7 @@ set_target_properties(core_manage_objects PROPERTIES AUTOMOC ON)
 target_include_directories(core_manage_objects PUBLIC "${PROJECT_SOURCE_DIR}/host")
 target_link_libraries(core_manage_objects
     PUBLIC Qt::Core Qt::Network Qt::SerialPort Threads::Threads
-    PRIVATE core_manage_flags PkgConfig::Hidapi)
+    PRIVATE core_manage_flags core_manage_counted PkgConfig::Hidapi)
 
 add_library(Core_Manage SHARED)
 add_library(Core_Manage::Core_Manage ALIAS Core_Manage)

@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: MIT
+#include "udpsocket.h"
+
+#include "tests/support/eventually.h"
+#include "tests/support/netns.h"
+
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <net/if.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+
+namespace
+{
+
+constexpr quint16 senderPort = 5104;
+constexpr quint16 receiverPort = 6000;
+
+struct Received {
+    QByteArray bytes;
+    QHostAddress from;
+    quint16 port = 0;
+};
+
+// What arrives next; nothing has been read if there is no sender.
+Received next(UdpSocket& socket)
+{
+    Received received;
+    (void)eventually([&] { return socket.read(received.bytes, received.from, received.port); });
+    return received;
+}
+
+// As a system without IPv6 answers, for the rest of the process.
+bool refuseIpv6()
+{
+    constexpr auto number = static_cast<__u32>(offsetof(seccomp_data, nr));
+    constexpr auto family = static_cast<__u32>(offsetof(seccomp_data, args));
+    std::array<sock_filter, 6> rules{{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, number),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, family),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_INET6, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog program{static_cast<unsigned short>(rules.size()), rules.data()};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0 &&
+           ::socket(AF_INET6, SOCK_DGRAM, 0) < 0 && errno == EAFNOSUPPORT;
+}
+
+} // namespace
+
+TEST(UdpSocket, ASystemWithoutIpv6SendsAndReceivesIpv4)
+{
+    if (!refuseIpv6()) {
+        GTEST_SKIP() << "system calls cannot be filtered here";
+    }
+    UdpSocket sender;
+    UdpSocket receiver;
+    ASSERT_TRUE(sender.open(senderPort));
+    ASSERT_TRUE(receiver.open(receiverPort));
+
+    EXPECT_EQ(sender.write("bytes", 5, QHostAddress(QHostAddress::LocalHost), receiverPort), 5);
+    const Received received = next(receiver);
+    EXPECT_EQ(received.bytes, QByteArray("bytes"));
+    EXPECT_EQ(received.from, QHostAddress(QHostAddress::LocalHost));
+    EXPECT_EQ(received.from.protocol(), QAbstractSocket::IPv4Protocol);
+    EXPECT_EQ(received.port, senderPort);
+
+    EXPECT_EQ(sender.write("bytes", 5, QHostAddress(QHostAddress::LocalHostIPv6), receiverPort),
+              -1);
+}
+
+// A link-local address means nothing without its interface.
+TEST(UdpSocket, TheInterfaceOfALinkLocalAddressIsKept)
+{
+    if (!netns::isolated()) {
+        GTEST_SKIP() << "needs the right to make a network namespace (root or user namespaces)";
+    }
+    ASSERT_TRUE(netns::run("ip link add host0 type veth peer name device0 && "
+                           "ip link set host0 up && ip link set device0 up"));
+    if (!netns::run("ip -6 addr add fe80::1/64 dev host0 nodad && "
+                    "ip -6 addr add fe80::1/64 dev device0 nodad")) {
+        GTEST_SKIP() << "IPv6 is missing";
+    }
+    UdpSocket sender;
+    UdpSocket receiver;
+    ASSERT_TRUE(sender.open(senderPort));
+    ASSERT_TRUE(receiver.open(receiverPort));
+
+    const struct {
+        QString scope;
+        QString interface;
+    } cases[] = {{"host0", "host0"},
+                 {"device0", "device0"},
+                 {QString::number(if_nametoindex("host0")), "host0"},
+                 {QString::number(if_nametoindex("device0")), "device0"}};
+    for (const auto& c : cases) {
+        QHostAddress address(QStringLiteral("fe80::1"));
+        address.setScopeId(c.scope);
+        EXPECT_EQ(sender.write("bytes", 5, address, receiverPort), 5) << c.scope.toStdString();
+        const Received received = next(receiver);
+        EXPECT_EQ(received.bytes, QByteArray("bytes"));
+        EXPECT_EQ(received.from.scopeId(), c.interface);
+        EXPECT_EQ(received.port, senderPort);
+    }
+}
