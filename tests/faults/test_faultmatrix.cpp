@@ -120,7 +120,7 @@ protected:
             return udp->difference(datagrams);
         }
         for (const Line line : linesOf(GetParam().link)) {
-            const QString difference = replystreamcomparison::difference(line, arrivals);
+            QString difference = replystreamcomparison::difference(line, arrivals);
             if (!difference.isEmpty()) {
                 return difference;
             }

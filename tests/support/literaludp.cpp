@@ -20,9 +20,10 @@ void LiteralUdp::receive(const QByteArray& datagram, const QString& sender)
         (record.CMD == 0x8B && record.DAT1 == 0x05) ||
         (record.CMD == 0x8B && record.DAT1 == 0x09) ||
         (record.CMD == 0x8E && record.DAT1 == 0x27) || (record.CMD == 0x69 && record.DAT1 == 0x09);
-    if (record.CMD == 0x79 && (record.DAT1 == 0x09 || record.DAT1 == 0x0C)) {
-        addToReceivedQueue(record);
-    } else if (record.CMD == 0xF1 && record.DAT1 == 0x40 && record.DAT3 == 0 && record.DAT4 == 0) {
+    const bool isCompleteInOneDatagram =
+        (record.CMD == 0x79 && (record.DAT1 == 0x09 || record.DAT1 == 0x0C)) ||
+        (record.CMD == 0xF1 && record.DAT1 == 0x40 && record.DAT3 == 0 && record.DAT4 == 0);
+    if (isCompleteInOneDatagram) {
         addToReceivedQueue(record);
     } else if (isOneOfThoseWithABlock) {
         stdCMD = datagram;
@@ -67,13 +68,11 @@ void LiteralUdp::combineSTDCMDandBloackCMD(QByteArray arrayreceived, QByteArray 
     record.bKeyFlag = 0;
     record.featureCode = deviceType;
     int fixedLength = 0;
-    if (record.CMD == 0x77 && record.DAT1 == 0x23) {
-        fixedLength = 129;
-    } else if (record.CMD == 0x8B && record.DAT1 == 0x05) {
+    if (record.CMD == 0x8B && record.DAT1 == 0x05) {
         fixedLength = 145;
-    } else if (record.CMD == 0x8B && record.DAT1 == 0x09) {
-        fixedLength = 129;
-    } else if (record.CMD == 0x69 && record.DAT1 == 0x09) {
+    } else if ((record.CMD == 0x8B && record.DAT1 == 0x09) ||
+               (record.CMD == 0x77 && record.DAT1 == 0x23) ||
+               (record.CMD == 0x69 && record.DAT1 == 0x09)) {
         fixedLength = 129;
     }
     if (fixedLength != 0) {

@@ -7,8 +7,8 @@
 #include "hostqueue.h"
 #include "literalreplystream.h"
 #include "messagecapture.h"
-#include "outcome.h"
 #include "replyformat.h"
+#include "replyoutcome.h"
 #include "utility_manage.h"
 #include "vela_core_serialport.h"
 
@@ -108,9 +108,9 @@ private:
     Feed& feed;
 };
 
-Outcome collect(const Feed& feed, const QByteArray& remaining, const MessageCapture& capture)
+ReplyOutcome collect(const Feed& feed, const QByteArray& remaining, const MessageCapture& capture)
 {
-    Outcome outcome;
+    ReplyOutcome outcome;
     outcome.flags = hostqueue::flag() ? "1" : "0";
     const auto records = hostqueue::records();
     outcome.records.assign(records.begin(), records.end());
@@ -122,7 +122,7 @@ Outcome collect(const Feed& feed, const QByteArray& remaining, const MessageCapt
     return outcome;
 }
 
-Outcome runOurs(const ReplyFormat& format, Feed& feed)
+ReplyOutcome runOurs(const ReplyFormat& format, Feed& feed)
 {
     const MessageCapture capture;
     const auto stream = std::make_shared<FedStream>(feed, format.interval);
@@ -133,7 +133,7 @@ Outcome runOurs(const ReplyFormat& format, Feed& feed)
     return collect(feed, stream->received.peek(stream->received.size()), capture);
 }
 
-Outcome runLiteral(LiteralReplyStream& stream, Feed& feed)
+ReplyOutcome runLiteral(LiteralReplyStream& stream, Feed& feed)
 {
     const MessageCapture capture;
     stream.deviceType = deviceType;
@@ -180,7 +180,7 @@ QString replystreamcomparison::difference(Line line, const std::vector<Arrival>&
     hostqueue::clear();
     Feed ourFeed(arrivals);
     Feed literalFeed(arrivals);
-    const Outcome was = runOurs(ours(line), ourFeed);
+    const ReplyOutcome was = runOurs(ours(line), ourFeed);
     return was.difference(runLiteral(*literal(line, literalFeed), literalFeed));
 }
 

@@ -7,7 +7,7 @@
 #include "linkobserver.h"
 #include "literaludp.h"
 #include "messagecapture.h"
-#include "outcome.h"
+#include "replyoutcome.h"
 #include "utility_manage.h"
 
 #include <QFile>
@@ -63,7 +63,7 @@ UdpComparison::~UdpComparison() = default;
 
 QString UdpComparison::difference(const QVector<QByteArray>& datagrams)
 {
-    Outcome expected;
+    ReplyOutcome expected;
     LiteralUdp literal;
     literal.deviceType = deviceType;
     const QVector<QByteArray> all = datagrams + QVector<QByteArray>(2, "x");
@@ -83,7 +83,7 @@ QString UdpComparison::difference(const QVector<QByteArray>& datagrams)
     QFile::remove(log);
     Utility_Manage::setLogFile(log, logBytes);
     hostqueue::clear();
-    Outcome was;
+    ReplyOutcome was;
     const MessageCapture capture;
     for (const QByteArray& datagram : all) {
         hostqueue::setFlag(false);

@@ -10,7 +10,7 @@
 #include <deque>
 
 /// What the library, or its literal version, has made of some bytes.
-struct Outcome {
+struct ReplyOutcome {
     std::deque<model_Protocoldata> records;
     QByteArray flags;     ///< '1' where the host's flag was up
     QByteArray remaining; ///< bytes that are still in the buffer
@@ -20,7 +20,7 @@ struct Outcome {
     QStringList log;   ///< of the host's
 
     /// How this differs from what was expected; empty if they agree.
-    QString difference(const Outcome& expected) const
+    QString difference(const ReplyOutcome& expected) const
     {
         const auto differs = [](const char* what, const auto& is, const auto& wanted) {
             return QStringLiteral("%1: \"%2\", expected \"%3\"")
