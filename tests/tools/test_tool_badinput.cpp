@@ -48,14 +48,14 @@ INSTANTIATE_TEST_SUITE_P(
     Tool, BadInput,
     ::testing::Values(
         Case{"", "subcommand: invalid value \"\" (expected demo, send, listen, capture, replay, "
-                 "simulate, doctor, ports, "
+                 "simulate, bridge, doctor, ports, "
                  "devices, encode, decode)"},
         Case{"frob", "subcommand: invalid value \"frob\" (expected demo, send, listen, capture, "
-                     "replay, simulate, doctor, "
+                     "replay, simulate, bridge, doctor, "
                      "ports, devices, encode, decode)"},
         Case{"--frob",
              "subcommand: invalid value \"--frob\" (expected demo, send, listen, capture, replay, "
-             "simulate, doctor, ports, devices, encode, decode)"},
+             "simulate, bridge, doctor, ports, devices, encode, decode)"},
         Case{"sned %1 --cmd 1", "there is no subcommand \"sned\" (did you mean send?): see "
                                 "coremanage --help"},
         Case{"send %1 --cmd 1 --raw 00", "--raw: it has all that is sent: leave the fields out"},

@@ -105,8 +105,8 @@ void commandline::build(CLI::App& application, int& code)
     application.require_subcommand(1);
     for (const auto add :
          {commands::addDemo, commands::addSend, commands::addListen, commands::addCapture,
-          commands::addReplay, commands::addSimulate, commands::addDoctor, commands::addPorts,
-          commands::addDevices, commands::addEncode, commands::addDecode}) {
+          commands::addReplay, commands::addSimulate, commands::addBridge, commands::addDoctor,
+          commands::addPorts, commands::addDevices, commands::addEncode, commands::addDecode}) {
         add(application, code);
     }
     application.footer("coremanage SUBCOMMAND --help says more, with examples.\n"

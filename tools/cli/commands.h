@@ -31,6 +31,7 @@ void addListen(CLI::App& application, int& code);
 void addCapture(CLI::App& application, int& code);
 void addReplay(CLI::App& application, int& code);
 void addSimulate(CLI::App& application, int& code);
+void addBridge(CLI::App& application, int& code);
 void addDoctor(CLI::App& application, int& code);
 void addPorts(CLI::App& application, int& code);
 void addDevices(CLI::App& application, int& code);
