@@ -96,3 +96,24 @@ TEST(HandOverThread, RefusedItsThreadItAsksAgainWithTheNextItem)
     ASSERT_TRUE(eventually([] { return countHandedOn() == 2; }));
     EXPECT_EQ(handedOn, (std::vector<int>{0, 1}));
 }
+
+TEST(HandOverThread, HoweverOftenItIsRefusedItAsksAgain)
+{
+    constexpr int items = 5;
+    mayHandOn = items;
+    handedOn.clear();
+    static auto* const refused = new HandOverThread<int>(hold);
+    {
+        const ThreadRefusal refusal;
+        for (int item = 0; item < items - 1; ++item) {
+            refused->put(item);
+            EXPECT_EQ(ThreadRefusal::refused(), 2 * item + 1);
+            EXPECT_FALSE(refused->start());
+            EXPECT_EQ(ThreadRefusal::refused(), 2 * item + 2);
+        }
+    }
+    EXPECT_EQ(refused->size(), std::size_t{items - 1});
+    refused->put(items - 1);
+    ASSERT_TRUE(eventually([] { return countHandedOn() == items; }));
+    EXPECT_EQ(handedOn, (std::vector<int>{0, 1, 2, 3, 4}));
+}

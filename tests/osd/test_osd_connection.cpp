@@ -6,12 +6,18 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "tcplistener.h"
 
 #include <gtest/gtest.h>
 
 #include <QTcpServer>
 
 #include <thread>
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace
 {
@@ -98,6 +104,28 @@ TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
     EXPECT_TRUE(endpoint.received.peek(0x7fffffff).endsWith(more));
 }
 
+// A write that waits notices the reset first, not a read.
+TEST_F(OsdConnecting, AResetLosesNothingThatIsHeldBackThoughAWriteIsStuck)
+{
+    const TcpListener listener{1};
+    endpoint.setAddress({QStringLiteral("127.0.0.1"), listener.port()});
+    connection->begin();
+    const int server = listener.accept();
+    ASSERT_EQ(::send(server, ".", 1, MSG_NOSIGNAL), 1);
+    ASSERT_TRUE(eventually([&] { return endpoint.received.size() == 1; }));
+    connection->take(osdhost::command(QStringLiteral("127.0.0.1"), 'm', QByteArray(64 << 20, 'm')));
+    endpoint.received.append(QByteArray("OKw").repeated(6 * 1024 * 1024));
+    const QByteArray more(4096, 'm');
+    ASSERT_EQ(::send(server, more.constData(), 4096, MSG_NOSIGNAL), 4096);
+    ASSERT_TRUE(eventually([server] { // acknowledged: this side has it
+        int underWay = 1;
+        return ioctl(server, SIOCOUTQ, &underWay) == 0 && underWay == 0;
+    }));
+    ::close(server); // with commands unread
+    EXPECT_TRUE(eventually([&] { return !endpoint.token.isSet(); }));
+    EXPECT_TRUE(endpoint.received.peek(0x7fffffff).endsWith(more));
+}
+
 // Closing a socket with something unread in it resets the connection: what is on its way is lost.
 TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 {
@@ -149,4 +177,28 @@ TEST_F(OsdConnecting, AcknowledgementsPassWhileAWriteIsStuck)
     simulated->setFault(Fault::Drop, always);
     simulated->setFault(Fault::NeverRead, {});
     EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == (64 << 20) + 8; }));
+}
+
+// A pass that looked at too few bytes would drop an "O" that the rest follows.
+TEST(OsdParserLoop, FindsAnAcknowledgementThatIsSplitBehindAStrayByte)
+{
+    const QByteArray stream = "xOK1";
+    for (int cut = 1; cut < stream.size(); ++cut) {
+        const std::size_t before = osdhost::size();
+        OsdEndpoint endpoint;
+        endpoint.token.set(true);
+        int pass = 0;
+        endpoint.deal([&] {
+            ++pass;
+            if (pass == 1) {
+                endpoint.received.append(stream.left(cut));
+            } else if (pass == 4) {
+                endpoint.received.append(stream.mid(cut));
+            }
+            endpoint.token.set(pass < 8);
+        });
+        EXPECT_EQ(endpoint.received.size(), 0);
+        EXPECT_TRUE(eventually([before] { return osdhost::size() == before + 1; })) << cut;
+        EXPECT_EQ(osdhost::records().back().arryData, QByteArray("OK1"));
+    }
 }

@@ -510,6 +510,16 @@ TEST_F(OsdLife, EveryStopEmitsCloseSocket)
     socket.onError(QAbstractSocket::NetworkError);
     EXPECT_EQ(emitted, 5);
     EXPECT_TRUE(eventually([&] { return ended(); }));
+    EXPECT_EQ(emitted, 5); // the loss before the restart has been told
+}
+
+TEST_F(OsdLife, AThreadThatTheHostEndsEndsTheConnection)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    socket.thread()->quit();
+    EXPECT_TRUE(eventually([&] { return ended() && endpoint.connected() == 0; }));
+    connectAndAnswer(socket, 'b');
 }
 
 TEST_F(OsdLife, ALossIsToldOnTheWorkerAfterThePause)

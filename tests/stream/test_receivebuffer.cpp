@@ -3,6 +3,7 @@
 #include "receivebuffer.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <rapidcheck/gtest.h>
 
 #include <algorithm>
@@ -116,6 +117,29 @@ TEST(ReceiveBuffer, AFullBufferTakesLittleMoreThanItsBytes)
     }
     EXPECT_EQ(buffer.size(), ReceiveBuffer::limit);
     EXPECT_LT(processstate::residentKiB() - before, 24 * 1024);
+}
+
+TEST(ReceiveBuffer, NothingOfAFloodIsKept)
+{
+    const auto allocated = [] {
+        const auto info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    using Empty = void (*)(ReceiveBuffer&);
+    const Empty all[] = {[](ReceiveBuffer& buffer) { buffer.clear(); },
+                         [](ReceiveBuffer& buffer) { buffer.discard(buffer.size()); },
+                         [](ReceiveBuffer& buffer) { buffer.take(buffer.size()); }};
+    for (const Empty empty : all) {
+        const std::size_t before = allocated();
+        ReceiveBuffer buffer;
+        const QByteArray chunk(4096, 'y');
+        while (!buffer.isFull()) {
+            buffer.append(chunk);
+        }
+        EXPECT_GT(allocated() - before, std::size_t{ReceiveBuffer::limit});
+        empty(buffer);
+        EXPECT_LT(allocated() - before, std::size_t{64} * 1024);
+    }
 }
 #endif
 

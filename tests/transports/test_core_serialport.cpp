@@ -100,6 +100,26 @@ TEST_F(CoreSerialPortTest, SettingsReachTheLine)
     EXPECT_EQ(port.dataBits(), QSerialPort::Data7);
 }
 
+// 9600 is also what a port has that nobody told anything.
+TEST_F(CoreSerialPortTest, EverySpeedReachesTheLineInBothDirections)
+{
+    const struct {
+        QSerialPort::BaudRate asked;
+        speed_t set;
+    } speeds[] = {{QSerialPort::Baud1200, B1200},
+                  {QSerialPort::Baud115200, B115200},
+                  {QSerialPort::Baud9600, B9600},
+                  {QSerialPort::Baud38400, B38400}};
+    for (const auto& speed : speeds) {
+        ASSERT_TRUE(link.line.openSerialPort(link.peer.portName(), speed.asked,
+                                             QSerialPort::OneStop, QSerialPort::NoParity,
+                                             QSerialPort::NoFlowControl, QSerialPort::Data8));
+        const termios set = link.peer.settings();
+        EXPECT_EQ(cfgetispeed(&set), speed.set);
+        EXPECT_EQ(cfgetospeed(&set), speed.set);
+    }
+}
+
 TEST_F(CoreSerialPortTest, SendingLogsTheFrame)
 {
     ASSERT_TRUE(link.open());

@@ -183,6 +183,44 @@ TEST_F(CoreUdpIndependence, AFailedJoinRaisesTheFlagAlthoughTheHostHoldsItsQueue
     EXPECT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
 }
 
+namespace
+{
+
+// What has happened when a failure's debug line comes.
+std::atomic<int> failureLines{0};
+std::atomic<bool> flagWasUp{false};
+std::atomic<bool> wasLogged{false};
+
+void noteFailure(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& text)
+{
+    if (text == orphanBlock) {
+        flagWasUp = hostqueue::flag();
+        wasLogged = linesUnderWay > 0 || hostqueue::countLog(orphanBlock) > failureLines;
+        ++failureLines;
+    }
+}
+
+} // namespace
+
+TEST_F(CoreUdpIndependence, AFailedJoinRaisesTheFlagThenWritesTheLineThenTheLog)
+{
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+    const auto before = qInstallMessageHandler(noteFailure);
+    transport.combineSTDCMDandBloackCMD("block", QByteArray());
+    EXPECT_EQ(failureLines, 1);
+    EXPECT_TRUE(flagWasUp);
+    EXPECT_FALSE(wasLogged);
+    EXPECT_EQ(hostqueue::countLog(orphanBlock), 1);
+
+    hostqueue::setFlag(false);
+    peer.send("undecodable");
+    EXPECT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) == 2; }));
+    EXPECT_EQ(failureLines, 2);
+    EXPECT_TRUE(hostqueue::flag());
+    EXPECT_FALSE(wasLogged);
+    qInstallMessageHandler(before);
+}
+
 TEST_F(CoreUdpIndependence, AFloodTakesNoFurtherThreadAndRefusedOnesLoseNothing)
 {
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "udplink.h"
 
+#include "processstate.h"
 #include "udppeer.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <set>
 #include <thread>
@@ -89,6 +91,10 @@ TEST(SendInPieces, AFailedOrShortPieceIsFollowedByOneLastWriteFromTheSum)
     EXPECT_EQ(second.pieces[2], frame.mid(539, 760));
     EXPECT_EQ(second.sum, 540 - 1 + 760);
 
+    const Sent last = sendWith(frame, {540, 540, -1});
+    EXPECT_EQ(last.pieces.size(), 3U);
+    EXPECT_EQ(last.sum, 1079);
+
     const Sent shorter = sendWith(frame, {100});
     ASSERT_EQ(shorter.pieces.size(), 2U);
     EXPECT_EQ(shorter.pieces[1], frame.mid(100, 1300));
@@ -98,6 +104,23 @@ TEST(SendInPieces, AFailedOrShortPieceIsFollowedByOneLastWriteFromTheSum)
     EXPECT_EQ(negative.pieces[1], frame.mid(-1299, 1300));
     const Sent beyond = sendWith(frame, {-5000, 0});
     EXPECT_EQ(beyond.pieces[1].size(), frame.mid(-5000, 1300).size());
+}
+
+TEST(SendInPieces, NothingFollowsAFailedLastPieceThoughItIsAWholeOne)
+{
+    for (const int count : {1, 2, 3}) {
+        const QByteArray frame = numbered(540 * count);
+        std::vector<qint64> results(static_cast<std::size_t>(count), 540);
+        results.back() = -1;
+        const Sent sent = sendWith(frame, results);
+        EXPECT_EQ(sent.pieces.size(), results.size());
+        EXPECT_EQ(sent.sum, 540 * (count - 1) - 1);
+    }
+    const QByteArray frame = numbered(1080);
+    const Sent first = sendWith(frame, {-1});
+    ASSERT_EQ(first.pieces.size(), 2U);
+    EXPECT_EQ(first.pieces[1], frame.mid(-1, 1080));
+    EXPECT_EQ(first.sum, 1078);
 }
 
 TEST(ClassifySent, InTheOrderOfTheTable)
@@ -122,6 +145,87 @@ TEST(UdpSocket, NullAddressOrNoSocketFailsEveryWrite)
     EXPECT_EQ(socket.write("x", 1, QHostAddress(), 9), -1);
     socket.close();
     EXPECT_EQ(socket.write("x", 1, here, 9), -1);
+}
+
+TEST(UdpSocket, AClosedOneWritesToNoSocketThatTakesItsNumber)
+{
+    const UdpPeer peer;
+    const QHostAddress here(QHostAddress::LocalHost);
+    UdpSocket closed;
+    ASSERT_TRUE(closed.open(0));
+    closed.close();
+    UdpSocket next;
+    ASSERT_TRUE(next.open(0));
+    EXPECT_FALSE(closed.isOpen());
+    EXPECT_EQ(closed.readable(), -1);
+    EXPECT_EQ(closed.write("x", 1, here, peer.port()), -1);
+    EXPECT_FALSE(peer.hasDatagram());
+    closed.close();
+    EXPECT_EQ(next.write("y", 1, here, peer.port()), 1);
+    EXPECT_TRUE(peer.hasDatagram());
+}
+
+namespace
+{
+
+// Does something between the datagrams of a frame.
+class Between : public LinkObserver
+{
+public:
+    explicit Between(std::function<void()> what) : act(std::move(what)) {}
+    void onEvent(const LinkEvent& event) override
+    {
+        if (event.kind == LinkEvent::Kind::Sent) {
+            act();
+        }
+    }
+
+private:
+    const std::function<void()> act;
+};
+
+} // namespace
+
+TEST(UdpLink, AFrameGoesToTheDeviceThatItWasBegunFor)
+{
+    UdpPeer first;
+    UdpPeer second;
+    const auto tap = std::make_shared<LinkTap>();
+    const auto link = std::make_shared<UdpLink>(tap);
+    link->setDeviceIP(QStringLiteral("127.0.0.1"));
+    link->rebuild(0, first.port());
+    const auto change = std::make_shared<Between>([&] { link->rebuild(0, second.port()); });
+    tap->add(change);
+    const QByteArray frame = numbered(1300);
+    EXPECT_EQ(link->sendUnicast(frame), SendOutcome::Successful);
+    tap->remove(change);
+    QByteArray whole;
+    for (int piece = 0; piece < 3; ++piece) {
+        whole += first.receive().bytes;
+    }
+    EXPECT_EQ(whole, frame);
+    EXPECT_FALSE(second.hasDatagram());
+    EXPECT_EQ(link->sendUnicast("next"), SendOutcome::Successful);
+    EXPECT_EQ(second.receive().bytes, QByteArray("next"));
+    link->close();
+}
+
+TEST(UdpLink, GivenUpInTheMiddleOfAFrameItOpensNoSocketAgain)
+{
+    UdpPeer peer;
+    const auto tap = std::make_shared<LinkTap>();
+    const auto link = std::make_shared<UdpLink>(tap);
+    link->setDeviceIP(QStringLiteral("127.0.0.1"));
+    link->rebuild(0, peer.port());
+    const auto giveUp = std::make_shared<Between>([&] { link->close(); });
+    tap->add(giveUp);
+    const int descriptors = processstate::descriptors();
+    EXPECT_EQ(link->sendUnicast(numbered(1300)), SendOutcome::Unknown);
+    tap->remove(giveUp);
+    EXPECT_EQ(processstate::descriptors(), descriptors - 1);
+    EXPECT_EQ(peer.receive().bytes.size(), 540);
+    EXPECT_FALSE(peer.hasDatagram());
+    EXPECT_EQ(link->readable(), -1);
 }
 
 TEST(UdpLink, SendsBesideRebuildsAllArrive)
