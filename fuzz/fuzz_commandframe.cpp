@@ -1,25 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The decoders against their literal versions, and the join of any reply with any block.
-#include "blockjoin.h"
+// The decoders and the encoders against their literal versions.
 #include "commandframe.h"
 #include "literalframe.h"
 #include "recordequality.h"
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-
-namespace
-{
-
-void require(bool condition)
-{
-    if (!condition) {
-        std::abort();
-    }
-}
-
-} // namespace
+#include "require.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
@@ -28,20 +12,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     model_Protocoldata expected;
     model_Protocoldata decoded;
     require(literalframe::getArrayData(input, &expected) ==
-            commandframe::decodeText(input, decoded));
+                commandframe::decodeText(input, decoded),
+            "both decode a text reply, or none");
     if (commandframe::decodeText(input, decoded)) {
-        require(sameRecord(expected, decoded));
+        require(sameRecord(expected, decoded), "the same record");
     }
 
     model_Protocoldata expectedBinary;
     model_Protocoldata binary;
     const bool valid = literalframe::decodeBinary(input, &expectedBinary);
-    require(valid == commandframe::decodeBinary(input, binary));
-    require(!valid || sameRecord(expectedBinary, binary));
+    require(valid == commandframe::decodeBinary(input, binary),
+            "both decode a binary reply, or none");
+    require(!valid || sameRecord(expectedBinary, binary), "the same head");
 
-    const auto joined = blockjoin::join(decoded, input);
-    require(joined.record.arryDatablock.size() <= input.size());
     decoded.arryDatablock = input;
-    require(commandframe::encodeText(decoded) == literalframe::produceCmds(decoded));
+    require(commandframe::encodeText(decoded) == literalframe::produceCmds(decoded),
+            "the same text frame");
+    binary.arryDatablock = input;
+    binary.aux1 = binary.aux2;
+    require(commandframe::encodeBinary(binary) == literalframe::produceBinary(binary),
+            "the same binary frame");
     return 0;
 }
