@@ -6,10 +6,16 @@
 #include <QString>
 
 /// The category of every debug line: Qt's "default". Used as qCDebug(debugLine) << ..., which
-/// evaluates nothing behind it while the category is switched off.
+/// evaluates nothing behind it while the category is switched off, as it is once Qt has destroyed
+/// its categories at the end of the process.
 inline const QLoggingCategory& debugLine()
 {
-    return *QLoggingCategory::defaultCategory();
+    const QLoggingCategory* const category = QLoggingCategory::defaultCategory();
+    if (category != nullptr) {
+        return *category;
+    }
+    static const auto* const off = new QLoggingCategory("off", QtFatalMsg);
+    return *off;
 }
 
 /// Makes the static objects of Qt that a debug line uses, so that a static object of the library

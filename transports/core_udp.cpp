@@ -8,6 +8,7 @@
 #include "devicetypes.h"
 #include "fixedlocalport.h"
 #include "linktap.h"
+#include "processend.h"
 #include "replykinds.h"
 #include "replyqueue.h"
 #include "udplink.h"
@@ -267,7 +268,8 @@ void core_UDP::sendUdpDataBroadcast(QByteArray data)
 
 void core_UDP::readPendingDatagrams()
 {
-    while (readNext()) {
+    const processend::Call call;
+    while (call && readNext()) {
     }
 }
 
@@ -278,6 +280,11 @@ void core_UDP::onReadable()
     if (UdpLink::isBehind() || replyqueue::isFull()) {
         readable->setEnabled(false);
         QTimer::singleShot(heldBackMs, this, &core_UDP::listen);
+        return;
+    }
+    const processend::Call call;
+    if (!call) {
+        readable->setEnabled(false);
         return;
     }
     QElapsedTimer slice;

@@ -3,6 +3,7 @@
 
 #include "debugline.h"
 #include "linktap.h"
+#include "processend.h"
 #include "replystream.h"
 #include "sendreport.h"
 
@@ -260,7 +261,8 @@ void SerialLine::closeLost(QSerialPort::SerialPortError error)
 // Of a line that has hung up no more can come than the system holds already.
 void SerialLine::receive()
 {
-    while (serialPort.bytesAvailable() > 0) {
+    const processend::Call call;
+    while (call && serialPort.bytesAvailable() > 0) {
         if (bBaseFlag && stream()->received.isFull() && !hasHungUp(serialPort.handle())) {
             lookAgain.start();
             return;

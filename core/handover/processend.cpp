@@ -17,10 +17,11 @@ constexpr int looks = 200;
 std::atomic<int> present{0};
 std::atomic<bool> ending{false};
 std::atomic<bool> ended{false};
+thread_local int ownCalls = 0; // of those present, this thread's
 
 void waitForThreads()
 {
-    for (int look = 0; look < looks && present != 0; ++look) {
+    for (int look = 0; look < looks && present > ownCalls; ++look) {
         std::this_thread::sleep_for(lookPause);
     }
 }
@@ -69,4 +70,18 @@ processend::Presence::Presence(const Presence& /*other*/) noexcept : Presence() 
 processend::Presence::~Presence()
 {
     --present;
+}
+
+// Present before it looks: either it sees the end, or the end sees it.
+processend::Call::Call() noexcept
+{
+    ++ownCalls;
+    ++present;
+    isInTime = !ended;
+}
+
+processend::Call::~Call()
+{
+    --present;
+    --ownCalls;
 }

@@ -29,4 +29,21 @@ public:
     Presence& operator=(const Presence&) = delete;
 };
 
+/// What a thread of the host's does for the library, on the stack: the end of the process waits for
+/// it as for a thread of the library's, but not for the thread that ends the process.
+class Call
+{
+public:
+    Call() noexcept;
+    ~Call();
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    /// Whether the host and Qt may be touched, until the object goes.
+    explicit operator bool() const { return isInTime; }
+
+private:
+    bool isInTime;
+};
+
 } // namespace processend

@@ -137,8 +137,12 @@ void tellBehind(model_Protocoldata&& record, const LinkTap& tap, HandOn&& handOn
 
 void appendAndRaise(model_Protocoldata&& record)
 {
+    const processend::Call call;
+    if (!call) {
+        return;
+    }
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
-    if (processend::over()) {
+    if (processend::over()) { // the host has kept it for long
         return;
     }
     biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
@@ -147,6 +151,10 @@ void appendAndRaise(model_Protocoldata&& record)
 
 void appendOrPut(model_Protocoldata&& record)
 {
+    const processend::Call call;
+    if (!call) {
+        return;
+    }
     const auto append = [&record] {
         biz_CMDSWork::receivequeueHexCmd.push_back(std::move(record));
     };
@@ -187,7 +195,8 @@ void replyqueue::setRetFlag(bool on)
 
 void replyqueue::raiseRetFlag()
 {
-    if (!raisedAtOnce() && !raiseWanted.exchange(true)) {
+    const processend::Call call;
+    if (call && !raisedAtOnce() && !raiseWanted.exchange(true)) {
         deliveries().put(std::nullopt);
     }
 }
