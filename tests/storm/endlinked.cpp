@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: MIT
+#include "endstage.h"
+
+int main(int argc, char** argv)
+{
+    return endstage(argc, argv);
+}
