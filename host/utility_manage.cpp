@@ -26,7 +26,10 @@ struct Log {
     std::mutex lock;
     std::shared_ptr<spdlog::logger> logger;
     QString path;
+    qint64 maxBytes = Utility_Manage::defaultMaxBytes;
+    int maxFiles = Utility_Manage::defaultMaxFiles;
     bool failureReported = false;
+    bool isBroken = false; // to be opened again, with the next line
 };
 
 // Never destroyed: a link's thread may still log while the process ends.
@@ -56,6 +59,7 @@ std::shared_ptr<spdlog::logger> openLogger(const QString& path, qint64 maxBytes,
     logger->set_error_handler([](const std::string& reason) {
         const std::lock_guard lock(log().lock);
         reportOnce(log(), reason);
+        log().isBroken = true;
     });
     return logger;
 }
@@ -64,14 +68,16 @@ std::shared_ptr<spdlog::logger> currentLogger()
 {
     Log& target = log();
     const std::lock_guard lock(target.lock);
-    if (!target.logger && !target.failureReported) {
+    if (!target.logger || target.isBroken) {
         const QString path =
-            QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) +
-            QStringLiteral("/core_manage.log");
+            target.path.isEmpty()
+                ? QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) +
+                      QStringLiteral("/core_manage.log")
+                : target.path;
         try {
-            target.logger =
-                openLogger(path, Utility_Manage::defaultMaxBytes, Utility_Manage::defaultMaxFiles);
+            target.logger = openLogger(path, target.maxBytes, target.maxFiles);
             target.path = path;
+            target.isBroken = false;
         } catch (const std::exception& error) {
             reportOnce(target, error.what());
         }
@@ -153,7 +159,10 @@ bool Utility_Manage::setLogFile(const QString& path, qint64 maxBytes, int maxFil
         const std::lock_guard lock(target.lock);
         target.logger = std::move(opened);
         target.path = path;
+        target.maxBytes = maxBytes;
+        target.maxFiles = maxFiles;
         target.failureReported = false;
+        target.isBroken = false;
         return true;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "log: %s\n", error.what());

@@ -2,6 +2,7 @@
 #include "biz_osd_cmdswork.h"
 #include "hostqueue.h"
 #include "model_protocoldata.h"
+#include "netns.h"
 #include "utility_manage.h"
 
 #include <gtest/gtest.h>
@@ -10,9 +11,13 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <cstddef>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/mount.h>
 
 namespace
 {
@@ -104,6 +109,53 @@ TEST(WriteLog, RefusedFileKeepsTheLogAsItWas)
     EXPECT_FALSE(Utility_Manage::setLogFile(before, 4096, -1));
     EXPECT_EQ(Utility_Manage::logFile(), before);
     EXPECT_EQ(written(QStringLiteral("still here")), QStringList(QStringLiteral("still here")));
+}
+
+TEST(WriteLog, GoesOnWhenAFullDiskHasRoom)
+{
+    const QTemporaryDir disk;
+    if (!netns::isolated() ||
+        mount("tmpfs", qPrintable(disk.path()), "tmpfs", 0, "size=64k") != 0) {
+        GTEST_SKIP() << "the right to mount a small disk is missing";
+    }
+    ASSERT_TRUE(Utility_Manage::setLogFile(disk.filePath(QStringLiteral("app.log"))));
+    testing::internal::CaptureStderr();
+    const QString line(1000, QLatin1Char('x'));
+    for (int i = 0; i < 200; ++i) {
+        Utility_Manage::writeLog(line);
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("No space left"), std::string::npos) << said;
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+    ASSERT_EQ(mount("tmpfs", qPrintable(disk.path()), "tmpfs", MS_REMOUNT, "size=1m"), 0);
+    for (int i = 0; i < 3; ++i) {
+        Utility_Manage::writeLog(QStringLiteral("room again"));
+    }
+    EXPECT_GE(hostqueue::countLog(QStringLiteral("room again")), 2);
+    const QTemporaryDir elsewhere; // or the disk is in use
+    ASSERT_TRUE(Utility_Manage::setLogFile(elsewhere.filePath(QStringLiteral("app.log"))));
+    EXPECT_EQ(umount(qPrintable(disk.path())), 0);
+}
+
+TEST(WriteLog, GoesOnWhenADirectoryThatWentIsBack)
+{
+    const QTemporaryDir place;
+    const QString directory = place.filePath(QStringLiteral("logs"));
+    ASSERT_TRUE(Utility_Manage::setLogFile(directory + QStringLiteral("/app.log"), 1024, 1));
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(QDir(directory).removeRecursively());
+    QFile inTheWay(directory);
+    ASSERT_TRUE(inTheWay.open(QIODevice::WriteOnly));
+    for (int i = 0; i < 50; ++i) { // more than one file takes
+        Utility_Manage::writeLog(QString(100, QLatin1Char('x')));
+    }
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+    ASSERT_TRUE(inTheWay.remove());
+    for (int i = 0; i < 3; ++i) {
+        Utility_Manage::writeLog(QStringLiteral("back"));
+    }
+    EXPECT_GE(hostqueue::countLog(QStringLiteral("back")), 2);
 }
 
 TEST(Utility, Bytes)
