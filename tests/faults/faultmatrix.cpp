@@ -183,7 +183,7 @@ std::vector<Arrival> faultmatrix::arrivals(const Square& square, const Kind& kin
     };
     for (const Kind& asked : {kind, kind, kinds().front()}) {
         const QByteArray bytes = command(square.link, asked);
-        commandBytes += bytes.size();
+        commandBytes += static_cast<int>(bytes.size());
         if (square.fault && !isConnected(*square.fault, commandBytes)) {
             *struck = true;
             break;
