@@ -8,7 +8,38 @@
 namespace
 {
 
-using Bridge = BridgeTest;
+class Bridge : public BridgeTest
+{
+protected:
+    // Whoever awaits something is there before the bridge: the broker has forgotten everything.
+    void restartBroker()
+    {
+        bridge->tool().stop();
+        ASSERT_TRUE(broker.start()) << qPrintable(broker.log());
+        ASSERT_TRUE(client->connects());
+        ASSERT_TRUE(client->subscribe("site/#"));
+        ASSERT_TRUE(client->subscribe("answers"));
+        bridge->tool().goOn();
+    }
+};
+
+// What the kernel keeps for a UDP port.
+qint64 waitingBytes(quint16 port)
+{
+    qint64 bytes = 0;
+    for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
+        QFile file(table);
+        file.open(QIODevice::ReadOnly);
+        for (const QByteArray& line : file.readAll().split('\n')) {
+            const QByteArrayList words = line.simplified().split(' ');
+            if (words.size() > 4 &&
+                words.at(1).endsWith(':' + QByteArray::number(port, 16).toUpper())) {
+                bytes += words.at(4).split(':').back().toLongLong(nullptr, 16);
+            }
+        }
+    }
+    return bytes;
+}
 
 TEST_F(Bridge, KeepsTheAnswerForABrokerThatWasKilled)
 {
@@ -19,8 +50,7 @@ TEST_F(Bridge, KeepsTheAnswerForABrokerThatWasKilled)
     EXPECT_TRUE(bridge->tool().says("broker: "));
     ASSERT_TRUE(client->disconnects());
     peer.send(replyText(1, 0));
-    ASSERT_TRUE(broker.start()) << qPrintable(broker.log());
-    ASSERT_TRUE(client->connects());
+    restartBroker();
     const MqttMessage answer = client->next("answers");
     EXPECT_EQ(answer.correlation, "a");
     EXPECT_TRUE(answer.json().value("ok").toBool());
@@ -37,16 +67,17 @@ TEST_F(Bridge, KeepsNoMoreThanItMayForABrokerThatIsGone)
     broker.kill();
     ASSERT_TRUE(client->disconnects());
     EXPECT_TRUE(bridge->tool().says("broker: "));
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 1000; ++i) {
         peer.send(replyText(0x20, i % 256));
-        QCoreApplication::processEvents();
+        if (i % 50 == 0) {
+            ASSERT_TRUE(eventually([] { return waitingBytes(UdpPeer::linkPort) == 0; }));
+        }
     }
-    ASSERT_TRUE(broker.start()) << qPrintable(broker.log());
-    ASSERT_TRUE(client->connects());
+    restartBroker();
     const QString said = next("bridge/error").value("error").toString();
     EXPECT_TRUE(said.endsWith(" messages that waited for the broker were dropped"))
         << qPrintable(said);
-    EXPECT_GT(said.section(' ', 0, 0).toInt(), 1000);
+    EXPECT_GT(said.section(' ', 0, 0).toInt(), 500);
 }
 
 TEST_F(Bridge, SaysWhenItIsGoneWithoutAWord)
@@ -93,10 +124,17 @@ TEST_F(Bridge, ComesBackFromWhoTakesItsName)
         access.id = "bridge";
         MqttClient thief(broker, access);
         ASSERT_TRUE(thief.connects());
-        EXPECT_TRUE(bridge->tool().says("broker: it ended the connection: Session taken over"));
+        EXPECT_TRUE(bridge->tool().says("broker: The connection was lost."));
     }
-    EXPECT_TRUE(comes("bridge", "online"));
-    command(R"({"cmd": 1})");
+    // The thief may have come back in between: a command that the bridge has missed is repeated.
+    EXPECT_TRUE(eventually([this] {
+        for (const MqttMessage& message : client->take()) {
+            if (message.topic == "site/bridge/status" || message.topic == "site/pump/error") {
+                command(R"({"cmd": 1})");
+            }
+        }
+        return peer.hasDatagram();
+    }));
     EXPECT_EQ(peer.command().mid(6, 2), "01");
 }
 

@@ -72,7 +72,7 @@ TEST_F(Bridge, RefusesWhatIsTooLarge)
     begin({openLink("pump", peer.link())});
     command("{\"cmd\": 1, \"dat1\": 2" + QByteArray(5000, ' ') + "}");
     EXPECT_EQ(next("pump/error").value("error").toString(),
-              "a command of 5020 bytes is too large (expected at most 4096)");
+              "a command of 5021 bytes is too large (expected at most 4096)");
     EXPECT_FALSE(peer.hasDatagram());
 }
 
