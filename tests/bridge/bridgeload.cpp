@@ -250,7 +250,9 @@ void Load::settle()
         }
         return false;
     };
-    while (isMissing() && Clock::now() - last.first < std::chrono::seconds(30)) {
+    const auto quiet = [&last] { return Clock::now() - last.first; };
+    const auto longEnough = std::chrono::seconds(tap ? 2 : 0); // what is on its way comes late
+    while ((isMissing() || quiet() < longEnough) && quiet() < std::chrono::seconds(30)) {
         collect();
         if (answered != last.second) {
             last = {Clock::now(), answered};
