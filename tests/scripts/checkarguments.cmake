@@ -11,6 +11,7 @@ function(gives status expected script)
 endfunction()
 
 foreach(script bench check-abi cross demo docs fuzz package pictures progress setup soak storm test)
+foreach(script bench check-abi cross demo docs fuzz mutants package pictures progress setup test)
     gives(0 "scripts/${script}" ${script} --help)
     gives(0 "scripts/${script}" ${script} -h)
 endforeach()
