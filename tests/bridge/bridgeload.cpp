@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Many simulated devices, one bridge, one broker and one client that sends commands at a steady
-// rate. Every command must be answered once, by its own device, and none may reach a device more
-// often than its answer says. With --kills the broker is killed meanwhile; then what counts is what
-// the bridge has acknowledged, and what it has published.
+// rate. Every command must be answered once, by its own device, and reach it once. With --kills the
+// broker is killed meanwhile; then what counts is what the bridge has acknowledged, and what it has
+// published.
 #include "bridgeprocess.h"
 #include "eventually.h"
 #include "fleet.h"
@@ -44,8 +44,8 @@ int wrong = 0;
 
 void require(bool holds, const QString& what)
 {
-    if (!holds) {
-        ++wrong;
+    constexpr int shown = 10;
+    if (!holds && ++wrong <= shown) {
         std::printf("WRONG: %s\n", qPrintable(what));
     }
 }
@@ -72,7 +72,6 @@ private:
     struct Sent {
         Clock::time_point at;
         int answers = 0;
-        int tries = 0; // as the answer says
     };
 
     bool begin();
@@ -81,6 +80,7 @@ private:
     void collect();
     void take(const MqttMessage& answer);
     void sendAll();
+    void awaitLastAccepted();
     void settle();
     void killWhenDue(double share);
     void checkEach();
@@ -156,13 +156,14 @@ void Load::send()
     const int number = static_cast<int>(sent.size());
     const int device = number % plan.devices;
     const int ofDevice = number / plan.devices;
-    const QByteArray command = R"({"cmd":16,"timeout_ms":2000,"tries":5,"dat1":)" +
+    // A busy machine takes its time, and a second try would leave a second reply behind.
+    const QByteArray command = R"({"cmd":16,"timeout_ms":60000,"dat1":)" +
                                QByteArray::number(ofDevice / 256) + R"(,"dat2":)" +
                                QByteArray::number(ofDevice % 256) + '}';
     MqttClient::Options options;
     options.responseTopic = answerTopic;
     options.correlation = QByteArray::number(number);
-    sent.push_back({Clock::now(), 0, 0});
+    sent.push_back({Clock::now(), 0});
     client->publish(QStringLiteral("site/d%1/command").arg(device), command, options);
 }
 
@@ -182,7 +183,6 @@ void Load::take(const MqttMessage& answer)
     const QJsonObject json = answer.json();
     const QJsonObject reply = json.value("replies").toArray().at(0).toObject();
     const int ofDevice = number / plan.devices;
-    command.tries = json.value("tries").toInt();
     const bool fits =
         json.value("name").toString() == QStringLiteral("d%1").arg(number % plan.devices) &&
         reply.value("dat1").toInt() == ofDevice / 256 &&
@@ -234,9 +234,31 @@ void Load::sendAll()
     }
 }
 
+// What the broker lets through now comes behind everything that it has let through.
+void Load::awaitLastAccepted()
+{
+    const auto isAccepted = [this](std::size_t number) {
+        return tap->commands().value(QByteArray::number(static_cast<int>(number))).acknowledged > 0;
+    };
+    const auto limit = Clock::now() + std::chrono::seconds(60);
+    for (bool isThrough = false; !isThrough && Clock::now() < limit;) {
+        const std::size_t number = sent.size();
+        send();
+        isThrough = eventually(
+            [&] {
+                collect();
+                return isAccepted(number);
+            },
+            std::chrono::seconds(1));
+    }
+}
+
 // Until nothing is missing, or nothing has come for long.
 void Load::settle()
 {
+    if (tap) {
+        awaitLastAccepted();
+    }
     auto last = std::make_pair(Clock::now(), answered);
     const auto isMissing = [this] {
         if (!tap) {
@@ -295,7 +317,7 @@ void Load::checkAccepted()
         "not sent,\n              %d answers repeated to the next broker\n",
         accepted, static_cast<int>(sent.size()), lost, doubled, notSent, repeated);
     require(killed == plan.kills && tap->connections() > killed, "the broker was not killed");
-    require(accepted > static_cast<int>(sent.size()) / 10, "hardly any command was accepted");
+    require(accepted > static_cast<int>(sent.size()) / 3, "hardly any command was accepted");
     require(lost == 0 && doubled == 0, "accepted commands are not answered once");
 }
 
@@ -306,8 +328,7 @@ void Load::checkDevices()
     for (std::size_t number = 0; number < sent.size(); ++number) {
         const std::size_t devices = counts.size();
         const int came = counts.at(number % devices).at(number / devices);
-        const int allowed = std::max(1, sent.at(number).tries);
-        tooMany += came > allowed && sent.at(number).answers > 0 ? 1 : 0;
+        tooMany += came > 1 ? 1 : 0;
     }
     require(tooMany == 0, QStringLiteral("%1 commands came to a device too often").arg(tooMany));
 }
@@ -327,7 +348,8 @@ void Load::print() const
                 static_cast<int>(sent.size()), seconds, perSecond);
     std::printf("latency       median %.2f ms, p99 %.2f ms, greatest %.2f ms\n", share(0.5),
                 share(0.99), share(1));
-    std::printf("bridge        %.1f us of processor time a command\n", cpu / answered * 1e6);
+    std::printf("bridge        %.1f us of processor time a command; devices and client %.1f us\n",
+                cpu / answered * 1e6, processstate::cpuSeconds() / answered * 1e6);
     const std::size_t warm = std::min<std::size_t>(60, resident.size() / 2);
     const long first = resident.at(warm);
     const long most = *std::max_element(resident.begin() + static_cast<long>(warm), resident.end());

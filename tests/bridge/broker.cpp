@@ -88,7 +88,7 @@ QByteArray Broker::configuration() const
         return key + (' ' + name.toUtf8()) + '\n';
     };
     QByteArray text = "listener " + QByteArray::number(localPort) + ' ' + setup.address.toUtf8() +
-                      "\nuser root\nlog_dest stderr\nlog_type all\n";
+                      "\nset_tcp_nodelay true\nuser root\nlog_dest stderr\nlog_type all\n";
     if (setup.authority != nullptr) {
         const Authority::Papers own = setup.authority->issue(setup.address);
         text += file("cafile", setup.authority->certificate()) + file("certfile", own.certificate) +
@@ -147,6 +147,5 @@ void Broker::end(int signal)
 QString Broker::log() const
 {
     QFile file(path(QStringLiteral("log")));
-    file.open(QIODevice::ReadOnly);
-    return QString::fromUtf8(file.readAll());
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }

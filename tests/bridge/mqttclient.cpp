@@ -52,7 +52,9 @@ struct MqttClient::Connection {
         client = mosquitto_new(access.id.isEmpty() ? nullptr : access.id.toUtf8().constData(), true,
                                this);
         mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+        mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1);
         mosquitto_int_option(client, MOSQ_OPT_RECEIVE_MAXIMUM, 65535);
+        mosquitto_int_option(client, MOSQ_OPT_SEND_MAXIMUM, 65535);
         mosquitto_reconnect_delay_set(client, 1, 1, false);
         if (!access.user.isEmpty()) {
             mosquitto_username_pw_set(client, access.user.toUtf8().constData(),

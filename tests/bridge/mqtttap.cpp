@@ -30,7 +30,7 @@ public:
     QByteArray text() { return take(word()); }
     QByteArray take(int length)
     {
-        const QByteArray taken = bytes.mid(at, length);
+        QByteArray taken = bytes.mid(at, length);
         at += length;
         return taken;
     }
