@@ -12,6 +12,7 @@
 #include "processstate.h"
 
 #include <QCommandLineParser>
+#include <QStandardPaths>
 
 #include <algorithm>
 #include <cstdio>
@@ -411,6 +412,10 @@ int main(int argc, char** argv)
 {
     if (!netns::isolate()) {
         std::printf("skipped: the system gives no network namespace\n");
+        return 77;
+    }
+    if (QStandardPaths::findExecutable("mosquitto_passwd").isEmpty()) {
+        std::printf("skipped: mosquitto is missing\n");
         return 77;
     }
     rlimit files{};
