@@ -10,7 +10,12 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <fstream>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace
 {
@@ -344,4 +349,25 @@ TEST(ReplyQueue, PostersOnSeveralThreadsLoseNothing)
     for (const model_Protocoldata& record : hostqueue::records()) {
         ASSERT_EQ(record.aux7, next[record.HEAD]++); // each poster's records stay in its order
     }
+}
+
+// The host's own queue cannot grow: what the library is to do then, C++ says.
+TEST(ReplyQueueDeathTest, AHostThatNeverTakesARecordOffEndsWithoutMemory)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a limited address space is missing, sanitizers need all of it";
+#endif
+    const auto neverTake = []() noexcept {
+        constexpr rlim_t more = rlim_t{64} * 1024 * 1024;
+        std::ifstream pages("/proc/self/statm");
+        rlim_t used = 0;
+        pages >> used;
+        const rlim_t limit = used * static_cast<rlim_t>(getpagesize()) + more;
+        const rlimit space{limit, limit};
+        setrlimit(RLIMIT_AS, &space);
+        for (;;) {
+            post(model_Protocoldata());
+        }
+    };
+    EXPECT_EXIT(neverTake(), ::testing::KilledBySignal(SIGABRT), "bad_alloc");
 }

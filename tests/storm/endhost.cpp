@@ -100,7 +100,11 @@ struct Going {
 } // namespace
 
 // In this order: the first and the last page are nobody else's.
+#ifdef __clang__ // which never reorders
 #define HOST_STATE [[gnu::section("hoststate")]]
+#else
+#define HOST_STATE [[gnu::section("hoststate"), gnu::no_reorder]]
+#endif
 HOST_STATE [[gnu::aligned(pageSize)]] static char firstPage[pageSize] = {1};
 static Closing closing;
 HOST_STATE std::mutex biz_CMDSWork::HexCmdlock;

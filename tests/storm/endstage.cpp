@@ -233,7 +233,7 @@ bool areKept(const Stage& stage)
         return endhost::waiting() == kept;
     }
     // A parser of the second serial line waits with the first reply.
-    return stage.isVela() ? stage.counters->bytes(Kind::Received) >= 16 * kept
+    return stage.isVela() ? stage.counters->bytes(Kind::Received) >= quint64{16} * kept
                           : stage.counters->events(Kind::Reply) >= kept;
 }
 

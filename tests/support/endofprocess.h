@@ -74,7 +74,7 @@ inline bool eventuallyTrue(const std::function<bool()>& condition)
 } // namespace endofprocess
 
 extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec* time,
-                                                                timespec* rest) noexcept
+                                                                timespec* rest)
 {
     using Sleep = int (*)(const timespec*, timespec*);
     static const auto next = reinterpret_cast<Sleep>(dlsym(RTLD_NEXT, "nanosleep"));
