@@ -56,6 +56,11 @@ bool mayBe(const Case& one)
         return !isDisplay && one.link != "udp";
     }
     if (one.state == "flag") {
+#ifdef __SANITIZE_THREAD__
+        if (one.link == "vela") { // its parser keeps the queue's lock for ever, which is read then
+            return false;
+        }
+#endif
         return !isDisplay && one.way != "delete"; // a display has none; nobody lets go of it
     }
     if (one.state == "closed" || one.state == "lost") {
@@ -301,7 +306,8 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "ends: the right to make a network namespace is missing\n");
         return skipped;
     }
-    qputenv("ASAN_OPTIONS", "detect_leaks=0"); // that would read the pages that are closed
+    qputenv("ASAN_OPTIONS", "detect_leaks=0");        // that would read the pages that are closed
+    qputenv("TSAN_OPTIONS", "report_thread_leaks=0"); // threads that still run are the point
     const QCoreApplication application(argc, argv);
     QCommandLineParser parser;
     parser.addPositionalArgument("runs", "how many processes");
