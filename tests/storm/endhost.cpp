@@ -28,7 +28,7 @@ constexpr milliseconds lateness{20};
 
 std::atomic<bool> isGone{false};
 std::atomic<int> reportTo{-1};
-std::atomic<endhost::Log> log{endhost::Log::Writes};
+std::atomic<endhost::Log> logDoes{endhost::Log::Writes};
 std::atomic<int> inLog{0};
 std::atomic<int> waitingThreads{0};
 std::atomic<bool> ends{false};
@@ -63,7 +63,7 @@ void look(const char* where)
 void inTheLog(const char* where)
 {
     look(where);
-    switch (log.load()) {
+    switch (logDoes.load()) {
     case endhost::Log::Writes:
         break;
     case endhost::Log::Exits:
@@ -165,7 +165,7 @@ void endhost::note(const char* text)
 
 void endhost::setLog(Log what)
 {
-    log = what;
+    logDoes = what;
 }
 
 bool endhost::isInLog()
