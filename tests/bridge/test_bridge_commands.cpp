@@ -33,10 +33,10 @@ TEST_F(Bridge, AnswersWhereItIsAskedToAndNowhereElse)
     ask(R"({"cmd": 1})", correlation);
     EXPECT_EQ(peer.command().size(), 19);
     peer.send(replyText(1, 0));
-    ask(R"({"cmd": 300})", "wrong");
     const MqttMessage answer = client->next("answers");
     EXPECT_EQ(answer.correlation, correlation);
     EXPECT_TRUE(answer.json().value("ok").toBool());
+    ask(R"({"cmd": 300})", "wrong");
     const MqttMessage refusal = client->next("answers");
     EXPECT_EQ(refusal.correlation, "wrong");
     EXPECT_EQ(refusal.json().value("code").toInt(), 2);

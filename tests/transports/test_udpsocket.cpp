@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <string>
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -89,6 +90,10 @@ TEST(UdpSocket, TheInterfaceOfALinkLocalAddressIsKept)
     }
     ASSERT_TRUE(netns::run("ip link add host0 type veth peer name device0 && "
                            "ip link set host0 up && ip link set device0 up"));
+    for (const char* end : {"ip -o link show host0", "ip -o link show device0"}) {
+        const std::string isUp = std::string(end) + " | grep -q 'state UP'"; // a moment later
+        ASSERT_TRUE(eventually([&isUp] { return netns::run(isUp.c_str()); }));
+    }
     if (!netns::run("ip -6 addr add fe80::1/64 dev host0 nodad && "
                     "ip -6 addr add fe80::1/64 dev device0 nodad")) {
         GTEST_SKIP() << "IPv6 is missing";

@@ -17,6 +17,7 @@ namespace
 {
 
 constexpr int nameLimit = 15; // bytes that the kernel keeps of a program's name
+constexpr char pseudoTerminals[] = "/dev/pts/";
 
 QString nameOf(const QString& process)
 {
@@ -39,6 +40,22 @@ QString otherProcess(const std::function<bool(const QString& process)>& fits)
     return {};
 }
 
+// Whether a name means to us what that descriptor has open: a container has files of its own, and
+// its pseudo-terminals have the names and numbers of others. A device's node may be another one.
+bool isOurs(const std::string& name, const char* descriptor)
+{
+    struct stat ours {
+    };
+    struct stat theirs {
+    };
+    if (stat(name.c_str(), &ours) != 0 || stat(descriptor, &theirs) != 0) {
+        return false;
+    }
+    const bool isDevice = S_ISCHR(ours.st_mode) && name.rfind(pseudoTerminals, 0) != 0;
+    return isDevice ? ours.st_rdev == theirs.st_rdev
+                    : ours.st_dev == theirs.st_dev && ours.st_ino == theirs.st_ino;
+}
+
 // What it has open; nothing if it ends meanwhile, or belongs to somebody else.
 std::set<std::string> namesOf(const QString& process)
 {
@@ -47,7 +64,10 @@ std::set<std::string> namesOf(const QString& process)
     std::filesystem::directory_iterator file(("/proc/" + process + "/fd").toStdString(), error);
     for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
         std::error_code gone;
-        names.insert(std::filesystem::read_symlink(*file, gone).string());
+        std::string name = std::filesystem::read_symlink(*file, gone).string();
+        if (name.rfind('/', 0) != 0 || isOurs(name, file->path().c_str())) {
+            names.insert(std::move(name));
+        }
     }
     return names;
 }
@@ -122,7 +142,7 @@ QString fileaccess::lineHolder(const QString& path)
             return QString::fromStdString(name).endsWith(QString::fromStdString(lock));
         });
     });
-    const bool isPseudo = node.rfind("/dev/pts/", 0) == 0;
+    const bool isPseudo = node.rfind(pseudoTerminals, 0) == 0;
     return !locker.isEmpty() ? locker : holder([&](const std::set<std::string>& names) {
         const bool isDevice =
             isPseudo && (names.count("/dev/ptmx") + names.count("/dev/pts/ptmx")) != 0;
