@@ -102,7 +102,7 @@ protected:
     std::unique_ptr<BridgeProcess> bridge;
 };
 
-TEST_F(BridgeAndBroker, tellsABrokerThatWasKilledOfItself)
+TEST_F(BridgeAndBroker, TellsABrokerThatWasKilledOfItself)
 {
     begin();
     startBridge();
@@ -123,7 +123,7 @@ TEST_F(BridgeAndBroker, tellsABrokerThatWasKilledOfItself)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, leavesAloneWhatABrokerKeptForIt)
+TEST_F(BridgeAndBroker, LeavesAloneWhatABrokerKeptForIt)
 {
     Broker::Setup setup;
     setup.keeps = true;
@@ -152,7 +152,7 @@ TEST_F(BridgeAndBroker, leavesAloneWhatABrokerKeptForIt)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, keepsRepliesWhileTheBrokerIsAway)
+TEST_F(BridgeAndBroker, KeepsRepliesWhileTheBrokerIsAway)
 {
     UdpPeer device;
     begin();
@@ -172,7 +172,7 @@ TEST_F(BridgeAndBroker, keepsRepliesWhileTheBrokerIsAway)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, keepsTheNewestRepliesIfThereAreTooMany)
+TEST_F(BridgeAndBroker, KeepsTheNewestRepliesIfThereAreTooMany)
 {
     UdpPeer device;
     begin();
@@ -208,7 +208,7 @@ TEST_F(BridgeAndBroker, keepsTheNewestRepliesIfThereAreTooMany)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, waitsForABrokerThatIsSlow)
+TEST_F(BridgeAndBroker, WaitsForABrokerThatIsSlow)
 {
     UdpPeer device;
     begin();
@@ -227,7 +227,7 @@ TEST_F(BridgeAndBroker, waitsForABrokerThatIsSlow)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, comesBackWhenTheNetworkIsWholeAgain)
+TEST_F(BridgeAndBroker, ComesBackWhenTheNetworkIsWholeAgain)
 {
     if (!netns::isolated()) {
         GTEST_SKIP() << "a network namespace of its own is missing";
@@ -263,7 +263,7 @@ TEST_F(BridgeAndBroker, comesBackWhenTheNetworkIsWholeAgain)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, takesItsClientIdBack)
+TEST_F(BridgeAndBroker, TakesItsClientIdBack)
 {
     begin();
     startBridge();
@@ -283,37 +283,7 @@ TEST_F(BridgeAndBroker, takesItsClientIdBack)
     expectEnd();
 }
 
-TEST_F(BridgeAndBroker, comesInWithItsPassword)
-{
-    Broker::Setup setup;
-    setup.passwords = {{"bridge", "secret"}, {"anna", "word"}};
-    begin(setup);
-    const QTemporaryDir directory;
-    QFile password(directory.filePath("password"));
-    ASSERT_TRUE(password.open(QIODevice::WriteOnly));
-    password.write("guess\n");
-    password.close();
-    ASSERT_TRUE(password.setPermissions(QFile::ReadOwner | QFile::WriteOwner));
-    configuration =
-        withBroker(configuration, {{"user", "bridge"}, {"password_file", password.fileName()}});
-    startBridge();
-    EXPECT_TRUE(says("refuses the bridge")) << qPrintable(bridge->tool().error());
-    expectEnd();
-
-    ASSERT_TRUE(password.open(QIODevice::WriteOnly));
-    password.write("secret\n");
-    password.close();
-    startBridge();
-    MqttClient::Access anna;
-    anna.user = "anna";
-    anna.password = "word";
-    const auto client = watch(anna);
-    EXPECT_TRUE(isOnline(*client));
-    expectAnswer(*client, 1);
-    expectEnd();
-}
-
-TEST_F(BridgeAndBroker, comesInWithItsCertificate)
+TEST_F(BridgeAndBroker, ComesInWithItsCertificate)
 {
     const Authority authority;
     const Authority other;
@@ -346,7 +316,7 @@ TEST_F(BridgeAndBroker, comesInWithItsCertificate)
 }
 
 // The rights that the documents name are enough for the bridge, and for whoever commands it.
-TEST_F(BridgeAndBroker, needsTheRightsThatAreDocumented)
+TEST_F(BridgeAndBroker, NeedsTheRightsThatAreDocumented)
 {
     QFile page(BRIDGE_PAGE);
     ASSERT_TRUE(page.open(QIODevice::ReadOnly));
@@ -391,7 +361,7 @@ TEST_F(BridgeAndBroker, needsTheRightsThatAreDocumented)
     expectEnd();
 }
 
-TEST_F(BrokerTest, isShownWithTheBridgeByTheDemo)
+TEST_F(BrokerTest, IsShownWithTheBridgeByTheDemo)
 {
     if (QStandardPaths::findExecutable("mosquitto_rr").isEmpty()) {
         GTEST_SKIP() << "mosquitto_rr is missing";

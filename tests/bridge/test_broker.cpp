@@ -16,7 +16,7 @@ bool keepsAMessage(MqttClient& client, const QString& topic)
     return client.connects() && client.publish(topic, "kept", options) && client.isAcknowledged();
 }
 
-TEST_F(BrokerTest, carriesAMessageWithItsProperties)
+TEST_F(BrokerTest, CarriesAMessageWithItsProperties)
 {
     Broker broker;
     ASSERT_TRUE(broker.start()) << qPrintable(broker.log());
@@ -38,7 +38,7 @@ TEST_F(BrokerTest, carriesAMessageWithItsProperties)
     EXPECT_TRUE(client.take().empty());
 }
 
-TEST_F(BrokerTest, losesWhatItHadWhenItIsKilled)
+TEST_F(BrokerTest, LosesWhatItHadWhenItIsKilled)
 {
     Broker broker;
     ASSERT_TRUE(broker.start());
@@ -54,7 +54,7 @@ TEST_F(BrokerTest, losesWhatItHadWhenItIsKilled)
     EXPECT_TRUE(client.take().empty());
 }
 
-TEST_F(BrokerTest, keepsWhatItHadWhenItIsToldTo)
+TEST_F(BrokerTest, KeepsWhatItHadWhenItIsToldTo)
 {
     Broker::Setup setup;
     setup.keeps = true;
@@ -73,7 +73,7 @@ TEST_F(BrokerTest, keepsWhatItHadWhenItIsToldTo)
     EXPECT_TRUE(message.retained);
 }
 
-TEST_F(BrokerTest, letsInWhoHasThePassword)
+TEST_F(BrokerTest, LetsInWhoHasThePassword)
 {
     Broker::Setup setup;
     setup.passwords = {{"anna", "secret"}};
@@ -92,7 +92,7 @@ TEST_F(BrokerTest, letsInWhoHasThePassword)
     EXPECT_TRUE(anna.subscribe("own/#"));
 }
 
-TEST_F(BrokerTest, letsInWhoHasACertificate)
+TEST_F(BrokerTest, LetsInWhoHasACertificate)
 {
     const Authority authority;
     Broker::Setup setup;
@@ -114,7 +114,7 @@ TEST_F(BrokerTest, letsInWhoHasACertificate)
     EXPECT_FALSE(stranger.isConnected());
 }
 
-TEST_F(BrokerTest, isWatchedThroughATap)
+TEST_F(BrokerTest, IsWatchedThroughATap)
 {
     Broker broker;
     ASSERT_TRUE(broker.start());
