@@ -349,6 +349,28 @@ TEST(SerialSilence, AnotherProgramReadsThePort)
                              .arg(other.name(), device.portName())));
 }
 
+TEST(SerialSilence, AContainersTerminalOfTheSameNameIsAnotherOne)
+{
+    const SerialPeer device;
+    QProcess container;
+    container.start(QStringLiteral("unshare"),
+                    {QStringLiteral("-m"), QStringLiteral("sh"), QStringLiteral("-c"),
+                     QStringLiteral("mount -t devpts -o ptmxmode=666 devpts /dev/pts && exec "
+                                    "script -qc 'tty; exec sleep 60' /dev/null")});
+    QByteArray said;
+    while (!said.contains('\n') && container.waitForReadyRead(30000)) {
+        said += container.readAllStandardOutput();
+    }
+    const bool isAlike = QString::fromLatin1(said).trimmed() == device.portName();
+    const QString found = isAlike ? findings(serialLink(device), 0) : QString();
+    container.terminate();
+    container.waitForFinished();
+    if (!isAlike) {
+        GTEST_SKIP() << "the right to make a container is missing: " << said.toStdString();
+    }
+    EXPECT_FALSE(contains(found, QStringLiteral(" has ") + device.portName()));
+}
+
 TEST(SerialSilence, ModemManagerHasThePort)
 {
     const SerialPeer device;
