@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "eventually.h"
 #include "exampledevice.h"
 
 #include <QImage>
@@ -13,7 +14,9 @@ class Screen
 public:
     Screen() : process({"-displayfd", "1", "-nolisten", "tcp"}, {}, {"Xvfb"})
     {
-        EXPECT_TRUE(process.says("\n")) << process.error().toStdString();
+        EXPECT_TRUE(eventually([this] { // its warnings are lines, too
+            return process.says("\n") && process.output().contains('\n');
+        })) << process.error().toStdString();
     }
 
     // Qt's platform plugin never gives back some of what it has from the system's libraries.
@@ -63,7 +66,7 @@ TEST(LiveTable, SaysThatThePictureCannotBeWritten)
     const ExampleDevice device("udp://127.0.0.1:0");
     const ToolRun host({"127.0.0.1", device.port(), "--replies", "1", "--picture", "/nowhere/p"},
                        {}, example("livetable", screen.environment()));
-    EXPECT_EQ(host.code, 1);
+    EXPECT_EQ(host.code, 1) << host.error.toStdString();
     EXPECT_TRUE(host.error.contains("/nowhere/p: cannot be written\n"));
 }
 
