@@ -30,6 +30,25 @@ TEST(CoreFactory, UdpForItsKindAndForUnknownKinds)
     }
 }
 
+TEST(CoreFactory, OperationsOfOtherLinksDoNothing)
+{
+    for (const ConnType kind : {ConnSerial, ConnVelaSerial, ConnUsb}) {
+        const std::unique_ptr<ICoreBase> made(CoreFactory::creatCoreObjInstance(kind));
+        made->setDeviceIP(QStringLiteral("127.0.0.1"));
+        made->setPort(1000);
+        EXPECT_EQ(QMetaObject::invokeMethod(made.get(), "readPendingDatagrams"), kind != ConnUsb);
+        if (kind == ConnUsb) {
+            made->closeSerialPort();
+            EXPECT_FALSE(made->openSerialPort({}, QSerialPort::Baud9600, QSerialPort::OneStop,
+                                              QSerialPort::NoParity, QSerialPort::NoFlowControl,
+                                              QSerialPort::Data8));
+        } else {
+            made->closeUSB();
+            EXPECT_FALSE(made->openUSB(1, 1));
+        }
+    }
+}
+
 TEST(CoreFactory, SerialLinesForTheirKinds)
 {
     EXPECT_NE(qobject_cast<Core_SerialPort*>(CoreFactory::creatCoreObj(ConnSerial)), nullptr);

@@ -727,16 +727,22 @@ TEST_F(CoreUsb, ASecondOpenThatFailsLeavesItClosed)
     EXPECT_TRUE(messages.lines().isEmpty());
 }
 
-TEST_F(CoreUsb, ARefusedReaderEndsTheParser)
+TEST_F(CoreUsb, WhicheverThreadIsRefusedNothingIsLeft)
 {
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct)); // what stays for the process is there now
+    line.closeUSB();
     const int threads = processstate::threads();
-    {
-        const ThreadRefusal refusal(1); // of the reader; the parser is there by then
-        EXPECT_FALSE(line.openUSB(vendor, plainProduct));
+    int started = 0;
+    for (bool isOpen = false; !isOpen; ++started) {
+        const ThreadRefusal refusal(started);
+        isOpen = line.openUSB(vendor, plainProduct);
+        if (!isOpen) {
+            EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; })) << started;
+            line.sendUSBData("x");
+            EXPECT_TRUE(plain.written().empty()) << started;
+        }
     }
-    EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
-    line.sendUSBData("x");
-    EXPECT_TRUE(plain.written().empty());
+    EXPECT_EQ(started, 3) << "none, the parser, the reader as well";
 }
 
 TEST_F(CoreUsb, RefusedThreadsLeaveItClosed)
@@ -764,6 +770,17 @@ TEST_F(CoreUsb, AnotherDeviceStartsAfresh)
     ASSERT_TRUE(queued(1));
     EXPECT_EQ(hostqueue::records().front().CMD, 0x10);
     EXPECT_TRUE(hostqueue::records().front().arryDatablock.isEmpty());
+}
+
+TEST_F(CoreUsb, AThreadOfTheHostMayReadToo)
+{
+    line.td_readPendingDatagrams(); // nothing is open
+    ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+    std::thread reader([this] { line.td_readPendingDatagrams(); });
+    ASSERT_TRUE(plain.sendPadded(replybytes::text(0x10, 0x20)));
+    EXPECT_TRUE(queued(1));
+    line.closeUSB();
+    reader.join();
 }
 
 TEST_F(CoreUsb, CloseDoesNotWaitForTheHost)
