@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -550,6 +551,23 @@ TEST_F(CoreUdpLifecycleDeathTest, ExitWithFramesOfTheSystemPlanPending)
                 transport.sendDatatoDeviceForSysPlan(&record);
             }
             std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+// In a process of its own: the library's threads stay once they are there.
+TEST(CoreUdpThreadsDeathTest, ALinkThatIsRefusedAThreadSaysSoAndOpensOnceItGetsOne)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const QString line = QStringLiteral("UDP: the system refuses a thread, link closed");
+    EXPECT_EXIT(
+        {
+            std::optional<ThreadRefusal> refusal(std::in_place);
+            core_UDP transport;
+            const auto refused = hostqueue::countLog(line);
+            refusal.reset();
+            transport.reInitUdp();
+            std::exit(refused == 1 && hostqueue::countLog(line) == 1 ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }
