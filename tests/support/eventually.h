@@ -9,7 +9,7 @@
 /// Runs the event loop until the condition holds. False if it does not within the limit, which is
 /// generous: no outcome depends on how long things take.
 template <class Condition>
-bool eventually(Condition&& condition, std::chrono::milliseconds limit = std::chrono::seconds(30))
+bool eventually(Condition&& condition, std::chrono::milliseconds limit = std::chrono::seconds(90))
 {
     const auto end = std::chrono::steady_clock::now() + limit;
     for (;;) {

@@ -47,7 +47,7 @@ QString Reader::filePath(const QJsonObject& object, const char* key, const QStri
     if (name.isEmpty()) {
         return {};
     }
-    const QString found = QFileInfo(path).dir().filePath(name);
+    QString found = QFileInfo(path).dir().filePath(name);
     (void)typed::file(path + ": " + place + '.' + key, found, secretLimit * 16);
     return found;
 }

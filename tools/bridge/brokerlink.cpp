@@ -50,7 +50,7 @@ QByteArray textProperty(const mqtt5__property* properties, int which)
     if (mosquitto_property_read_string(properties, which, &text, false) == nullptr) {
         return {};
     }
-    const QByteArray copy(text);
+    QByteArray copy(text);
     std::free(text);
     return copy;
 }
@@ -63,7 +63,7 @@ QByteArray correlationOf(const mqtt5__property* properties)
                                        false) == nullptr) {
         return {};
     }
-    const QByteArray copy(static_cast<const char*>(bytes), size);
+    QByteArray copy(static_cast<const char*>(bytes), size);
     std::free(bytes);
     return copy;
 }
@@ -293,6 +293,7 @@ void BrokerLink::subscribe()
     std::vector<QByteArray> all = topics;
     all.push_back(markTopic);
     std::vector<char*> names;
+    names.reserve(all.size());
     for (QByteArray& topic : all) {
         names.push_back(topic.data());
     }

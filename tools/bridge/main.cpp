@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <thread>
 
 namespace
@@ -75,15 +76,22 @@ int run(int argc, char** argv)
 
 } // namespace
 
+// What is thrown here is caught here: libraries throw what std::exception is the base of.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // lost output is noticed where it is written
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName("coremanage-bridge");
+    const auto fail = [](const std::exception& error, int code) {
+        output::error(QString("coremanage-bridge: ") + QString::fromUtf8(error.what()));
+        return code;
+    };
     try {
         return run(argc, argv);
     } catch (const ToolError& error) {
-        output::error(QString("coremanage-bridge: ") + QString::fromUtf8(error.what()));
-        return error.code();
+        return fail(error, error.code());
+    } catch (const std::exception& error) {
+        return fail(error, exitcode::failed);
     }
 }
