@@ -161,7 +161,9 @@ TEST(ProcessEnd, WaitsForACallOfAnotherThreadButNotForTheOneThatEnds)
     expectEnd(
         [] {
             endofprocess::awaited() = [] { return isDone.load(); };
-            processend::Call();                     // is over, and counts no more
+            {
+                const processend::Call past; // counts no more
+            }
             auto* const own = new processend::Call; // the thread that ends
             EXPECT_TRUE(*own);
             std::thread([] {

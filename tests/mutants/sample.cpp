@@ -12,6 +12,7 @@ constexpr int limit = 3;
 constexpr std::chrono::milliseconds interval{2};
 constexpr int values[] = {1, 2, 4, 5, 6, 9};
 constexpr int numbers[] = {2, 3, 4};
+// NOLINTNEXTLINE(readability-redundant-string-init): a literal to change
 constexpr std::string_view noText = "";
 std::mutex lock;
 

@@ -73,6 +73,7 @@ inline bool eventuallyTrue(const std::function<bool()>& condition)
 
 } // namespace endofprocess
 
+// NOLINTNEXTLINE(misc-definitions-in-headers): a program has one source that includes it
 extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec* time,
                                                                 timespec* rest)
 {
