@@ -23,6 +23,7 @@ void LiteralUdp::receive(const QByteArray& datagram, const QString& sender)
     const bool isCompleteInOneDatagram =
         (record.CMD == 0x79 && (record.DAT1 == 0x09 || record.DAT1 == 0x0C)) ||
         (record.CMD == 0xF1 && record.DAT1 == 0x40 && record.DAT3 == 0 && record.DAT4 == 0);
+    // NOLINTNEXTLINE(bugprone-branch-clone): one case after the other
     if (isCompleteInOneDatagram) {
         addToReceivedQueue(record);
     } else if (isOneOfThoseWithABlock) {
