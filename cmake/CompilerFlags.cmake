@@ -19,6 +19,7 @@ add_library(core_manage_flags INTERFACE)
 target_compile_options(core_manage_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments> # qCDebug without arguments
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage> # a source that another includes is no header
     $<$<BOOL:${CORE_MANAGE_WERROR}>:-Werror>)
 target_compile_definitions(core_manage_flags INTERFACE QT_NO_KEYWORDS QT_NO_FOREACH)
 

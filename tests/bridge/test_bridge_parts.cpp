@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
 
 namespace
 {
@@ -140,5 +142,40 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{R"({"broker": {"host": "h", "client_id": "b", "tls": {"ca": "none"}}, )"
               R"("links": [{"name": "a", "address": "udp://10.0.0.1"}]})",
               "broker.tls.ca: invalid value"}));
+
+TEST(BridgeProgram, SaysWhatItExpects)
+{
+    const auto run = [](const QStringList& arguments) {
+        return ToolRun(arguments, {}, {QStringLiteral(COREMANAGE_BRIDGE)});
+    };
+    const QString nothing("coremanage-bridge: 0 files (expected one, the configuration)\n");
+    EXPECT_EQ(run({}).error, nothing);
+    EXPECT_EQ(run({}).code, 2);
+    EXPECT_EQ(run({"a.json", "b.json"}).code, 2);
+    EXPECT_EQ(run({"--chek", "a.json"}).error,
+              QString("coremanage-bridge: Unknown option 'chek'.\n"));
+    EXPECT_EQ(run({"--chek", "a.json"}).code, 2);
+    EXPECT_TRUE(run({"--help"}).output.startsWith("Usage: ")) << run({"--help"}).output.data();
+    EXPECT_EQ(run({"--help"}).code, 0);
+    const QRegularExpression version("^[0-9]+[.][0-9]+[.][0-9]+\n$");
+    EXPECT_TRUE(version.match(run({"--version"}).output).hasMatch());
+    EXPECT_EQ(run({"--version"}).code, 0);
+}
+
+// The tool's own package does not bring it.
+TEST(BridgeProgram, IsNamedWhereItIsMissing)
+{
+    const QTemporaryDir directory;
+    const QString tool = directory.filePath("coremanage");
+    ASSERT_TRUE(QFile::copy(builtTool(), tool));
+    const QString build = QFileInfo(builtTool()).path() + "/..";
+    const ToolRun run({"bridge", "bridge.json"}, {},
+                      {"env", "PATH=" + directory.path(),
+                       QString("LD_LIBRARY_PATH=%1:%1/host:%1/capture").arg(build), tool});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_EQ(run.error,
+              QString("coremanage: bridge: coremanage-bridge cannot be run: "
+                      "No such file or directory: sudo apt install coremanage-bridge\n"));
+}
 
 } // namespace

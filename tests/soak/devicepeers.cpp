@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr quint64 mostUnderWay = 2000; // bytes; the kernel's smallest buffer for the link has room
-constexpr int mostAwaited = 48;
+constexpr int deviceAwaitLimit = 48;
 constexpr milliseconds blockPatience{600}; // that the library promises a block
 constexpr quint16 vendor = 0x04b4;
 constexpr quint16 product = 0x1008;
@@ -97,7 +97,7 @@ quint64 DevicePeer::receivedBytes() const
 
 bool DevicePeer::mayGoOn() const
 {
-    return ledger.awaited() < mostAwaited && sentBytes - receivedBytes() < mostUnderWay;
+    return ledger.awaited() < deviceAwaitLimit && sentBytes - receivedBytes() < mostUnderWay;
 }
 
 quint32 DevicePeer::nextNumber()

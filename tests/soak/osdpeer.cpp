@@ -8,7 +8,7 @@
 namespace
 {
 
-constexpr int mostAwaited = 24;
+constexpr int endpointAwaitLimit = 24;
 
 // The byte of an acknowledgement stands for one of the newest 256 numbers.
 constexpr quint32 mostApart = 128;
@@ -157,7 +157,7 @@ void OsdPeer::close()
 bool OsdPeer::mayGoOn() const
 {
     const quint32 oldest = ledger.firstAwaited();
-    return ledger.awaited() < mostAwaited && (oldest == 0 || newest - oldest < mostApart);
+    return ledger.awaited() < endpointAwaitLimit && (oldest == 0 || newest - oldest < mostApart);
 }
 
 void OsdPeer::sendWhole()

@@ -16,7 +16,7 @@
 namespace
 {
 
-const QByteArray command = QByteArray::fromHex("210304050708aabb090a");
+const QByteArray updateFrame = QByteArray::fromHex("210304050708aabb090a");
 
 /// coremanage simulate osd://, and a host that the test plays.
 class OsdSimulate : public ::testing::Test
@@ -65,9 +65,9 @@ protected:
 TEST_F(OsdSimulate, AcknowledgesCommandsUntilCtrlC)
 {
     simulate("");
-    send(command + command.left(4));
+    send(updateFrame + updateFrame.left(4));
     EXPECT_TRUE(reads("OK!"));
-    send(command.mid(4));
+    send(updateFrame.mid(4));
     EXPECT_TRUE(reads("OK!OK!"));
     EXPECT_TRUE(tool->says(QStringLiteral(" ch2 21 ch3 03 ch5 04 ch4 05 ch7 07 ch8 08 ch9 09 ch10 "
                                           "0a data 2 bytes: aa bb -> 3 bytes\n")));
@@ -84,7 +84,7 @@ TEST_F(OsdSimulate, TakesWhateverComesUntilTheLineIsQuiet)
     send("short");
     ASSERT_TRUE(eventually([this] { return host.bytesToWrite() == 0; }));
     eventually([] { return false; }, std::chrono::milliseconds(200)); // a quiet moment
-    send(command + "!!");
+    send(updateFrame + "!!");
     EXPECT_EQ(tool->exitCode(), 0);
     EXPECT_TRUE(tool->error().contains(QStringLiteral("5 bytes that were no command")))
         << tool->error().toStdString();
@@ -101,20 +101,20 @@ TEST_F(OsdSimulate, SplitsItsAnswers)
     simulate("--fault split=1:150");
     QElapsedTimer clock;
     clock.start();
-    send(command);
+    send(updateFrame);
     EXPECT_TRUE(eventually([this] { return host.bytesAvailable() > 0; }));
     EXPECT_EQ(host.bytesAvailable(), 1) << "only the O";
     EXPECT_TRUE(reads("OK!"));
     EXPECT_GE(clock.elapsed(), 300);
-    send(command);
+    send(updateFrame);
     EXPECT_TRUE(reads("OK!OK!"));
 }
 
 TEST_F(OsdSimulate, IsLateOrSilent)
 {
     simulate("--fault drop=1 --fault delay=100%:200 --count 2 --json");
-    send(command);
-    send(command);
+    send(updateFrame);
+    send(updateFrame);
     QElapsedTimer clock;
     clock.start();
     EXPECT_TRUE(reads("OK!"));
@@ -134,24 +134,24 @@ TEST_F(OsdSimulate, IsLateOrSilent)
 TEST_F(OsdSimulate, SendsGarbageBeforeAndFloods)
 {
     simulate("--fault garbage=1:7 --fault flood=2:100000");
-    send(command);
+    send(updateFrame);
     EXPECT_TRUE(eventually([this] { return host.bytesAvailable() == qint64{100'000} * (7 + 3); }));
     const QByteArray first = host.readAll();
     EXPECT_EQ(first.count("OK!"), 100'000);
     EXPECT_FALSE(first.left(7).contains('O'));
-    send(command);
+    send(updateFrame);
     EXPECT_TRUE(eventually([this] { return host.bytesAvailable() == qint64{100'000} * 3; }));
 }
 
 TEST_F(OsdSimulate, HangsUpOrResets)
 {
     simulate("--fault hang-up=1 --fault reset=1");
-    send(command);
+    send(updateFrame);
     ASSERT_TRUE(hangsUp());
     EXPECT_TRUE(host.readAll().isEmpty()) << "a reset comes first";
     host.connectToHost(QHostAddress(QHostAddress::LocalHost),
                        link.section(QLatin1Char(':'), -1).toUShort());
-    send(command);
+    send(updateFrame);
     ASSERT_TRUE(hangsUp());
     EXPECT_EQ(host.readAll(), QByteArray("O"));
 }
@@ -159,9 +159,9 @@ TEST_F(OsdSimulate, HangsUpOrResets)
 TEST_F(OsdSimulate, ClosesAfterSoManyBytes)
 {
     simulate("--fault close-after=1:15");
-    send(command);
+    send(updateFrame);
     EXPECT_TRUE(reads("OK!"));
-    send(command.left(5));
+    send(updateFrame.left(5));
     EXPECT_TRUE(hangsUp());
 }
 

@@ -19,7 +19,7 @@
 namespace
 {
 
-using Medium = CaptureFile::Medium;
+using CaptureMedium = CaptureFile::Medium;
 using What = CaptureFile::What;
 using Format = ToolDecode::Format;
 
@@ -211,7 +211,7 @@ TEST_F(Dissector, GoldenTextFrames)
     CaptureFile captured(CaptureFile::Content::Pdus);
     for (const Written& one : frames) {
         overUdp.udp(host, device, one.frame);
-        captured.link(Medium::Udp, What::Sent, QStringLiteral("udp://10.0.0.2"), one.frame);
+        captured.link(CaptureMedium::Udp, What::Sent, QStringLiteral("udp://10.0.0.2"), one.frame);
     }
     expectSame(Dissection(overUdp.content()), frames);
     expectSame(Dissection(captured.content()), frames);
@@ -223,7 +223,8 @@ TEST_F(Dissector, GoldenBinaryFrames)
     ASSERT_EQ(frames.size(), 84U);
     CaptureFile captured(CaptureFile::Content::Pdus);
     for (const Written& one : frames) {
-        captured.link(Medium::Vela, What::Sent, QStringLiteral("vela:///dev/ttyS0"), one.frame);
+        captured.link(CaptureMedium::Vela, What::Sent, QStringLiteral("vela:///dev/ttyS0"),
+                      one.frame);
     }
     expectSame(Dissection(captured.content()), frames);
 }
@@ -237,7 +238,7 @@ TEST_F(Dissector, RandomDatagrams)
     CaptureFile captured(CaptureFile::Content::Pdus);
     const auto put = [&](bool isSent, const QByteArray& bytes) {
         isSent ? overUdp.udp(host, device, bytes) : overUdp.udp(device, host, bytes);
-        captured.link(Medium::Udp, isSent ? What::Sent : What::Received,
+        captured.link(CaptureMedium::Udp, isSent ? What::Sent : What::Received,
                       QStringLiteral("udp://10.0.0.2"), bytes);
     };
     std::vector<Written> written;
@@ -387,7 +388,7 @@ TEST_F(Dissector, RandomStreams)
     Frames frames(2);
     CaptureFile captured(CaptureFile::Content::Pdus);
     std::vector<Written> written;
-    const auto put = [&](Medium medium, const QString& name, const Stream& stream) {
+    const auto put = [&](CaptureMedium medium, const QString& name, const Stream& stream) {
         const bool isSent = stream.written.front().isSent;
         for (int at = 0, size = 0; at < stream.bytes.size(); at += size) {
             size = 1 + frames.below(frames.chance(10) ? 1000 : 60); // split, and joined
@@ -396,10 +397,13 @@ TEST_F(Dissector, RandomStreams)
         }
         written.insert(written.end(), stream.written.begin(), stream.written.end());
     };
-    put(Medium::Serial, QStringLiteral("serial:///dev/ttyS0"), textReplies(frames, 1500, false));
-    put(Medium::Serial, QStringLiteral("serial:///dev/ttyS0"), commands(frames, 700, Format::Text));
-    put(Medium::Vela, QStringLiteral("vela:///dev/ttyS1"), binaryReplies(frames, 1500));
-    put(Medium::Vela, QStringLiteral("vela:///dev/ttyS1"), commands(frames, 700, Format::Binary));
+    put(CaptureMedium::Serial, QStringLiteral("serial:///dev/ttyS0"),
+        textReplies(frames, 1500, false));
+    put(CaptureMedium::Serial, QStringLiteral("serial:///dev/ttyS0"),
+        commands(frames, 700, Format::Text));
+    put(CaptureMedium::Vela, QStringLiteral("vela:///dev/ttyS1"), binaryReplies(frames, 1500));
+    put(CaptureMedium::Vela, QStringLiteral("vela:///dev/ttyS1"),
+        commands(frames, 700, Format::Binary));
     expectSame(Dissection(captured.content()), written);
 }
 
@@ -418,7 +422,7 @@ TEST_F(Dissector, RandomReports)
         if (isSent && frames.chance(50)) {
             report.prepend('\0'); // its number
         }
-        captured.link(Medium::Usb, isSent ? What::Sent : What::Received,
+        captured.link(CaptureMedium::Usb, isSent ? What::Sent : What::Received,
                       QStringLiteral("usb://04b4:1008"), report);
     };
     const Stream replies = textReplies(frames, 500, true);
@@ -462,7 +466,7 @@ TEST_F(Dissector, RandomOsdFrames)
             overTcp.tcp(osdHost, osdEndpoint, sent, frame.mid(at, 1460));
             sent += static_cast<int>(frame.mid(at, 1460).size());
         }
-        captured.link(Medium::Osd, What::Sent, name, frame);
+        captured.link(CaptureMedium::Osd, What::Sent, name, frame);
         written.push_back({frame, Format::Osd, true});
     }
     QByteArray acknowledgements;
@@ -476,7 +480,7 @@ TEST_F(Dissector, RandomOsdFrames)
         size = 1 + frames.below(20);
         const QByteArray piece = acknowledgements.mid(at, size);
         overTcp.tcp(osdEndpoint, osdHost, 1 + at, piece);
-        captured.link(Medium::Osd, What::Received, name, piece);
+        captured.link(CaptureMedium::Osd, What::Received, name, piece);
     }
     expectSame(Dissection(overTcp.content()), written);
     expectSame(Dissection(captured.content()), written);
@@ -572,18 +576,18 @@ TEST_F(Dissector, GivesUpABlockOfAStream)
     const QString name = QStringLiteral("serial:///dev/ttyUSB0");
     CaptureFile capture(CaptureFile::Content::Pdus);
     const auto receive = [&](const QByteArray& bytes) {
-        capture.link(Medium::Serial, What::Received, name, bytes);
+        capture.link(CaptureMedium::Serial, What::Received, name, bytes);
     };
     const QByteArray block = replybytes::block(145).replace('<', 'x');
-    capture.link(Medium::Serial, What::Opened, name, {}); // 1
-    receive("noise" + replybytes::text(0x8b, 5));         // 2
-    receive(block.left(100));                             // 3
+    capture.link(CaptureMedium::Serial, What::Opened, name, {}); // 1
+    receive("noise" + replybytes::text(0x8b, 5));                // 2
+    receive(block.left(100));                                    // 3
     capture.wait(700);
-    receive(block.mid(100) + replybytes::text(0x8b, 5));                     // 4
-    receive(block.left(144) + "x");                                          // 5
-    capture.link(Medium::Serial, What::Closed, name, {});                    // 6
-    capture.link(Medium::Serial, What::NotSent, name, textCommand(0x10, 1)); // 7
-    receive(replybytes::text(0x10, 1));                                      // 8
+    receive(block.mid(100) + replybytes::text(0x8b, 5));                            // 4
+    receive(block.left(144) + "x");                                                 // 5
+    capture.link(CaptureMedium::Serial, What::Closed, name, {});                    // 6
+    capture.link(CaptureMedium::Serial, What::NotSent, name, textCommand(0x10, 1)); // 7
+    receive(replybytes::text(0x10, 1));                                             // 8
     const Dissection seen(capture.content());
     ASSERT_TRUE(seen.trouble.isEmpty()) << seen.trouble.toStdString();
     ASSERT_EQ(seen.packets.size(), 8U);
@@ -607,9 +611,9 @@ TEST_F(Dissector, ShowsWhatABlockIsMadeOf)
     record.arryDatablock = replybytes::block(40);
     const QByteArray bytes = "x" + commandframe::encodeBinary(record);
     CaptureFile capture(CaptureFile::Content::Pdus);
-    capture.link(Medium::Vela, What::Sent, name, bytes.left(27));    // 1
-    capture.link(Medium::Vela, What::Sent, name, bytes.mid(27, 10)); // 2
-    capture.link(Medium::Vela, What::Sent, name, bytes.mid(37));     // 3
+    capture.link(CaptureMedium::Vela, What::Sent, name, bytes.left(27));    // 1
+    capture.link(CaptureMedium::Vela, What::Sent, name, bytes.mid(27, 10)); // 2
+    capture.link(CaptureMedium::Vela, What::Sent, name, bytes.mid(37));     // 3
     const Dissection seen(capture.content());
     ASSERT_TRUE(seen.trouble.isEmpty()) << seen.trouble.toStdString();
     EXPECT_TRUE(shows(seen, 1, "skipped", "78"));
@@ -646,8 +650,8 @@ TEST_F(Dissector, HasTheKindsOfTheLibrary)
             commandframe::decodeText(reply, read);
             kinds.push_back(replykinds::kindOf(read));
             const QString name = QString::number(kinds.size()); // a fresh link for each
-            capture.link(Medium::Udp, What::Received, "udp " + name, reply);
-            capture.link(Medium::Serial, What::Received, "serial " + name, reply);
+            capture.link(CaptureMedium::Udp, What::Received, "udp " + name, reply);
+            capture.link(CaptureMedium::Serial, What::Received, "serial " + name, reply);
         }
     }
     const auto expected = [](replykinds::Block block) {
@@ -716,8 +720,9 @@ TEST_F(Dissector, TakesAnyBytes)
     };
     for (int i = 0; i < 1500; ++i) {
         captured.pdu(QByteArray(frames.chance(50) ? "\1\2" : "") + frames.bytes(frames.below(12)));
-        captured.link(static_cast<Medium>(1 + frames.below(6)), static_cast<What>(frames.below(8)),
-                      QString(frames.below(3), QChar('x')), anyBytes());
+        captured.link(static_cast<CaptureMedium>(1 + frames.below(6)),
+                      static_cast<What>(frames.below(8)), QString(frames.below(3), QChar('x')),
+                      anyBytes());
         const bool isSent = frames.chance(50);
         internet.udp(isSent ? host : device, isSent ? device : host, anyBytes());
         internet.unreachable(device, host, anyBytes());
@@ -743,7 +748,7 @@ TEST_F(Dissector, TakesADeviceThatItIsTold)
 TEST_F(Dissector, ShortBlocksByPreference)
 {
     CaptureFile capture(CaptureFile::Content::Pdus);
-    for (const Medium medium : {Medium::Serial, Medium::Usb}) {
+    for (const CaptureMedium medium : {CaptureMedium::Serial, CaptureMedium::Usb}) {
         capture.link(medium, What::Received, QString::number(static_cast<int>(medium)),
                      replybytes::text(0x69, 9) + replybytes::block(33));
     }

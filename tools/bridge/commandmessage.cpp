@@ -23,7 +23,7 @@ constexpr int triesLimit = 10;
 }
 
 // A number, or a text in hexadecimal after 0x.
-int number(const QString& member, const QJsonValue& value, int least, int most)
+int number(const QString& member, const QJsonValue& value, int lowest, int highest)
 {
     const QString text = value.toString();
     bool isNumber = value.isDouble();
@@ -32,9 +32,9 @@ int number(const QString& member, const QJsonValue& value, int least, int most)
         given = text.mid(2).toUInt(&isNumber, 16);
         isNumber = isNumber && text.at(2) != QLatin1Char('+') && !text.at(2).isSpace();
     }
-    if (!isNumber || std::trunc(given) != given || given < least || given > most) {
+    if (!isNumber || std::trunc(given) != given || given < lowest || given > highest) {
         refuse(member, value,
-               QStringLiteral("%1 to %2, or hexadecimal like \"0x8b\"").arg(least).arg(most));
+               QStringLiteral("%1 to %2, or hexadecimal like \"0x8b\"").arg(lowest).arg(highest));
     }
     return static_cast<int>(given);
 }

@@ -6,8 +6,7 @@
 #include "toolfiles.h"
 #include "waiting.h"
 
-#include <CLI/CLI.hpp>
-
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QSocketNotifier>
 
@@ -53,22 +52,33 @@ int serve(const BridgeConfig& config)
     return exitcode::success;
 }
 
-int run(int argc, char** argv)
+int run()
 {
-    CLI::App application("Connects links to an MQTT broker", "coremanage-bridge");
-    std::string file;
-    bool onlyChecks = false;
-    application.set_version_flag("--version", COREMANAGE_VERSION);
-    application.add_option("file", file, "the configuration, in JSON")
-        ->type_name("FILE")
-        ->required();
-    application.add_flag("--check", onlyChecks, "only say what is wrong with the configuration");
-    CLI11_PARSE(application, argc, argv);
-    const BridgeConfig config = BridgeConfig::read(QString::fromStdString(file));
-    if (onlyChecks) {
-        output::line(QString("%1: %2 links, fine")
-                         .arg(QString::fromStdString(file))
-                         .arg(config.links.size()));
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Connects links to an MQTT broker");
+    parser.addPositionalArgument("FILE", "The configuration, in JSON.");
+    const QCommandLineOption help = parser.addHelpOption();
+    const QCommandLineOption version = parser.addVersionOption();
+    const QCommandLineOption check("check", "Only say what is wrong with the configuration.");
+    parser.addOption(check);
+    if (!parser.parse(QCoreApplication::arguments())) {
+        throw BadInput(parser.errorText());
+    }
+    if (parser.isSet(help)) {
+        output::line(parser.helpText().trimmed());
+        return exitcode::success;
+    }
+    if (parser.isSet(version)) {
+        output::line(COREMANAGE_VERSION);
+        return exitcode::success;
+    }
+    const QStringList files = parser.positionalArguments();
+    if (files.size() != 1) {
+        throw BadInput(QString("%1 files (expected one, the configuration)").arg(files.size()));
+    }
+    const BridgeConfig config = BridgeConfig::read(files.first());
+    if (parser.isSet(check)) {
+        output::line(QString("%1: %2 links, fine").arg(files.first()).arg(config.links.size()));
         return exitcode::success;
     }
     return serve(config);
@@ -88,7 +98,7 @@ int main(int argc, char** argv)
         return code;
     };
     try {
-        return run(argc, argv);
+        return run();
     } catch (const ToolError& error) {
         return fail(error, error.code());
     } catch (const std::exception& error) {

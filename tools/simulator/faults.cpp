@@ -21,8 +21,8 @@ std::optional<int> decimal(const QString& text)
 constexpr auto onDatagrams = static_cast<unsigned>(Faulty::Datagrams);
 constexpr auto onStreams = static_cast<unsigned>(Faulty::Stream);
 constexpr auto byEndpoints = static_cast<unsigned>(Faulty::Endpoint);
-constexpr unsigned byDevices = onDatagrams | onStreams;
-constexpr unsigned byAll = byDevices | byEndpoints;
+constexpr unsigned byDeviceLinks = onDatagrams | onStreams;
+constexpr unsigned byAll = byDeviceLinks | byEndpoints;
 
 struct Row {
     Fault fault;
@@ -30,7 +30,7 @@ struct Row {
     int defaultAmount; // 0: takes none
     int amountLimit;
     const char* help;
-    unsigned by = byDevices;
+    unsigned by = byDeviceLinks;
     bool lasting = false;
 };
 
