@@ -216,12 +216,14 @@ TEST_F(OsdWalls, ABlockedHostCostsThirtyTwoThreadsAnEndpointAndLosesNothing)
         options.dataLength = 0;
         simulated.push_back(std::make_unique<OsdSimulator>(options));
         ASSERT_TRUE(simulated.back()->start());
-        CoreFactory::iOsdCore->openClient(ipOf(i), simulated.back()->port());
-        ASSERT_TRUE(osdhost::settle(ipOf(i), *simulated.back(), 'a'));
     }
-    EXPECT_TRUE(eventually([] { return processstate::threads() > 0; }));
+    const int threads = processstate::threads() + 2 * endpoints; // two for each
+    for (int i = 0; i < endpoints; ++i) {
+        OsdSimulator& device = *simulated.at(static_cast<std::size_t>(i));
+        CoreFactory::iOsdCore->openClient(ipOf(i), device.port());
+        ASSERT_TRUE(osdhost::settle(ipOf(i), device, 'a'));
+    }
     const std::size_t before = osdhost::size();
-    const int threads = processstate::threads();
     QByteArray all;
     for (int i = 0; i < answers; ++i) {
         all += QByteArray("OK") + static_cast<char>(i);

@@ -5,6 +5,7 @@
 #include "biz_cmdswork.h"
 #include "netns.h"
 #include "processstate.h"
+#include "shortage.h"
 #include "utility_manage.h"
 
 #include <QCommandLineParser>
@@ -132,9 +133,9 @@ public:
         mark.end();
         const double cpu = processstate::cpuSeconds();
         std::printf(
-            "storm: %s: %ld steps, %ld links made, %ld misdeeds of the device, %ld replies, "
-            "%ld lines, %.1f s of processor time: %s\n",
-            qPrintable(options.link), steps, made, misdeeds, StormHost::replies(),
+            "storm: %s: %ld steps, %ld links made, %ld misdeeds of the device, %ld shortages of "
+            "threads or descriptors, %ld replies, %ld lines, %.1f s of processor time: %s\n",
+            qPrintable(options.link), steps, made, misdeeds, shortage.count(), StormHost::replies(),
             StormHost::lines(), cpu, clean ? "clean" : "FAILED");
         return clean;
     }
@@ -168,6 +169,7 @@ private:
             }
         }
         StormHost::beRough(false);
+        shortage.end();
         const bool answers = allAnswer();
         for (const auto& link : links) {
             mark.now("destroy");
@@ -182,6 +184,8 @@ private:
     void step()
     {
         ++steps;
+        mark.now("run short");
+        shortage.pass(random);
         const int what = below(random, 100);
         if (what < 40) {
             mark.now("send");
@@ -192,7 +196,9 @@ private:
             stormed->peerDoes(random);
         } else if (what < 65) {
             mark.now("let the device come back");
-            stormed->peer->comeBack();
+            if (!shortage.isOn()) { // it is of this process, too
+                stormed->peer->comeBack();
+            }
         } else if (what < 75) {
             mark.now("open");
             (void)stormed->open();
@@ -289,6 +295,7 @@ private:
     StormLink* stormed = nullptr;
     std::vector<Watchdog::Mark*> senderMarks;
     std::atomic<int> forOwner{0}; // sends that the owner's thread is to do
+    Shortage shortage;
     long steps = 0;
     long made = 0;
     long misdeeds = 0;
