@@ -19,6 +19,8 @@ public:
     ~HidDevice() override;
     void forgetUnplugged(); ///< destroys those that nobody has open any more
 
+    bool diesWithoutDescriptors() const override { return false; } ///< the emulation opens files
+
 private:
     bool connect() override;
     void disconnect(bool reset) override;

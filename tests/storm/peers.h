@@ -30,6 +30,7 @@ public:
     void hang(std::chrono::milliseconds duration); ///< takes nothing for so long
     void die(bool reset);                          ///< as pulling the cable, or as a crash
     void comeBack();                               ///< does nothing unless it has died
+    virtual bool diesWithoutDescriptors() const { return true; } ///< though there are none left
 
     /// Ends its hanging when the time is over; the descriptors to watch otherwise.
     std::vector<pollfd> watched();

@@ -192,8 +192,10 @@ private:
             stormed->send(random);
         } else if (what < 50) {
             mark.now("let the device misbehave");
-            ++misdeeds;
-            stormed->peerDoes(random);
+            if (!shortage.isOn() || stormed->peer->diesWithoutDescriptors()) {
+                ++misdeeds;
+                stormed->peerDoes(random);
+            }
         } else if (what < 65) {
             mark.now("let the device come back");
             if (!shortage.isOn()) { // it is of this process, too
