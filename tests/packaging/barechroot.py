@@ -109,10 +109,11 @@ def packages(source, work):
         shutil.copytree(work / "packages", chroot.root / "packages")
         copy_source(source, chroot.root / "source")
         chroot.run("apt-get", "update")
+        install = ["apt-get", "install", "-y", "--no-install-recommends"]
+        chroot.run(*install, "systemd")  # of every machine with a service; it leaves files behind
         before = chroot.files()
 
         say("the tool")
-        install = ["apt-get", "install", "-y", "--no-install-recommends"]
         made = {path.name.split("_")[0]: f"/packages/{path.name}"
                 for path in (chroot.root / "packages").glob("*.deb")}
         chroot.run(*install, made["coremanage"], made["libcore-manage1"],

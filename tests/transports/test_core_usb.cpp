@@ -731,13 +731,13 @@ TEST_F(CoreUsb, WhicheverThreadIsRefusedNothingIsLeft)
 {
     ASSERT_TRUE(line.openUSB(vendor, plainProduct)); // what stays for the process is there now
     line.closeUSB();
-    const int threads = processstate::threads();
+    const int threads = processstate::threads(); // or more: one may still be ending
     int started = 0;
     for (bool isOpen = false; !isOpen; ++started) {
         const ThreadRefusal refusal(started);
         isOpen = line.openUSB(vendor, plainProduct);
         if (!isOpen) {
-            EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; })) << started;
+            EXPECT_TRUE(eventually([&] { return processstate::threads() <= threads; })) << started;
             line.sendUSBData("x");
             EXPECT_TRUE(plain.written().empty()) << started;
         }
