@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "shortage.h"
 
-#include <cstdio>
-
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
