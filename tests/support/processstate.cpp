@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "processstate.h"
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include <sys/resource.h>
@@ -25,6 +27,22 @@ long statusField(const std::string& name, const std::string& process = "self")
     return -1;
 }
 
+// Whether a thread is in its last steps: who has joined it goes on before the system has removed
+// it. So is one that is not there any more.
+bool isEnding(const std::filesystem::path& task)
+{
+    constexpr unsigned long exiting = 0x4; // PF_EXITING
+    std::string line;
+    std::getline(std::ifstream(task / "stat"), line);
+    std::istringstream fields(line.substr(std::min(line.size(), line.rfind(')') + 1)));
+    std::string skipped;
+    for (int i = 0; i < 6; ++i) { // state, parent, group, session, terminal, its group
+        fields >> skipped;
+    }
+    unsigned long flags = exiting;
+    return !(fields >> flags) || (flags & exiting) != 0;
+}
+
 double seconds(const timeval& time)
 {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
@@ -38,7 +56,7 @@ int processstate::threads()
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::string name;
         std::ifstream(task.path() / "comm") >> name;
-        count += name == "core-handover" ? 0 : 1;
+        count += name == "core-handover" || isEnding(task.path()) ? 0 : 1;
     }
     return count;
 }

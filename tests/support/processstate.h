@@ -5,7 +5,8 @@
 namespace processstate
 {
 
-/// Number of threads, but for those that the library starts once, with its first link.
+/// Number of threads, but for those that the library starts once, with its first link, and those
+/// that are ending: one that has been joined is not counted.
 int threads();
 
 int descriptors();   ///< number of open file descriptors
