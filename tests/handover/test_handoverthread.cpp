@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "endofprocess.h"
 #include "eventually.h"
 #include "handoverthread.h"
 #include "threadrefusal.h"
@@ -6,11 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <thread>
 #include <vector>
-
-#include <unistd.h>
 
 namespace
 {
@@ -67,18 +65,20 @@ TEST(HandOverThread, CountsAnItemUntilItIsHandedOn)
 
 TEST(HandOverThread, TheEndOfTheProcessWaitsForWhatIsPending)
 {
-    EXPECT_EXIT(
-        {
-            static std::atomic<bool> isDone{false};
-            std::atexit([] { _exit(isDone ? 0 : 1); }); // before the first thread: runs last
-            static auto* const late = new HandOverThread<int>([](std::deque<int>&) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                isDone = true;
-            });
-            late->put(1);
-            std::exit(2);
-        },
-        ::testing::ExitedWithCode(0), "");
+    static std::atomic<bool> isDone{false};
+    static auto* const late = new HandOverThread<int>([](std::deque<int>&) {
+        while (endofprocess::looksBefore == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        isDone = true;
+    });
+    const auto putLate = [] {
+        endofprocess::awaited() = [] { return isDone.load(); };
+        late->put(1);
+    };
+    EXPECT_EXIT(endofprocess::endWith(putLate, [] { return isDone.load(); }),
+                ::testing::ExitedWithCode(0), "");
 }
 
 TEST(HandOverThread, RefusedItsThreadItAsksAgainWithTheNextItem)

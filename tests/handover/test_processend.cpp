@@ -39,6 +39,14 @@ void waitUntilOver()
     }
 }
 
+// Until the end of the process waits.
+void waitUntilLookedFor()
+{
+    while (endofprocess::looksBefore == 0) {
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+}
+
 void waitForTurn(int number)
 {
     while (mayReturn < number) {
@@ -120,12 +128,12 @@ TEST(ProcessEnd, IsNotOverWhileAThreadDelivers)
     expectEnd(
         [] {
             endofprocess::awaited() = [] { return isDone.load(); };
+            endofprocess::lookPause = endofprocess::longLookPause;
             const bool isStarted = startDetached([] {
-                while (!processend::begun()) {
-                    std::this_thread::sleep_for(milliseconds(1));
-                }
-                wrong += processend::over() ? 1 : 0;
+                waitUntilLookedFor();
+                wrong += processend::begun() ? 0 : 1;
                 std::this_thread::sleep_for(milliseconds(5));
+                wrong += processend::over() ? 1 : 0;
                 isDone = true;
             });
             wrong += isStarted ? 0 : 1;
@@ -143,8 +151,11 @@ TEST(ProcessEnd, WaitsForAThreadThatTakesItsTimeBehindTheEnd)
         [] {
             endofprocess::awaited() = [] { return isDone || !processend::over(); };
             (void)startDetached([] {
-                waitUntilOver();
+                while (endofprocess::looksBehind == 0) {
+                    std::this_thread::sleep_for(milliseconds(1));
+                }
                 std::this_thread::sleep_for(milliseconds(5));
+                endofprocess::lookPause = endofprocess::longLookPause;
                 isDone = true;
             });
         },
@@ -161,6 +172,7 @@ TEST(ProcessEnd, WaitsForACallOfAnotherThreadButNotForTheOneThatEnds)
     expectEnd(
         [] {
             endofprocess::awaited() = [] { return isDone.load(); };
+            endofprocess::lookPause = endofprocess::longLookPause;
             {
                 const processend::Call past; // counts no more
             }
@@ -169,9 +181,7 @@ TEST(ProcessEnd, WaitsForACallOfAnotherThreadButNotForTheOneThatEnds)
             std::thread([] {
                 const processend::Call call;
                 isCalling = static_cast<bool>(call);
-                while (!processend::begun()) {
-                    std::this_thread::sleep_for(milliseconds(1));
-                }
+                waitUntilLookedFor();
                 std::this_thread::sleep_for(milliseconds(5));
                 isDone = true;
             }).detach();
@@ -193,11 +203,10 @@ TEST(ProcessEnd, ObserversHearOfNothingBehindIt)
     static auto* const tap = new LinkTap;
     expectEnd(
         [] {
+            endofprocess::awaited() = [] { return heard == 1; };
             tap->add(std::make_shared<Counter>());
             (void)startDetached([] {
-                while (!processend::begun()) {
-                    std::this_thread::sleep_for(milliseconds(1));
-                }
+                waitUntilLookedFor();
                 tap->tell(LinkEvent::Kind::Sent); // a delivery
             });
         },
@@ -210,16 +219,17 @@ TEST(ProcessEnd, ObserversHearOfNothingBehindIt)
 // Qt reads the pattern when the first line is written, and forgets it before what was made earlier.
 TEST(ProcessEnd, DebugLinesOfDeliveriesStillHaveTheirPattern)
 {
+    static std::atomic<bool> isWritten{false};
     const auto lateLine = [] {
         qputenv("QT_MESSAGE_PATTERN", "pattern %{message}");
         endWith(
             [] {
+                endofprocess::awaited() = [] { return isWritten.load(); };
                 qCDebug(debugLine) << "early";
                 (void)startDetached([] {
-                    while (!processend::begun()) {
-                        std::this_thread::sleep_for(milliseconds(1));
-                    }
+                    waitUntilLookedFor();
                     qCDebug(debugLine) << "late";
+                    isWritten = true;
                 });
             },
             [] { return true; });

@@ -30,12 +30,17 @@ inline std::atomic<int> looksBehind{0}; ///< from then on
 inline std::atomic<pid_t> ending{0};    ///< the thread that ends the process
 inline std::atomic<bool> atOnce{false}; ///< a look takes no time
 
-/// If set, a look takes until this is true: a busy machine gives threads no time for long.
+/// If set, a look takes until this is true, and lookPause: a busy machine gives threads no time for
+/// long.
 inline std::function<bool()>& awaited()
 {
     static auto* const instance = new std::function<bool()>;
     return *instance;
 }
+
+/// Longer for a thread that has to end yet when what is awaited has come.
+inline std::atomic<useconds_t> lookPause{5'000}; // us
+constexpr useconds_t longLookPause = 100'000;
 
 /// If set, called with each pause of another thread, before it.
 inline std::function<void(const timespec&)>& held()
@@ -86,7 +91,7 @@ extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec* 
         }
         if (endofprocess::awaited()) {
             (void)endofprocess::eventuallyTrue(endofprocess::awaited());
-            return usleep(5'000);
+            return usleep(endofprocess::lookPause);
         }
     }
     if (endofprocess::ending != gettid() && endofprocess::held()) {
