@@ -22,7 +22,8 @@ namespace
 using std::chrono::milliseconds;
 
 constexpr TextReplyFormat replies{TextReplyValues()};
-constexpr milliseconds patience{1000};
+constexpr milliseconds patience{90'000}; // for what ends by itself
+constexpr milliseconds blockPause{4};    // between two looks for a block
 
 // What a link does with the protected half.
 class Transport : public StreamLink
@@ -64,6 +65,24 @@ private:
     {
         isStarving = true;
         while (starved) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        std::this_thread::sleep_for(duration);
+    }
+};
+
+// A stream whose parser stays in a wait for a block.
+class HeldStream : public ReplyStream
+{
+public:
+    std::atomic<bool> isHeld{true};
+    std::atomic<bool> isWaiting{false};
+
+private:
+    void sleep(milliseconds duration) override
+    {
+        while (duration == blockPause && isHeld) {
+            isWaiting = true;
             std::this_thread::sleep_for(milliseconds(1));
         }
         std::this_thread::sleep_for(duration);
@@ -143,12 +162,13 @@ TEST_F(ReplyStreamParserStop, RefusedThreadLeavesNoParser)
 
 TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsLeftItsOwnStream)
 {
-    transport->stream()->setOriginName(QStringLiteral("name"));
+    const auto old = std::make_shared<HeldStream>();
+    transport = std::make_unique<Transport>(old);
+    old->setOriginName(QStringLiteral("name"));
     transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(7));
     ASSERT_TRUE(transport->startParsing());
-    const auto old = transport->stream();
     transport->appendBuffData(replybytes::text(0x8B, 0x05));
-    ASSERT_TRUE(eventually([this] { return transport->getBuffData(100).isEmpty(); }));
+    ASSERT_TRUE(eventually([&old] { return old->isWaiting.load(); }));
     transport->stopParsing(milliseconds::zero());
     EXPECT_NE(transport->stream(), old);
     ASSERT_TRUE(transport->startParsing());
@@ -159,6 +179,7 @@ TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsLeftItsOwnStream)
     EXPECT_EQ(hostqueue::records().front().CMD, 0x79);
     EXPECT_EQ(hostqueue::records().front().strKey2, QStringLiteral("name"));
     EXPECT_EQ(hostqueue::records().front().featureCode, 7);
+    old->isHeld = false;
     EXPECT_TRUE(
         eventually([&old] { return !old->token.isRunning(); })); // though the new flag is set
     EXPECT_TRUE(transport->isParsing());
@@ -188,8 +209,8 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
     ASSERT_TRUE(transport->startParsing());
     ASSERT_TRUE(eventually([&stream] { return stream->isStarving.load(); }));
     auto closing =
-        std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(10)); });
-    EXPECT_EQ(closing.wait_for(milliseconds(300)), std::future_status::timeout);
+        std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(2500)); });
+    EXPECT_EQ(closing.wait_for(milliseconds(3000)), std::future_status::timeout);
     stream->starved = false;
     closing.get();
     EXPECT_FALSE(stream->token.isRunning());
@@ -198,11 +219,16 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
 
 TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsWaitedFor)
 {
+    const auto stream = std::make_shared<HeldStream>();
+    transport = std::make_unique<Transport>(stream);
     ASSERT_TRUE(transport->startParsing());
-    const auto stream = transport->stream();
     transport->appendBuffData(replybytes::text(0x8B, 0x05));
-    ASSERT_TRUE(eventually([this] { return transport->getBuffData(100).isEmpty(); }));
-    transport->awaitParsingEnd(milliseconds(50));
+    ASSERT_TRUE(eventually([&stream] { return stream->isWaiting.load(); }));
+    auto closing =
+        std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(2500)); });
+    EXPECT_EQ(closing.wait_for(milliseconds(3000)), std::future_status::timeout);
+    stream->isHeld = false; // all of the wait is still to come
+    closing.get();
     EXPECT_FALSE(stream->token.isRunning());
     EXPECT_EQ(transport->stream(), stream);
 }
