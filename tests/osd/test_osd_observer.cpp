@@ -5,6 +5,7 @@
 #include "icoreosdbase.h"
 #include "osdhost.h"
 #include "osdsimulator.h"
+#include "processstate.h"
 
 #include <gtest/gtest.h>
 
@@ -69,6 +70,7 @@ TEST(OsdObserver, TellsOfARefusedConnectionAsLost)
     OsdSimulator endpoint(anyPort());
     ASSERT_TRUE(endpoint.start());
     const quint16 port = endpoint.port();
+    const int threads = processstate::threads();
     const auto log = std::make_shared<EventLog>();
     Core_Osd_TcpSocket socket;
     socket.addObserver(log);
@@ -76,6 +78,8 @@ TEST(OsdObserver, TellsOfARefusedConnectionAsLost)
     EXPECT_TRUE(log->has(1, Kind::Opened));
     socket.close();
     EXPECT_TRUE(log->has(1, Kind::Closed));
+    // What has told of it may not have ended yet: a start waits for that, but not for long.
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() == threads; }));
     socket.connectSever(here, 1); // nobody listens there
     EXPECT_TRUE(log->has(1, Kind::Lost));
     EXPECT_EQ(log->all(Kind::Opened).size(), 1U);

@@ -51,6 +51,14 @@ void netns::limitReceiveBuffers()
     }
 }
 
+void netns::limitBuffers()
+{
+    limitReceiveBuffers();
+    if (done) {
+        std::ofstream("/proc/sys/net/ipv4/tcp_wmem") << "4096 65536 262144";
+    }
+}
+
 bool netns::run(const char* command)
 {
     return std::system(command) == 0;

@@ -18,6 +18,9 @@ bool isolated();
 /// most 256 KiB from now on, so that a few megabytes are more than it buffers.
 void limitReceiveBuffers();
 
+/// As limitReceiveBuffers, and as much for what is sent: one megabyte is more than both buffer.
+void limitBuffers();
+
 /// Runs a program from iproute2 or the like with these arguments; false if it fails.
 bool run(const char* command);
 
