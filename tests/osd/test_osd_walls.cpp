@@ -9,16 +9,18 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "shortest.h"
 #include "tcplistener.h"
 
 #include <gtest/gtest.h>
 
-#include <QElapsedTimer>
 #include <QProcess>
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <poll.h>
@@ -42,12 +44,11 @@ void send(const QString& ip, char ch2, const QByteArray& data = {})
 int connectedTo(int port)
 {
     int count = 0;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    for (int descriptor = 3; descriptor < static_cast<int>(limit.rlim_max); ++descriptor) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
-        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+        if (getpeername(std::stoi(entry.path().filename()), reinterpret_cast<sockaddr*>(&peer),
+                        &length) == 0 &&
             ntohs(peer.sin_port) == port) {
             ++count;
         }
@@ -148,7 +149,7 @@ TEST_F(OsdWalls, ADarkWallClosesAtOnceAndIsDeliveredWhenTheNetworkIsBack)
     if (!netns::isolated()) {
         GTEST_SKIP() << "the right to make a network namespace is missing";
     }
-    constexpr int count = 100;
+    constexpr int count = 40; // lingering ends after a minute
     const TcpListener listener(count);
     const int before = processstate::descriptors();
     for (int i = 0; i < count; ++i) {
@@ -179,10 +180,8 @@ TEST_F(OsdWalls, ADarkWallClosesAtOnceAndIsDeliveredWhenTheNetworkIsBack)
     for (int i = 0; i < count; ++i) {
         send(ipOf(i), 'z');
     }
-    QElapsedTimer closing;
-    closing.start();
-    destroy();
-    EXPECT_LT(closing.elapsed(), 200 * count); // 100 ms each, on a machine that may be busy
+    // 100 ms each, and what a busy machine adds; in vain it would be 3 s each.
+    EXPECT_LT(elapsed(destroy), 1000 * count);
     EXPECT_GE(processstate::descriptors(), before + 2 * count); // the peers' and the lingering
     ASSERT_TRUE(netns::run("ip link set lo up"));
     // Late answers do not reset the connection: everything is there, then a hang-up.
@@ -223,6 +222,8 @@ TEST_F(OsdWalls, ABlockedHostCostsThirtyTwoThreadsAnEndpointAndLosesNothing)
         CoreFactory::iOsdCore->openClient(ipOf(i), device.port());
         ASSERT_TRUE(osdhost::settle(ipOf(i), device, 'a'));
     }
+    // What has handed on the last answers has ended.
+    ASSERT_TRUE(eventually([threads] { return processstate::threads() <= threads; }));
     const std::size_t before = osdhost::size();
     QByteArray all;
     for (int i = 0; i < answers; ++i) {
@@ -261,7 +262,7 @@ TEST_F(OsdWalls, ABlockedHostCostsThirtyTwoThreadsAnEndpointAndLosesNothing)
 
 TEST(OsdExit, TheProcessMayEndAtAnyTime)
 {
-    constexpr int runs = 60;
+    constexpr int runs = 30;
     Faults faults;
     faults.set(Fault::Reset, {0.1, 0, 0});
     faults.set(Fault::CloseAfter, {0, 1, 100});
@@ -276,7 +277,7 @@ TEST(OsdExit, TheProcessMayEndAtAnyTime)
         QProcess host;
         host.start(QStringLiteral(OSD_EXIT),
                    {QString::number(endpoint.port()), QString::number(run)});
-        ASSERT_TRUE(host.waitForFinished(30'000)) << run;
+        ASSERT_TRUE(host.waitForFinished(90'000)) << run;
         EXPECT_EQ(host.exitStatus(), QProcess::NormalExit) << run;
         EXPECT_EQ(host.exitCode(), 0) << run;
         // Qt's word for an event loop that begins when main has just returned.
