@@ -26,7 +26,7 @@
 namespace
 {
 
-constexpr int patienceMs = 20000;
+constexpr int patienceMs = 90000;
 
 int failed(const char* what)
 {
