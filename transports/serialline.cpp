@@ -218,12 +218,12 @@ void SerialLine::finishWriting()
 {
     const auto start = Clock::now();
     auto moved = start;
-    for (qint64 before = 0;;) {
-        const auto now = Clock::now();
+    qint64 before = 0;
+    for (auto now = start;; now = Clock::now()) {
+        write(); // also behind a long pause between two looks, in which the line may have got room
         if (now - start > unsentPatience) {
             dropPending();
         }
-        write();
         const qint64 left = unwritten + queuedForLine(serialPort.handle());
         if (left == 0) {
             return;
