@@ -42,7 +42,7 @@ struct Load {
     }
     bool reached(const std::atomic<int>& count, int value) const
     {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(90);
         while (count < value && std::chrono::steady_clock::now() < end) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
