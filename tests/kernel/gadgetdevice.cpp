@@ -17,7 +17,7 @@ namespace
 {
 
 constexpr int pollTimeoutMs = 20;
-constexpr int sendTimeoutMs = 5000;
+constexpr int sendTimeoutMs = 90000;
 const QString gadget = QStringLiteral("/sys/kernel/config/usb_gadget/hid/");
 const QString controller = QStringLiteral("dummy_udc.0");
 

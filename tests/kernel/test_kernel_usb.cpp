@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "core_usb.h"
 
+#include "biz_cmdswork.h"
+#include "blocksintime.h"
 #include "gadgetdevice.h"
 #include "hostqueue.h"
 #include "messagecapture.h"
 #include "processstate.h"
+#include "receivebuffer.h"
 #include "replybytes.h"
 #include "uhiddevice.h"
 
@@ -54,6 +57,19 @@ protected:
             isTaken = device.send(padded(bytes.mid(start, KernelHid::reportData))) && isTaken;
         }
         return isTaken;
+    }
+    // Delivers a reply and its block in time, which makes so many.
+    bool joins(KernelHid& device, const QByteArray& bytes, std::size_t count)
+    {
+        return blockComesInTime(
+            [&] {
+                messages.clear();
+                EXPECT_TRUE(deliver(device, bytes));
+            },
+            [count] { return hostqueue::size() >= count; },
+            [this] {
+                return !messages.lines().filter(QStringLiteral("CheckBlock default:")).isEmpty();
+            });
     }
 
     MessageCapture messages;
@@ -106,9 +122,9 @@ TYPED_TEST(KernelUsb, RepliesAndBlocksArrive)
     const QByteArray fixed = replybytes::block(145);
     const QByteArray announced = replybytes::block(200);
     ASSERT_TRUE(this->deliver(device, replybytes::text(0x10, 0x20)));
-    ASSERT_TRUE(this->deliver(device, replybytes::text(0x8B, 0x05) + fixed));
-    ASSERT_TRUE(this->deliver(device, replybytes::text(0xF1, 0x01, 200, 0) + announced));
-    ASSERT_TRUE(this->queued(3));
+    ASSERT_TRUE(this->queued(1));
+    ASSERT_TRUE(this->joins(device, replybytes::text(0x8B, 0x05) + fixed, 2));
+    ASSERT_TRUE(this->joins(device, replybytes::text(0xF1, 0x01, 200, 0) + announced, 3));
     const auto records = hostqueue::records();
     EXPECT_EQ(records[0].strKey2, QStringLiteral("USB"));
     EXPECT_EQ(records[1].arryDatablock, fixed);
@@ -164,14 +180,20 @@ TEST_F(KernelClose, DoesNotWaitForAReportThatIsStuck)
     const int descriptors = processstate::descriptors();
     device.takeReports(false);
     std::atomic<bool> isBack{false};
+    const auto start = std::chrono::steady_clock::now();
     std::thread sender([&] {
         line.sendUSBData(QByteArray(1000, 'x'));
         isBack = true;
     });
-    EXPECT_FALSE(eventually([&isBack] { return isBack.load(); }, std::chrono::seconds(1)));
+    (void)eventually([&isBack] { return isBack.load(); }, std::chrono::milliseconds(500));
     line.closeUSB();
-    EXPECT_FALSE(isBack);
-    EXPECT_EQ(processstate::descriptors(), descriptors); // left to the sender
+    const bool wasBack = isBack;
+    const int left = processstate::descriptors();
+    // On a busy machine the kernel's 5 s may be over by now.
+    if (std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
+        EXPECT_FALSE(wasBack);
+        EXPECT_EQ(left, descriptors); // left to the sender
+    }
     sender.join();
     EXPECT_EQ(processstate::descriptors(), descriptors - 2);
     EXPECT_EQ(messages.lines(), QStringList{QStringLiteral("Send failed")});
@@ -208,13 +230,23 @@ TEST(KernelQueue, KeepsTheOldestReports)
     UhidDevice device(vendor, plainProduct);
     Core_USB line;
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
-    for (int i = 1; i <= sent; ++i) {
-        ASSERT_TRUE(device.send(padded(replybytes::text(0x10, 0x20, 0, 0, i))));
+    {
+        // With a full buffer nothing is read meanwhile, except by a read that was under way.
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        line.appendBuffData(replybytes::text(0x79, 0x0C)); // the parser waits for the host with it
+        ASSERT_TRUE(eventually([&line] { return line.getBuffData(1).isEmpty(); }));
+        line.appendBuffData(QByteArray(ReceiveBuffer::limit, 'x'));
+        for (int i = 1; i <= sent; ++i) {
+            ASSERT_TRUE(device.send(padded(replybytes::text(0x10, 0x20, 0, 0, i))));
+        }
+        while (line.getBuffData(1) == "x") {
+            line.takeBuffData(32768);
+        }
     }
-    EXPECT_TRUE(eventually([] { return hostqueue::size() >= kept; }));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() >= 1 + kept; }));
     const auto records = hostqueue::records();
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        EXPECT_EQ(records[i].ADDR, i + 1);
+    for (std::size_t i = 1; i <= kept; ++i) {
+        EXPECT_EQ(records[i].ADDR, i);
     }
-    EXPECT_FALSE(eventually([] { return hostqueue::size() > kept + 1; }, std::chrono::seconds(1)));
+    EXPECT_FALSE(eventually([] { return hostqueue::size() > 2 + kept; }, std::chrono::seconds(1)));
 }
