@@ -14,10 +14,14 @@
 namespace
 {
 
-constexpr qint64 connectLimitMs = 2000;
+constexpr std::chrono::milliseconds connectLimit{2000};
 
-// What came just before a hang-up is still on its way through the parser, on a loaded machine too.
-constexpr qint64 hangUpPauseMs = 500;
+// What came just before a hang-up is still on its way through the parser.
+constexpr std::chrono::milliseconds hangUpPause{500};
+
+// A look that comes later than this counts as if it had come in time: where this thread gets no
+// turn, those of the endpoints get none either, and may have something to tell.
+constexpr std::chrono::milliseconds longestStep{100};
 
 } // namespace
 
@@ -75,7 +79,7 @@ void OsdLink::begin(Client& client)
 {
     manager->openClient(client.endpoint.ip, client.endpoint.port);
     client.state = State::Connecting;
-    client.since.start();
+    client.waited.emplace(0);
 }
 
 void OsdLink::reopen(const QString& ip)
@@ -117,6 +121,13 @@ void OsdLink::send(const Command& command)
 
 void OsdLink::look()
 {
+    const std::chrono::nanoseconds passed(sinceLook.isValid() ? sinceLook.nsecsElapsed() : 0);
+    sinceLook.start();
+    for (Client& client : clients) {
+        if (client.waited) {
+            *client.waited += std::min<std::chrono::nanoseconds>(passed, longestStep);
+        }
+    }
     for (const Connections::Change& change : connections->take()) {
         Client* const client = clientAt(change.ip);
         if (client == nullptr) {
@@ -124,11 +135,11 @@ void OsdLink::look()
         }
         if (change.kind == LinkEvent::Kind::Opened) {
             client->state = State::Connected;
-            client->since.invalidate();
+            client->waited.reset();
             reached = true;
             sendWaiting(*client);
         } else if (client->state == State::Connected) {
-            client->since.start();
+            client->waited.emplace(0);
         } else if (client->state == State::Connecting) {
             giveUp(*client, State::Absent);
         }
@@ -140,10 +151,9 @@ void OsdLink::look()
 
 void OsdLink::lookAtTime(Client& client)
 {
-    if (client.state == State::Connected && client.since.isValid() &&
-        client.since.hasExpired(hangUpPauseMs)) {
+    if (client.state == State::Connected && client.waited > hangUpPause) {
         giveUp(client, State::Lost);
-    } else if (client.state == State::Connecting && client.since.hasExpired(connectLimitMs)) {
+    } else if (client.state == State::Connecting && client.waited > connectLimit) {
         giveUp(client, State::Absent);
     }
 }

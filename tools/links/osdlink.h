@@ -5,8 +5,10 @@
 
 #include <QElapsedTimer>
 
+#include <chrono>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class ICoreOsdBase;
@@ -55,7 +57,7 @@ private:
     struct Client {
         Endpoint endpoint;
         State state = State::Connecting;
-        QElapsedTimer since; // when it began to connect, or was lost
+        std::optional<std::chrono::nanoseconds> waited; // since it began to connect, or was lost
         std::deque<model_OsdParam> waiting;
     };
 
@@ -73,6 +75,7 @@ private:
     ICoreOsdBase* manager;
     std::shared_ptr<Connections> connections;
     std::vector<Client> clients;
+    QElapsedTimer sinceLook;
     QStringList warnings;
     bool reached = false;
 };
