@@ -20,10 +20,25 @@ class UdpTool : public ::testing::Test
 protected:
     QString address() const { return udpAddress(device); }
 
+    /// It waits for a reply as long as the test may need, if the options do not say how long.
     std::unique_ptr<ToolProcess> send(const char* options, const QByteArray& input = {})
     {
-        return std::make_unique<ToolProcess>(
-            words(QStringLiteral("send %1 %2").arg(address(), QLatin1String(options))), input);
+        QStringList arguments =
+            words(QStringLiteral("send %1 %2").arg(address(), QLatin1String(options)));
+        if (!arguments.contains(QStringLiteral("--timeout"))) {
+            arguments << QStringLiteral("--timeout") << QStringLiteral("60000");
+        }
+        return std::make_unique<ToolProcess>(arguments, input);
+    }
+
+    /// How many further datagrams the device got from a tool that has ended.
+    int furtherDatagrams()
+    {
+        int count = 0;
+        for (; device.hasDatagram(); ++count) {
+            device.receive();
+        }
+        return count;
     }
 
     std::unique_ptr<ToolProcess> listen(const char* options)
