@@ -81,6 +81,11 @@ long processstate::residentKiB(long process)
     return statusField("VmRSS:", std::to_string(process));
 }
 
+long processstate::waits(long process)
+{
+    return statusField("voluntary_ctxt_switches:", std::to_string(process));
+}
+
 double processstate::cpuSeconds()
 {
     rusage usage{};

@@ -16,4 +16,7 @@ double cpuSeconds(); ///< processor time used so far by all threads, s
 long residentKiB(long process);
 double cpuSeconds(long process);
 
+/// How often a process's main thread has waited for something so far.
+long waits(long process);
+
 } // namespace processstate

@@ -37,6 +37,12 @@ public:
         return came ? connections.back()->read(size) : QByteArray();
     }
 
+    /// What is there to receive on the latest connection.
+    qint64 bytesThere() const
+    {
+        return connections.empty() ? 0 : connections.back()->bytesAvailable();
+    }
+
     bool hasBytes() const
     {
         return std::any_of(connections.begin(), connections.end(),

@@ -161,7 +161,9 @@ TEST_F(OsdTool, SendsDataOfEveryKind)
         {{QStringLiteral("--ch2"), QStringLiteral("0")}, ""},
     };
     for (const auto& one : cases) {
-        ToolProcess tool(QStringList{QStringLiteral("send"), first.link()} + one.option);
+        ToolProcess tool(QStringList{QStringLiteral("send"), first.link(),
+                                     QStringLiteral("--timeout"), QStringLiteral("60000")} +
+                         one.option);
         EXPECT_EQ(first.receive(8 + one.data.size()),
                   QByteArray(6, '\0') + one.data + QByteArray(2, '\0'));
         first.answer("OK1");
@@ -229,13 +231,16 @@ TEST_F(OsdTool, NamesTheOneThatIsSilent)
 TEST_F(OsdTool, TriesTheSilentAgain)
 {
     const auto tool =
-        run("send", {&first, &second}, fields + QStringLiteral(" --timeout 300 --tries 3"));
+        run("send", {&first, &second}, fields + QStringLiteral(" --timeout 300 --tries 200"));
     acknowledge(first, '1');
-    EXPECT_EQ(second.receive(frame.size()), frame);
-    acknowledge(second, '2');
+    // Another try may have come before that was seen; from then on only the second one is tried.
+    EXPECT_TRUE(eventually([this] {
+        return second.bytesThere() >= first.bytesThere() + 3 * frame.size();
+    })) << "the first one had replied";
+    second.answer("OK2");
     EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();
-    EXPECT_FALSE(first.hasBytes()) << "it had replied";
-    EXPECT_FALSE(second.hasBytes()) << "no third try";
+    EXPECT_TRUE(tool->output().contains("reply from 127.0.0.1 OK 31\n"));
+    EXPECT_TRUE(tool->output().contains("reply from 127.0.0.2 OK 32\n"));
 }
 
 TEST_F(OsdTool, NamesTheOneThatHangsUp)
@@ -272,11 +277,12 @@ TEST_F(OsdTool, TakesAnswersInPiecesBehindNoiseAndInFloods)
         EXPECT_TRUE(tool->output().contains(line)) << line;
     }
     EXPECT_GE(tool->output().count("127.0.0.2 OK 66\n"), 3);
-    const auto fewer = run("send", {&first}, fields + QStringLiteral(" --replies 3 --timeout 300"));
+    const auto fewer =
+        run("send", {&first}, fields + QStringLiteral(" --replies 3 --timeout 5000"));
     acknowledge(first, '1');
     EXPECT_EQ(fewer->exitCode(), 1);
     EXPECT_TRUE(fewer->error().contains(
-        QStringLiteral("127.0.0.1 gave only 1 of 3 replies within 300 ms")));
+        QStringLiteral("127.0.0.1 gave only 1 of 3 replies within 5000 ms")));
 }
 
 TEST_F(OsdTool, DoesNotWaitForAcknowledgementsWhenToldSo)
