@@ -115,18 +115,18 @@ TEST_P(Replayed, GivesTheSameBytes)
                           : isUsb                                  ? QStringLiteral("04b4:1008")
                                                                    : QString();
     QString link = simulate(QStringLiteral("%1://%2 --seed 7").arg(scheme, place));
-    const ToolRun first(
-        words(QStringLiteral("replay %1 %2 -w %3").arg(file("commands"), link, file("first"))), {},
-        toolBeside());
+    const ToolRun first(words(QStringLiteral("replay %1 %2 --timeout 60000 -w %3")
+                                  .arg(file("commands"), link, file("first"))),
+                        {}, toolBeside());
     EXPECT_EQ(first.code, 1) << "other answers: " << first.error.toStdString();
     const auto recorded = bytesIn(file("first"));
     ASSERT_EQ(recorded.count(What::Received), 1U) << first.error.toStdString();
     EXPECT_EQ(recorded.at(What::Sent), bytesIn(file("commands")).at(What::Sent));
 
     link = simulate(QStringLiteral("%1://%2 --replay %3").arg(scheme, place, file("first")));
-    const ToolRun second(
-        words(QStringLiteral("replay %1 %2 -w %3").arg(file("first"), link, file("second"))), {},
-        toolBeside());
+    const ToolRun second(words(QStringLiteral("replay %1 %2 --timeout 60000 -w %3")
+                                   .arg(file("first"), link, file("second"))),
+                         {}, toolBeside());
     EXPECT_EQ(second.code, 0) << second.output.toStdString() << second.error.toStdString();
     EXPECT_TRUE(second.output.isEmpty()) << "nothing differs";
     const auto replayed = bytesIn(file("second"));
@@ -146,12 +146,13 @@ TEST_F(CaptureTool, TellsWhichAnswersDiffer)
 {
     const QString link = simulate(QStringLiteral("udp://127.0.0.1:0 --seed 1"));
     UdpPeer other;
-    const ToolRun run(words(
-        QStringLiteral("send %1 --cmd 0x8b --dat1 5 --tries 1 -w %2").arg(link, file("wire"))));
+    const ToolRun run(
+        words(QStringLiteral("send %1 --cmd 0x8b --dat1 5 --tries 1 --timeout 60000 -w %2")
+                  .arg(link, file("wire"))));
     ASSERT_EQ(run.code, 0) << run.error.toStdString();
     // The device goes on counting from elsewhere: the block is another one.
-    const ToolRun replay(
-        words(QStringLiteral("replay %1 %2 --fast --json").arg(file("wire"), link)));
+    const ToolRun replay(words(
+        QStringLiteral("replay %1 %2 --fast --timeout 60000 --json").arg(file("wire"), link)));
     EXPECT_EQ(replay.code, 1) << replay.error.toStdString();
     EXPECT_EQ(replay.json.value(QStringLiteral("command")).toInt(), 1);
     EXPECT_FALSE(replay.json.value(QStringLiteral("same")).toBool(true));
@@ -178,8 +179,8 @@ TEST_F(CaptureTool, GoesOnBehindALongerAnswer)
 {
     writeCommands(QStringLiteral("udp"), {{"--cmd 0x10", 10}, {"--cmd 0x11", 19}});
     const QString link = simulate(QStringLiteral("udp://127.0.0.1:0"));
-    const ToolRun run(
-        words(QStringLiteral("replay %1 %2 --fast --json").arg(file("commands"), link)));
+    const ToolRun run(words(
+        QStringLiteral("replay %1 %2 --fast --timeout 60000 --json").arg(file("commands"), link)));
     EXPECT_EQ(run.code, 1);
     const QList<QByteArray> lines = run.output.trimmed().split('\n');
     ASSERT_EQ(lines.size(), 2);
@@ -207,7 +208,7 @@ TEST_F(CaptureTool, KeepsTheTimesOfTheCommands)
     const QString link = simulate(QStringLiteral("udp://127.0.0.1:0"));
     const auto replay = [&](const char* options) {
         const ToolRun run(
-            words(QStringLiteral("replay %1 %2 %3 -w %4")
+            words(QStringLiteral("replay %1 %2 %3 --timeout 60000 -w %4")
                       .arg(file("commands"), link, QLatin1String(options), file("wire"))));
         EXPECT_EQ(run.code, 1) << run.error.toStdString();
         return gapOf(file("wire"));
@@ -303,7 +304,8 @@ TEST_F(CaptureTool, HoldsSeveralLinks)
     })) << capture.error().toStdString();
     capture.interrupt();
     EXPECT_EQ(capture.exitCode(), 0) << capture.error().toStdString();
-    const ToolRun replay(words(QStringLiteral("replay %1 %2 --fast").arg(file("wire"), serial)));
+    const ToolRun replay(
+        words(QStringLiteral("replay %1 %2 --fast --timeout 60000").arg(file("wire"), serial)));
     EXPECT_EQ(replay.code, 0) << replay.error.toStdString() << replay.output.toStdString();
 }
 

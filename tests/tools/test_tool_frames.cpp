@@ -76,7 +76,7 @@ TEST(Encode, SaysWhenItsOutputIsLost)
         QProcess tool;
         tool.setStandardOutputFile(QStringLiteral("/dev/full"));
         tool.start(QStringLiteral(COREMANAGE), words(arguments));
-        ASSERT_TRUE(tool.waitForFinished());
+        ASSERT_TRUE(eventually([&tool] { return tool.state() == QProcess::NotRunning; }));
         EXPECT_EQ(tool.exitCode(), 1) << arguments;
         EXPECT_TRUE(tool.readAllStandardError().contains("standard output could not be written"));
     }

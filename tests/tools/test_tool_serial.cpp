@@ -15,7 +15,8 @@ TEST(SerialTool, SendsOverASerialPortAndShowsTheReply)
 {
     SerialPeer device;
     ToolProcess tool(
-        words(QStringLiteral("send serial://%1?baud=9600&parity=even --cmd 0x10 --json")
+        words(QStringLiteral("send serial://%1?baud=9600&parity=even --cmd 0x10 --timeout "
+                             "60000 --json")
                   .arg(device.portName())));
     ASSERT_TRUE(eventually([&device] { return device.received().size() >= 19; }));
     EXPECT_EQ(device.received(), QByteArray("<T00001000000000") + "10>");
@@ -48,7 +49,7 @@ TEST(SerialTool, TellsWhatABinaryCommandHadOfItsOwn)
     const QString link = device.json().value(QStringLiteral("simulating")).toString();
     const ToolRun run(words(QStringLiteral("send %1 --cmd 6 --dat1 7 --addr 2 --aux1 0x1234 "
                                            "--aux3 3 --aux4 0x405 --aux5 0x506 --block 010203 "
-                                           "--json")
+                                           "--timeout 60000 --json")
                                 .arg(link)));
     EXPECT_EQ(run.code, 0) << run.error.toStdString();
     ASSERT_TRUE(device.says(QStringLiteral("\"answer\"")));
@@ -178,8 +179,7 @@ TEST(SerialTool, ServesOnBehindNohup)
     const QString link = device.lines().value(0).section(QLatin1Char(' '), -1);
     device.closeTerminal();
     for (int i = 0; i < 2; ++i) { // what the first finds answered has looked at its signals since
-        const ToolRun run(
-            {QStringLiteral("send"), link, QStringLiteral("--cmd"), QStringLiteral("1")});
+        const ToolRun run(words(QStringLiteral("send %1 --cmd 1 --timeout 60000").arg(link)));
         EXPECT_EQ(run.code, 0) << run.error.toStdString();
     }
     device.interrupt();

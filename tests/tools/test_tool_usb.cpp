@@ -125,7 +125,8 @@ TEST_F(UsbTool, SaysThatAReportIsNotTaken)
 
 TEST_F(UsbTool, SaysThatTheDeviceHasGone)
 {
-    for (const char* typed : {"listen usb://04b4:1008", "send usb://04b4:1008 --cmd 1"}) {
+    for (const char* typed :
+         {"listen usb://04b4:1008", "send usb://04b4:1008 --cmd 1 --timeout 60000"}) {
         EmulatedHid other(testbed, 0x1209, 1);
         QString text = QLatin1String(typed);
         ToolProcess tool(
@@ -253,8 +254,9 @@ TEST(UsbToolSimulator, ServesOtherProcesses)
     const QStringList there = toolThatSees(simulator);
     const ToolRun list({QStringLiteral("devices")}, {}, there);
     EXPECT_EQ(list.output, "usb://1209:00ab /dev/hidraw0 (Emulated HID) may be opened\n");
-    const ToolRun send(words(QStringLiteral("send usb://1209:00ab --cmd 0x8b --dat1 5")), {},
-                       there);
+    const ToolRun send(
+        words(QStringLiteral("send usb://1209:00ab --cmd 0x8b --dat1 5 --timeout 60000")), {},
+        there);
     EXPECT_EQ(send.code, 1);
     EXPECT_TRUE(send.error.contains(QStringLiteral("the device has gone")))
         << send.error.toStdString();
