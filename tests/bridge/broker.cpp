@@ -23,7 +23,7 @@ void openssl(const QStringList& arguments)
     QProcess process;
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(QStringLiteral("openssl"), request + arguments);
-    process.waitForFinished();
+    process.waitForFinished(-1);
 }
 
 // Of this address or, on another machine, of whichever is free here: those of a test are few.

@@ -52,6 +52,16 @@ protected:
         return client;
     }
 
+    // The broker is back, and somebody watches before the bridge finds it.
+    std::unique_ptr<MqttClient> watchNewBroker()
+    {
+        bridge->tool().stop();
+        EXPECT_TRUE(broker->start()) << qPrintable(broker->log());
+        auto client = watch();
+        bridge->tool().goOn();
+        return client;
+    }
+
     static bool isOnline(MqttClient& client, const QString& name = "pump")
     {
         return eventually([&] {
@@ -164,8 +174,7 @@ TEST_F(BridgeAndBroker, KeepsRepliesWhileTheBrokerIsAway)
     for (int i = 0; i < 200; ++i) {
         device.send(replyText(0x10, i));
     }
-    ASSERT_TRUE(broker->start());
-    const auto client = watch();
+    const auto client = watchNewBroker();
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(unawaited(client->next("site/pump/reply")), i);
     }
@@ -186,11 +195,10 @@ TEST_F(BridgeAndBroker, KeepsTheNewestRepliesIfThereAreTooMany)
     for (int i = 0; i < 2000; ++i) {
         device.send(replyText(0x10, i / 100));
         if (i % 100 == 99) { // no more at once than a socket holds
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            ASSERT_TRUE(eventually([] { return waitingBytes(UdpPeer::linkPort) == 0; }));
         }
     }
-    ASSERT_TRUE(broker->start());
-    const auto client = watch();
+    const auto client = watchNewBroker();
     const MqttMessage error = client->next("site/bridge/error");
     EXPECT_TRUE(error.json().value("error").toString().contains("dropped"))
         << error.payload.constData();
@@ -374,7 +382,7 @@ TEST_F(BrokerTest, IsShownWithTheBridgeByTheDemo)
     EXPECT_EQ(demo.exitCode(), 0) << said.constData();
     EXPECT_TRUE(said.contains("\"ok\":true")) << said.constData();
     EXPECT_TRUE(said.contains("\"ok\":false")) << said.constData();
-    EXPECT_EQ(said.count("CMD 8b"), 1) << said.constData();
+    EXPECT_GE(said.count("CMD 8b"), 1) << said.constData(); // it may be tried again
     EXPECT_EQ(said.count("CMD 01"), 0) << said.constData();
     EXPECT_EQ(said.count("\"status\":\"offline\""), 2) << said.constData();
 }

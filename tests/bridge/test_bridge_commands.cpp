@@ -10,7 +10,8 @@ TEST_F(Bridge, AnswersACommandWithWhatSendPrints)
 {
     begin({openLink("pump", peer.link())});
     ASSERT_TRUE(comes("pump", "online"));
-    command(R"({"cmd": "0x10", "dat1": 2, "dat2": 3, "addr": 1, "head": "0x5a"})");
+    command(R"({"cmd": "0x10", "dat1": 2, "dat2": 3, "addr": 1, "head": "0x5a",
+               "timeout_ms": 60000})");
     EXPECT_EQ(peer.command(), "<T5a01100203000070>");
     peer.send(replyText(0x10, 0x02));
     const QJsonObject answer = next("pump/reply");
@@ -30,7 +31,7 @@ TEST_F(Bridge, AnswersWhereItIsAskedToAndNowhereElse)
 {
     begin({openLink("pump", peer.link())});
     const QByteArray correlation("\0a\xff", 3);
-    ask(R"({"cmd": 1})", correlation);
+    ask(R"({"cmd": 1, "timeout_ms": 60000})", correlation);
     EXPECT_EQ(peer.command().size(), 19);
     peer.send(replyText(1, 0));
     const MqttMessage answer = client->next("answers");
@@ -40,7 +41,7 @@ TEST_F(Bridge, AnswersWhereItIsAskedToAndNowhereElse)
     const MqttMessage refusal = client->next("answers");
     EXPECT_EQ(refusal.correlation, "wrong");
     EXPECT_EQ(refusal.json().value("code").toInt(), 2);
-    command(R"({"cmd": 2})");
+    command(R"({"cmd": 2, "timeout_ms": 60000})");
     EXPECT_EQ(peer.command().size(), 19);
     peer.send(replyText(2, 0));
     EXPECT_EQ(next("pump/reply").value("sent").toObject().value("cmd").toInt(), 2)
@@ -124,13 +125,13 @@ TEST_F(Bridge, AsksOneUdpDeviceAtATimeForABlock)
 TEST_F(Bridge, SendsACommandOnceThatComesTwice)
 {
     begin({openLink("pump", peer.link())});
-    ask(R"({"cmd": 1})", "same");
+    ask(R"({"cmd": 1, "timeout_ms": 60000})", "same");
     EXPECT_EQ(peer.command().mid(6, 2), "01");
-    ask(R"({"cmd": 1})", "same"); // while it is under way
+    ask(R"({"cmd": 1, "timeout_ms": 60000})", "same"); // while it is under way
     peer.send(replyText(1, 0));
     EXPECT_TRUE(client->next("answers").json().value("ok").toBool());
-    ask(R"({"cmd": 1})", "same"); // when it is answered
-    ask(R"({"cmd": 2})", "same"); // another one
+    ask(R"({"cmd": 1, "timeout_ms": 60000})", "same"); // when it is answered
+    ask(R"({"cmd": 2, "timeout_ms": 60000})", "same"); // another one
     EXPECT_EQ(peer.command().mid(6, 2), "02");
     peer.send(replyText(2, 0));
     EXPECT_EQ(client->next("answers").json().value("sent").toObject().value("cmd").toInt(), 2);
@@ -139,9 +140,10 @@ TEST_F(Bridge, SendsACommandOnceThatComesTwice)
 TEST_F(Bridge, CountsWhatPasses)
 {
     begin({openLink("pump", peer.link())}, {{"counters_s", 1}});
-    command(R"({"cmd": 1})");
+    command(R"({"cmd": 1, "timeout_ms": 60000})");
     EXPECT_EQ(peer.command().size(), 19);
     peer.send(replyText(1, 0));
+    EXPECT_TRUE(next("pump/reply").value("ok").toBool()) << "counted before what is refused";
     command("{}");
     EXPECT_FALSE(next("pump/error").isEmpty());
     QJsonObject counters;

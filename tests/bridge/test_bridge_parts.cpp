@@ -71,11 +71,11 @@ TEST(Deadlines, ComeInTheirOrderAndOnlyIfTheyStand)
     QObject::connect(&deadlines, &Deadlines::expired, &deadlines,
                      [&](std::size_t thing) { came.push_back(thing); });
     deadlines.set(0, 60'000);
-    deadlines.set(1, 40);
+    deadlines.set(1, 5'000); // so much later that the next is earlier wherever this stops
     deadlines.set(2, 10);
     deadlines.set(3, 20);
     deadlines.clear(3);
-    deadlines.set(0, 60);
+    deadlines.set(0, 5'100);
     EXPECT_TRUE(eventually([&] { return came.size() == 3; }));
     EXPECT_EQ(came, (std::vector<std::size_t>{2, 1, 0}));
 }

@@ -168,3 +168,20 @@ qint64 datagramsSent()
     }
     return sent;
 }
+
+qint64 waitingBytes(quint16 port)
+{
+    qint64 bytes = 0;
+    for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
+        QFile file(QString::fromLatin1(table));
+        file.open(QIODevice::ReadOnly);
+        for (const QByteArray& line : file.readAll().split('\n')) {
+            const QList<QByteArray> words = line.simplified().split(' ');
+            if (words.size() > 4 &&
+                words.at(1).endsWith(':' + QByteArray::number(port, 16).toUpper())) {
+                bytes += words.at(4).split(':').back().toLongLong(nullptr, 16);
+            }
+        }
+    }
+    return bytes;
+}

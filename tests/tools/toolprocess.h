@@ -78,3 +78,6 @@ struct ToolRun {
 
 /// Datagrams that this network namespace has sent so far.
 qint64 datagramsSent();
+
+/// Bytes that wait for whoever reads a UDP port of this network namespace.
+qint64 waitingBytes(quint16 port);
