@@ -4,6 +4,7 @@
 #include "netns.h"
 
 #include <QImage>
+#include <QRegularExpression>
 #include <QStandardPaths>
 
 namespace
@@ -59,7 +60,10 @@ TEST(LiveTable, ShowsRepliesAndTheirRoundTrips)
     ToolProcess host({"127.0.0.1", device.port(), "--replies", "20", "--picture", "picture.png"},
                      {}, example("livetable", screen.environment()));
     EXPECT_EQ(host.exitCode(), 0) << host.error().toStdString();
-    EXPECT_EQ(host.output(), "20 replies, 1 lost\n");
+    const QRegularExpressionMatch summary =
+        QRegularExpression("^20 replies, (\\d+) lost\n$").match(host.output());
+    ASSERT_TRUE(summary.hasMatch()) << host.output().constData();
+    EXPECT_GE(summary.captured(1).toInt(), 1) << "more, if the device is late";
     const QImage picture(host.home() + "/picture.png");
     ASSERT_EQ(picture.size(), QSize(640, 480));
     constexpr int plotBottom = 463;

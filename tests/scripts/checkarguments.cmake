@@ -2,7 +2,7 @@
 # The scripts answer for their arguments before they build anything:
 #   cmake -DSCRIPTS=… -P checkarguments.cmake
 function(gives status expected script)
-    execute_process(COMMAND "${SCRIPTS}/${script}" ${ARGN} TIMEOUT 20
+    execute_process(COMMAND "${SCRIPTS}/${script}" ${ARGN} TIMEOUT 100
         RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
     if(NOT result STREQUAL status OR NOT output MATCHES "${expected}")
         message(FATAL_ERROR
