@@ -123,7 +123,7 @@ bool Broker::start()
                return process.state() == QProcess::NotRunning ||
                       log().contains(QStringLiteral(" running\n"));
            }) &&
-           process.state() == QProcess::Running;
+           process.state() != QProcess::NotRunning; // its start may not have been noticed yet
 }
 
 void Broker::kill()
