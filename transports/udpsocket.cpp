@@ -127,8 +127,7 @@ qint64 UdpSocket::write(const char* data, qint64 size, const QHostAddress& addre
     const SocketAddress to = toSocketAddress(address, port, mapsIpv4);
     qint64 written = -1;
     do {
-        written = sendto(descriptor, data, static_cast<std::size_t>(size),
-                         MSG_DONTWAIT | MSG_NOSIGNAL, to.get(), to.length);
+        written = sendto(descriptor, data, static_cast<std::size_t>(size), 0, to.get(), to.length);
     } while (written < 0 && errno == EINTR);
     return written;
 }

@@ -24,6 +24,8 @@ ASSIGNMENTS = {"+=": ("add", "-="), "-=": ("subtract", "+="), "|=": ("addBits", 
 STEPS = {"++": ("increment", "--"), "--": ("decrement", "++")}
 LITERALS = re.compile(r"\d[\w']*|'(\\.|\\x\w+|.)'|true|false")
 LOCK = re.compile(r"(?:const )?std::(?:lock_guard|unique_lock) \w+\((?P<mutex>[^,]*?)(?:, .*)?\);")
+FUNCTIONS = (Kind.LAMBDA_EXPR, Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR,
+             Kind.DESTRUCTOR, Kind.FUNCTION_TEMPLATE)
 LOOPS = (Kind.WHILE_STMT, Kind.FOR_STMT, Kind.CXX_FOR_RANGE_STMT, Kind.DO_STMT)
 
 
@@ -38,6 +40,7 @@ class Site:
     prefix: str  # with NUMBER for the number
     suffix: str = ")"
     operator: tuple = ()  # the range to replace, and what with
+    runs: bool = True  # the program, or else only the compiler works it out
     number: int = -1
     line: int = 0
     text: str = ""
@@ -49,6 +52,7 @@ class Finder:
         self.folders = folders
         self.sources = {}
         self.sites = {}
+        self.runs = False
 
     def parse(self, command):
         words = shlex.split(command["command"])[1:]
@@ -91,7 +95,7 @@ class Finder:
         return (file, extent.start.offset, extent.end.offset) if file else None
 
     def add(self, place, kind, change, prefix, **more):
-        site = Site(*place, kind, change, prefix, **more)
+        site = Site(*place, kind, change, prefix, runs=self.runs, **more)
         source = self.source(site.file)
         site.line = source.count("\n", 0, site.start) + 1
         site.text = source.split("\n")[site.line - 1].strip()
@@ -216,11 +220,17 @@ class Finder:
         elif kind == Kind.COMPOUND_STMT:
             for child in children:
                 self.statement(child, parents + [cursor])
+        runs = self.runs
+        if kind in FUNCTIONS:
+            place = self.place(cursor)
+            self.runs = bool(place) and \
+                "constexpr" not in self.source(place[0])[place[1]:cursor.location.offset]
         for child in children:
             place = self.place(child)
             if place and re.match(r"qC?(Debug|Warning)\(|Q_ASSERT", self.source(place[0])[place[1]:]):
                 continue
             self.walk(child, parents + [cursor])
+        self.runs = runs
 
 
 def is_plain(clang_type):
@@ -260,8 +270,7 @@ def is_operation(cursor, finder):
 
 def since_function(parents):
     for index in range(len(parents) - 1, -1, -1):
-        if parents[index].kind in (Kind.LAMBDA_EXPR, Kind.FUNCTION_DECL, Kind.CXX_METHOD,
-                                   Kind.CONSTRUCTOR, Kind.DESTRUCTOR, Kind.FUNCTION_TEMPLATE):
+        if parents[index].kind in FUNCTIONS:
             return parents[index:]
     return parents
 
