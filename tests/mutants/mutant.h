@@ -69,11 +69,15 @@ constexpr std::decay_t<Value> constant(const Value& value)
         return !value;
     } else if constexpr (std::is_arithmetic_v<Plain>) {
         return static_cast<Plain>(value + 1);
-    } else if constexpr (std::is_enum_v<Plain>) {
-        return static_cast<Plain>(static_cast<std::underlying_type_t<Plain>>(value) + 1);
     } else {
-        return value * 10; // a duration
+        return static_cast<Plain>(static_cast<std::underlying_type_t<Plain>>(value) + 1);
     }
+}
+
+template <int number, class Value>
+constexpr std::decay_t<Value> tenfold(const Value& value)
+{
+    return is(number) ? value * 10 : value;
 }
 
 #define MUTANT_OPERATION(name, operation, other)                                                   \

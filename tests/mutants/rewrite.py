@@ -153,8 +153,10 @@ class Finder:
             other = {"true": "false", "false": "true"}.get(text, f"{text} + 1")
             self.add(whole, "constant", f"{text} -> {other}", "mutant::constant<NUMBER>(")
         elif not is_literal and re.fullmatch(r"[\w:]+", text):
-            other = f"10 * {text}" if is_time(cursor.type) else f"{text} + 1"
-            self.add(whole, "constant", f"{text} -> {other}", "mutant::constant<NUMBER>(")
+            is_long = is_time(cursor.type) or text.endswith("Ms")  # one more would not be noticed
+            other = f"10 * {text}" if is_long else f"{text} + 1"
+            self.add(whole, "constant", f"{text} -> {other}",
+                     f"mutant::{'tenfold' if is_long else 'constant'}<NUMBER>(")
 
     def statement(self, cursor, parents):
         whole = self.place(cursor)

@@ -57,6 +57,16 @@ protected:
 
     void send(const QByteArray& bytes) { connection->send(bytes); }
 
+    // Fills what is kept for the parser, and more is to come.
+    void flood()
+    {
+        constexpr int limit = ReceiveBuffer::limit;
+        simulated->send(QByteArray(4 * limit, 'f'));
+        ASSERT_TRUE(eventually([&] { return endpoint.received.size() >= limit; }));
+    }
+
+    static constexpr int most = ReceiveBuffer::limit + 2 * 64 * 1024;
+
     std::unique_ptr<OsdSimulator> simulated;
     std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(nullptr);
     OsdEndpoint& endpoint = connection->endpoint;
@@ -80,16 +90,24 @@ TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
 
 TEST_F(OsdConnecting, AFloodIsHeldBack)
 {
-    constexpr int limit = ReceiveBuffer::limit;
-    constexpr int most = limit + 2 * 64 * 1024;
     begin();
-    simulated->send(QByteArray(4 * limit, 'f'));
-    ASSERT_TRUE(eventually([&] { return endpoint.received.size() >= limit; }));
+    flood();
     EXPECT_FALSE(eventually([&] { return endpoint.received.size() > most; },
                             std::chrono::milliseconds(300)));
     // It goes on when there is room again.
     endpoint.received.discard(most);
     EXPECT_TRUE(eventually([&] { return endpoint.received.size() > 512 * 1024; }));
+}
+
+TEST_F(OsdConnecting, AFloodIsHeldBackDuringAWrite)
+{
+    netns::limitBuffers();
+    begin();
+    simulated->setFault(Fault::NeverRead, always);
+    flood();
+    send(QByteArray(1024 * 1024, 'm')); // waits for the endpoint in vain
+    EXPECT_LE(endpoint.received.size(), most);
+    simulated->setFault(Fault::NeverRead, {}); // the close would wait for it
 }
 
 TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)
