@@ -235,7 +235,7 @@ TEST_F(OsdTool, TriesTheSilentAgain)
     acknowledge(first, '1');
     // Another try may have come before that was seen; from then on only the second one is tried.
     EXPECT_TRUE(eventually([this] {
-        return second.bytesThere() >= first.bytesThere() + 3 * frame.size();
+        return second.bytesThere() >= first.bytesThere() + qint64{3} * frame.size();
     })) << "the first one had replied";
     second.answer("OK2");
     EXPECT_EQ(tool->exitCode(), 0) << tool->error().toStdString();

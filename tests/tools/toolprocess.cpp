@@ -171,7 +171,7 @@ qint64 datagramsSent()
 
 qint64 waitingBytes(quint16 port)
 {
-    qint64 bytes = 0;
+    qint64 waiting = 0;
     for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
         QFile file(QString::fromLatin1(table));
         file.open(QIODevice::ReadOnly);
@@ -179,9 +179,9 @@ qint64 waitingBytes(quint16 port)
             const QList<QByteArray> words = line.simplified().split(' ');
             if (words.size() > 4 &&
                 words.at(1).endsWith(':' + QByteArray::number(port, 16).toUpper())) {
-                bytes += words.at(4).split(':').back().toLongLong(nullptr, 16);
+                waiting += words.at(4).split(':').back().toLongLong(nullptr, 16);
             }
         }
     }
-    return bytes;
+    return waiting;
 }
