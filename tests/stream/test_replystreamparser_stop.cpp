@@ -53,40 +53,26 @@ private:
     bool writeFrame(const QByteArray& /*frame*/) override { return false; }
 };
 
-// A stream whose parser gets no processor time while it pauses.
-class StarvedStream : public ReplyStream
-{
-public:
-    std::atomic<bool> starved{true};
-    std::atomic<bool> isStarving{false};
-
-private:
-    void sleep(milliseconds duration) override
-    {
-        isStarving = true;
-        while (starved) {
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        std::this_thread::sleep_for(duration);
-    }
-};
-
-// A stream whose parser stays in a wait for a block.
+// A stream whose parser stays in a pause of this length; in any pause, if that is zero.
 class HeldStream : public ReplyStream
 {
 public:
+    explicit HeldStream(milliseconds pause) : heldPause(pause) {}
+
     std::atomic<bool> isHeld{true};
     std::atomic<bool> isWaiting{false};
 
 private:
     void sleep(milliseconds duration) override
     {
-        while (duration == blockPause && isHeld) {
+        while (isHeld && (duration == heldPause || heldPause == milliseconds::zero())) {
             isWaiting = true;
             std::this_thread::sleep_for(milliseconds(1));
         }
         std::this_thread::sleep_for(duration);
     }
+
+    const milliseconds heldPause;
 };
 
 // A host's message handler that keeps who has a line for it.
@@ -162,7 +148,7 @@ TEST_F(ReplyStreamParserStop, RefusedThreadLeavesNoParser)
 
 TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsLeftItsOwnStream)
 {
-    const auto old = std::make_shared<HeldStream>();
+    const auto old = std::make_shared<HeldStream>(blockPause);
     transport = std::make_unique<Transport>(old);
     old->setOriginName(QStringLiteral("name"));
     transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(7));
@@ -204,14 +190,14 @@ TEST_F(ReplyStreamParserStop, AParserThatTheHostKeepsWaitingOutlivesTheTransport
 
 TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
 {
-    const auto stream = std::make_shared<StarvedStream>();
+    const auto stream = std::make_shared<HeldStream>(milliseconds::zero());
     transport = std::make_unique<Transport>(stream);
     ASSERT_TRUE(transport->startParsing());
-    ASSERT_TRUE(eventually([&stream] { return stream->isStarving.load(); }));
+    ASSERT_TRUE(eventually([&stream] { return stream->isWaiting.load(); }));
     auto closing =
         std::async(std::launch::async, [this] { transport->awaitParsingEnd(milliseconds(2500)); });
     EXPECT_EQ(closing.wait_for(milliseconds(3000)), std::future_status::timeout);
-    stream->starved = false;
+    stream->isHeld = false;
     closing.get();
     EXPECT_FALSE(stream->token.isRunning());
     EXPECT_EQ(transport->stream(), stream);
@@ -219,7 +205,7 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
 
 TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsWaitedFor)
 {
-    const auto stream = std::make_shared<HeldStream>();
+    const auto stream = std::make_shared<HeldStream>(blockPause);
     transport = std::make_unique<Transport>(stream);
     ASSERT_TRUE(transport->startParsing());
     transport->appendBuffData(replybytes::text(0x8B, 0x05));

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "osdlink.h"
 #include "osdpeer.h"
+#include "tests/osd/tcplistener.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 namespace
 {
@@ -63,4 +66,24 @@ TEST(OsdLink, TellsOfARefusalAtOnceAndCanBeReopened)
     }));
     EXPECT_EQ(peer.receive(frame.size()), frame);
     EXPECT_EQ(link.problem(), QString());
+}
+
+// Nothing of this process runs while it is stopped, so that time is none that the endpoint had.
+TEST(OsdLink, AnEndpointThatAnswersBehindAStopIsThere)
+{
+    const TcpListener listener{0}; // its queue takes one, and lets others hang
+    const int filler = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(connect(filler, listener.name(), sizeof(sockaddr_in)), 0);
+    OsdLink link({{address, static_cast<quint16>(listener.port())}});
+    link.takeReplies();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500)); // the limit is 2000
+    const int accepted = listener.accept();
+    link.takeReplies();
+    EXPECT_EQ(link.problem(), QString());
+    EXPECT_TRUE(eventually([&link] {
+        link.takeReplies();
+        return link.wasOpen();
+    }));
+    ::close(accepted);
+    ::close(filler);
 }
