@@ -203,6 +203,28 @@ TEST_F(ReplyStreamParserStop, AParserThatGetsNoTimeIsWaitedFor)
     EXPECT_EQ(transport->stream(), stream);
 }
 
+TEST_F(ReplyStreamParserStop, AParserWhoseThreadStartsLateIsWaitedFor)
+{
+    ASSERT_TRUE(transport->startParsing());
+    transport->appendBuffData(replybytes::text(0x10, 0x20));
+    ASSERT_TRUE(queued(1)); // a parser has worked on this stream
+    transport->stopParsing(patience);
+    const auto stream = transport->stream();
+    std::promise<void> started;
+    auto closing = std::async(std::launch::async, [&] {
+        started.get_future().wait();
+        transport->awaitParsingEnd(milliseconds::zero());
+    });
+    {
+        const ThreadHold busyMachine;
+        ASSERT_TRUE(transport->startParsing());
+        started.set_value();
+        EXPECT_EQ(closing.wait_for(milliseconds(200)), std::future_status::timeout);
+    }
+    closing.get();
+    EXPECT_EQ(transport->stream(), stream);
+}
+
 TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsWaitedFor)
 {
     const auto stream = std::make_shared<HeldStream>(blockPause);

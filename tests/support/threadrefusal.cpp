@@ -3,7 +3,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <limits>
+#include <memory>
+#include <thread>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -15,8 +18,23 @@ constexpr int noLimit = std::numeric_limits<int>::max();
 
 std::atomic<int> remaining{noLimit}; // threads until they are refused
 std::atomic<int> refusals{0};
+std::atomic<bool> isHolding{false};
 
 using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
+struct Start {
+    void* (*function)(void*);
+    void* argument;
+};
+
+void* runWhenLetGo(void* argument)
+{
+    const std::unique_ptr<const Start> start(static_cast<const Start*>(argument));
+    while (isHolding) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return start->function(start->argument);
+}
 
 } // namespace
 
@@ -30,7 +48,15 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*star
         ++refusals;
         return EAGAIN;
     }
-    return next(thread, attributes, start, argument);
+    if (!isHolding) {
+        return next(thread, attributes, start, argument);
+    }
+    auto held = std::make_unique<Start>(Start{start, argument});
+    const int error = next(thread, attributes, runWhenLetGo, held.get());
+    if (error == 0) {
+        (void)held.release();
+    }
+    return error;
 }
 
 ThreadRefusal::ThreadRefusal(int after)
@@ -41,6 +67,16 @@ ThreadRefusal::ThreadRefusal(int after)
 ThreadRefusal::~ThreadRefusal()
 {
     remaining = noLimit;
+}
+
+ThreadHold::ThreadHold()
+{
+    isHolding = true;
+}
+
+ThreadHold::~ThreadHold()
+{
+    isHolding = false;
 }
 
 int ThreadRefusal::refused()

@@ -12,3 +12,13 @@ public:
 
     static int refused(); ///< how many threads have been refused so far in this process
 };
+
+/// While it exists, new threads of this process get no time, as on a busy machine.
+class ThreadHold
+{
+public:
+    ThreadHold();
+    ~ThreadHold();
+    ThreadHold(const ThreadHold&) = delete;
+    ThreadHold& operator=(const ThreadHold&) = delete;
+};
