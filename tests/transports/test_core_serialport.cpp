@@ -6,6 +6,7 @@
 #include "messagecapture.h"
 #include "processstate.h"
 #include "serialconformance.h"
+#include "shortest.h"
 #include "textframes.h"
 #include "threadrefusal.h"
 
@@ -375,18 +376,22 @@ TEST_F(CoreSerialPortTest, ClosingTakesABlockWaitAtMost)
     EXPECT_EQ(hostqueue::size(), 1U);
 }
 
-TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedReturns)
+TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedTakesASecond)
 {
-    ASSERT_TRUE(link.open());
-    {
+    int kept = 0;
+    const auto took = shortest(5000, [&] {
+        ++kept;
+        EXPECT_TRUE(link.open());
         const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
         link.line.appendBuffData(replybytes::text(0x79, 0x0C));
-        ASSERT_TRUE(parserTookAll());
-        link.line.closeSerialPort();
-        ASSERT_TRUE(link.open());
-    }
+        EXPECT_TRUE(parserTookAll());
+        return elapsed([&] { link.line.closeSerialPort(); });
+    });
+    EXPECT_LT(took, 5000);
+    EXPECT_GE(took, 900);
+    ASSERT_TRUE(link.open());
     link.deliver(TextSerialLink::reply(2));
-    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+    EXPECT_TRUE(eventually([&] { return hostqueue::size() == kept + 1U; }));
 }
 
 TEST_F(CoreSerialPortTest, AHangUpClosesThePortAndTheProcessIsIdle)
