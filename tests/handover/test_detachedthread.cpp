@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <memory>
+#include <new>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -17,8 +19,33 @@ namespace
 {
 
 std::atomic<int> detachCalls{0};
+thread_local int allocations = -1; // until one fails, once; never if negative
+
+void* allocate(std::size_t size)
+{
+    return allocations >= 0 && allocations-- == 0 ? nullptr : std::malloc(size);
+}
 
 } // namespace
+
+// In place of those of the standard library, in this program and the libraries it loads.
+void* operator new(std::size_t size)
+{
+    void* const memory = allocate(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept
+{
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
 
 // Takes the place of the C library's function in this program and the libraries it loads.
 extern "C" __attribute__((visibility("default"))) int pthread_detach(pthread_t thread) noexcept
@@ -63,4 +90,21 @@ TEST(DetachedThread, GivesUpWhatItOwnsWhenItEndsOrIsRefused)
     EXPECT_FALSE(startDetached([owned, &seen] { seen = 8; }));
     EXPECT_EQ(owned.use_count(), 1);
     EXPECT_EQ(seen, 7);
+}
+
+TEST(DetachedThread, MemoryThatIsRefusedRefusesTheThread)
+{
+    processend::watch(); // what it makes once is not refused
+    const auto owned = std::make_shared<int>(7);
+    std::atomic<int> ran{0};
+    int refused = 0;
+    for (bool isStarted = false; !isStarted; refused += isStarted ? 0 : 1) {
+        allocations = refused;
+        isStarted = startDetached([owned, &ran] { ++ran; });
+        allocations = -1;
+        ASSERT_LT(refused, 10);
+    }
+    EXPECT_GE(refused, 2); // the function, and what the thread gets
+    EXPECT_TRUE(eventually([&] { return owned.use_count() == 1; }));
+    EXPECT_EQ(ran, 1);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The end of the process, and who looks at it. Each case is a process that ends.
 #include "biz_cmdswork.h"
+#include "core_udp.h"
 #include "debugline.h"
 #include "detachedthread.h"
 #include "endofprocess.h"
@@ -12,9 +13,13 @@
 #include "replystream.h"
 #include "runtoken.h"
 #include "sendreport.h"
+#include "tests/transports/udppeer.h"
 #include "udplink.h"
 #include "utility_manage.h"
 
+#include <cstdio>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -117,7 +122,8 @@ TEST(ProcessEnd, ALookTakesAMillisecond)
 {
     expectEnd([] { (void)new processend::Presence; },
               [start = std::chrono::steady_clock::now()] {
-                  return std::chrono::steady_clock::now() - start >= milliseconds(2 * allLooks);
+                  return std::chrono::steady_clock::now() - start >= milliseconds(2 * allLooks) &&
+                         endofprocess::longestLook == 1'000'000;
               });
 }
 
@@ -235,6 +241,38 @@ TEST(ProcessEnd, DebugLinesOfDeliveriesStillHaveTheirPattern)
             [] { return true; });
     };
     EXPECT_EXIT(lateLine(), ::testing::ExitedWithCode(0), "pattern late");
+}
+
+// An event loop may run on behind it. What is read then would be lost without a trace.
+TEST(ProcessEnd, NoDatagramIsReadBehindIt)
+{
+    static const auto isUnread = [] { // of port 5104
+        std::ifstream sockets("/proc/self/net/udp6");
+        unsigned unread = 0;
+        for (std::string line; unread == 0 && std::getline(sockets, line);) {
+            const auto port = line.find(":13F0 ");
+            if (port != std::string::npos) {
+                (void)std::sscanf(line.c_str() + port, "%*s %*s %*s %*x:%x", &unread);
+            }
+        }
+        return unread > 0;
+    };
+    static UdpPeer* peer = nullptr;
+    expectEnd(
+        [] {
+            hostqueue::clear();
+            (void)new core_UDP;
+            peer = new UdpPeer;
+            peer->send(replyText(0x10, 0x20));
+            ASSERT_TRUE(eventually([] { return hostqueue::size() == 1 && !isUnread(); }));
+        },
+        [] {
+            peer->send(replyText(0x10, 0x20));
+            for (int i = 0; i < 10; ++i) {
+                QCoreApplication::processEvents();
+            }
+            return isUnread();
+        });
 }
 
 TEST(ProcessEnd, NoReplyIsQueuedBehindIt)

@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 
@@ -25,10 +27,11 @@ inline std::function<bool()>& afterwards()
     return *instance;
 }
 
-inline std::atomic<int> looksBefore{0}; ///< until over
-inline std::atomic<int> looksBehind{0}; ///< from then on
-inline std::atomic<pid_t> ending{0};    ///< the thread that ends the process
-inline std::atomic<bool> atOnce{false}; ///< a look takes no time
+inline std::atomic<int> looksBefore{0};          ///< until over
+inline std::atomic<int> looksBehind{0};          ///< from then on
+inline std::atomic<std::int64_t> longestLook{0}; ///< ns
+inline std::atomic<pid_t> ending{0};             ///< the thread that ends the process
+inline std::atomic<bool> atOnce{false};          ///< a look takes no time
 
 /// If set, a look takes until this is true, and lookPause: a busy machine gives threads no time for
 /// long.
@@ -86,6 +89,8 @@ extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec* 
     static const auto next = reinterpret_cast<Sleep>(dlsym(RTLD_NEXT, "nanosleep"));
     if (endofprocess::ending == gettid()) {
         ++(processend::over() ? endofprocess::looksBehind : endofprocess::looksBefore);
+        endofprocess::longestLook = std::max(endofprocess::longestLook.load(),
+                                             time->tv_sec * 1'000'000'000 + time->tv_nsec);
         if (endofprocess::atOnce) {
             return 0;
         }

@@ -271,7 +271,8 @@ TYPED_TEST_P(StreamLinkConformance, TellsOfNoiseOfLostBlocksAndOfItsState)
     const auto log = std::make_shared<EventLog>();
     this->link.transport().addObserver(log);
     ASSERT_TRUE(this->link.open());
-    EXPECT_TRUE(log->has(1, Kind::Opened));
+    ASSERT_TRUE(log->has(1, Kind::Opened));
+    EXPECT_EQ(log->all(Kind::Opened).at(0).event.port, 0); // a stream has no address
     const QByteArray noise(300, 'x');
     this->link.deliver({noise + TypeParam::reply(1)});
     EXPECT_TRUE(log->hasBytes(noise, Kind::Skipped));

@@ -148,10 +148,11 @@ TEST_F(CoreSerialPortTest, OtherOperationsSendNothing)
     link.line.sendDatatoDeviceForSysPlan(&record);
     link.line.sendDatatoDevice(nullptr);
     link.line.sendDatatoDeviceByFeatures(nullptr);
-    link.line.setDeviceIP(QStringLiteral("127.0.0.1"));
-    link.line.setPort(1);
-    link.line.closeUSB();
-    EXPECT_FALSE(link.line.openUSB(0x04b4, 0x1008));
+    ICoreBase& base = link.line;
+    base.setDeviceIP(QStringLiteral("127.0.0.1"));
+    base.setPort(1);
+    base.closeUSB();
+    EXPECT_FALSE(base.openUSB(0x04b4, 0x1008));
     EXPECT_TRUE(capture.lines().isEmpty());
     link.line.sendDatatoDevice(&record); // nothing came before it
     EXPECT_TRUE(eventually([&] { return link.atDevice().size() >= 19; }));
