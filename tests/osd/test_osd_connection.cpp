@@ -88,6 +88,25 @@ TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
     EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
 }
 
+TEST_F(OsdConnecting, NothingIsOpenedBehindAStop)
+{
+    connection->open();
+    EXPECT_EQ(processstate::descriptors(), descriptors);
+}
+
+TEST_F(OsdConnecting, AStartWaitsForTheStopBeforeIt)
+{
+    begin();
+    int starts = 0; // a busy machine may need more than the 500 ms that it waits
+    for (int i = 0; i < 10 && starts == 0; ++i) {
+        endpoint.token.set(false);
+        connection->quit();
+        connection->begin();
+        starts += endpoint.token.isSet() ? 1 : 0;
+    }
+    EXPECT_EQ(starts, 1);
+}
+
 TEST_F(OsdConnecting, AFloodIsHeldBack)
 {
     begin();

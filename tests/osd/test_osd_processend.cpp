@@ -12,10 +12,12 @@
 #include "threadrefusal.h"
 #include "utility_manage.h"
 
+#include <array>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 namespace
 {
@@ -93,6 +95,29 @@ TEST(OsdProcessEnd, ACloseDoesNotWaitForWhatIsPending)
                 return elapsed([&next] { all.at(next++)->connection->closeSocket(); });
             };
             return shortest(2500, close) < 2500; // not its 3000
+        });
+}
+
+TEST(OsdProcessEnd, AFrameThatIsSentThenIsGivenToTheSystem)
+{
+    static Connected* connected = nullptr;
+    static std::atomic<bool> isHeld{false}; // the thread that would close
+    expectEnd(
+        [] {
+            endofprocess::atOnce = true;
+            endofprocess::held() = [](const timespec& /*time*/) {
+                while (isHeld) {
+                    usleep(1000);
+                }
+            };
+            connected = new Connected;
+            isHeld = true;
+            usleep(100'000);
+        },
+        [] {
+            connected->connection->send("last");
+            std::array<char, 5> bytes{};
+            return recv(connected->peer, bytes.data(), bytes.size(), MSG_DONTWAIT) == 4;
         });
 }
 

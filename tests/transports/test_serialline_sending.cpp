@@ -295,6 +295,25 @@ TEST_F(SerialLineSending, WhatWaitsIsBounded)
     EXPECT_EQ(capture.count(QStringLiteral("Send failed")), most + 2);
 }
 
+TEST_F(SerialLineSending, WhatWaitsMayReachTheBound)
+{
+    ASSERT_TRUE(open());
+    const auto log = std::make_shared<EventLog>();
+    line->addObserver(log);
+    qsizetype sent = 0;
+    const auto waiting = [&] { return sent - log->bytes(EventLog::Kind::Sent).size(); };
+    while (waiting() < ReceiveBuffer::limit) { // the line may take some of it yet
+        const QByteArray frame(static_cast<int>(ReceiveBuffer::limit - waiting()), 'x');
+        line->sendComData(frame);
+        sent += frame.size();
+    }
+    line->sendComData("last");
+    EXPECT_TRUE(log->all(EventLog::Kind::SendFailed).empty());
+    line->sendComData("more");
+    EXPECT_EQ(log->bytes(EventLog::Kind::SendFailed), "more");
+    peer.hangUp();
+}
+
 TEST_F(SerialLineSending, AnEmptyFrameIsSent)
 {
     ASSERT_TRUE(open());
