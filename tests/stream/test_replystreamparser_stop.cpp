@@ -241,6 +241,29 @@ TEST_F(ReplyStreamParserStop, AParserInABlockWaitIsWaitedFor)
     EXPECT_EQ(transport->stream(), stream);
 }
 
+TEST_F(ReplyStreamParserStop, TheTimeInTheHostCountsFromThePauseBeforeIt)
+{
+    bool isWaitedFor = false;
+    for (int i = 0; i < 10 && !isWaitedFor; ++i) { // a busy machine may let it wait for too long
+        const auto stream = std::make_shared<HeldStream>(milliseconds::zero());
+        transport = std::make_unique<Transport>(stream);
+        ASSERT_TRUE(transport->startParsing());
+        ASSERT_TRUE(eventually([&stream] { return stream->isWaiting.load(); }));
+        std::unique_lock hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
+        transport->appendBuffData(replybytes::text(0x79, 0x0C));
+        auto closing = std::async(std::launch::async,
+                                  [this] { transport->awaitParsingEnd(milliseconds(300)); });
+        EXPECT_EQ(closing.wait_for(milliseconds(400)), std::future_status::timeout);
+        stream->isHeld = false;
+        EXPECT_TRUE(eventually([&stream] { return stream->received.size() == 0; }));
+        std::this_thread::sleep_for(milliseconds(50));
+        hostIsBusy.unlock();
+        closing.get();
+        isWaitedFor = transport->stream() == stream;
+    }
+    EXPECT_TRUE(isWaitedFor);
+}
+
 TEST_F(ReplyStreamParserStop, AParserInTheHostsCodeIsLeftBehind)
 {
     const MessageCapture debugLines; // switched on
