@@ -58,7 +58,7 @@ if(CORE_MANAGE_COVERAGE)
         --coverage -fprofile-update=atomic "SHELL:-O0 -U_FORTIFY_SOURCE")
     target_link_options(core_manage_flags INTERFACE --coverage)
 endif()
-if(NOT CORE_MANAGE_SANITIZE)
+if(NOT CORE_MANAGE_SANITIZE AND NOT CORE_MANAGE_COVERAGE)
     # What is handed on names no directory of the machine that built it; gdb finds the sources when
     # it is started in the source directory. A compiler cache gives the compiler relative paths.
     file(RELATIVE_PATH source_from_build "${CMAKE_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")

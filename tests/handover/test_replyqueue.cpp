@@ -289,6 +289,23 @@ TEST(ReplyQueue, WhatWaitsForTheHostHasABound)
     EXPECT_FALSE(replyqueue::isFull());
 }
 
+TEST(ReplyQueue, TheBoundIsExact)
+{
+    hostqueue::clear();
+    model_Protocoldata record;
+    constexpr auto others = static_cast<int>(2 * sizeof record);
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        record.arryDatablock = QByteArray(16 * 1024 * 1024 - others - 1, 'b');
+        post(record);
+        EXPECT_FALSE(replyqueue::isFull());
+        record.arryDatablock = QByteArray("b");
+        post(record);
+        EXPECT_TRUE(replyqueue::isFull());
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 2; }));
+}
+
 // The process ends with replies pending: freely, and with the host's lock never let go.
 TEST(ReplyQueueDeathTest, ExitWithRepliesPending)
 {

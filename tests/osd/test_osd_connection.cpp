@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "eventlog.h"
 #include "eventually.h"
 #include "fixedlocalport.h"
 #include "netns.h"
@@ -124,9 +125,27 @@ TEST_F(OsdConnecting, AFloodIsHeldBackDuringAWrite)
     begin();
     simulated->setFault(Fault::NeverRead, always);
     flood();
-    send(QByteArray(1024 * 1024, 'm')); // waits for the endpoint in vain
+    const double before = processstate::cpuSeconds();
+    send(QByteArray(1024 * 1024, 'm'));                // in vain
+    EXPECT_LT(processstate::cpuSeconds() - before, 1); // of 2 s
     EXPECT_LE(endpoint.received.size(), most);
     simulated->setFault(Fault::NeverRead, {}); // the close would wait for it
+}
+
+TEST_F(OsdConnecting, ObserversHearOfAWriteThatFailsNotOfOneThatWaits)
+{
+    netns::limitBuffers();
+    const auto log = std::make_shared<EventLog>();
+    endpoint.tap->add(log);
+    begin();
+    simulated->setFault(Fault::NeverRead, always);
+    send(QByteArray(1024 * 1024, 'm')); // waits in vain
+    simulated->hangUp(true);
+    EXPECT_TRUE(log->has(1, LinkEvent::Kind::Lost));
+    EXPECT_LE(log->all(LinkEvent::Kind::SendFailed).size(), 1U);
+    EXPECT_EQ(log->bytes(LinkEvent::Kind::Sent).size() +
+                  log->bytes(LinkEvent::Kind::SendFailed).size(),
+              1024 * 1024);
 }
 
 TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)

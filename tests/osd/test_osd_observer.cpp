@@ -56,6 +56,7 @@ TEST(OsdObserver, AManagersHearsOfAllItsEndpoints)
     EXPECT_LE(log->all(Kind::Sent).at(0).event.time, log->all(Kind::Received).at(0).event.time);
     first.send("noise");
     EXPECT_TRUE(log->hasBytes("noise", Kind::Skipped));
+    EXPECT_EQ(log->all(Kind::Skipped).size(), 1U);
     first.hangUp(false);
     EXPECT_TRUE(log->has(1, Kind::Lost));
     EXPECT_EQ(log->all(Kind::Lost).at(0).event.peer, here);

@@ -259,6 +259,7 @@ TEST_F(CoreUdpIndependence, AFullBacklogOfLinesHoldsTheReaderBack)
 {
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     constexpr int limit = 65536;
+    std::thread sender;
     {
         const BlockedLog blocked;
         for (int sent = 0; sent < limit + 1000; sent += 500) {
@@ -273,7 +274,14 @@ TEST_F(CoreUdpIndependence, AFullBacklogOfLinesHoldsTheReaderBack)
         transport.readPendingDatagrams();
         EXPECT_EQ(hostqueue::size(), 1U);
         peer.send(replyText(0x10, 2));
+        // Who fills it is held back, too, by the line of its own frame.
+        sender = std::thread([this] {
+            model_Protocoldata record = command(1, QStringLiteral("127.0.0.1"));
+            transport.sendDatatoDeviceForSysPlan(&record);
+        });
+        EXPECT_TRUE(eventually([] { return linesUnderWay == 2; }));
     }
+    sender.join();
     EXPECT_TRUE(queued(2));
     EXPECT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) >= limit; }));
 }

@@ -796,9 +796,14 @@ TEST_F(CoreUsb, AThreadOfTheHostMayReadToo)
 {
     line.td_readPendingDatagrams(); // nothing is open
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
-    std::thread reader([this] { line.td_readPendingDatagrams(); });
-    ASSERT_TRUE(plain.sendPadded(replybytes::text(0x10, 0x20)));
+    std::atomic<bool> isReading{true};
+    std::thread reader([&] {
+        line.td_readPendingDatagrams();
+        isReading = false;
+    });
+    EXPECT_TRUE(plain.sendPadded(replybytes::text(0x10, 0x20)));
     EXPECT_TRUE(queued(1));
+    EXPECT_TRUE(isReading);
     line.closeUSB();
     reader.join();
 }

@@ -44,6 +44,8 @@ struct Uart {
 
 Uart uart;
 
+std::atomic<int> interruptions{0}; // of writes, by a signal
+
 } // namespace
 
 // These take the place of the C library's functions in this program and the libraries it loads.
@@ -67,6 +69,19 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsi
         return 0;
     }
     return next(descriptor, request, argument);
+}
+
+extern "C" __attribute__((visibility("default"))) ssize_t write(int descriptor, const void* bytes,
+                                                                std::size_t size)
+{
+    using Call = ssize_t (*)(int, const void*, std::size_t);
+    static const auto next = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "write"));
+    if (isatty(descriptor) == 1 && interruptions > 0) {
+        --interruptions;
+        errno = EINTR;
+        return -1;
+    }
+    return next(descriptor, bytes, size);
 }
 
 extern "C" __attribute__((visibility("default"))) int tcflush(int /*descriptor*/,
@@ -144,6 +159,16 @@ TEST_F(SerialLineSending, AFrameLeavesWithoutTheEventLoop)
     send(1);
     EXPECT_TRUE(peer.awaitReceived(all().size()));
     EXPECT_EQ(peer.received(), all());
+}
+
+TEST_F(SerialLineSending, ASignalLosesNoFrame)
+{
+    ASSERT_TRUE(open());
+    interruptions = 3;
+    send(1);
+    EXPECT_EQ(interruptions, 0);
+    EXPECT_TRUE(eventually([&] { return peer.received() == all(); }));
+    EXPECT_EQ(logged(), 1);
 }
 
 TEST_F(SerialLineSending, AFrameLeavesBeforeTheClose)

@@ -11,14 +11,18 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <fstream>
 #include <string>
+#include <thread>
 
+#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <net/if.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace
 {
@@ -59,7 +63,41 @@ bool refuseIpv6()
            ::socket(AF_INET6, SOCK_DGRAM, 0) < 0 && errno == EAFNOSUPPORT;
 }
 
+// For the rest of the calling thread's life. The C library has no function for it.
+bool giveUpPrivileges()
+{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    const std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
+    return syscall(SYS_capset, &header, none.data()) == 0;
+}
+
+int receiveBufferOf(int descriptor)
+{
+    int size = 0;
+    socklen_t length = sizeof size;
+    getsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &size, &length);
+    return size;
+}
+
 } // namespace
+
+TEST(UdpSocket, HasAsLargeABufferAsItMayHave)
+{
+    UdpSocket privileged;
+    ASSERT_TRUE(privileged.open(receiverPort));
+    UdpSocket plain;
+    bool isPlain = false;
+    std::thread([&] { isPlain = giveUpPrivileges() && plain.open(receiverPort + 1); }).join();
+    ASSERT_TRUE(isPlain);
+    std::ifstream system("/proc/sys/net/core/rmem_max");
+    int limit = 0;
+    ASSERT_TRUE(system >> limit);
+    constexpr int wanted = 4 * 1024 * 1024; // which the kernel doubles
+    EXPECT_EQ(receiveBufferOf(plain.readable()), 2 * qMin(limit, wanted));
+    if (netns::isolated()) { // with the privilege
+        EXPECT_EQ(receiveBufferOf(privileged.readable()), 2 * wanted);
+    }
+}
 
 TEST(UdpSocket, ASystemWithoutIpv6SendsAndReceivesIpv4)
 {
