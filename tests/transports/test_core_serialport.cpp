@@ -379,7 +379,7 @@ TEST_F(CoreSerialPortTest, ClosingTakesABlockWaitAtMost)
 
 TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedTakesASecond)
 {
-    int kept = 0;
+    std::size_t kept = 0;
     const auto took = shortest(5000, [&] {
         ++kept;
         EXPECT_TRUE(link.open());
@@ -392,7 +392,7 @@ TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedTakesASecond)
     EXPECT_GE(took, 900);
     ASSERT_TRUE(link.open());
     link.deliver(TextSerialLink::reply(2));
-    EXPECT_TRUE(eventually([&] { return hostqueue::size() == kept + 1U; }));
+    EXPECT_TRUE(eventually([&] { return hostqueue::size() == kept + 1; }));
 }
 
 TEST_F(CoreSerialPortTest, AHangUpClosesThePortAndTheProcessIsIdle)
