@@ -575,6 +575,7 @@ TEST_F(CoreUsb, ReportsAreAppendedWhole)
     EXPECT_TRUE(eventually([&] { return line.getBuffData(10) == bytes; }));
     ASSERT_TRUE(plain.send("x"));
     EXPECT_TRUE(log->hasBytes(bytes + "x", LinkEvent::Kind::Received));
+    EXPECT_EQ(log->all(LinkEvent::Kind::Received).at(0).event.port, 0);
     line.closeUSB();
     EXPECT_TRUE(line.getBuffData(10).isEmpty());
 }
