@@ -286,6 +286,32 @@ TEST_F(CoreUdpIndependence, AFullBacklogOfLinesHoldsTheReaderBack)
     EXPECT_TRUE(eventually([] { return hostqueue::countLog(orphanBlock) >= limit; }));
 }
 
+TEST_F(CoreUdpIndependence, AFloodLeavesOtherEventsTheirTurn)
+{
+    class Slow : public LinkObserver
+    {
+    public:
+        std::atomic<int> heard{0};
+
+    private:
+        void onEvent(const LinkEvent& event) override
+        {
+            heard += event.kind == LinkEvent::Kind::Received ? 1 : 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    const auto slow = std::make_shared<Slow>();
+    QCoreApplication::processEvents();
+    transport.addObserver(slow);
+    for (int i = 0; i < 200; ++i) {
+        peer.send(replyText(0x10, i % 100));
+    }
+    QCoreApplication::processEvents();
+    EXPECT_GE(slow->heard, 1);
+    EXPECT_LE(slow->heard, 10); // in 5 ms
+    EXPECT_TRUE(queued(200));
+}
+
 TEST_F(CoreUdpIndependence, ADestructorWaitsForNoHostCode)
 {
     const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
