@@ -89,6 +89,24 @@ TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
     EXPECT_TRUE(eventually([&] { return simulated->connected() == 0; }));
 }
 
+TEST(OsdParsers, TakeTurns)
+{
+    constexpr int count = 20'000;
+    OsdEndpoint endpoint;
+    endpoint.received.append(QByteArray("xOK1").repeated(count));
+    std::atomic<int> taken{0};
+    const auto parse = [&] {
+        for (int i = 0; i < count; ++i) {
+            taken += endpoint.parseOnce() == "OK1" ? 1 : 0;
+        }
+    };
+    std::thread other(parse);
+    parse();
+    other.join();
+    EXPECT_EQ(taken, count);
+    EXPECT_EQ(endpoint.received.size(), 0);
+}
+
 TEST_F(OsdConnecting, NothingIsOpenedBehindAStop)
 {
     connection->open();

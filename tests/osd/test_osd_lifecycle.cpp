@@ -126,6 +126,7 @@ public:
             isInside = true; // behind blocks, which ThreadSanitizer sees, unlike Qt's event queue
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
+        isInside = false;
         return true;
     }
 
@@ -851,6 +852,7 @@ TEST_F(OsdLife, AThreadThatDoesNotEndIsNeitherWaitedForNorDestroyed)
         const qint64 closing = elapsed([&] { socket.reset(); });
         EXPECT_FALSE(ended());
         hostCode.blocks = false;
+        EXPECT_TRUE(eventually([&] { return !hostCode.isInside; }));
         EXPECT_TRUE(eventually([&] { return ended(); }));
         return closing;
     });

@@ -170,3 +170,20 @@ TEST(ReceiveBuffer, WriterAndConsumerSeeEveryByteInOrder)
     EXPECT_FALSE(wrong);
     EXPECT_EQ(buffer.size(), 0);
 }
+
+TEST(ReceiveBuffer, MayBeClearedBesideAWriter)
+{
+    ReceiveBuffer buffer;
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        while (!done) {
+            buffer.append(QByteArray(1000, 'x'));
+        }
+    });
+    for (int i = 0; i < 1000; ++i) {
+        buffer.clear();
+    }
+    done = true;
+    writer.join();
+    EXPECT_EQ(buffer.size() % 1000, 0);
+}

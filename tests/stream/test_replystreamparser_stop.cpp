@@ -292,6 +292,7 @@ TEST_F(ReplyStreamParserStop, StopsAndStartsUnderLoadMixNoSessions)
             transport->appendBuffData(i % 3 == 0 ? replybytes::text(0x8B, 0x05)
                                                  : replybytes::text(0x10, 0x20));
             transport->setDeviceType(static_cast<model_GlobalEnum::DeviceType>(i));
+            transport->stream()->setOriginName(QString::number(i));
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
     });
