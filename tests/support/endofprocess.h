@@ -16,6 +16,9 @@
 #include <time.h>
 #include <unistd.h>
 
+/// Writes the counters of a coverage build, which it alone has.
+extern "C" __attribute__((weak)) void __gcov_dump(); // NOLINT(bugprone-reserved-identifier)
+
 /// The end of a process in a death test, in whose program it replaces the C library's nanosleep.
 /// The looks that the end of the process takes at its threads are counted.
 namespace endofprocess
@@ -60,7 +63,11 @@ inline std::function<void(const timespec&)>& held()
     // Registered before the watch, so it runs after it.
     std::atexit([] {
         ending = 0;
-        _exit(afterwards()() && processend::over() ? 0 : 1);
+        const bool isRight = afterwards()() && processend::over();
+        if (__gcov_dump != nullptr) {
+            __gcov_dump();
+        }
+        _exit(isRight ? 0 : 1);
     });
     processend::watch();
     before();

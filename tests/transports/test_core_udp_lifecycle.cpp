@@ -332,10 +332,12 @@ TEST_F(CoreUdpLifecycle, OperationsOfOtherLinksDoNothing)
                                           QSerialPort::OneStop, QSerialPort::NoParity,
                                           QSerialPort::NoFlowControl, QSerialPort::Data8));
     EXPECT_FALSE(transport.openUSB(0x04b4, 0x1008));
-    transport.closeSerialPort();
-    transport.closeUSB();
+    ICoreBase& base = transport;
+    base.closeSerialPort();
+    base.closeUSB();
     transport.senToUipro(nullptr);
-    transport.processInfoDisplayonUI(nullptr);
+    void* const nothing = nullptr;
+    EXPECT_TRUE(QMetaObject::invokeMethod(&base, "processInfoDisplayonUI", Q_ARG(void*, nothing)));
 }
 
 TEST_F(CoreUdpLifecycle, AutoRecPadsToTwoCharacters)
