@@ -10,8 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <optional>
+#include <thread>
 
 namespace
 {
@@ -115,6 +117,26 @@ TEST(BinaryReplyStreamPass, AMarkAcrossTheEndOfWhatIsInspectedIsHalfOne)
     parser.pass();
     EXPECT_EQ(stream->received.size(), 0);
     EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST(ReplyStream, ItsNameMayBeSetBesideAParser)
+{
+    ReplyStream stream;
+    std::atomic<bool> done{false};
+    std::thread host([&] {
+        for (int i = 0; !done; ++i) {
+            stream.setOriginName(QString(20, QLatin1Char(static_cast<char>('a' + i % 26))));
+        }
+    });
+    EXPECT_TRUE(eventually([&] { return !stream.originName().isEmpty(); }));
+    int torn = 0;
+    for (int i = 0; i < 100'000; ++i) {
+        const QString name = stream.originName();
+        torn += name == QString(20, name.at(0)) ? 0 : 1;
+    }
+    done = true;
+    host.join();
+    EXPECT_EQ(torn, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Text, ReplyStreamPass, ::testing::Values(false));
