@@ -56,7 +56,7 @@ add_library(core_manage_counted INTERFACE)
 if(CORE_MANAGE_COVERAGE)
     target_compile_options(core_manage_counted INTERFACE
         --coverage -fprofile-update=atomic "SHELL:-O0 -U_FORTIFY_SOURCE")
-    target_link_options(core_manage_flags INTERFACE --coverage)
+    target_link_options(core_manage_flags INTERFACE --coverage LINKER:-u,__gcov_dump) # for endofprocess.h
 endif()
 if(NOT CORE_MANAGE_SANITIZE AND NOT CORE_MANAGE_COVERAGE)
     # What is handed on names no directory of the machine that built it; gdb finds the sources when
