@@ -102,17 +102,19 @@ TEST(OsdProcessEnd, AFrameThatIsSentThenIsGivenToTheSystem)
 {
     static Connected* connected = nullptr;
     static std::atomic<bool> isHeld{false}; // the thread that would close
+    static std::atomic<bool> isInside{false};
     expectEnd(
         [] {
             endofprocess::atOnce = true;
             endofprocess::held() = [](const timespec& /*time*/) {
                 while (isHeld) {
+                    isInside = true;
                     usleep(1000);
                 }
             };
             connected = new Connected;
             isHeld = true;
-            usleep(100'000);
+            (void)eventuallyTrue([] { return isInside.load(); });
         },
         [] {
             connected->connection->send("last");

@@ -176,14 +176,14 @@ TEST(ReceiveBuffer, MayBeClearedBesideAWriter)
     ReceiveBuffer buffer;
     std::atomic<bool> done{false};
     std::thread writer([&] {
-        while (!done) {
+        for (int i = 0; i < 20'000; ++i) {
             buffer.append(QByteArray(1000, 'x'));
         }
+        done = true;
     });
-    for (int i = 0; i < 1000; ++i) {
+    while (!done) {
         buffer.clear();
     }
-    done = true;
     writer.join();
     EXPECT_EQ(buffer.size() % 1000, 0);
 }
