@@ -210,6 +210,15 @@ TEST_F(Bridge, ConnectsAgainToAnEndpointThatHasHungUp)
     }
 }
 
+TEST_F(Bridge, KeepsTryingAnEndpointThatIsOffForLong)
+{
+    begin({openLink("pump", "osd://127.1.0.3:10001")});
+    EXPECT_TRUE(comes("pump", "offline"));
+    std::this_thread::sleep_for(std::chrono::seconds(3)); // three tries at least, all refused
+    const ToolProcess endpoint({"simulate", "osd://127.1.0.3:10001"});
+    EXPECT_TRUE(comes("pump", "online"));
+}
+
 TEST_F(Bridge, WaitsForThePortThatUdpRepliesComeTo)
 {
     auto taken = std::make_unique<QUdpSocket>();

@@ -391,6 +391,7 @@ void Bridge::open(std::size_t index)
     }
     if (channel.isOsd()) {
         osd->reopen(channel.place.device);
+        channel.isConnecting = true;
         return;
     }
     channel.opening += channel.isUdp() ? 0 : 1;
@@ -411,6 +412,7 @@ void Bridge::open(std::size_t index)
 void Bridge::nowOnline(Channel& channel)
 {
     channel.isOnline = true;
+    channel.isConnecting = false;
     channel.reason.clear();
     channel.pause.succeeded();
     publishStatus(channel);
@@ -422,6 +424,7 @@ void Bridge::lose(std::size_t index, const QString& why)
     Channel& channel = *channels[index];
     const bool isNews = channel.isOnline || channel.reason != why;
     channel.isOnline = false;
+    channel.isConnecting = false;
     channel.reason = why;
     channel.link.reset();
     for (const Request& request : std::exchange(channel.waiting, {})) {
@@ -447,6 +450,7 @@ void Bridge::openOsd()
             endpoints.push_back({channel.place.device, channel.place.port});
             peers.insert(channel.place.device, {i, channel.counters});
             channel.reason = "no connection yet";
+            channel.isConnecting = true;
         }
     }
     if (endpoints.empty()) {
@@ -468,7 +472,7 @@ void Bridge::lookAtOsd()
         const Channel& channel = *channels[i];
         if (channel.isOsd()) {
             const QString why = osd->trouble(channel.place.device);
-            if (!why.isEmpty() && (channel.isOnline || channel.reason != why)) {
+            if (!why.isEmpty() && (channel.isOnline || channel.isConnecting)) {
                 lose(i, why);
             }
         }

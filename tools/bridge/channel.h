@@ -76,6 +76,7 @@ struct Channel {
 
     std::unique_ptr<DeviceLink> link; // null: offline, or one of the OSD endpoints
     bool isOnline = false;
+    bool isConnecting = false;         // an OSD endpoint's connection has begun
     QString reason = "not opened yet"; // why it is not
     int opening = 0;                   // which one
     RetryPause pause;
