@@ -90,10 +90,11 @@ void Peer::die(bool reset)
     }
 }
 
-void Peer::comeBack()
+bool Peer::comeBack()
 {
     const std::lock_guard guard(lock);
     isThere = isThere || connect();
+    return isThere;
 }
 
 std::vector<pollfd> Peer::watched()

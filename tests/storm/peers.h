@@ -29,7 +29,7 @@ public:
     void flood(const QByteArray& bytes);           ///< sends as much of this as the medium takes
     void hang(std::chrono::milliseconds duration); ///< takes nothing for so long
     void die(bool reset);                          ///< as pulling the cable, or as a crash
-    void comeBack();                               ///< does nothing unless it has died
+    bool comeBack();                               ///< whether it is there; it may have died
     virtual bool diesWithoutDescriptors() const { return true; } ///< though there are none left
 
     /// Ends its hanging when the time is over; the descriptors to watch otherwise.

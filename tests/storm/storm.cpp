@@ -199,7 +199,7 @@ private:
         } else if (what < 65) {
             mark.now("let the device come back");
             if (!shortage.isOn()) { // it is of this process, too
-                stormed->peer->comeBack();
+                (void)stormed->peer->comeBack();
             }
         } else if (what < 75) {
             mark.now("open");

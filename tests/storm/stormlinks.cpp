@@ -14,6 +14,7 @@
 #include "vela_core_serialport.h"
 
 #include <array>
+#include <thread>
 
 namespace
 {
@@ -286,7 +287,10 @@ void StormLink::peerDoes(Random& random)
 void StormLink::peerIsGood(int tag)
 {
     peer->hang(milliseconds(0));
-    peer->comeBack();
+    // While the other thread still polls the socket that was closed, its port is not free.
+    while (!peer->comeBack()) {
+        std::this_thread::sleep_for(milliseconds(1));
+    }
     peer->answerWith(reply(tag));
 }
 
