@@ -3,6 +3,7 @@
 #include "detachedthread.h"
 #include "eventually.h"
 #include "replyqueue.h"
+#include "runtoken.h"
 #include "threadrefusal.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <time.h>
 
 namespace
 {
@@ -24,6 +26,14 @@ thread_local int allocations = -1; // until one fails, once; never if negative
 void* allocate(std::size_t size)
 {
     return allocations >= 0 && allocations-- == 0 ? nullptr : std::malloc(size);
+}
+
+// Processor time that the calling thread has used, ms.
+qint64 threadTime()
+{
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return used.tv_sec * 1000 + used.tv_nsec / 1'000'000;
 }
 
 } // namespace
@@ -90,6 +100,25 @@ TEST(DetachedThread, GivesUpWhatItOwnsWhenItEndsOrIsRefused)
     EXPECT_FALSE(startDetached([owned, &seen] { seen = 8; }));
     EXPECT_EQ(owned.use_count(), 1);
     EXPECT_EQ(seen, 7);
+}
+
+TEST(RunToken, IsClearedIfItsThreadIsRefused)
+{
+    RunToken token;
+    const ThreadRefusal refusal;
+    EXPECT_FALSE(token.start([] {}));
+    EXPECT_FALSE(token.isSet());
+    EXPECT_FALSE(token.isRunning());
+}
+
+TEST(RunToken, WaitingForAWorkerCostsNoProcessor)
+{
+    RunToken token;
+    token.run([&token] {
+        const qint64 before = threadTime();
+        EXPECT_FALSE(token.awaitEnd(std::chrono::milliseconds(300)));
+        EXPECT_LT(threadTime() - before, 100);
+    });
 }
 
 TEST(DetachedThread, MemoryThatIsRefusedRefusesTheThread)

@@ -81,6 +81,18 @@ TEST(HandOverThread, TheEndOfTheProcessWaitsForWhatIsPending)
                 ::testing::ExitedWithCode(0), "");
 }
 
+TEST(HandOverThread, TheEndOfTheProcessDoesNotWaitForWhatIsDone)
+{
+    const auto handOnAll = [] {
+        auto* const done = new HandOverThread<int>([](std::deque<int>&) {});
+        done->put(1);
+        (void)endofprocess::eventuallyTrue([done] { return done->size() == 0; });
+        usleep(50'000);
+    };
+    EXPECT_EXIT(endofprocess::endWith(handOnAll, [] { return endofprocess::looksBefore < 200; }),
+                ::testing::ExitedWithCode(0), "");
+}
+
 TEST(HandOverThread, RefusedItsThreadItAsksAgainWithTheNextItem)
 {
     mayHandOn = 2;

@@ -286,6 +286,16 @@ TEST(ProcessEnd, NoReplyIsQueuedBehindIt)
               });
 }
 
+TEST(ProcessEnd, TheHostsLockIsNotTakenBehindIt)
+{
+    expectEnd([] {},
+              [] {
+                  const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+                  replyqueue::append(numbered(1), LinkTap()); // would wait for ever
+                  return true;
+              });
+}
+
 TEST(ProcessEnd, AReplyThatWaitsForTheHostsLockIsGivenUp)
 {
     static std::atomic<bool> isWaiting{false};

@@ -20,6 +20,8 @@
 namespace
 {
 
+int worksDestroyed = 0;
+
 model_Protocoldata numbered(int number)
 {
     model_Protocoldata record;
@@ -99,6 +101,19 @@ void expectFlagUnderQueueLock(void (*handOver)())
 }
 
 } // namespace
+
+// Takes the place of the reference host's, which has nothing to do.
+biz_CMDSWork::~biz_CMDSWork()
+{
+    ++worksDestroyed;
+}
+
+TEST(ReplyQueue, TheHostsWorkIsDestroyed)
+{
+    worksDestroyed = 0;
+    replyqueue::makeWork();
+    EXPECT_EQ(worksDestroyed, 1);
+}
 
 TEST(ReplyQueue, EveryMemberIsKept)
 {

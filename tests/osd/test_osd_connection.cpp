@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "descriptorlimit.h"
 #include "eventlog.h"
 #include "eventually.h"
 #include "fixedlocalport.h"
@@ -7,15 +8,21 @@
 #include "osdhost.h"
 #include "osdsimulator.h"
 #include "processstate.h"
+#include "shortest.h"
 #include "tcplistener.h"
+#include "utility_manage.h"
 
 #include <gtest/gtest.h>
 
 #include <QTcpServer>
 
+#include <cerrno>
+#include <functional>
 #include <thread>
 
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,6 +31,8 @@ namespace
 {
 
 constexpr Faults::Setting always{1.0, 0, 0};
+
+std::function<void(const QString& line)> whenLogged;
 
 class OsdConnecting : public ::testing::Test
 {
@@ -74,7 +83,89 @@ protected:
     int descriptors = 0;
 };
 
+// The descriptor of this process that is connected to the port; -1 if there is none.
+int connectedTo(int port)
+{
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+            ntohs(peer.sin_port) == port) {
+            return descriptor;
+        }
+    }
+    return -1;
+}
+
 } // namespace
+
+// Takes the place of the reference host's.
+void Utility_Manage::writeLog(QString text)
+{
+    if (whenLogged) {
+        whenLogged(text);
+    }
+}
+
+// The repetitions come after 1, 2, 4 and 8 s, and 16 s after the last one it is over.
+TEST_F(OsdConnecting, AnEndpointThatDoesNotAnswerIsAskedFourTimesMore)
+{
+    begin();
+    int repetitions = 0;
+    socklen_t length = sizeof repetitions;
+    ASSERT_EQ(
+        getsockopt(connectedTo(simulated->port()), IPPROTO_TCP, TCP_SYNCNT, &repetitions, &length),
+        0);
+    EXPECT_EQ(repetitions, 4);
+}
+
+TEST_F(OsdConnecting, WithoutADescriptorTheLogSaysSoAndTheHostMayComeBack)
+{
+    begin();
+    QStringList said;
+    whenLogged = [&](const QString& line) {
+        said << line;
+        connection->send("");
+    };
+    {
+        const DescriptorLimit limit(3);
+        connection->open();
+    }
+    EXPECT_EQ(said, QStringList(QStringLiteral("OSD endpoint 127.0.0.1, port %1: not connected, "
+                                               "no descriptor or thread left")
+                                    .arg(simulated->port())));
+    whenLogged = nullptr;
+}
+
+// This thread does the worker's work.
+TEST_F(OsdConnecting, NothingIsReadWhileItsSignalsAreBroken)
+{
+    endpoint.token.set(true);
+    endpoint.token.run([&] {
+        connection->open();
+        ASSERT_TRUE(eventually([&] { return simulated->connected() == 1; }));
+        simulated->send("OK1");
+        int arrived = 0;
+        ASSERT_TRUE(eventually([&] {
+            ioctl(connectedTo(simulated->port()), FIONREAD, &arrived);
+            return arrived == 3;
+        }));
+        connection->look(false);
+        EXPECT_EQ(endpoint.received.size(), 0);
+        connection->connectSignals();
+        connection->look(false);
+        EXPECT_EQ(endpoint.received.size(), 3);
+    });
+}
+
+TEST_F(OsdConnecting, AnEmptyWriteIsNoFailure)
+{
+    begin();
+    errno = EPIPE; // of an earlier call
+    send("");
+    send("x");
+    EXPECT_TRUE(eventually([&] { return simulated->received() == "x"; }));
+}
 
 TEST_F(OsdConnecting, AStopWinsOverAStartThatComesLate)
 {
@@ -105,6 +196,38 @@ TEST(OsdParsers, TakeTurns)
     other.join();
     EXPECT_EQ(taken, count);
     EXPECT_EQ(endpoint.received.size(), 0);
+}
+
+TEST(OsdParsers, LookEveryThreeMilliseconds)
+{
+    constexpr int count = 100;
+    constexpr qint64 atTenTimesThat = count * 30;
+    OsdEndpoint endpoint;
+    endpoint.tap = std::make_shared<LinkTap>();
+    const auto takeAll = [&] {
+        endpoint.received.append(QByteArray("OK1").repeated(count));
+        endpoint.token.set(true);
+        endpoint.deal([&] {
+            if (endpoint.received.size() == 0) {
+                endpoint.token.set(false);
+            }
+        });
+    };
+    const qint64 took = shortest(atTenTimesThat, [&] { return elapsed(takeAll); });
+    EXPECT_GE(took, count * 3);
+    EXPECT_LT(took, atTenTimesThat);
+}
+
+TEST(OsdParsers, TellWhatWasNotedJustBeforeTheStop)
+{
+    OsdEndpoint endpoint;
+    endpoint.tap = std::make_shared<LinkTap>();
+    const auto log = std::make_shared<EventLog>();
+    endpoint.tap->add(log);
+    endpoint.token.set(false);
+    endpoint.note(LinkEvent::Kind::Lost);
+    endpoint.deal([] {});
+    EXPECT_EQ(log->all(LinkEvent::Kind::Lost).size(), 1U);
 }
 
 TEST_F(OsdConnecting, NothingIsOpenedBehindAStop)
@@ -157,13 +280,16 @@ TEST_F(OsdConnecting, ObserversHearOfAWriteThatFailsNotOfOneThatWaits)
     endpoint.tap->add(log);
     begin();
     simulated->setFault(Fault::NeverRead, always);
-    send(QByteArray(1024 * 1024, 'm')); // waits in vain
+    QByteArray frame;
+    while (frame.size() < 1024 * 1024) {
+        frame += QByteArray::number(frame.size());
+    }
+    send(frame); // waits in vain
     simulated->hangUp(true);
     EXPECT_TRUE(log->has(1, LinkEvent::Kind::Lost));
     EXPECT_LE(log->all(LinkEvent::Kind::SendFailed).size(), 1U);
-    EXPECT_EQ(log->bytes(LinkEvent::Kind::Sent).size() +
-                  log->bytes(LinkEvent::Kind::SendFailed).size(),
-              1024 * 1024);
+    EXPECT_TRUE(log->bytes(LinkEvent::Kind::Sent) + log->bytes(LinkEvent::Kind::SendFailed) ==
+                frame);
 }
 
 TEST_F(OsdConnecting, AHangUpIsNoticedWhileTheFloodIsHeldBack)

@@ -696,6 +696,23 @@ TEST_F(OsdLife, BrokenSignalsKeepTheConnectionFromBeingClosed)
     EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
 }
 
+// With the signals broken nothing but the host's call tells that a connection is there.
+TEST_F(OsdLife, AConnectionThatTheHostReportsTakesCommands)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    constexpr int connections = 10;
+    for (int i = 0; i < connections; ++i) {
+        const int accepted = endpoint.accepted();
+        socket.onStarted();
+        socket.sigDisConnect();
+        ASSERT_TRUE(eventually([&] { return endpoint.accepted() == accepted + 1; }));
+        socket.onConnected();
+        socket.sendData("c");
+    }
+    EXPECT_TRUE(eventually([&] { return endpoint.received().count('c') == connections; }));
+}
+
 TEST_F(OsdLife, TheFirstAddressIsTranslated)
 {
     class Translator : public QTranslator

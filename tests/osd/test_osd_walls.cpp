@@ -3,6 +3,7 @@
 #include "biz_osd_cmdswork.h"
 #include "core_osd_manage.h"
 #include "corefactory.h"
+#include "descriptorlimit.h"
 #include "eventually.h"
 #include "hostqueue.h"
 #include "netns.h"
@@ -24,7 +25,6 @@
 #include <vector>
 
 #include <poll.h>
-#include <sys/resource.h>
 
 namespace
 {
@@ -55,25 +55,6 @@ int connectedTo(int port)
     }
     return count;
 }
-
-// So many descriptors for this process while it exists, on top of those it has.
-class DescriptorLimit
-{
-public:
-    explicit DescriptorLimit(int total)
-    {
-        getrlimit(RLIMIT_NOFILE, &before);
-        rlimit limited = before;
-        limited.rlim_cur = static_cast<rlim_t>(total);
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limited), 0);
-    }
-    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
-    DescriptorLimit(const DescriptorLimit&) = delete;
-    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-
-private:
-    rlimit before{};
-};
 
 class OsdWalls : public ::testing::Test
 {

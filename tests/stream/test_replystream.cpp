@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "binaryreplyformat.h"
 #include "biz_cmdswork.h"
+#include "eventlog.h"
 #include "eventually.h"
 #include "hostqueue.h"
 #include "parserloop.h"
@@ -117,6 +118,22 @@ TEST(BinaryReplyStreamPass, AMarkAcrossTheEndOfWhatIsInspectedIsHalfOne)
     parser.pass();
     EXPECT_EQ(stream->received.size(), 0);
     EXPECT_EQ(hostqueue::size(), 0U);
+}
+
+TEST(ReplyStream, TellsOfWhatItSkipsButNotOfNothing)
+{
+    const auto tap = std::make_shared<LinkTap>();
+    const auto log = std::make_shared<EventLog>();
+    tap->add(log);
+    ReplyStream stream(tap);
+    stream.skip(0);
+    EXPECT_EQ(log->size(), 0U);
+    stream.received.append("ab");
+    stream.skip(1);
+    ASSERT_EQ(log->all(EventLog::Kind::Skipped).size(), 1U);
+    const LinkEvent skipped = log->all(EventLog::Kind::Skipped).front().event;
+    EXPECT_EQ(skipped.bytes, "a");
+    EXPECT_EQ(skipped.port, 0);
 }
 
 TEST(ReplyStream, ItsNameMayBeSetBesideAParser)

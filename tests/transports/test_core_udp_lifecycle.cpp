@@ -9,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QEventLoop>
+#include <QSocketNotifier>
 #include <QThread>
+#include <QTimer>
 
 #include <atomic>
 #include <cstdlib>
@@ -311,6 +314,26 @@ TEST_F(CoreUdpLifecycle, EachRecoveryDoublesTheRunsAndKeepsThePort)
         EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
         EXPECT_EQ(localPortSeenBy(peer, transport), UdpPeer::linkPort);
     }
+}
+
+TEST_F(CoreUdpLifecycle, SocketsThatAreReplacedAreNotWatched)
+{
+    core_UDP transport;
+    const MessageCapture capture(MessageCapture::Kind::Everything);
+    QEventLoop loop;
+    QTimer::singleShot(0, &transport, [&] {
+        for (int i = 0; i < 3; ++i) {
+            transport.reInitUdp();
+        }
+        QEventLoop inSlot; // where nothing is deleted later
+        QTimer::singleShot(20, &inSlot, &QEventLoop::quit);
+        inSlot.exec();
+        loop.quit();
+    });
+    loop.exec();
+    EXPECT_EQ(capture.lines().filter(QStringLiteral("QSocketNotifier")), QStringList());
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(transport.findChildren<QSocketNotifier*>().size(), 1);
 }
 
 TEST_F(CoreUdpLifecycle, InitCalledByTheHostReplacesTheSocket)

@@ -2,6 +2,7 @@
 #include "biz_cmdswork.h"
 #include "core_udp.h"
 #include "hostqueue.h"
+#include "linklocal.h"
 #include "messagecapture.h"
 #include "processstate.h"
 #include "recordequality.h"
@@ -648,6 +649,26 @@ TEST_F(CoreUdpReceive, SendersAreToldApart)
         EXPECT_EQ(records[i].strKey, QString::fromLatin1(senders[i % 3]));
         EXPECT_EQ(records[i].strKey2, records[i].strKey);
     }
+}
+
+TEST_F(CoreUdpReceive, LinkLocalSendersAreToldApartByTheInterface)
+{
+    if (!netns::isolated()) {
+        GTEST_SKIP() << "the right to make a network namespace is missing";
+    }
+    if (!linklocal::addInterfaces()) {
+        GTEST_SKIP() << "IPv6 is missing";
+    }
+    QUdpSocket device;
+    ASSERT_TRUE(device.bind(QHostAddress(QHostAddress::AnyIPv6), quint16{0}));
+    for (const char* interface : {"host0", "device0"}) {
+        QHostAddress link(QStringLiteral("fe80::1"));
+        link.setScopeId(QString::fromLatin1(interface));
+        device.writeDatagram(replyText(0x10, 1), link, UdpPeer::linkPort);
+    }
+    ASSERT_TRUE(queued(2));
+    EXPECT_EQ(hostqueue::records().front().strKey, QStringLiteral("fe80::1%host0"));
+    EXPECT_EQ(hostqueue::records().back().strKey, QStringLiteral("fe80::1%device0"));
 }
 
 TEST_F(CoreUdpReceive, SlotMayBeCalledWithNothingThere)

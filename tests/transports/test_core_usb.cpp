@@ -634,6 +634,7 @@ TEST_F(CoreUsb, ClosePausesAlways)
     const auto start = Clock::now();
     line.closeUSB();
     EXPECT_GE(Clock::now() - start, milliseconds(100));
+    EXPECT_LT(shortest(500, [this] { return elapsed([this] { line.closeUSB(); }); }), 500);
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     const auto closing = Clock::now();
     line.closeUSB();
