@@ -134,6 +134,10 @@ TEST(ReplyStream, TellsOfWhatItSkipsButNotOfNothing)
     const LinkEvent skipped = log->all(EventLog::Kind::Skipped).front().event;
     EXPECT_EQ(skipped.bytes, "a");
     EXPECT_EQ(skipped.port, 0);
+    tap->refuse(EventLog::Check::Checksum, "b");
+    const auto refused = log->all(EventLog::Kind::Refused, EventLog::Check::Checksum);
+    ASSERT_EQ(refused.size(), 1U);
+    EXPECT_EQ(refused.front().event.port, 0);
 }
 
 TEST(ReplyStream, ItsNameMayBeSetBesideAParser)
