@@ -201,7 +201,7 @@ TEST(OsdParsers, TakeTurns)
 TEST(OsdParsers, LookEveryThreeMilliseconds)
 {
     constexpr int count = 100;
-    constexpr qint64 atTenTimesThat = count * 30;
+    constexpr qint64 atTenTimesThat = qint64{30} * count;
     OsdEndpoint endpoint;
     endpoint.tap = std::make_shared<LinkTap>();
     const auto takeAll = [&] {
