@@ -61,13 +61,6 @@ bool isConfigured()
     return state.open(QIODevice::ReadOnly) && state.readAll().trimmed() == "configured";
 }
 
-bool hasHidraw()
-{
-    return !QDir(QStringLiteral("/sys/class/hidraw"))
-                .entryList(QDir::NoDotAndDotDot | QDir::Dirs)
-                .isEmpty();
-}
-
 } // namespace
 
 GadgetDevice::GadgetDevice(quint16 vendorId, quint16 productId)
@@ -79,7 +72,7 @@ GadgetDevice::GadgetDevice(quint16 vendorId, quint16 productId)
         describe();
     }
     put(QStringLiteral("UDC"), controller.toLatin1());
-    if (!eventually([] { return isConfigured() && hasHidraw(); })) {
+    if (!eventually([] { return isConfigured() && nodes() > 0; })) {
         throw std::runtime_error("the host does not configure the gadget");
     }
     node = open("/dev/hidg0", O_RDWR | O_CLOEXEC | O_NONBLOCK);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "kernelhid.h"
 
+#include <QDir>
+
 QByteArray KernelHid::descriptor()
 {
     return QByteArray::fromHex("0600ff" // usage page: vendor's
@@ -15,6 +17,12 @@ QByteArray KernelHid::descriptor()
                                "0903"
                                "9102" // output
                                "c0");
+}
+
+int KernelHid::nodes()
+{
+    const QDir dev(QStringLiteral("/dev"), QStringLiteral("hidraw*"), QDir::NoSort, QDir::System);
+    return static_cast<int>(dev.count());
 }
 
 std::vector<QByteArray> KernelHid::written() const

@@ -22,6 +22,9 @@ public:
     /// A report descriptor with 64 bytes each way and no report numbers.
     static QByteArray descriptor();
 
+    /// Number of hidraw nodes in /dev. The kernel makes one some time after its device.
+    static int nodes();
+
     virtual bool send(const QByteArray& report) = 0; ///< one input report
     virtual void unplug() = 0;
 

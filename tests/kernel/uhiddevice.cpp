@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "uhiddevice.h"
 
+#include "eventually.h"
+
 #include <cstring>
 #include <fcntl.h>
 #include <linux/input.h>
@@ -30,7 +32,9 @@ UhidDevice::UhidDevice(quint16 vendorId, quint16 productId)
     request.bus = BUS_USB;
     request.vendor = vendorId;
     request.product = productId;
-    if (write(descriptorOfUhid, &event, sizeof(event)) != sizeof(event)) {
+    const int before = nodes();
+    if (write(descriptorOfUhid, &event, sizeof(event)) != sizeof(event) ||
+        !eventually([before] { return nodes() > before; })) {
         throw std::runtime_error("the kernel makes no uhid device");
     }
     startCollecting();
