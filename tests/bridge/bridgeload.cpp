@@ -238,20 +238,23 @@ void Load::sendAll()
 // What the broker lets through now comes behind everything that it has let through.
 void Load::awaitLastAccepted()
 {
-    const auto isAccepted = [this](std::size_t number) {
-        return tap->commands().value(QByteArray::number(static_cast<int>(number))).acknowledged > 0;
+    const auto first = static_cast<int>(sent.size());
+    const auto isAccepted = [&] {
+        collect();
+        for (int number = first; number < static_cast<int>(sent.size()); ++number) {
+            if (tap->commands().value(QByteArray::number(number)).acknowledged > 0) {
+                return true;
+            }
+        }
+        return false;
     };
     const auto limit = Clock::now() + std::chrono::seconds(60);
-    for (bool isThrough = false; !isThrough && Clock::now() < limit;) {
-        const std::size_t number = sent.size();
+    bool isThrough = false;
+    while (!isThrough && Clock::now() < limit) {
         send();
-        isThrough = eventually(
-            [&] {
-                collect();
-                return isAccepted(number);
-            },
-            std::chrono::seconds(1));
+        isThrough = eventually(isAccepted, std::chrono::seconds(1));
     }
+    require(isThrough, "nothing is accepted behind the last outage");
 }
 
 // Until nothing is missing, or nothing has come for long.
@@ -318,7 +321,9 @@ void Load::checkAccepted()
         "not sent,\n              %d answers repeated to the next broker\n",
         accepted, static_cast<int>(sent.size()), lost, doubled, notSent, repeated);
     require(killed == plan.kills && tap->connections() > killed, "the broker was not killed");
-    require(accepted > static_cast<int>(sent.size()) / 3, "hardly any command was accepted");
+    // A broker that a busy machine takes long to start accepts little before it is killed once
+    // more.
+    require(accepted > 5 * plan.devices, "hardly any command was accepted");
     require(lost == 0 && doubled == 0, "accepted commands are not answered once");
 }
 
