@@ -59,7 +59,8 @@ protected:
         const QRectF area = QRectF(rect()).adjusted(4, 24, -4, -4);
         const double step = area.width() / tripsShown;
         for (std::size_t i = 0; i < trips.size(); ++i) {
-            const double height = trips[i] / highest * area.height();
+            const double shown = trips[i] / highest * area.height();
+            const double height = trips[i] > 0 ? std::max(1.0, shown) : 0;
             painter.fillRect(QRectF(area.left() + static_cast<double>(i) * step,
                                     area.bottom() - height, step * 0.7, height),
                              palette().highlight());
