@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -78,6 +79,26 @@ TEST(Deadlines, ComeInTheirOrderAndOnlyIfTheyStand)
     deadlines.set(0, 5'100);
     EXPECT_TRUE(eventually([&] { return came.size() == 3; }));
     EXPECT_EQ(came, (std::vector<std::size_t>{2, 1, 0}));
+}
+
+TEST(Deadlines, AreNeverEarly)
+{
+    constexpr int rounds = 20;
+    constexpr milliseconds wait{10};
+    Deadlines deadlines(1);
+    int came = 0;
+    QElapsedTimer since;
+    QObject::connect(&deadlines, &Deadlines::expired, &deadlines, [&](std::size_t thing) {
+        EXPECT_TRUE(came == 0 || since.nsecsElapsed() >= std::chrono::nanoseconds(wait).count())
+            << came;
+        if (++came < rounds) {
+            since.start();
+            deadlines.set(thing, wait.count());
+            std::this_thread::sleep_for(std::chrono::microseconds(900)); // part of a millisecond
+        }
+    });
+    deadlines.set(0, 1);
+    EXPECT_TRUE(eventually([&] { return came == rounds; }));
 }
 
 struct Wrong {

@@ -14,11 +14,12 @@ Deadlines::Deadlines(std::size_t count) : times(count, -1)
 // The timer goes off at the earliest deadline or before: most are cleared long before they come.
 void Deadlines::set(std::size_t thing, qint64 ms)
 {
+    const qint64 wait = ms + 1; // the clock's millisecond has begun already
     clear(thing);
-    times[thing] = clock.elapsed() + ms;
+    times[thing] = clock.elapsed() + wait;
     all.emplace(times[thing], thing);
-    if (!timer.isActive() || timer.remainingTime() > ms) {
-        timer.start(static_cast<int>(ms));
+    if (!timer.isActive() || timer.remainingTime() > wait) {
+        timer.start(static_cast<int>(wait));
     }
 }
 

@@ -16,7 +16,7 @@ class Deadlines : public QObject
 public:
     explicit Deadlines(std::size_t count);
 
-    void set(std::size_t thing, qint64 ms); ///< from now; instead of the one before
+    void set(std::size_t thing, qint64 ms); ///< never earlier; instead of the one before
     void clear(std::size_t thing);
 
 Q_SIGNALS:
