@@ -130,7 +130,6 @@ void OsdConnection::run()
 void OsdConnection::keep()
 {
     endpoint.deal([this] { look(true); });
-    endpoint.token.set(false);
     awaitThread();
     closeSocket();
     endpoint.tellNoted();

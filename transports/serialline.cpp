@@ -246,9 +246,6 @@ void SerialLine::finishWriting()
 
 void SerialLine::closeLost(QSerialPort::SerialPortError error)
 {
-    if (!serialPort.isOpen()) {
-        return;
-    }
     // Reading a line that has hung up gives an end of file, which the port reports as this or that
     // error, by what an earlier system call has left in errno.
     const bool isLost = error == QSerialPort::ResourceError ||

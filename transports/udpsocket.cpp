@@ -134,16 +134,12 @@ qint64 UdpSocket::write(const char* data, qint64 size, const QHostAddress& addre
 
 bool UdpSocket::read(QByteArray& datagram, QHostAddress& sender, quint16& port)
 {
-    const int source = readable();
-    if (source < 0) {
-        return false;
-    }
     readBuffer.resize(largestDatagram);
     sockaddr_storage from{};
     ssize_t size = -1;
     do {
         socklen_t length = sizeof from;
-        size = recvfrom(source, readBuffer.data(), readBuffer.size(), MSG_DONTWAIT,
+        size = recvfrom(readable(), readBuffer.data(), readBuffer.size(), MSG_DONTWAIT,
                         reinterpret_cast<sockaddr*>(&from), &length);
     } while (size < 0 && errno == EINTR);
     if (size < 0) {
