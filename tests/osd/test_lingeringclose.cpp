@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "eventually.h"
 #include "lingeringclose.h"
+#include "netns.h"
 #include "processstate.h"
 #include "tcplistener.h"
 #include "threadrefusal.h"
@@ -9,6 +10,9 @@
 
 #include <array>
 #include <vector>
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 namespace
 {
@@ -92,6 +96,36 @@ TEST_F(Lingering, AFloodHoldsNobodyUp)
     close(other.far);
     sender.join(); // it is given up in the end
     close(flood.far);
+}
+
+TEST_F(Lingering, StaysOpenHoweverMuchThereIsToDrop)
+{
+    if (!netns::isolated()) {
+        GTEST_SKIP() << "the right to make a network namespace is missing";
+    }
+    netns::enlargeReceiveBuffers();
+    constexpr int much = 6 * 1024 * 1024; // more than is dropped at once
+    const Pair pair(listener);
+    const std::vector<char> flood(much, 'f');
+    std::thread sender([&] { EXPECT_EQ(send(pair.far, flood.data(), much, MSG_NOSIGNAL), much); });
+    EXPECT_TRUE(eventually([&] {
+        int waiting = 0;
+        return ioctl(pair.near, SIOCINQ, &waiting) == 0 && waiting == much;
+    }));
+    lingeringclose::begin(pair.near);
+    sender.join();
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(send(pair.far, "b", 1, MSG_NOSIGNAL), 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ(readToTheEnd(pair.far), 0);
+    close(pair.far);
+}
+
+TEST_F(Lingering, WhatCannotBeReadIsClosed)
+{
+    lingeringclose::begin(socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_TRUE(eventually([&] { return processstate::descriptors() == descriptors; }));
 }
 
 TEST_F(Lingering, KeepsABoundedNumberOfDescriptors)

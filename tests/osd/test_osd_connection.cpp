@@ -10,6 +10,7 @@
 #include "processstate.h"
 #include "shortest.h"
 #include "tcplistener.h"
+#include "threadrefusal.h"
 #include "utility_manage.h"
 
 #include <gtest/gtest.h>
@@ -81,6 +82,34 @@ protected:
     std::shared_ptr<OsdConnection> connection = std::make_shared<OsdConnection>(nullptr);
     OsdEndpoint& endpoint = connection->endpoint;
     int descriptors = 0;
+};
+
+// A parser that never looks at the socket.
+class IdleParser
+{
+public:
+    explicit IdleParser(RunToken& token)
+        : thread([this, &token] {
+              token.run([this] {
+                  while (blocks) {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                  }
+              });
+          })
+    {
+        EXPECT_TRUE(eventually([&token] { return token.isRunning(); }));
+    }
+    ~IdleParser()
+    {
+        blocks = false;
+        thread.join();
+    }
+    IdleParser(const IdleParser&) = delete;
+    IdleParser& operator=(const IdleParser&) = delete;
+
+private:
+    std::atomic<bool> blocks{true};
+    std::thread thread; // below what it uses
 };
 
 // The descriptor of this process that is connected to the port; -1 if there is none.
@@ -230,6 +259,21 @@ TEST(OsdParsers, TellWhatWasNotedJustBeforeTheStop)
     EXPECT_EQ(log->all(LinkEvent::Kind::Lost).size(), 1U);
 }
 
+TEST(OsdParsers, DropAKibibyteAtOnceAndTellOfIt)
+{
+    OsdEndpoint endpoint;
+    const auto log = std::make_shared<EventLog>();
+    endpoint.tap->add(log);
+    endpoint.received.append(QByteArray(1500, 'x'));
+    EXPECT_EQ(endpoint.parseOnce(), QByteArray());
+    EXPECT_EQ(endpoint.received.size(), 1500 - 1024);
+    endpoint.received.clear();
+    endpoint.received.append("yOK1");
+    EXPECT_EQ(endpoint.parseOnce(), "OK1");
+    endpoint.tellNoted();
+    EXPECT_EQ(log->bytes(LinkEvent::Kind::Skipped), QByteArray(1024, 'x') + 'y');
+}
+
 TEST_F(OsdConnecting, NothingIsOpenedBehindAStop)
 {
     connection->open();
@@ -249,10 +293,86 @@ TEST_F(OsdConnecting, AStartWaitsForTheStopBeforeIt)
     EXPECT_EQ(starts, 1);
 }
 
+TEST_F(OsdConnecting, ASecondStartDoesNotWait)
+{
+    begin();
+    EXPECT_LT(shortest(400, [&] { return elapsed([&] { connection->begin(); }); }), 400); // 0 ms
+}
+
+TEST_F(OsdConnecting, AStartGivesTheParserBeforeItHalfASecond)
+{
+    endpoint.token.set(false);
+    const IdleParser parser(endpoint.token);
+    const qint64 time = elapsed([&] { connection->begin(); });
+    EXPECT_GE(time, 500);
+    EXPECT_LT(time, 4000);
+    EXPECT_FALSE(connection->isRunning());
+}
+
+TEST_F(OsdConnecting, ALookWaitsOnlyWhileThereIsNoAcknowledgement)
+{
+    const IdleParser parser(endpoint.token);
+    connection->connectSignals();
+    connection->open();
+    EXPECT_TRUE(eventually([&] {
+        connection->look(true);
+        return simulated->connected() == 1;
+    }));
+    const auto looks = [&] {
+        return elapsed([&] {
+            for (int i = 0; i < 50; ++i) {
+                connection->look(true);
+            }
+        });
+    };
+    endpoint.received.append("OK");
+    EXPECT_GE(looks(), 900); // 20 ms each
+    endpoint.received.append("1");
+    EXPECT_LT(shortest(500, looks), 500);
+}
+
+TEST_F(OsdConnecting, ARefusedParserLeavesNoThreadBehind)
+{
+    for (int i = 0; i < 10; ++i) {
+        const ThreadRefusal refusal(1); // the connection's own is the first
+        connection->begin();
+        EXPECT_TRUE(connection->isFinished());
+    }
+}
+
+TEST_F(OsdConnecting, AsksForTheFixedPortOverIpv6Too)
+{
+    QTcpServer server;
+    if (!server.listen(QHostAddress::LocalHostIPv6)) {
+        GTEST_SKIP() << "IPv6 is missing";
+    }
+    endpoint.setAddress({QStringLiteral("::1"), server.serverPort()});
+    connection->begin();
+    ASSERT_TRUE(server.waitForNewConnection(10'000));
+    EXPECT_EQ(server.nextPendingConnection()->peerPort(), fixedLocalPort());
+}
+
+TEST_F(OsdConnecting, AWriteEndsWithAStop)
+{
+    netns::limitBuffers();
+    begin();
+    simulated->setFault(Fault::NeverRead, always);
+    std::thread stop([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        endpoint.token.set(false);
+    });
+    EXPECT_LT(elapsed([&] { send(QByteArray(1024 * 1024, 'm')); }), 1900); // not its 2000
+    stop.join();
+    simulated->setFault(Fault::NeverRead, {}); // the close would wait for it
+}
+
 TEST_F(OsdConnecting, AFloodIsHeldBack)
 {
     begin();
     flood();
+    for (int i = 0; i < 10; ++i) {
+        connection->take(osdhost::command(QStringLiteral("127.0.0.1")));
+    }
     EXPECT_FALSE(eventually([&] { return endpoint.received.size() > most; },
                             std::chrono::milliseconds(300)));
     // It goes on when there is room again.

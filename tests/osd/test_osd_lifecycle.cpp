@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "biz_osd_cmdswork.h"
+#include "core_osd_manage.h"
 #include "core_osd_tcpsocket.h"
 #include "corefactory.h"
+#include "eventlog.h"
 #include "eventually.h"
 #include "icoreosdbase.h"
 #include "messagecapture.h"
@@ -651,6 +653,42 @@ TEST_F(OsdLife, ASlotThatHearsOfALossMayDestroyTheSocket)
     EXPECT_TRUE(eventually([&] { return destroyed.load(); }));
 }
 
+TEST_F(OsdLife, WhatWasPendingIsNotSentOnTheNextConnection)
+{
+    netns::limitBuffers();
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    endpoint.setFault(Fault::NeverRead, always);
+    send('b', QByteArray(1024 * 1024, 'm'));
+    send('p');
+    endpoint.hangUp(true);
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+    endpoint.setFaults({});
+    const QByteArray before = endpoint.received();
+    connectAgainAndAnswer(socket, 'c');
+    EXPECT_FALSE(endpoint.received().mid(before.size()).contains('p'));
+}
+
+TEST_F(OsdLife, WhoIsDestroyedBehindALossIsToldNothing)
+{
+    auto* const socket = new Core_Osd_TcpSocket(nullptr);
+    const auto log = std::make_shared<EventLog>();
+    socket->addObserver(log);
+    connectAndAnswer(*socket, 'a');
+    QObject onWorker;
+    onWorker.moveToThread(socket->thread());
+    std::atomic<bool> destroyed{false};
+    const auto destroy = [&] {
+        endpoint.hangUp(false);
+        EXPECT_TRUE(log->has(1, LinkEvent::Kind::Lost));
+        delete socket; // does not wait for the thread that it is on
+        destroyed = true;
+    };
+    QMetaObject::invokeMethod(&onWorker, destroy, Qt::QueuedConnection);
+    EXPECT_TRUE(eventually([&] { return destroyed.load(); }));
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+}
+
 TEST_F(OsdLife, SlotsOutOfTurnDoNoHarm)
 {
     Core_Osd_TcpSocket socket(nullptr);
@@ -696,6 +734,108 @@ TEST_F(OsdLife, BrokenSignalsKeepTheConnectionFromBeingClosed)
     EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
 }
 
+TEST_F(OsdLife, AStartMakesTheSignalsAnew)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    socket.sigDisConnect();
+    socket.onStarted();
+    answer('b');
+}
+
+TEST_F(OsdLife, OnlyTheLastSharedManagerIsHeard)
+{
+    ICoreOsdBase* const first = CoreFactory::iOsdCore;
+    core_Osd_Manage last;
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    CoreFactory::iOsdCore = &last;
+    socket.sigConnect();
+    model_OsdParam record = osdhost::command(address, 'n');
+    first->sendDatatoDevice(&record);
+    answer('b');
+    EXPECT_FALSE(endpoint.received().contains('n'));
+    CoreFactory::iOsdCore = first;
+}
+
+// An observer that takes its time keeps the parser from looking at the socket.
+TEST_F(OsdLife, CallersDoNotNeedTheParser)
+{
+    class Blocking : public EventLog
+    {
+    public:
+        void onEvent(const LinkEvent& event) override
+        {
+            EventLog::onEvent(event);
+            while (blocks && event.kind == Kind::Received) {
+                isInside = true;
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+
+        std::atomic<bool> blocks{false};
+        std::atomic<bool> isInside{false};
+    };
+    const auto observer = std::make_shared<Blocking>();
+    Core_Osd_TcpSocket socket(nullptr);
+    socket.addObserver(observer);
+    connectAndAnswer(socket, 'a');
+    observer->blocks = true;
+    endpoint.setFault(Fault::Drop, always);
+    endpoint.send("x");
+    ASSERT_TRUE(eventually([&] { return observer->isInside.load(); }));
+    endpoint.send("yz");
+    EXPECT_TRUE(eventually([&] {
+        socket.onReadyRead();
+        return socket.getBuffData(4) == "xyz";
+    }));
+    send('b');
+    EXPECT_TRUE(eventually([&] { return endpoint.received().contains('b'); }));
+    std::thread second([&] { socket.td_dealDataFunc(); });
+    endpoint.send("w");
+    EXPECT_TRUE(eventually([&] { return socket.getBuffData(4).endsWith('w'); }));
+    observer->blocks = false;
+    socket.close();
+    second.join();
+}
+
+TEST_F(OsdLife, ALookDoesNotWait)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    const auto look = [&] {
+        return elapsed([&] {
+            for (int i = 0; i < 50; ++i) {
+                socket.onReadyRead();
+            }
+        });
+    };
+    EXPECT_LT(shortest(500, look), 500); // 20 ms each if it waited
+}
+
+TEST_F(OsdLife, ACloseWaitsForTheThread)
+{
+    Core_Osd_TcpSocket socket(nullptr);
+    for (int i = 0; i < 10; ++i) {
+        connectAgainAndAnswer(socket, 'a');
+        const qint64 time = elapsed([&] { socket.close(); });
+        EXPECT_TRUE(socket.thread()->isFinished() || time >= stopPauseMs + threadEndMs);
+    }
+}
+
+TEST_F(OsdLife, AnErrorDoesNotWaitForWhatIsPending)
+{
+    netns::limitBuffers();
+    Core_Osd_TcpSocket socket(nullptr);
+    connectAndAnswer(socket, 'a');
+    endpoint.setFault(Fault::NeverRead, always);
+    send('b', QByteArray(1024 * 1024, 'm'));
+    EXPECT_LT(elapsed([&] { socket.onError(QAbstractSocket::NetworkError); }), hangUpMs);
+    endpoint.setFaults({});
+    EXPECT_TRUE(eventually([&] { return ended(); }));
+    EXPECT_TRUE(eventually([&] { return endpoint.connected() == 0; }));
+}
+
 // With the signals broken nothing but the host's call tells that a connection is there.
 TEST_F(OsdLife, AConnectionThatTheHostReportsTakesCommands)
 {
@@ -730,10 +870,13 @@ TEST_F(OsdLife, TheFirstAddressIsTranslated)
     QCoreApplication::installTranslator(&translator);
     Core_Osd_TcpSocket socket(nullptr);
     QCoreApplication::removeTranslator(&translator);
+    const auto log = std::make_shared<EventLog>();
+    socket.addObserver(log);
     socket.appendBuffData("OKt");
     std::thread parser([&socket] { socket.td_dealDataFunc(); });
-    EXPECT_TRUE(eventually([] { return osdhost::bytes().contains('t'); }));
+    EXPECT_TRUE(log->has(1, LinkEvent::Kind::Reply));
     EXPECT_EQ(osdhost::records().back().strIP, QStringLiteral("127.0.0.9"));
+    EXPECT_EQ(log->all(LinkEvent::Kind::Reply).front().event.port, 10001);
     socket.close();
     parser.join();
 }
@@ -866,7 +1009,9 @@ TEST_F(OsdLife, AThreadThatDoesNotEndIsNeitherWaitedForNorDestroyed)
         hostCode.blocks = true;
         QCoreApplication::postEvent(&hostCode, new QEvent(QEvent::User));
         EXPECT_TRUE(eventually([&] { return hostCode.isInside.load(); }));
+        const double before = processstate::cpuSeconds();
         const qint64 closing = elapsed([&] { socket.reset(); });
+        EXPECT_LT(processstate::cpuSeconds() - before, 0.3);
         EXPECT_FALSE(ended());
         hostCode.blocks = false;
         EXPECT_TRUE(eventually([&] { return !hostCode.isInside; }));

@@ -239,6 +239,17 @@ TEST_F(OsdWalls, ABlockedHostCostsThirtyTwoThreadsAnEndpointAndLosesNothing)
         std::sort(thirds.begin(), thirds.begin() + 32);
         EXPECT_EQ(thirds.left(32).toHex(), expected.left(32).toHex());
     }
+    // When all that is over, each gets a thread of its own again.
+    bool areTwo = false;
+    for (int tries = 0; tries < 10 && !areTwo; ++tries) {
+        ASSERT_TRUE(eventually([threads] { return processstate::threads() <= threads; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // a pass that finds nothing
+        const std::lock_guard blocked(biz_Osd_CMDSWork::receiveOsdlock);
+        simulated.front()->send("OKxOKy");
+        areTwo = eventually([threads] { return processstate::threads() == threads + 2; },
+                            std::chrono::milliseconds(500));
+    }
+    EXPECT_TRUE(areTwo);
 }
 
 TEST(OsdExit, TheProcessMayEndAtAnyTime)

@@ -51,6 +51,13 @@ void netns::limitReceiveBuffers()
     }
 }
 
+void netns::enlargeReceiveBuffers()
+{
+    if (done) {
+        std::ofstream("/proc/sys/net/ipv4/tcp_rmem") << "4096 16777216 16777216";
+    }
+}
+
 void netns::limitBuffers()
 {
     limitReceiveBuffers();

@@ -18,6 +18,9 @@ bool isolated();
 /// most 256 KiB from now on, so that a few megabytes are more than it buffers.
 void limitReceiveBuffers();
 
+/// In an isolated process: as limitReceiveBuffers, but it takes in 16 MiB.
+void enlargeReceiveBuffers();
+
 /// As limitReceiveBuffers, and as much for what is sent: one megabyte is more than both buffer.
 void limitBuffers();
 
