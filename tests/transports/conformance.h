@@ -286,6 +286,7 @@ TYPED_TEST_P(StreamLinkConformance, TellsOfNoiseOfLostBlocksAndOfItsState)
     this->link.deliver({TypeParam::head(4, 20) + begun});
     EXPECT_TRUE(log->has(1, Kind::Refused, Check::BlockMissing));
     EXPECT_TRUE(log->bytes(Kind::Refused, Check::BlockMissing).startsWith(begun));
+    EXPECT_EQ(log->all(Kind::Refused, Check::BlockMissing).at(0).event.port, 0);
     EXPECT_EQ(TypeParam::tagOf(log->all(Kind::Refused, Check::BlockMissing).at(0).reply), 4);
     EXPECT_LE(handedOver, 1U);
     this->link.close();

@@ -167,6 +167,11 @@ TEST_F(CoreSerialPortTest, AClosedPortTakesNoFrame)
               QStringList(QStringLiteral("\"Send data:%1\"")
                               .arg(QString::fromLatin1(TextSerialLink::command(record)))));
     EXPECT_TRUE(hostqueue::logLines().isEmpty());
+    ASSERT_TRUE(link.open());
+    record.ADDR = 1;
+    link.line.sendDatatoDevice(&record);
+    ASSERT_TRUE(link.peer.awaitReceived(19));
+    EXPECT_EQ(link.peer.received(), TextSerialLink::command(record)); // no earlier one
 }
 
 namespace
@@ -386,7 +391,10 @@ TEST_F(CoreSerialPortTest, ClosingWithTheHostsQueueLockedTakesASecond)
         const std::lock_guard hostIsBusy(biz_CMDSWork::receiveHexCmdlock);
         link.line.appendBuffData(replybytes::text(0x79, 0x0C));
         EXPECT_TRUE(parserTookAll());
-        return elapsed([&] { link.line.closeSerialPort(); });
+        const double before = processstate::cpuSeconds();
+        const qint64 time = elapsed([&] { link.line.closeSerialPort(); });
+        EXPECT_LT(processstate::cpuSeconds() - before, 0.5);
+        return time;
     });
     EXPECT_LT(took, 5000);
     EXPECT_GE(took, 900);

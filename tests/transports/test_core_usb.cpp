@@ -153,6 +153,8 @@ TEST_F(CoreUsb, OpenFailsInSilence)
 {
     const int threads = processstate::threads();
     EXPECT_FALSE(line.openUSB(vendor, 0x7777));
+    EXPECT_FALSE(line.openUSB(vendor, 0)); // stands for no other id
+    EXPECT_FALSE(line.openUSB(0, plainProduct));
     EXPECT_TRUE(messages.lines().isEmpty());
     EXPECT_EQ(processstate::threads(), threads);
 }
@@ -181,6 +183,7 @@ TEST_F(CoreUsb, TellsItsObserversThatTheDeviceHasGone)
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     plain.unplug();
     ASSERT_TRUE(log->has(1, Kind::Lost));
+    std::this_thread::sleep_for(milliseconds(400)); // for a few more reads
     line.sendUSBData("late");
     EXPECT_EQ(log->bytes(Kind::SendFailed), "late");
     EXPECT_EQ(log->all(Kind::Sent).size(), 0U);
@@ -230,6 +233,8 @@ TEST_F(CoreUsb, ReadsLogTextAsLatin1)
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     line.sendUSBData("\xe9\xff");
     EXPECT_EQ(successLines(), QStringList{QStringLiteral("Send successful:\u00e9\u00ff")});
+    line.sendUSBData("\1z");
+    EXPECT_TRUE(successLines().back().endsWith(QLatin1Char('z')));
 }
 
 TEST_F(CoreUsb, SendsACommandAndSaysSo)
@@ -642,6 +647,17 @@ TEST_F(CoreUsb, ClosePausesAlways)
     EXPECT_TRUE(messages.lines().isEmpty());
 }
 
+// The reader pauses for 100 ms and then waits as long for a report.
+TEST_F(CoreUsb, CloseWaitsForOneShortRead)
+{
+    const auto close = [this] {
+        EXPECT_TRUE(line.openUSB(vendor, plainProduct));
+        std::this_thread::sleep_for(milliseconds(250));
+        return elapsed([this] { line.closeUSB(); });
+    };
+    EXPECT_LT(shortest(700, close), 700);
+}
+
 TEST_F(CoreUsb, OpeningPausesAlways)
 {
     const auto start = Clock::now();
@@ -873,10 +889,13 @@ TEST_F(CoreUsb, AnUnplugUnderLoadIsSilence)
 
 TEST_F(CoreUsb, ASilentDeviceCostsNothing)
 {
+    const auto log = std::make_shared<EventLog>();
+    line.addObserver(log);
     ASSERT_TRUE(line.openUSB(vendor, plainProduct));
     const auto start = Clock::now();
     const double before = processstate::cpuSeconds();
     std::this_thread::sleep_for(std::chrono::seconds(4));
+    EXPECT_EQ(log->size(), 1U); // it has been opened
     const double used = processstate::cpuSeconds() - before;
     const double load = used / std::chrono::duration<double>(Clock::now() - start).count();
     RecordProperty("load", std::to_string(load));

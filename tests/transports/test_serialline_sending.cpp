@@ -4,10 +4,14 @@
 #include "eventlog.h"
 #include "hostqueue.h"
 #include "messagecapture.h"
+#include "processstate.h"
 #include "receivebuffer.h"
 #include "serialpeer.h"
 
 #include <gtest/gtest.h>
+
+#include <QEventLoop>
+#include <QTimer>
 
 #include <atomic>
 #include <cerrno>
@@ -139,6 +143,17 @@ protected:
         return frames.mid(0, count).join().size();
     }
 
+    // How often a close looks whether anything is on its way; once if there is nothing.
+    int looksOfClose()
+    {
+        int looks = 0;
+        uart.plugged = true;
+        uart.atLook = [&looks] { ++looks; };
+        line->closeSerialPort();
+        uart.unplug();
+        return looks;
+    }
+
     milliseconds closeTakes()
     {
         const auto start = Clock::now();
@@ -234,6 +249,30 @@ TEST_F(SerialLineSending, TheCloseGivesWhatWaitsAMoment)
     EXPECT_EQ(logged(), frames.size());
 }
 
+TEST_F(SerialLineSending, TheDestructionIsAClose)
+{
+    const auto log = std::make_shared<EventLog>();
+    line->addObserver(log);
+    ASSERT_TRUE(open());
+    overfill();
+    std::thread reader([&] { EXPECT_TRUE(peer.awaitReceived(all().size())); });
+    line.reset();
+    reader.join();
+    EXPECT_EQ(peer.received(), all());
+    EXPECT_EQ(log->all(LinkEvent::Kind::Closed).size(), 1U);
+}
+
+TEST_F(SerialLineSending, WaitingForRoomCostsNoProcessor)
+{
+    ASSERT_TRUE(open());
+    overfill();
+    QEventLoop loop;
+    QTimer::singleShot(300, &loop, &QEventLoop::quit);
+    const double before = processstate::cpuSeconds();
+    loop.exec();
+    EXPECT_LT(processstate::cpuSeconds() - before, 0.15);
+}
+
 TEST_F(SerialLineSending, TheCloseCountsWhatTheSystemHasAndWhatWaits)
 {
     const auto log = std::make_shared<EventLog>();
@@ -282,6 +321,9 @@ TEST_F(SerialLineSending, ADeviceThatTakesNothingDoesNotHoldTheClose)
     EXPECT_EQ(uart.dropped, 0); // what has left the process stays on its way
     const auto before = log->bytes(EventLog::Kind::Sent).size(); // with the beginning of a frame
     EXPECT_GE(before, sizeOf(sent));
+    for (const EventLog::Entry& entry : log->all(EventLog::Kind::Sent)) {
+        EXPECT_FALSE(entry.event.bytes.isEmpty());
+    }
     EXPECT_TRUE(peer.awaitReceived(before));
     EXPECT_EQ(peer.received().size(), before);
     ASSERT_TRUE(open()); // and nothing of the old frames comes behind it
@@ -289,6 +331,7 @@ TEST_F(SerialLineSending, ADeviceThatTakesNothingDoesNotHoldTheClose)
     send(1);
     EXPECT_TRUE(peer.awaitReceived(before + all().size()));
     EXPECT_EQ(peer.received().mid(before), all());
+    EXPECT_EQ(looksOfClose(), 1);
 }
 
 TEST_F(SerialLineSending, ADeviceThatTakesLittleDoesNotHoldTheClose)
@@ -301,7 +344,7 @@ TEST_F(SerialLineSending, ADeviceThatTakesLittleDoesNotHoldTheClose)
             peer.receive(1000);
         }
     });
-    EXPECT_LT(closeTakes(), milliseconds(20000)); // one second and a busy machine; all takes thirty
+    EXPECT_LT(closeTakes(), milliseconds(8000)); // one second and a busy machine; all takes thirty
     done = true;
     EXPECT_LT(logged(), frames.size());
 }
@@ -319,6 +362,7 @@ TEST_F(SerialLineSending, ALineThatHasHungUpFails)
     EXPECT_EQ(logged(), sent);
     EXPECT_EQ(log->all(EventLog::Kind::SendFailed).size(),
               static_cast<std::size_t>(frames.size() - sent));
+    EXPECT_EQ(looksOfClose(), 1);
 }
 
 TEST_F(SerialLineSending, WhatWaitsIsBounded)
@@ -373,7 +417,7 @@ TEST_F(SerialLineSending, OutputHeldByFlowControlIsDropped)
     send(1);
     uart.plugged = true;
     uart.queued = 19;
-    EXPECT_LT(closeTakes(), milliseconds(20000)); // 800 and a busy machine
+    EXPECT_LT(closeTakes(), milliseconds(7000)); // 800 and a busy machine
     EXPECT_EQ(uart.dropped, 1);
     EXPECT_FALSE(peer.settings().c_cflag & CRTSCTS); // what is in the UART holds no close either
 }
@@ -393,8 +437,8 @@ TEST_F(SerialLineSending, OutputOnASlowLineIsWaitedFor)
     ASSERT_TRUE(open(QSerialPort::HardwareControl));
     uart.plugged = true;
     uart.queued = 300; // at 5 ms and more each: longer than a line that is held gets
-    uart.perLook = 1;
-    uart.looksToFifo = 301; // one look behind the last byte: more of them may look like a held line
+    uart.atLook = [look = 0]() mutable { uart.perLook = ++look == 200 ? 0 : 1; };
+    uart.looksToFifo = 302; // one look behind the last byte: more of them may look like a held line
     EXPECT_GT(closeTakes(), milliseconds(1000));
     EXPECT_EQ(uart.queued, 0);
     EXPECT_EQ(uart.dropped, 0);

@@ -128,6 +128,24 @@ TEST(UdpSocket, HasAsLargeABufferAsItMayHave)
     }
 }
 
+TEST(UdpSocket, AnEmptyDatagramIsSentOnceAndIsOne)
+{
+    UdpSocket sender;
+    UdpSocket receiver;
+    ASSERT_TRUE(sender.open(senderPort));
+    ASSERT_TRUE(receiver.open(receiverPort));
+    errno = EINTR; // of an earlier call
+    EXPECT_EQ(sender.write("", 0, QHostAddress::LocalHost, receiverPort), 0);
+    EXPECT_EQ(sender.write("x", 1, QHostAddress::LocalHost, receiverPort), 1);
+    Received received;
+    ASSERT_TRUE(eventually([&] {
+        errno = EINTR;
+        return receiver.read(received.bytes, received.from, received.port);
+    }));
+    EXPECT_EQ(received.bytes, QByteArray());
+    EXPECT_EQ(next(receiver).bytes, QByteArray("x"));
+}
+
 TEST(UdpSocket, ASystemWithoutIpv6SendsAndReceivesIpv4)
 {
     if (!refuseIpv6()) {
