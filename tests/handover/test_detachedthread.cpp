@@ -105,6 +105,7 @@ TEST(DetachedThread, GivesUpWhatItOwnsWhenItEndsOrIsRefused)
 TEST(RunToken, IsClearedIfItsThreadIsRefused)
 {
     RunToken token;
+    EXPECT_FALSE(token.isSet());
     const ThreadRefusal refusal;
     EXPECT_FALSE(token.start([] {}));
     EXPECT_FALSE(token.isSet());

@@ -81,6 +81,29 @@ TEST(HandOverThread, TheEndOfTheProcessWaitsForWhatIsPending)
                 ::testing::ExitedWithCode(0), "");
 }
 
+TEST(HandOverThread, TheEndOfTheProcessWaitsForItemsThatAreDestroyed)
+{
+    static std::atomic<bool> isDestroyed{false};
+    struct Item {
+        ~Item()
+        {
+            while (endofprocess::looksBefore == 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            isDestroyed = true;
+        }
+    };
+    using Items = std::deque<std::shared_ptr<Item>>;
+    static auto* const queue = new HandOverThread<Items::value_type>([](Items&) {});
+    const auto putOne = [] {
+        endofprocess::awaited() = [] { return isDestroyed.load(); };
+        queue->put(std::make_shared<Item>());
+    };
+    EXPECT_EXIT(endofprocess::endWith(putOne, [] { return isDestroyed.load(); }),
+                ::testing::ExitedWithCode(0), "");
+}
+
 TEST(HandOverThread, TheEndOfTheProcessDoesNotWaitForWhatIsDone)
 {
     const auto handOnAll = [] {

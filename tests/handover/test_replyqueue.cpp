@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "biz_cmdswork.h"
+#include "eventlog.h"
 #include "eventually.h"
 #include "hostqueue.h"
 #include "linktap.h"
@@ -269,6 +270,46 @@ TEST(ReplyQueue, AFlagAloneIsRaisedOnceItsLockIsFree)
     }
     EXPECT_TRUE(eventually([] { return hostqueue::flag(); }));
     EXPECT_EQ(hostqueue::size(), 0U);
+    hostqueue::setFlag(false);
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        post(numbered(0));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(hostqueue::flag()); // once is enough: from here on it is the record's
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; })); // the flag holds nothing up
+    EXPECT_TRUE(hostqueue::flag());
+}
+
+TEST(ReplyQueue, WaitingForTheHostCostsNoProcessor)
+{
+    hostqueue::clear();
+    {
+        const std::lock_guard lock(biz_CMDSWork::receiveHexCmdlock);
+        const double before = processstate::cpuSeconds();
+        post(numbered(0));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_LT(processstate::cpuSeconds() - before, 0.1);
+    }
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; }));
+}
+
+TEST(ReplyQueue, ObserversHearOfAReplyOnce)
+{
+    hostqueue::clear();
+    const auto log = std::make_shared<EventLog>();
+    LinkTap tap;
+    EXPECT_FALSE(tap.isWatched());
+    tap.add(log);
+    EXPECT_TRUE(tap.isWatched());
+    replyqueue::append(filled(), tap);
+    const auto told = log->all(LinkEvent::Kind::Reply);
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_TRUE(sameRecord(told.front().reply, filled()));
+    EXPECT_EQ(told.front().event.peer, filled().strKey2);
+    EXPECT_EQ(told.front().event.port, 0);
+    tap.remove(log);
+    EXPECT_FALSE(tap.isWatched()); // no record is copied for nobody
 }
 
 TEST(ReplyQueue, AClearThatTakesLongHoldsUpNoRecord)
