@@ -308,15 +308,17 @@ void OsdConnection::deliver(std::unique_lock<std::mutex>& lock, int limitMs, boo
 {
     QElapsedTimer waited;
     waited.start();
-    exchange(false);
-    while (isPending() && !waited.hasExpired(limitMs) &&
-           (evenIfStopped ? !processend::begun() : endpoint.token.goesOn())) {
+    for (;;) {
+        exchange(false);
+        const bool goesOn = evenIfStopped ? !processend::begun() : endpoint.token.goesOn();
+        if (!isPending() || !goesOn || waited.hasExpired(limitMs)) {
+            return;
+        }
         const bool full = endpoint.received.isFull();
         pollfd state{descriptor, static_cast<short>(full ? POLLOUT : POLLOUT | POLLIN), 0};
         lock.unlock();
         (void)poll(&state, 1, waitSliceMs);
         lock.lock();
-        exchange(false);
     }
 }
 
