@@ -83,10 +83,12 @@ TEST(HandOverThread, TheEndOfTheProcessWaitsForWhatIsPending)
 
 TEST(HandOverThread, TheEndOfTheProcessWaitsForItemsThatAreDestroyed)
 {
+    static std::atomic<bool> isBegun{false};
     static std::atomic<bool> isDestroyed{false};
     struct Item {
         ~Item()
         {
+            isBegun = true;
             while (endofprocess::looksBefore == 0) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
@@ -99,6 +101,7 @@ TEST(HandOverThread, TheEndOfTheProcessWaitsForItemsThatAreDestroyed)
     const auto putOne = [] {
         endofprocess::awaited() = [] { return isDestroyed.load(); };
         queue->put(std::make_shared<Item>());
+        (void)endofprocess::eventuallyTrue([] { return isBegun.load(); });
     };
     EXPECT_EXIT(endofprocess::endWith(putOne, [] { return isDestroyed.load(); }),
                 ::testing::ExitedWithCode(0), "");

@@ -372,6 +372,7 @@ TEST_F(OsdConnecting, AFloodIsHeldBack)
     flood();
     for (int i = 0; i < 10; ++i) {
         connection->take(osdhost::command(QStringLiteral("127.0.0.1")));
+        send("w");
     }
     EXPECT_FALSE(eventually([&] { return endpoint.received.size() > most; },
                             std::chrono::milliseconds(300)));

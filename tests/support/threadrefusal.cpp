@@ -17,6 +17,7 @@ namespace
 constexpr int noLimit = std::numeric_limits<int>::max();
 
 std::atomic<int> remaining{noLimit}; // threads until they are refused
+std::atomic<int> toRefuse{0};        // then
 std::atomic<int> refusals{0};
 std::atomic<bool> isHolding{false};
 
@@ -44,7 +45,7 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*star
                void* argument) noexcept
 {
     static const auto next = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (remaining != noLimit && remaining-- <= 0) {
+    if (remaining != noLimit && remaining-- <= 0 && toRefuse-- > 0) {
         ++refusals;
         return EAGAIN;
     }
@@ -59,8 +60,9 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*star
     return error;
 }
 
-ThreadRefusal::ThreadRefusal(int after)
+ThreadRefusal::ThreadRefusal(int after, int count)
 {
+    toRefuse = count;
     remaining = after;
 }
 

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <limits>
+
 /// While it exists, the system refuses every new thread of this process, as it does at a limit.
 class ThreadRefusal
 {
 public:
-    explicit ThreadRefusal(int after = 0); ///< lets so many start first
+    /// Lets \a after threads start first, and refuses \a count then.
+    explicit ThreadRefusal(int after = 0, int count = std::numeric_limits<int>::max());
     ~ThreadRefusal();
     ThreadRefusal(const ThreadRefusal&) = delete;
     ThreadRefusal& operator=(const ThreadRefusal&) = delete;

@@ -23,6 +23,8 @@
 #include <utility>
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace
 {
@@ -201,6 +203,17 @@ TEST_F(CoreUdpLifecycle, ReInitForgetsTheDevice)
     const auto datagram = peer.receive();
     EXPECT_EQ(datagram.bytes.size(), 19);
     EXPECT_EQ(datagram.port, UdpPeer::linkPort);
+}
+
+TEST_F(CoreUdpLifecycle, ReInitListensToTheNewSocket)
+{
+    UdpPeer peer;
+    const int lower = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    core_UDP transport;
+    ::close(lower); // the new socket gets its number
+    transport.reInitUdp();
+    peer.send(replyText(0x79, 0x0c));
+    EXPECT_TRUE(eventually([] { return hostqueue::size() == 1; }));
 }
 
 TEST_F(CoreUdpLifecycle, ForgottenDeviceIsTheOneWithoutAKey)

@@ -235,6 +235,8 @@ TEST_F(CoreUsb, ReadsLogTextAsLatin1)
     EXPECT_EQ(successLines(), QStringList{QStringLiteral("Send successful:\u00e9\u00ff")});
     line.sendUSBData("\1z");
     EXPECT_TRUE(successLines().back().endsWith(QLatin1Char('z')));
+    line.sendUSBData(QByteArray(64, 'a') + QByteArray("b\0c", 3)); // up to a zero
+    EXPECT_TRUE(successLines().back().endsWith(QLatin1String(":b")));
 }
 
 TEST_F(CoreUsb, SendsACommandAndSaysSo)
@@ -658,6 +660,24 @@ TEST_F(CoreUsb, CloseWaitsForOneShortRead)
     EXPECT_LT(shortest(700, close), 700);
 }
 
+TEST_F(CoreUsb, OpensAndClosesOfSeveralThreadsTakeTurns)
+{
+    const auto open = [this] {
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(line.openUSB(vendor, plainProduct));
+        }
+    };
+    std::thread one(open);
+    std::thread other(open);
+    for (int i = 0; i < 3; ++i) {
+        line.closeUSB();
+    }
+    one.join();
+    other.join();
+    line.closeUSB();
+    EXPECT_EQ(openHidNodes(), 0);
+}
+
 TEST_F(CoreUsb, OpeningPausesAlways)
 {
     const auto start = Clock::now();
@@ -781,6 +801,9 @@ TEST_F(CoreUsb, WhicheverThreadIsRefusedNothingIsLeft)
         }
     }
     EXPECT_EQ(started, 3) << "none, the parser, the reader as well";
+    line.closeUSB();
+    const ThreadRefusal ofTheParser(0, 1);
+    EXPECT_FALSE(line.openUSB(vendor, plainProduct));
 }
 
 TEST_F(CoreUsb, RefusedThreadsLeaveItClosed)

@@ -258,3 +258,32 @@ TEST(UdpLink, SendsBesideRebuildsAllArrive)
     link->close();
     EXPECT_EQ(link->sendUnicast("frame"), SendOutcome::BroadcastFailed);
 }
+
+TEST(UdpLink, TheDeviceChangesAndTheEndComesBesideSends)
+{
+    const UdpPeer peer;
+    const auto link = std::make_shared<UdpLink>(std::make_shared<LinkTap>());
+    link->rebuild(0, peer.port());
+    std::atomic<bool> changes{true};
+    std::atomic<bool> over{false};
+    std::thread sender([&] {
+        while (changes) {
+            EXPECT_FALSE(link->sendTo(QStringLiteral("nobody"), "frame"));
+        }
+        while (!over) {
+            (void)link->sendUnicast("frame");
+        }
+        EXPECT_EQ(link->sendUnicast("frame"), SendOutcome::BroadcastFailed);
+    });
+    for (int i = 0; i < 100'000; ++i) {
+        link->setDeviceIP(QString::number(i));
+    }
+    link->setDeviceIP(QStringLiteral("127.0.0.1"));
+    changes = false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    link->close();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    over = true;
+    sender.join();
+    EXPECT_EQ(link->readable(), -1);
+}
