@@ -678,6 +678,24 @@ TEST_F(CoreUsb, OpensAndClosesOfSeveralThreadsTakeTurns)
     EXPECT_EQ(openHidNodes(), 0);
 }
 
+TEST_F(CoreUsb, AnOpenWaitsForTheCloseBeforeIt)
+{
+    const int threads = processstate::threads();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(line.openUSB(vendor, plainProduct));
+        std::this_thread::sleep_for(milliseconds(120)); // the reader pauses for 100, then reads
+        const std::lock_guard host(biz_CMDSWork::receiveHexCmdlock);
+        line.appendBuffData(replybytes::text(0x79, 0x0C)); // the parser waits for the host with it
+        ASSERT_TRUE(eventually([this] { return line.getBuffData(1).isEmpty(); }));
+        std::thread closing([this] { line.closeUSB(); });
+        std::this_thread::sleep_for(milliseconds(1));
+        EXPECT_TRUE(line.openUSB(vendor, plainProduct));
+        closing.join();
+    }
+    line.closeUSB();
+    EXPECT_TRUE(eventually([&] { return processstate::threads() == threads; }));
+}
+
 TEST_F(CoreUsb, OpeningPausesAlways)
 {
     const auto start = Clock::now();
