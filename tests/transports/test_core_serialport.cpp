@@ -162,6 +162,16 @@ TEST_F(CoreSerialPortTest, OtherOperationsSendNothing)
     EXPECT_EQ(link.atDevice(), TextSerialLink::command(record));
 }
 
+TEST_F(CoreSerialPortTest, AClosedPortLeavesNoDescriptor)
+{
+    const int descriptors = processstate::descriptors();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(link.open());
+        link.line.closeSerialPort();
+        EXPECT_EQ(processstate::descriptors(), descriptors);
+    }
+}
+
 TEST_F(CoreSerialPortTest, AClosedPortTakesNoFrame)
 {
     model_Protocoldata record;
