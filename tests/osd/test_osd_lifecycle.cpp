@@ -181,6 +181,15 @@ protected:
         CoreFactory::iOsdCore->sendDatatoDevice(&record);
     }
 
+    // Connects to an endpoint that reads nothing more, and sends it more than the system buffers.
+    void leavePending(Core_Osd_TcpSocket& socket)
+    {
+        netns::limitBuffers();
+        connectAndAnswer(socket, 'a');
+        endpoint.setFault(Fault::NeverRead, always);
+        send('b', QByteArray(1024 * 1024, 'm'));
+    }
+
     bool ended() const { return processstate::threads() == threads; }
 
     MessageCapture messages{MessageCapture::Kind::Everything};
@@ -655,11 +664,8 @@ TEST_F(OsdLife, ASlotThatHearsOfALossMayDestroyTheSocket)
 
 TEST_F(OsdLife, WhatWasPendingIsNotSentOnTheNextConnection)
 {
-    netns::limitBuffers();
     Core_Osd_TcpSocket socket(nullptr);
-    connectAndAnswer(socket, 'a');
-    endpoint.setFault(Fault::NeverRead, always);
-    send('b', QByteArray(1024 * 1024, 'm'));
+    leavePending(socket);
     send('p');
     endpoint.hangUp(true);
     EXPECT_TRUE(eventually([&] { return ended(); }));
@@ -829,11 +835,8 @@ TEST_F(OsdLife, ACloseWaitsForTheThread)
 
 TEST_F(OsdLife, AnErrorDoesNotWaitForWhatIsPending)
 {
-    netns::limitBuffers();
     Core_Osd_TcpSocket socket(nullptr);
-    connectAndAnswer(socket, 'a');
-    endpoint.setFault(Fault::NeverRead, always);
-    send('b', QByteArray(1024 * 1024, 'm'));
+    leavePending(socket);
     EXPECT_LT(elapsed([&] { socket.onError(QAbstractSocket::NetworkError); }), hangUpMs);
     endpoint.setFaults({});
     EXPECT_TRUE(eventually([&] { return ended(); }));
