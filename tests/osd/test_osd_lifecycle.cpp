@@ -118,22 +118,29 @@ private:
     int connection = -1;
 };
 
-// Something of the host's that shares an endpoint's thread and keeps it for itself.
+// Something of the host's that shares an endpoint's thread. It is made before the thread begins and
+// destroyed when it is done, which ThreadSanitizer sees, unlike the lock of Qt's event queue.
 class HostCode : public QObject
 {
 public:
-    bool event(QEvent* /*event*/) override
+    explicit HostCode(std::function<void()> code) : task(std::move(code)) {}
+
+    void runOn(QThread* thread)
     {
-        while (blocks) {
-            isInside = true; // behind blocks, which ThreadSanitizer sees, unlike Qt's event queue
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        isInside = false;
-        return true;
+        moveToThread(thread);
+        QCoreApplication::postEvent(this, new QEvent(QEvent::User));
     }
 
-    std::atomic<bool> blocks{false};
-    std::atomic<bool> isInside{false};
+    std::atomic<bool> done{false};
+
+private:
+    void customEvent(QEvent* /*event*/) override
+    {
+        task();
+        done = true;
+    }
+
+    const std::function<void()> task;
 };
 
 class OsdLife : public ::testing::Test
@@ -680,22 +687,14 @@ TEST_F(OsdLife, WhoIsDestroyedBehindALossIsToldNothing)
     auto* const socket = new Core_Osd_TcpSocket(nullptr);
     const auto log = std::make_shared<EventLog>();
     socket->addObserver(log);
-    connectAndAnswer(*socket, 'a');
-    QObject onWorker;
-    onWorker.moveToThread(socket->thread());
-    std::atomic<bool> destroyed{false};
-    const std::function<void()> destroy = [&] {
+    HostCode hostCode([&] {
         endpoint.hangUp(false);
         EXPECT_TRUE(log->has(1, LinkEvent::Kind::Lost));
         delete socket; // does not wait for the thread that it is on
-        destroyed = true;
-    };
-    // ThreadSanitizer does not see the lock of Qt's queue.
-    static std::atomic<const std::function<void()>*> task{nullptr};
-    task = &destroy;
-    QMetaObject::invokeMethod(
-        &onWorker, [] { (*task.load())(); }, Qt::QueuedConnection);
-    EXPECT_TRUE(eventually([&] { return destroyed.load(); }));
+    });
+    connectAndAnswer(*socket, 'a');
+    hostCode.runOn(socket->thread());
+    EXPECT_TRUE(eventually([&] { return hostCode.done.load(); }));
     EXPECT_TRUE(eventually([&] { return ended(); }));
 }
 
@@ -1010,19 +1009,23 @@ TEST_F(OsdLife, AThreadThatDoesNotEndIsNeitherWaitedForNorDestroyed)
 {
     const auto time = shortest(3000, [&] {
         auto socket = std::make_unique<Core_Osd_TcpSocket>(nullptr);
+        std::atomic<bool> blocks{true};
+        std::atomic<bool> isInside{false};
+        HostCode hostCode([&] { // keeps the thread for itself
+            isInside = true;
+            while (blocks) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
         connectAndAnswer(*socket, 'a');
-        HostCode hostCode;
-        hostCode.moveToThread(socket->thread());
-        hostCode.blocks = true;
-        QCoreApplication::postEvent(&hostCode, new QEvent(QEvent::User));
-        EXPECT_TRUE(eventually([&] { return hostCode.isInside.load(); }));
+        hostCode.runOn(socket->thread());
+        EXPECT_TRUE(eventually([&] { return isInside.load(); }));
         const double before = processstate::cpuSeconds();
         const qint64 closing = elapsed([&] { socket.reset(); });
         EXPECT_LT(processstate::cpuSeconds() - before, 0.3);
         EXPECT_FALSE(ended());
-        hostCode.blocks = false;
-        EXPECT_TRUE(eventually([&] { return !hostCode.isInside; }));
-        EXPECT_TRUE(eventually([&] { return ended(); }));
+        blocks = false;
+        EXPECT_TRUE(eventually([&] { return hostCode.done && ended(); }));
         return closing;
     });
     EXPECT_LT(time, 3000); // 600 ms
