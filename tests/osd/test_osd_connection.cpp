@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <QTcpServer>
+#include <QTcpSocket>
 
 #include <cerrno>
 #include <functional>
