@@ -32,7 +32,7 @@ public:
     qint64 written() const; ///< events in the file, as far as the system has taken them
     qint64 dropped() const; ///< events that are not: too many waited, or the file failed
 
-    static constexpr qint64 defaultLimit = 64 * 1024 * 1024; ///< bytes
+    static constexpr qint64 defaultLimit = qint64{64} * 1024 * 1024; ///< bytes
 
 private:
     friend class LinkCapture;
